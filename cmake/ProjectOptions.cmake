@@ -1,0 +1,26 @@
+# What every target of our own is compiled with; linking to project_options brings it in.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_AUTOMOC ON)
+
+set(SDCARDD_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+option(SDCARDD_COVERAGE "Instrument for gcov" OFF)
+
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+# The target is a 32-bit machine whose cards are larger than 2 GiB.
+target_compile_definitions(project_options INTERFACE
+    _FILE_OFFSET_BITS=64 QT_NO_KEYWORDS QT_DEPRECATED_WARNINGS)
+
+if(SDCARDD_SANITIZE)
+    target_compile_options(project_options INTERFACE
+        -fsanitize=${SDCARDD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(project_options INTERFACE -fsanitize=${SDCARDD_SANITIZE})
+endif()
+if(SDCARDD_COVERAGE)
+    target_compile_options(project_options INTERFACE --coverage)
+    target_link_options(project_options INTERFACE --coverage)
+endif()
