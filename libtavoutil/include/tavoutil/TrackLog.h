@@ -48,6 +48,7 @@ namespace tavoutil {
 
 /// The name of @p path without its directories and from its first '_' or '.' on, zero-terminated.
 template <std::size_t Size>
+// NOLINTNEXTLINE(modernize-avoid-c-arrays): only a literal's own type carries its length
 constexpr std::array<char, Size> sourceName(const char (&path)[Size])
 {
     const std::string_view whole(path);

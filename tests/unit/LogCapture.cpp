@@ -1,0 +1,231 @@
+#include "LogCapture.h"
+
+#include <algorithm>
+#include <iterator>
+#include <mutex>
+#include <utility>
+
+#include <QTest>
+
+#include <log4cxx/appenderskeleton.h>
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+#include <log4cxx/spi/loggingevent.h>
+
+#include <tavoutil/TrackObject.h>
+
+// Its class macros name what they need without its namespace.
+using namespace log4cxx;
+
+namespace {
+
+// log4cxx shows only parts of the signature that a record carries. Naming a private member in an
+// explicit instantiation is allowed, and so the whole of it can be read.
+constexpr auto signatureMember();
+template <auto Member>
+struct SignatureReader
+{
+    friend constexpr auto signatureMember() { return Member; }
+};
+template struct SignatureReader<&spi::LocationInfo::methodName>;
+
+LogLevel toLogLevel(const LevelPtr& level)
+{
+    switch (level->toInt()) {
+    case Level::INFO_INT:
+        return LogLevel::Info;
+    case Level::WARN_INT:
+        return LogLevel::Warn;
+    case Level::ERROR_INT:
+        return LogLevel::Error;
+    case Level::FATAL_INT:
+        return LogLevel::Fatal;
+    default:
+        return LogLevel::Debug;
+    }
+}
+
+LevelPtr toLog4cxx(LogLevel level)
+{
+    switch (level) {
+    case LogLevel::Debug:
+        break;
+    case LogLevel::Info:
+        return Level::getInfo();
+    case LogLevel::Warn:
+        return Level::getWarn();
+    case LogLevel::Error:
+        return Level::getError();
+    case LogLevel::Fatal:
+        return Level::getFatal();
+    case LogLevel::Off:
+        return Level::getOff();
+    }
+    return Level::getDebug();
+}
+
+const char* levelName(LogLevel level)
+{
+    switch (level) {
+    case LogLevel::Debug:
+        return "DEBUG";
+    case LogLevel::Info:
+        return "INFO";
+    case LogLevel::Warn:
+        return "WARN";
+    case LogLevel::Error:
+        return "ERROR";
+    case LogLevel::Fatal:
+        return "FATAL";
+    case LogLevel::Off:
+        break;
+    }
+    return "OFF";
+}
+
+class CapturingAppender : public AppenderSkeleton
+{
+public:
+    DECLARE_LOG4CXX_OBJECT(CapturingAppender)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(CapturingAppender)
+    LOG4CXX_CAST_ENTRY_CHAIN(AppenderSkeleton)
+    END_LOG4CXX_CAST_MAP()
+
+    void close() override {}
+    bool requiresLayout() const override { return false; }
+
+    QVector<LogRecord> records() const
+    {
+        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        return mRecords;
+    }
+
+    QVector<LogRecord> take()
+    {
+        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        return std::exchange(mRecords, {});
+    }
+
+protected:
+    void append(const spi::LoggingEventPtr& event, helpers::Pool&) override
+    {
+        const spi::LocationInfo& location = event->getLocationInformation();
+        const LogRecord record{toLogLevel(event->getLevel()),
+                               QString::fromStdString(event->getLoggerName()),
+                               QString::fromUtf8(location.getFileName()),
+                               QString::fromUtf8(location.*signatureMember()),
+                               QString::fromStdString(event->getMessage())};
+        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        mRecords.append(record);
+    }
+
+private:
+    mutable std::mutex mRecordsMutex;
+    QVector<LogRecord> mRecords;
+};
+
+QStringList texts(const QVector<LogRecord>& records)
+{
+    QStringList messages;
+    std::transform(records.begin(), records.end(), std::back_inserter(messages),
+                   [](const LogRecord& record) { return record.message; });
+    return messages;
+}
+
+} // namespace
+
+IMPLEMENT_LOG4CXX_OBJECT(CapturingAppender)
+
+struct LogCapture::Private
+{
+    std::shared_ptr<CapturingAppender> appender = std::make_shared<CapturingAppender>();
+    AppenderList formerAppenders;
+    LevelPtr formerLevel;
+    unsigned int errorsBefore = TrackObject::sErrorCounter;
+    unsigned int fatalsBefore = TrackObject::sFatalCounter;
+};
+
+bool operator==(const LogRecord& left, const LogRecord& right)
+{
+    return left.level == right.level && left.channel == right.channel &&
+           left.source == right.source && left.function == right.function &&
+           left.message == right.message;
+}
+
+char* toString(const LogRecord& record)
+{
+    const QString text = QStringLiteral("%1 [%2] %3 '%4': %5")
+                             .arg(QString::fromLatin1(levelName(record.level)), record.channel,
+                                  record.source, record.function, record.message);
+    return qstrdup(qUtf8Printable(text));
+}
+
+LogCapture::LogCapture(LogLevel threshold) : d(std::make_unique<Private>())
+{
+    const LoggerPtr root = Logger::getRootLogger();
+    d->formerAppenders = root->getAllAppenders();
+    d->formerLevel = root->getLevel();
+    for (const AppenderPtr& appender : d->formerAppenders) {
+        root->removeAppender(appender);
+    }
+    root->addAppender(d->appender);
+    root->setLevel(toLog4cxx(threshold));
+}
+
+LogCapture::~LogCapture()
+{
+    const LoggerPtr root = Logger::getRootLogger();
+    root->removeAppender(d->appender);
+    for (const AppenderPtr& appender : d->formerAppenders) {
+        root->addAppender(appender);
+    }
+    root->setLevel(d->formerLevel);
+}
+
+QVector<LogRecord> LogCapture::records() const
+{
+    return d->appender->records();
+}
+
+QStringList LogCapture::messages() const
+{
+    return texts(records());
+}
+
+QStringList LogCapture::messages(LogLevel level) const
+{
+    QVector<LogRecord> ofLevel = records();
+    ofLevel.erase(
+        std::remove_if(ofLevel.begin(), ofLevel.end(),
+                       [level](const LogRecord& record) { return record.level != level; }),
+        ofLevel.end());
+    return texts(ofLevel);
+}
+
+bool LogCapture::contains(LogLevel level, const QString& text) const
+{
+    return messages(level).contains(text);
+}
+
+bool LogCapture::contains(LogLevel level, const QRegularExpression& pattern) const
+{
+    return messages(level).indexOf(pattern) >= 0;
+}
+
+QVector<LogRecord> LogCapture::take()
+{
+    d->errorsBefore = TrackObject::sErrorCounter;
+    d->fatalsBefore = TrackObject::sFatalCounter;
+    return d->appender->take();
+}
+
+unsigned int LogCapture::errorCount() const
+{
+    return TrackObject::sErrorCounter - d->errorsBefore;
+}
+
+unsigned int LogCapture::fatalCount() const
+{
+    return TrackObject::sFatalCounter - d->fatalsBefore;
+}

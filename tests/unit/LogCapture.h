@@ -1,0 +1,73 @@
+#pragma once
+
+#include <memory>
+
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+enum class LogLevel
+{
+    Debug,
+    Info,
+    Warn,
+    Error,
+    Fatal,
+    Off
+};
+
+/// One log record as it was written.
+struct LogRecord
+{
+    LogLevel level;
+    QString channel;  ///< the logger's name; "root" for the root logger
+    QString source;   ///< the source name of the location
+    QString function; ///< the full signature of the function that wrote it
+    QString message;
+};
+
+bool operator==(const LogRecord& left, const LogRecord& right);
+/// Lets QCOMPARE print records that differ.
+char* toString(const LogRecord& record);
+
+/// Captures every log record of the process, from all threads, as long as it lives; the appenders
+/// and the level that were in force before come back afterwards.
+///
+///     LogCapture log;
+///     QVERIFY(!config.setup());
+///     QCOMPARE(log.messages(), QStringList{"Could not setup configuration handler"});
+///     QVERIFY(log.contains(LogLevel::Error, "Could not setup configuration handler"));
+///     QCOMPARE(log.errorCount(), 1U);
+class LogCapture
+{
+public:
+    /// @param threshold the lowest level that is written; LogLevel::Off switches all of them off
+    explicit LogCapture(LogLevel threshold = LogLevel::Debug);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture(LogCapture&&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    LogCapture& operator=(LogCapture&&) = delete;
+
+    /// Everything captured since the construction or the last take(), oldest first.
+    QVector<LogRecord> records() const;
+    /// The texts of records().
+    QStringList messages() const;
+    /// The texts of the records of one level.
+    QStringList messages(LogLevel level) const;
+    /// Whether a record of @p level has exactly this text.
+    bool contains(LogLevel level, const QString& text) const;
+    /// Whether the text of a record of @p level matches @p pattern.
+    bool contains(LogLevel level, const QRegularExpression& pattern) const;
+    /// records(), which then starts anew, as do the counts.
+    QVector<LogRecord> take();
+
+    /// By how much TrackObject's counters grew since the construction or the last take().
+    unsigned int errorCount() const;
+    unsigned int fatalCount() const;
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
