@@ -1,0 +1,135 @@
+#!/bin/sh
+# Makes a card usable for the SD card service: one Linux partition with an ext4 file system.
+#
+# Usage: tavo-create-sdcardFS.sh [DEVICE]
+#
+# Exit status: 0 when there was nothing to do, 99 when a file system was made, 1 with a reason on
+# standard error when that failed. DEVICE must be the configured card; it is the default.
+#
+# Configuration: /etc/default/tavo-sdcard may set CARD_DEVICE, the card's whole disk.
+set -u
+PATH=/usr/sbin:/usr/bin:/sbin:/bin
+LC_ALL=C
+export PATH LC_ALL
+
+CARD_DEVICE=/dev/mmcblk0
+CONFIGURATION=/etc/default/tavo-sdcard
+LOCK=/run/lock/tavo-create-sdcardFS.lock
+FIRST_SECTOR=2048  # of 512 bytes: 1 MiB, a multiple of every erase block
+SMALLEST_SECTORS=32768
+NODE_TRIES=100     # of 0.1 s
+
+fail() {
+    echo "${0##*/}: $1" >&2
+    exit 1
+}
+
+# Prints "major:minor" of a device node.
+device_number() {
+    stat --dereference --format='%Hr:%Lr' "$1"
+}
+
+is_mounted() {
+    while read -r _ _ number _; do
+        for known in "$sysfs"/dev "$sysfs"/*/dev; do
+            [ -r "$known" ] && [ "$(cat "$known")" = "$number" ] && return 0
+        done
+    done </proc/self/mountinfo
+    return 1
+}
+
+# Sets start and size (in sectors) of the card's partition when the table is as it should be.
+has_expected_table() {
+    start='' size='' partitions=0 label=''
+    table=$(sfdisk --dump "$card" 2>/dev/null) || return 1
+    while IFS= read -r line; do
+        case $line in
+            'label: '*) label=${line#label: } ;;
+            *' : start='*)
+                partitions=$((partitions + 1))
+                start=$(echo "$line" | sed -n 's/.*start= *\([0-9]*\).*/\1/p')
+                size=$(echo "$line" | sed -n 's/.*size= *\([0-9]*\).*/\1/p')
+                kind=$(echo "$line" | sed -n 's/.*type=\([0-9a-f]*\).*/\1/p')
+                ;;
+        esac
+    done <<EOF
+$table
+EOF
+    [ "$label" = dos ] && [ "$partitions" -eq 1 ] && [ "$kind" = 83 ]
+}
+
+# Whether the bytes of the partition hold an ext4 file system, whatever the kernel knows of it.
+has_ext4() {
+    found=$(blkid --probe --offset $((start * 512)) --size $((size * 512)) \
+        --match-tag TYPE --output value "$card" 2>/dev/null)
+    [ "$found" = ext4 ]
+}
+
+# A card that was exchanged meanwhile must not be written to.
+is_same_card() {
+    [ "$(cat "$sysfs/diskseq" 2>/dev/null)" = "$disk_sequence" ] && [ "$(device_number "$card")" = "$number_of_card" ]
+}
+
+# Tells the kernel of the partition and waits until its node is the right one.
+announce_partition() {
+    tries=0
+    partition=${card}1
+    case $card in
+        *[0-9]) partition=${card}p1 ;;
+    esac
+    while [ "$tries" -lt "$NODE_TRIES" ]; do
+        # Fails as long as something else, such as a device manager, still has the old one open.
+        if partx --update "$card" >/dev/null 2>&1 && [ -b "$partition" ]; then
+            entry=/sys/dev/block/$(device_number "$partition")
+            [ "$(cat "$entry/start" 2>/dev/null)" = "$start" ] && [ "$(cat "$entry/size" 2>/dev/null)" = "$size" ] && return 0
+        fi
+        [ -b "$card" ] || return 1
+        tries=$((tries + 1))
+        sleep 0.1
+    done
+    return 1
+}
+
+if [ -r "$CONFIGURATION" ]; then
+    # shellcheck source=/dev/null
+    . "$CONFIGURATION"
+fi
+[ $# -le 1 ] || fail "more than one device given"
+[ $# -eq 0 ] || [ "$1" = "$CARD_DEVICE" ] || fail "$1 is not the configured card, $CARD_DEVICE"
+
+card=$(readlink --canonicalize "$CARD_DEVICE") || fail "$CARD_DEVICE cannot be resolved"
+[ -b "$card" ] || fail "$CARD_DEVICE is not a block device (no card in the slot?)"
+number_of_card=$(device_number "$card")
+sysfs=/sys/dev/block/$number_of_card
+[ -d "$sysfs" ] || fail "$card is gone"
+[ ! -e "$sysfs/partition" ] || fail "$card is a partition, not a card"
+disk_sequence=$(cat "$sysfs/diskseq" 2>/dev/null)
+
+exec 9>"$LOCK" || fail "cannot open $LOCK"
+flock --nonblock 9 || fail "$card is being formatted already"
+! is_mounted || fail "$card is mounted"
+
+if has_expected_table && has_ext4; then
+    announce_partition || fail "the partition of $card does not appear"
+    exit 0
+fi
+
+[ "$(cat "$sysfs/ro")" = 0 ] || fail "$card is write-protected"
+sectors=$(cat "$sysfs/size") || fail "$card is gone"
+[ "$sectors" -ge "$SMALLEST_SECTORS" ] || fail "$card is too small ($sectors sectors)"
+
+# The table comes last: until it stands, a card that was pulled still looks foreign and is formatted
+# again, instead of passing for a good card with half a file system. mke2fs claims the whole disk and
+# fails where any part of it is in use. Discarding could take longer than the service waits.
+start=$FIRST_SECTOR
+size=$((sectors - FIRST_SECTOR))
+echo "Making an ext4 file system on $card ($((sectors / 2048)) MiB)"
+mke2fs -q -F -t ext4 -E "offset=$((start * 512)),nodiscard" "$card" "$((size / 2))k" </dev/null ||
+    fail "no file system could be made on $card"
+is_same_card || fail "$card was exchanged while it was formatted"
+message=$(printf 'label: dos\nstart=%s, size=%s, type=83\n' "$start" "$size" |
+    sfdisk --quiet --no-reread --no-tell-kernel --wipe always --wipe-partitions never "$card" 2>&1) ||
+    fail "no partition table could be written to $card: $message"
+announce_partition || fail "the partition of $card does not appear"
+has_ext4 || fail "$card does not hold what was written to it"
+exit 99
