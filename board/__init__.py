@@ -1,0 +1,16 @@
+"""Boards on which the SD card service is tried: one language for every kind of board."""
+
+from .board import Board
+from .bus import BusError, Signal
+from .card import Card, Partition
+from .expectations import Unexpected
+from .leds import LedPattern
+from .log_records import LogRecord
+from .names import (CARD_DEVICE, CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, State,
+                    Transition)
+from .process import Process
+from .virtual_board import VirtualBoard
+
+__all__ = ["Board", "BusError", "CARD_DEVICE", "CARD_INTERFACE", "CONTROLLER_INTERFACE", "Card", "LedPattern",
+           "LogRecord", "MOUNT_POINT", "PARTITION_DEVICE", "Partition", "Process", "Signal", "State", "Transition",
+           "Unexpected", "VirtualBoard"]

@@ -1,0 +1,107 @@
+"""A program that runs on a board."""
+
+import os
+import select
+import signal
+import time
+from collections.abc import Callable
+from contextlib import contextmanager
+from typing import IO, Iterator
+
+CRASH_SIGNALS = {signal.SIGSEGV, signal.SIGBUS, signal.SIGILL, signal.SIGFPE, signal.SIGABRT}
+SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                   "runtime error:")
+
+
+class Process:
+    """A program on a board; its output is kept in memory and its end is reported through a pipe."""
+
+    def __init__(self, arguments: list[str], standard_input: bytes,
+                 kill: Callable[[int, int], None]) -> None:
+        self.arguments = arguments
+        self.pid = 0  # on the board
+        self._kill = kill
+        self._wait_status: int | None = None
+        self._input = _memory_file("stdin")
+        self._output = _memory_file("stdout")
+        self._errors = _memory_file("stderr")
+        self._input.write(standard_input)
+        self._input.seek(0)
+        self._status_pipe = -1
+
+    @contextmanager
+    def status_pipe_writer(self) -> Iterator[IO[bytes]]:
+        """The pipe's end for the board, closed here when the block is left."""
+        self._status_pipe, writer = os.pipe2(os.O_CLOEXEC)
+        with os.fdopen(writer, "wb", buffering=0) as pipe:
+            yield pipe
+
+    def standard_descriptors(self) -> list[int]:
+        """The descriptors that are the program's standard input, output and error."""
+        return [self._input.fileno(), self._output.fileno(), self._errors.fileno()]
+
+    @property
+    def exit_status(self) -> int | None:
+        """None while it runs, -N when signal N ended it, otherwise its exit status."""
+        self._read_status(0)
+        return None if self._wait_status is None else os.waitstatus_to_exitcode(self._wait_status)
+
+    @property
+    def running(self) -> bool:
+        """Whether it has not ended yet."""
+        return self.exit_status is None
+
+    @property
+    def output(self) -> str:
+        """What it has written to standard output so far."""
+        return _content(self._output)
+
+    @property
+    def errors(self) -> str:
+        """What it has written to standard error so far."""
+        return _content(self._errors)
+
+    @property
+    def crashed(self) -> bool:
+        """Whether it ended by a crash signal or a sanitizer has found something in it."""
+        status = self.exit_status
+        return ((status is not None and -status in CRASH_SIGNALS)
+                or any(mark in self.errors for mark in SANITIZER_MARKS))
+
+    def wait(self, within: float = 10) -> int:
+        """Waits for its end and returns its exit status; TimeoutError after @p within seconds."""
+        self._read_status(within)
+        status = self.exit_status
+        if status is None:
+            raise TimeoutError(f"{self.arguments[0]} still runs after {within} s")
+        return status
+
+    def send_signal(self, number: int = signal.SIGTERM) -> None:
+        """Sends a signal; nothing happens when it has ended already."""
+        if self.running:
+            self._kill(self.pid, number)
+
+    def stop(self, number: int = signal.SIGTERM, within: float = 10) -> int:
+        """Sends a signal and waits for the end; returns the exit status."""
+        self.send_signal(number)
+        return self.wait(within)
+
+    def _read_status(self, seconds: float) -> None:
+        if self._wait_status is not None or self._status_pipe < 0:
+            return
+        deadline = time.monotonic() + seconds
+        if select.select([self._status_pipe], [], [], max(0.0, deadline - time.monotonic()))[0]:
+            text = os.read(self._status_pipe, 16)
+            os.close(self._status_pipe)
+            self._status_pipe = -1
+            # An end without a word: the whole board was switched off.
+            self._wait_status = int(text) if text else int(signal.SIGKILL)
+
+
+def _memory_file(name: str) -> IO[bytes]:
+    return os.fdopen(os.memfd_create(name), "w+b", buffering=0)
+
+
+def _content(file: IO[bytes]) -> str:
+    size = os.fstat(file.fileno()).st_size
+    return os.pread(file.fileno(), size, 0).decode(errors="replace")

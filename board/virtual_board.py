@@ -1,0 +1,133 @@
+"""A board on this machine's own kernel, in namespaces of its own."""
+
+import os
+import re
+from pathlib import Path
+
+from .board import Board
+from .bus import BusClient
+from .card import Card
+from .leds import LED_FILES, LED_NAMES, LedPanel
+from .log_records import TRACKING_CONFIGURATION_TEXT
+from .names import (BOARD_DIRECTORY, BUS_POLICY, EJECT_BUTTON, FORMAT_SCRIPT,
+                    LED_DIRECTORY, MEDIA_CONFIGURATION, RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET,
+                    TRACKING_CONFIGURATION)
+from .process import Process
+from .virtual_machine import VirtualMachine
+
+PLATFORM = Path(__file__).resolve().parent.parent / "platform"
+RUN_LEVEL_TOOL = f"#!/bin/sh\nexec cat {RUN_LEVEL_FILE}\n"
+
+
+class VirtualBoard(Board):
+    """See Board. Several boards run side by side without knowing of each other."""
+
+    def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
+                 track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
+                 eject_button: bool = True, files: dict[str, str] | None = None) -> None:
+        """Starts the board, without a card and without the service.
+
+        @p program is the service's executable. The configurations are the files' texts: the media
+        configuration of platform/ by default, and one that has log records written where the board
+        reads them; None installs none. @p files are further files (path to text).
+        """
+        super().__init__()
+        if media_config is None:
+            media_config = (PLATFORM / "tavo-sdcard.config.xml").read_text()
+        installed = {
+            BUS_POLICY: _file((PLATFORM / "tavo.SDCard1.conf").read_text()),
+            FORMAT_SCRIPT: _file((PLATFORM / "tavo-create-sdcardFS.sh").read_text(), 0o755),
+            MEDIA_CONFIGURATION: _file(media_config),
+            "/usr/sbin/lsof": {"link": "/usr/bin/lsof"},
+            "/usr/sbin/runlevel": _file(RUN_LEVEL_TOOL, 0o755),
+            RUN_LEVEL_FILE: _file("N 5\n"),
+        }
+        if track_config is not None:
+            installed[TRACKING_CONFIGURATION] = _file(track_config)
+        if eject_button:
+            installed[EJECT_BUTTON] = _file("0\n")
+        if leds:
+            installed |= {f"{LED_DIRECTORY}/{led}/{name}": _file(text)
+                          for led in LED_NAMES for name, text in LED_FILES.items()}
+        installed |= {path: _file(text) for path, text in (files or {}).items()}
+        self._card_names: set[str] = set()
+        self._machine: VirtualMachine | None = VirtualMachine(
+            SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
+        self._namespace = self._machine.namespace
+        try:
+            self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
+            self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
+        except BaseException:
+            self._machine.power_off()
+            raise
+
+    @property
+    def is_open(self) -> bool:
+        return self._machine is not None
+
+    @property
+    def host_pid(self) -> int:
+        """The board's first process as this machine numbers it, for nsenter and the like."""
+        return self._machine.host_pid
+
+    def close(self) -> None:
+        if self._machine is None:
+            return
+        self.bus.close()
+        self.led_panel.close()
+        self._machine.power_off()
+        self._machine = None
+
+    def _start(self, command: list[str], environment: dict[str, str], user: str | None,
+               standard_input: bytes) -> Process:
+        return self._machine.start(command, environment, user, standard_input)
+
+    def _insert(self, card: Card) -> None:
+        self._card_names.add(card.name)
+        self._machine.insert(card.fileno(), card.read_only)
+
+    def _pull(self) -> None:
+        self._machine.pull()
+
+    def _set_eject_button(self, text: str) -> None:
+        descriptor = os.open(self._machine.path_from_host(EJECT_BUTTON), os.O_WRONLY | os.O_CLOEXEC)
+        try:
+            os.pwrite(descriptor, text.encode(), 0)
+        finally:
+            os.close(descriptor)
+
+    def _board_file(self, path: str) -> str:
+        assert path.startswith(BOARD_DIRECTORY)
+        try:
+            return self._machine.path_from_host(path).read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def _remains_of_board(self) -> list[str]:
+        remains = [f"process {pid}" for pid in _processes_in(self._namespace)]
+        for backing_file in Path("/sys/block").glob("loop*/loop/backing_file"):
+            try:
+                image = backing_file.read_text()
+            except OSError:
+                continue
+            if any(name in image for name in self._card_names):
+                remains.append(f"loop device {backing_file.parts[3]}")
+        mounts = Path("/proc/self/mounts").read_text()
+        remains += [f"mount: {line}" for line in mounts.splitlines() if re.search("mmcblk0|sdcardd-board", line)]
+        return remains
+
+
+def _file(text: str, mode: int = 0o644) -> dict:
+    return {"text": text, "mode": mode}
+
+
+def _processes_in(namespace: str) -> list[int]:
+    found = []
+    for entry in Path("/proc").iterdir():
+        if entry.name.isdecimal():
+            try:
+                if os.readlink(entry / "ns/pid") == namespace:
+                    found.append(int(entry.name))
+            except OSError:
+                continue
+    return found
