@@ -11,11 +11,10 @@ import threading
 import time
 from abc import ABC, abstractmethod
 from collections.abc import Callable
-from pathlib import Path
 from typing import TypeVar
 
 from . import tools
-from .bus import BusClient, BusError, Signal
+from .bus import BusClient, Signal
 from .card import Card
 from .expectations import Expectations
 from .leds import LedPanel

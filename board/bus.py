@@ -1,6 +1,5 @@
 """The test's own connection to a board's system bus: calls, properties and a record of all signals."""
 
-import threading
 import time
 from collections.abc import Callable
 from concurrent.futures import TimeoutError as ReplyTimeout

@@ -1,13 +1,13 @@
 """A board on this machine's own kernel, in namespaces of its own."""
 
 import os
-import re
 from pathlib import Path
 
 from .board import Board
 from .bus import BusClient
 from .card import Card
 from .leds import LED_FILES, LED_NAMES, LedPanel
+from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
 from .names import (BOARD_DIRECTORY, BUS_POLICY, EJECT_BUTTON, FORMAT_SCRIPT,
                     LED_DIRECTORY, MEDIA_CONFIGURATION, RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET,
@@ -53,7 +53,7 @@ class VirtualBoard(Board):
         self._card_names: set[str] = set()
         self._machine: VirtualMachine | None = VirtualMachine(
             SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
-        self._namespace = self._machine.namespace
+        self.namespace = self._machine.namespace
         try:
             self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
@@ -104,30 +104,8 @@ class VirtualBoard(Board):
             return ""
 
     def _remains_of_board(self) -> list[str]:
-        remains = [f"process {pid}" for pid in _processes_in(self._namespace)]
-        for backing_file in Path("/sys/block").glob("loop*/loop/backing_file"):
-            try:
-                image = backing_file.read_text()
-            except OSError:
-                continue
-            if any(name in image for name in self._card_names):
-                remains.append(f"loop device {backing_file.parts[3]}")
-        mounts = Path("/proc/self/mounts").read_text()
-        remains += [f"mount: {line}" for line in mounts.splitlines() if re.search("mmcblk0|sdcardd-board", line)]
-        return remains
+        return remains_on_host(self.namespace, self._card_names)
 
 
 def _file(text: str, mode: int = 0o644) -> dict:
     return {"text": text, "mode": mode}
-
-
-def _processes_in(namespace: str) -> list[int]:
-    found = []
-    for entry in Path("/proc").iterdir():
-        if entry.name.isdecimal():
-            try:
-                if os.readlink(entry / "ns/pid") == namespace:
-                    found.append(int(entry.name))
-            except OSError:
-                continue
-    return found

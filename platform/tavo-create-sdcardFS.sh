@@ -41,7 +41,7 @@ is_mounted() {
 # Sets start and size (in sectors) of the card's partition when the table is as it should be.
 has_expected_table() {
     start='' size='' partitions=0 label=''
-    table=$(sfdisk --dump "$card" 2>/dev/null) || return 1
+    table=$(sfdisk --dump "$pinned" 2>/dev/null) || return 1
     while IFS= read -r line; do
         case $line in
             'label: '*) label=${line#label: } ;;
@@ -61,29 +61,28 @@ EOF
 # Whether the bytes of the partition hold an ext4 file system, whatever the kernel knows of it.
 has_ext4() {
     found=$(blkid --probe --offset $((start * 512)) --size $((size * 512)) \
-        --match-tag TYPE --output value "$card" 2>/dev/null)
+        --match-tag TYPE --output value "$pinned" 2>/dev/null)
     [ "$found" = ext4 ]
-}
-
-# A card that was exchanged meanwhile must not be written to.
-is_same_card() {
-    [ "$(cat "$sysfs/diskseq" 2>/dev/null)" = "$disk_sequence" ] && [ "$(device_number "$card")" = "$number_of_card" ]
 }
 
 # Tells the kernel of the partition and waits until its node is the right one.
 announce_partition() {
     tries=0
+    expected=$(printf '%s\n' "$number_of_card" "$start" "$size")
     partition=${card}1
     case $card in
         *[0-9]) partition=${card}p1 ;;
     esac
     while [ "$tries" -lt "$NODE_TRIES" ]; do
-        # Fails as long as something else, such as a device manager, still has the old one open.
-        if partx --update "$card" >/dev/null 2>&1 && [ -b "$partition" ]; then
+        if [ -b "$partition" ]; then
             entry=/sys/dev/block/$(device_number "$partition")
-            [ "$(cat "$entry/start" 2>/dev/null)" = "$start" ] && [ "$(cat "$entry/size" 2>/dev/null)" = "$size" ] && return 0
+            [ "$(cat "$entry/../dev" "$entry/start" "$entry/size" 2>/dev/null)" = "$expected" ] && return 0
         fi
         [ -b "$card" ] || return 1
+        # Fails as long as something else, such as a device manager, has an old partition open. The
+        # second step is for kernels that cannot read the table by themselves.
+        [ $((tries % 10)) -ne 0 ] ||
+            { blockdev --rereadpt "$pinned" && partx --update "$pinned"; } >/dev/null 2>&1
         tries=$((tries + 1))
         sleep 0.1
     done
@@ -103,10 +102,15 @@ number_of_card=$(device_number "$card")
 sysfs=/sys/dev/block/$number_of_card
 [ -d "$sysfs" ] || fail "$card is gone"
 [ ! -e "$sysfs/partition" ] || fail "$card is a partition, not a card"
-disk_sequence=$(cat "$sysfs/diskseq" 2>/dev/null)
 
-exec 9>"$LOCK" || fail "cannot open $LOCK"
+command exec 9>"$LOCK" || fail "cannot open $LOCK"
 flock --nonblock 9 || fail "$card is being formatted already"
+
+# From here on the card goes by this open descriptor: once it is pulled, nothing that takes its name,
+# neither another card nor a file that a tool would create, can be written to instead.
+command exec 8<"$card" || fail "$card cannot be opened"
+pinned=/proc/self/fd/8
+[ "$(device_number "$pinned")" = "$number_of_card" ] || fail "$card was exchanged"
 ! is_mounted || fail "$card is mounted"
 
 if has_expected_table && has_ext4; then
@@ -124,11 +128,10 @@ sectors=$(cat "$sysfs/size") || fail "$card is gone"
 start=$FIRST_SECTOR
 size=$((sectors - FIRST_SECTOR))
 echo "Making an ext4 file system on $card ($((sectors / 2048)) MiB)"
-mke2fs -q -F -t ext4 -E "offset=$((start * 512)),nodiscard" "$card" "$((size / 2))k" </dev/null ||
-    fail "no file system could be made on $card"
-is_same_card || fail "$card was exchanged while it was formatted"
+message=$(mke2fs -q -F -t ext4 -E "offset=$((start * 512)),nodiscard" "$pinned" "$((size / 2))k" 2>&1 </dev/null) ||
+    fail "no file system could be made on $card: $message"
 message=$(printf 'label: dos\nstart=%s, size=%s, type=83\n' "$start" "$size" |
-    sfdisk --quiet --no-reread --no-tell-kernel --wipe always --wipe-partitions never "$card" 2>&1) ||
+    sfdisk --quiet --no-reread --no-tell-kernel --wipe always --wipe-partitions never "$pinned" 2>&1) ||
     fail "no partition table could be written to $card: $message"
 announce_partition || fail "the partition of $card does not appear"
 has_ext4 || fail "$card does not hold what was written to it"

@@ -1,6 +1,6 @@
 """The machine's system bus: the stock daemon with the stock configuration."""
 
-import os
+import socket
 import subprocess
 import time
 
@@ -15,9 +15,18 @@ def start_message_bus() -> None:
         daemon = subprocess.Popen(["dbus-daemon", "--system", "--nofork", "--nopidfile", "--nosyslog"],
                                   stdin=subprocess.DEVNULL, stderr=messages, start_new_session=True)
     deadline = time.monotonic() + START_SECONDS
-    while not os.path.exists(SOCKET):
+    while not _is_reachable():
         if daemon.poll() is not None or time.monotonic() > deadline:
             raise RuntimeError("the message bus daemon did not start")
         time.sleep(0.005)
     # The machine collects the status of all its processes in one place.
     daemon.returncode = 0
+
+
+def _is_reachable() -> bool:
+    with socket.socket(socket.AF_UNIX) as probe:
+        try:
+            probe.connect(SOCKET)
+        except (FileNotFoundError, ConnectionRefusedError):
+            return False
+    return True

@@ -1,0 +1,76 @@
+"""Fixtures of the system tests: boards that are checked when a test is over."""
+
+import os
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+
+from board import VirtualBoard
+
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption("--preset", default="dev", help="build preset whose program is tested")
+    parser.addoption("--program", default=None, help="program to test instead of a preset's")
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    if os.geteuid() != 0:
+        pytest.exit("the system tests need root: sudo ./dev test", returncode=2)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
+    report = (yield).get_result()
+    if report.when == "call":
+        item.call_failed = report.failed
+
+
+@pytest.fixture(scope="session")
+def program(pytestconfig: pytest.Config) -> Path:
+    """The service's executable."""
+    chosen = pytestconfig.getoption("--program")
+    path = Path(chosen) if chosen else ROOT / "build" / pytestconfig.getoption("--preset") / "source" / "sdcardd"
+    assert path.is_file(), f"{path} is missing: ./dev build"
+    return path
+
+
+@pytest.fixture
+def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., VirtualBoard]]:
+    """Makes boards, and checks each after the test: no crash, and nothing left behind."""
+    boards: list[VirtualBoard] = []
+
+    def make(**options: object) -> VirtualBoard:
+        boards.append(VirtualBoard(**options))
+        return boards[-1]
+
+    yield make
+    failed = getattr(request.node, "call_failed", True)
+    problems = []
+    for board in boards:
+        if board.is_open:
+            if failed:
+                print(board.report())
+            service = board.service
+            if service is not None and service.crashed:
+                problems.append(f"the service crashed: {service.exit_status}\n{service.errors}")
+            may_stay = request.node.get_closest_marker("leaves_card_mounted")
+            if service is not None and service.exit_status == 0 and not failed and not may_stay:
+                problems += board.leftovers()
+            board.close()
+        problems += board.leftovers()
+    assert not problems, "\n".join(problems)
+
+
+@pytest.fixture
+def board(make_board: Callable[..., VirtualBoard], program: Path) -> VirtualBoard:
+    """A board with the service's program on it; no card, nothing started."""
+    return make_board(program=program)
+
+
+@pytest.fixture
+def bare_board(make_board: Callable[..., VirtualBoard]) -> VirtualBoard:
+    """A board without the service's program."""
+    return make_board()

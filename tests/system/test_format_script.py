@@ -1,0 +1,222 @@
+"""The format script on a board, run as the service runs it: without arguments."""
+
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, VirtualBoard
+from board.card import LINUX
+from board.names import FORMAT_SCRIPT
+
+NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
+MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def format_card(board: VirtualBoard, *arguments: str) -> subprocess.CompletedProcess:
+    return board.run(FORMAT_SCRIPT, *arguments)
+
+
+def assert_ready(board: VirtualBoard, card: Card) -> None:
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert card.is_clean(), card.check().stdout
+    board.run("mkdir", "-p", MOUNT_POINT, check=True)
+    board.run("mount", "-t", "ext4", "-o", MOUNT_OPTIONS, PARTITION_DEVICE, MOUNT_POINT, check=True)
+    board.run("umount", MOUNT_POINT, check=True)
+
+
+def two_linux_partitions() -> Card:
+    card = Card(size_mib=64)
+    card.partition(LINUX, LINUX)
+    card.make_ext4(1)
+    card.make_ext4(2)
+    return card
+
+
+def card_with_gpt() -> Card:
+    card = Card.blank()
+    card.run_tool("sfdisk", "--quiet", card.path, standard_input="label: gpt\nsize=20MiB\nsize=20MiB\n")
+    return card
+
+
+@pytest.mark.parametrize("make", [Card.as_bought, Card.two_partitions, Card.blank, Card.with_empty_table,
+                                  Card.unmountable, card_with_gpt])
+def test_a_foreign_card_is_made_ready_to_mount(bare_board, make):
+    card = make()
+    bare_board.insert(card)
+    result = format_card(bare_board)
+    assert (result.returncode, result.stderr) == (MADE_FILE_SYSTEM, "")
+    assert_ready(bare_board, card)
+
+
+def test_a_ready_card_is_left_as_it_is(bare_board):
+    card = Card.formatted()
+    before = card.read(0, card.size)
+    bare_board.insert(card)
+    result = format_card(bare_board)
+    assert (result.returncode, result.stderr) == (NOTHING_TO_DO, "")
+    assert card.read(0, card.size) == before
+
+
+def test_a_second_run_finds_nothing_to_do(bare_board):
+    bare_board.insert(Card.as_bought())
+    assert format_card(bare_board).returncode == MADE_FILE_SYSTEM
+    assert format_card(bare_board).returncode == NOTHING_TO_DO
+
+
+def test_the_kernel_is_told_of_a_ready_card_whose_partition_it_does_not_know(bare_board):
+    bare_board.insert(Card.formatted())
+    bare_board.run("partx", "--delete", "--nr", "1:1", CARD_DEVICE, check=True)
+    bare_board.expect("the node has gone", lambda: not bare_board.exists(PARTITION_DEVICE))
+    assert format_card(bare_board).returncode == NOTHING_TO_DO
+    assert bare_board.exists(PARTITION_DEVICE)
+
+
+def test_a_second_partition_is_gone_for_the_kernel_too(bare_board):
+    bare_board.insert(Card.two_partitions())
+    assert format_card(bare_board).returncode == MADE_FILE_SYSTEM
+    bare_board.expect("the node has gone", lambda: not bare_board.exists(CARD_DEVICE + "p2"))
+
+
+def test_an_empty_slot_is_a_failure_with_a_reason(bare_board):
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "/dev/mmcblk0 is not a block device" in result.stderr
+
+
+def test_a_device_that_is_not_the_configured_card_is_refused(bare_board):
+    other = Card.as_bought()
+    before = other.read(0, other.size)
+    bare_board.insert(other)
+    bare_board.write_file("/etc/default/tavo-sdcard", "CARD_DEVICE=/dev/mmcblk1\n")
+    for arguments in ([CARD_DEVICE], [PARTITION_DEVICE], [CARD_DEVICE, CARD_DEVICE], []):
+        result = format_card(bare_board, *arguments)
+        assert result.returncode == FAILED, arguments
+        assert result.stderr
+    assert other.read(0, other.size) == before
+
+
+def test_a_partition_configured_as_the_card_is_refused(bare_board):
+    card = Card.as_bought()
+    before = card.read(0, card.size)
+    bare_board.insert(card)
+    bare_board.write_file("/etc/default/tavo-sdcard", f"CARD_DEVICE={PARTITION_DEVICE}\n")
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "is a partition, not a card" in result.stderr
+    assert card.read(0, card.size) == before
+
+
+def test_the_configured_device_is_formatted_under_its_own_name(bare_board):
+    card = Card.as_bought()
+    bare_board.insert(card)
+    bare_board.run("ln", "-s", CARD_DEVICE, "/dev/card", check=True)
+    bare_board.write_file("/etc/default/tavo-sdcard", "CARD_DEVICE=/dev/card\n")
+    assert format_card(bare_board, CARD_DEVICE).returncode == FAILED
+    assert format_card(bare_board, "/dev/card").returncode == MADE_FILE_SYSTEM
+
+
+@pytest.mark.parametrize("partition", ["p1", "p2"])
+def test_a_mounted_card_is_refused(bare_board, partition):
+    card = two_linux_partitions()
+    before = card.read(0, 2048 * 512)
+    bare_board.insert(card)
+    bare_board.run("mkdir", "/mnt/card", check=True)
+    bare_board.run("mount", "-o", "ro", CARD_DEVICE + partition, "/mnt/card", check=True)
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert result.stderr == "tavo-create-sdcardFS.sh: /dev/mmcblk0 is mounted\n"
+    assert card.read(0, 2048 * 512) == before
+
+
+def test_a_card_mounted_where_the_script_cannot_see_it_is_refused(bare_board):
+    card = two_linux_partitions()
+    bare_board.insert(card)
+    holder = bare_board.start("unshare", "--mount", "sh", "-c",
+                              f"mount -o ro {PARTITION_DEVICE} /mnt && echo mounted && exec sleep 1000")
+    bare_board.expect("the hidden mount", lambda: "mounted" in holder.output)
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "in use" in result.stderr
+    assert len(card.partitions()) == 2
+
+
+def test_a_write_protected_card_is_a_failure_with_a_reason(bare_board):
+    card = Card.as_bought()
+    card.read_only = True
+    bare_board.insert(card)
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "is write-protected" in result.stderr
+
+
+def test_a_card_that_is_being_formatted_is_not_formatted_twice(bare_board):
+    bare_board.insert(Card.as_bought())
+    bare_board.replace_tool("/usr/sbin/mke2fs", "sleep 2; exec \"$ORIGINAL\" \"$@\"")
+    first = bare_board.start(FORMAT_SCRIPT)
+    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "is being formatted already" in result.stderr
+    assert first.wait() == MADE_FILE_SYSTEM
+
+
+def test_a_failing_tool_is_a_failure_with_its_reason(bare_board):
+    bare_board.insert(Card.as_bought())
+    bare_board.replace_tool("/usr/sbin/mke2fs", "echo 'mke2fs: bad blocks' >&2; exit 1")
+    result = format_card(bare_board)
+    assert result.returncode == FAILED
+    assert "mke2fs: bad blocks" in result.stderr
+    assert "no file system could be made" in result.stderr
+
+
+def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
+    first, second = Card.as_bought(), Card.as_bought()
+    bare_board.insert(first)
+    bare_board.replace_tool("/usr/sbin/mke2fs", "\"$ORIGINAL\" \"$@\" && sleep 2")
+    formatting = bare_board.start(FORMAT_SCRIPT)
+    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
+    time.sleep(0.5)
+    bare_board.pull()
+    bare_board.insert(second)
+    assert formatting.wait() == FAILED
+    assert "no partition table could be written" in formatting.errors
+    assert [partition.kind for partition in second.partitions()] == ["c"]
+
+
+@pytest.mark.parametrize("moment", [0.0, 0.005, 0.01, 0.02, 0.03, 0.04, 0.05, 0.06, 0.08, 0.1, 0.15])
+def test_a_card_pulled_at_any_moment_is_made_ready_the_next_time(bare_board, moment):
+    card = Card.as_bought()
+    bare_board.insert(card)
+    formatting = bare_board.start(FORMAT_SCRIPT)
+    time.sleep(moment)
+    bare_board.pull()
+    status = formatting.wait(within=30)
+    assert status in (FAILED, MADE_FILE_SYSTEM)
+    assert status == MADE_FILE_SYSTEM or formatting.errors
+    # Either the card still looks foreign, or it is as good as formatted.
+    if [partition.kind for partition in card.partitions()] == ["83"]:
+        assert card.is_clean()
+    bare_board.insert(card)
+    assert format_card(bare_board).returncode in (MADE_FILE_SYSTEM, NOTHING_TO_DO)
+    assert_ready(bare_board, card)
+
+
+def test_a_card_pulled_while_the_file_system_is_made_ends_the_script_at_once(bare_board):
+    bare_board.insert(Card.as_bought())
+    bare_board.replace_tool("/usr/sbin/mke2fs", "sleep 1; exec \"$ORIGINAL\" \"$@\"")
+    formatting = bare_board.start(FORMAT_SCRIPT)
+    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
+    bare_board.pull()
+    assert formatting.wait(within=5) == FAILED
+    assert formatting.errors
+
+
+def test_the_script_is_clean_for_shellcheck():
+    assert shutil.which("shellcheck"), "shellcheck is missing: sudo ./dev test installs it"
+    result = subprocess.run(["shellcheck", str(ROOT / "platform" / "tavo-create-sdcardFS.sh")],
+                            capture_output=True, text=True)
+    assert (result.returncode, result.stdout) == (0, "")
