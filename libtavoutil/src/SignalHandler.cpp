@@ -1,0 +1,249 @@
+#include <tavoutil/SignalHandler.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <link.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <QByteArray>
+
+namespace {
+
+struct CrashSignal
+{
+    int number;
+    const char* name;
+};
+
+constexpr std::array<CrashSignal, 5> kCrashSignals{{{SIGSEGV, "SIGSEGV"},
+                                                    {SIGBUS, "SIGBUS"},
+                                                    {SIGILL, "SIGILL"},
+                                                    {SIGFPE, "SIGFPE"},
+                                                    {SIGABRT, "SIGABRT"}}};
+constexpr sockaddr_un kSystemLog{AF_UNIX, "/dev/log"};
+constexpr int kMaxFrames = 64;
+constexpr std::size_t kAlternateStackSize = std::size_t{64} * 1024;
+
+// What the handler needs is made ready when it is installed: it must neither allocate nor lock.
+alignas(std::max_align_t) std::array<std::byte, kAlternateStackSize> sAlternateStack;
+std::array<char, 64> sProgramName;
+int sSocket = -1;
+bool sSystemLogAnswers = true;
+std::atomic_flag sCrashed = ATOMIC_FLAG_INIT;
+
+/// A line of the report, cut off where the buffer ends. Calls nothing that a signal handler may
+/// not.
+class ReportLine
+{
+public:
+    ReportLine()
+    {
+        *this << "<" << LOG_DAEMON + LOG_CRIT << ">";
+        mPriorityLength = mLength;
+        *this << sProgramName.data() << "[" << getpid() << "]: ";
+    }
+
+    ReportLine& operator<<(std::string_view text)
+    {
+        const std::size_t length = std::min(text.size(), mText.size() - mLength);
+        std::copy_n(text.begin(), length, mText.begin() + mLength);
+        mLength += length;
+        return *this;
+    }
+
+    ReportLine& operator<<(int number)
+    {
+        std::array<char, 16> digits{};
+        const char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+        return *this << std::string_view(digits.data(),
+                                         static_cast<std::size_t>(end - digits.begin()));
+    }
+
+    ReportLine& operator<<(std::uintptr_t address)
+    {
+        std::array<char, 2 * sizeof(address)> digits{};
+        const char* const end = std::to_chars(digits.begin(), digits.end(), address, 16).ptr;
+        return *this << "0x"
+                     << std::string_view(digits.data(),
+                                         static_cast<std::size_t>(end - digits.begin()));
+    }
+
+    void send()
+    {
+        sSystemLogAnswers = sSystemLogAnswers && sendToSystemLog();
+        if (!sSystemLogAnswers) {
+            writeToStandardError();
+        }
+    }
+
+private:
+    bool sendToSystemLog() const
+    {
+        return sendto(sSocket, mText.data(), mLength, MSG_NOSIGNAL,
+                      reinterpret_cast<const sockaddr*>(&kSystemLog), sizeof(kSystemLog)) >= 0;
+    }
+
+    void writeToStandardError()
+    {
+        // A reader that has stopped reading must not keep the process from ending.
+        pollfd ready{STDERR_FILENO, POLLOUT, 0};
+        if (poll(&ready, 1, 0) != 1) {
+            return;
+        }
+        mLength = std::min(mLength, mText.size() - 1);
+        *this << "\n";
+        const ssize_t written =
+            write(STDERR_FILENO, mText.data() + mPriorityLength, mLength - mPriorityLength);
+        static_cast<void>(written); // There is nowhere left to tell.
+    }
+
+    std::array<char, 512> mText{};
+    std::size_t mLength = 0;
+    std::size_t mPriorityLength = 0;
+};
+
+std::uintptr_t toInteger(const void* address)
+{
+    return reinterpret_cast<std::uintptr_t>(address);
+}
+
+const char* signalName(int number)
+{
+    for (const CrashSignal& signal : kCrashSignals) {
+        if (signal.number == number) {
+            return signal.name;
+        }
+    }
+    return "unknown signal";
+}
+
+void reportSignal(int number, const siginfo_t& info)
+{
+    ReportLine line;
+    line << "Crash: " << signalName(number);
+    if (info.si_code > 0) {
+        line << " at fault address " << toInteger(info.si_addr);
+    } else if (info.si_pid == getpid()) {
+        line << " raised by the program itself";
+    } else {
+        line << " sent by process " << info.si_pid;
+    }
+    line << ", thread " << static_cast<int>(syscall(SYS_gettid));
+    line.send();
+}
+
+void reportBacktrace()
+{
+    std::array<void*, kMaxFrames> frames{};
+    const int count = backtrace(frames.data(), kMaxFrames);
+    for (int i = 0; i < count; ++i) {
+        void* const address = frames.at(static_cast<std::size_t>(i));
+        ReportLine line;
+        line << "#" << i << " " << toInteger(address);
+        // Unlike dladdr() and backtrace_symbols_fd(), this look-up takes no lock.
+        dl_find_object object{};
+        if (_dl_find_object(address, &object) == 0) {
+            const link_map& module = *object.dlfo_link_map;
+            line << " " << (*module.l_name == '\0' ? sProgramName.data() : module.l_name) << "(+"
+                 << toInteger(address) - module.l_addr << ")";
+        }
+        line.send();
+    }
+}
+
+/// Lets the default action end the process as soon as the handler returns.
+void passOn(int number, siginfo_t* info)
+{
+    struct sigaction defaultAction
+    {};
+    defaultAction.sa_handler = SIG_DFL;
+    sigaction(number, &defaultAction, nullptr);
+    // The original information, so that a core dump tells the fault address too.
+    if (syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), number, info) != 0) {
+        static_cast<void>(raise(number));
+    }
+}
+
+void handleCrash(int number, siginfo_t* info, void* /*context*/)
+{
+    if (sCrashed.test_and_set()) {
+        // Another thread is reporting its crash and will end the process.
+        for (;;) {
+            pause();
+        }
+    }
+    reportSignal(number, *info);
+    reportBacktrace();
+    passOn(number, info);
+}
+
+bool openSocket()
+{
+    if (sSocket < 0) {
+        sSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    }
+    // A system log that has stopped reading must not keep the process from ending.
+    constexpr timeval kPatience{1, 0};
+    return sSocket >= 0 &&
+           setsockopt(sSocket, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience)) == 0;
+}
+
+bool useAlternateStack()
+{
+    stack_t stack{};
+    stack.ss_sp = sAlternateStack.data();
+    stack.ss_size = sAlternateStack.size();
+    return sigaltstack(&stack, nullptr) == 0;
+}
+
+bool catchCrashSignals()
+{
+    struct sigaction action
+    {};
+    action.sa_sigaction = handleCrash;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    // A crash inside the handler finds its signal blocked, which ends the process at once.
+    sigfillset(&action.sa_mask);
+    return std::all_of(kCrashSignals.begin(), kCrashSignals.end(),
+                       [&action](const CrashSignal& signal) {
+                           return sigaction(signal.number, &action, nullptr) == 0;
+                       });
+}
+
+} // namespace
+
+int installSignalHandler(const QString& name)
+{
+    const QByteArray programName = name.toUtf8().left(static_cast<int>(sProgramName.size()) - 1);
+    sProgramName.fill('\0');
+    std::copy(programName.begin(), programName.end(), sProgramName.begin());
+
+    // The first call loads and initializes the unwinder, which allocates.
+    std::array<void*, 1> frame{};
+    backtrace(frame.data(), static_cast<int>(frame.size()));
+
+    if (!openSocket() || !useAlternateStack() || !catchCrashSignals()) {
+        const int error = errno;
+        syslog(LOG_DAEMON | LOG_ERR, "%s: cannot install the crash handler: %s",
+               sProgramName.data(), std::strerror(error));
+        return -1;
+    }
+    return 0;
+}
