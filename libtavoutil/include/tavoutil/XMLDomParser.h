@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// One element of a parsed XML document. A value that shares its document: cheap to copy, and valid
+/// for as long as any node of the document lives. Texts are UTF-8.
+class ITCXMLNode
+{
+public:
+    /// The empty node, which has no name, text, attributes or children.
+    ITCXMLNode();
+
+    bool isEmpty() const;
+    /// The element's name, or null for the empty node.
+    const char* getName() const;
+    /// The text directly in this element, its pieces joined and without the white space around it;
+    /// null when there is none.
+    const char* getText() const;
+    /// The value of the attribute, or null when the element has no such attribute.
+    const char* getAttribute(const char* name) const;
+    /// The number of child elements.
+    int nChildNode() const;
+    /// The child element at @p index (from 0, in document order); the empty node outside the range.
+    ITCXMLNode getChildNode(int index) const;
+    /// Where the element starts in the file: its line and column, both counted from 1, columns in
+    /// characters; 0 for the empty node.
+    int line() const;
+    int column() const;
+
+private:
+    friend class IXMLDomParser;
+    struct Document;
+    ITCXMLNode(std::shared_ptr<const Document> document, std::uint32_t element);
+    std::shared_ptr<const Document> mDocument;
+    std::uint32_t mElement = 0;
+};
+
+/// Outcome of IXMLDomParser::parseFile().
+struct ITCXMLResults
+{
+    int error = 0;  ///< 0 on success, otherwise one of IXMLDomParser::Error
+    int line = 0;   ///< where the error is, from 1; 0 where it is nowhere in the text
+    int column = 0; ///< in characters, from 1
+};
+
+/// Reads well-formed XML documents: UTF-8, or another encoding that the document declares and that
+/// every XML parser knows (UTF-16, ISO-8859-1, US-ASCII).
+/// A document cannot define entities and nothing beside the file is ever read.
+class IXMLDomParser
+{
+public:
+    enum Error
+    {
+        NoError = 0,
+        UnreadableFile,      ///< missing, unreadable or not a regular file
+        FileTooLarge,        ///< larger than kMaxFileSize
+        NotWellFormed,       ///< breaks the rules of XML; NUL bytes and broken UTF-8 do too
+        TooDeeplyNested,     ///< elements nested deeper than kMaxDepth
+        DocumentTypeRefused, ///< a document type that declares something or refers to another file
+        UnexpectedRoot,      ///< a root element of another name
+    };
+
+    /// In memory a document takes up to ten times its size, on machines that have little.
+    static constexpr std::size_t kMaxFileSize = std::size_t{4} * 1024 * 1024;
+    /// No path can have more components than this (PATH_MAX / 2).
+    static constexpr int kMaxDepth = 2048;
+
+    /// Reads @p fileName and returns its root element, which must be named @p rootTagName.
+    /// @param results receives the outcome
+    /// @return the root element; the empty node on failure
+    ITCXMLNode parseFile(const char* fileName, const char* rootTagName, ITCXMLResults& results);
+
+    /// What the code of the last parseFile() means in that file and at which place in it; valid
+    /// until the next parseFile().
+    const char* getErrorMessage(int errorCode) const;
+
+private:
+    class Builder;
+    int mError = NoError;
+    std::string mMessage;
+};
