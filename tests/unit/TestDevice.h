@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+/// A root file system of the test's own: everything of the machine is there, what the test changes
+/// is gone with its process. So a unit test can lay out the absolute paths that the service uses
+/// (the LED files, the tools, the mount point) and mount file systems.
+namespace TestDevice {
+
+/// Moves the process into a root file system of its own. To be called as root, before the process
+/// has a second thread.
+/// @return empty on success, otherwise what failed
+QString enter();
+
+/// Creates or replaces a file with the directories it needs.
+void writeFile(const QString& path, const QByteArray& content);
+/// The same for an executable: a tool that the test stands in for.
+void writeScript(const QString& path, const QByteArray& content);
+/// The content of a file; empty where there is none.
+QByteArray readFile(const QString& path);
+/// Removes a file or a whole tree.
+void remove(const QString& path);
+
+/// Mounts an empty tmpfs of @p bytes at @p path, which is created.
+bool mountTmpfs(const QString& path, qint64 bytes, bool readOnly = false);
+/// Unmounts whatever is mounted at @p path, also more than once.
+void unmountAll(const QString& path);
+
+} // namespace TestDevice
+
+/// main() of a test program that runs on a device of its own.
+#define TEST_DEVICE_MAIN(TestClass)                                                                \
+    int main(int argc, char* argv[])                                                               \
+    {                                                                                              \
+        const QString failure = TestDevice::enter();                                               \
+        if (!failure.isEmpty()) {                                                                  \
+            qFatal("No device for the test: %s", qPrintable(failure));                             \
+        }                                                                                          \
+        QCoreApplication application(argc, argv);                                                  \
+        TestClass test;                                                                            \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }
