@@ -1,0 +1,53 @@
+#include "MountedFileSystem.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include <mntent.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include "SdcardDefs.h"
+
+MountedFileSystem::MountedFileSystem(const QString& mountPoint) : mMountPoint(mountPoint.toUtf8())
+{}
+
+bool MountedFileSystem::isMounted() const
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> table(
+        ::setmntent(SdcardDefs::kMmcMountTable.toUtf8().constData(), "re"), ::endmntent);
+    if (!table) {
+        return false;
+    }
+    // Device and mount point may each be PATH_MAX bytes, of which every one may be an octal escape.
+    static constexpr std::size_t kLineSize = 2 * 4 * 4096 + 1024;
+    std::vector<char> line(kLineSize);
+    mntent entry{};
+    while (::getmntent_r(table.get(), &entry, line.data(), static_cast<int>(line.size())) !=
+           nullptr) {
+        if (mMountPoint == entry.mnt_dir) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<FileSystemSize> MountedFileSystem::size() const
+{
+    struct statvfs status = {};
+    if (!isMounted() || ::statvfs(mMountPoint.constData(), &status) != 0) {
+        return std::nullopt;
+    }
+    const quint64 fragment = status.f_frsize;
+    return FileSystemSize{status.f_blocks * fragment, status.f_bfree * fragment};
+}
+
+bool MountedFileSystem::holds(const QByteArray& path) const
+{
+    struct stat root = {};
+    struct stat entry = {};
+    return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 &&
+           ::lstat(path.constData(), &entry) == 0 && root.st_dev == entry.st_dev;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <optional>
+
+#include <QByteArray>
+#include <QString>
+
+/// Bytes of a file system. Free bytes include those reserved for the superuser.
+struct FileSystemSize
+{
+    quint64 total;
+    quint64 free;
+};
+
+/// A mount point, and the file system that is mounted on it at the time of each call.
+class MountedFileSystem
+{
+public:
+    /// @param mountPoint absolute path as the mount table names it
+    explicit MountedFileSystem(const QString& mountPoint);
+
+    /// Whether the mount table lists exactly this mount point.
+    bool isMounted() const;
+    /// The size of the file system; nothing when none is mounted or it cannot be asked.
+    std::optional<FileSystemSize> size() const;
+    /// Whether @p path, itself and not what it links to, lies on the file system that is mounted
+    /// here.
+    bool holds(const QByteArray& path) const;
+
+private:
+    QByteArray mMountPoint;
+};
