@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QByteArray>
+
+/// An open directory, closed with the object.
+class DirectoryHandle
+{
+public:
+    /// Opens the directory @p path, which may be longer than PATH_MAX. A final link is not
+    /// followed.
+    explicit DirectoryHandle(const QByteArray& path);
+    DirectoryHandle(const DirectoryHandle&) = delete;
+    DirectoryHandle& operator=(const DirectoryHandle&) = delete;
+    ~DirectoryHandle();
+
+    /// Whether it could be opened; where not, errno says why right after the construction.
+    bool isOpen() const { return mFd >= 0; }
+    int fd() const { return mFd; }
+    /// Leaves the descriptor to the caller.
+    int release();
+
+private:
+    int mFd;
+};

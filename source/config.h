@@ -1,0 +1,120 @@
+#pragma once
+
+#include <string>
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <sys/types.h>
+
+#include <tavoutil/TrackObject.h>
+#include <tavoutil/XMLDomParser.h>
+
+/// One configured directory of the card.
+struct DirInfo
+{
+    struct Ids
+    {
+        uid_t user;
+        gid_t group;
+    };
+
+    QString name;               ///< its identifier: the last component of its path
+    QString path;               ///< relative to the mount point, beginning with "/"
+    qreal size = 0;             ///< its share of the whole card; 1.0 is all of it
+    bool capacitywatch = false; ///< whether its oldest files go when it exceeds its share
+    std::string mode;           ///< permission bits in octal digits as configured; may be empty
+    std::string owner;          ///< "user" or "user:group" as configured; may be empty
+
+    /// The permission bits: 0755 where none are configured, 0 where the text does not begin with an
+    /// octal digit.
+    mode_t modeBits() const;
+    /// The owner's ids. A part that is missing or unknown on this machine is 0 (root).
+    Ids ownerIds() const;
+    /// The directory's share in bytes of a card of @p cardBytes, rounded towards zero.
+    qint64 allottedBytes(quint64 cardBytes) const;
+};
+
+/// One configured symbolic link of the card.
+struct SymlinkInfo
+{
+    QString name;   ///< its file name
+    QString path;   ///< relative to the mount point, beginning with "/"
+    QString target; ///< what the link contains, as configured
+    QString
+        absoluteTarget; ///< the target seen from the link's directory, relative to the mount point
+};
+
+/// The media configuration: where the card is mounted and how it is laid out. Read-only after
+/// setup(), so that threads may share it.
+class ConfigHandler : public TrackObject
+{
+public:
+    ConfigHandler();
+
+    /// Replaces the default path of the file that setup() reads.
+    void setConfigFile(const QString& path) { mConfigFile = path; }
+
+    /// Reads the configuration file.
+    /// @return false on the first error, which has been logged; what was read before it is kept
+    bool setup();
+
+    /// Creates and corrects the configured directories and links on the mounted card. Never removes
+    /// anything but a link with another content.
+    /// @return false when at least one step failed; each failure has been logged
+    bool applyConfigLayout() const;
+
+    const QString& mountPoint() const { return mMountPoint; }
+    const QString& devicePath() const { return mDevicePath; }
+    const QVector<DirInfo>& dirs() const { return mDirs; }
+    const QVector<SymlinkInfo>& symlinks() const { return mSymlinks; }
+    /// One "name=path" for each directory.
+    const QStringList& dirEntries() const { return mDirEntries; }
+    /// One "name=path" for each link.
+    const QStringList& symlinkEntries() const { return mSymlinkEntries; }
+
+    /// Path, relative to the mount point, of the first directory named @p id, else of the first
+    /// such link; empty when there is neither.
+    QString getDirPath(const QString& id) const;
+    /// Bytes allotted to the first directory named @p id; 0 when there is none or no mounted card.
+    qint64 getDirSize(const QString& id) const;
+    /// Bytes that the first directory named @p id and all below it occupy (apparent sizes); for an
+    /// empty
+    /// @p id the bytes used on the card. 0 when there is none or no mounted card.
+    qint64 getDirUsed(const QString& id) const;
+    /// Whether the kernel lists a card in the first MMC slot.
+    bool hasMmcDevice() const;
+
+    /// Reads the children of one element.
+    /// @param parentPath path of the element's directory; empty for the root
+    /// @param parentSize its share of the card; 1.0 for the root
+    /// @return false on the first error, which has been logged
+    bool parseChildNodes(const ITCXMLNode& node, const QString& parentPath, qreal parentSize,
+                         QVector<DirInfo>& dirs, QVector<SymlinkInfo>& symlinks) const;
+    /// Reads one `dir` element and its children; otherwise as parseChildNodes().
+    bool parseDirNode(const ITCXMLNode& node, const QString& parentPath, qreal parentSize,
+                      QVector<DirInfo>& dirs, QVector<SymlinkInfo>& symlinks) const;
+    /// Reads one `symlink` element; otherwise as parseChildNodes().
+    bool parseSymlinkNode(const ITCXMLNode& node, const QString& parentPath,
+                          QVector<SymlinkInfo>& symlinks) const;
+
+private:
+    const DirInfo* findDir(const QString& id) const;
+    void reportParseError(const QByteArray& message) const;
+    bool applyDir(const DirInfo& dir) const;
+    bool createDir(const DirInfo& dir, const QByteArray& fullPath) const;
+    bool correctDir(const DirInfo& dir, const QByteArray& fullPath, mode_t currentMode,
+                    DirInfo::Ids currentOwner) const;
+    bool applySymlink(const SymlinkInfo& symlink) const;
+
+    QString mConfigFile = QStringLiteral("/etc/tavo/tavo-sdcard.config.xml");
+    QString mMountPoint = QStringLiteral("/media/sdcard");
+    QString mDevicePath = QStringLiteral("/dev/mmcblk0p1");
+    QString mMmcDevicesDir = QStringLiteral("/sys/bus/mmc/devices");
+    QVector<DirInfo> mDirs;
+    QVector<SymlinkInfo> mSymlinks;
+    QStringList mDirEntries;
+    QStringList mSymlinkEntries;
+};
