@@ -1,0 +1,69 @@
+#pragma once
+
+#include <QFinalState>
+#include <QState>
+#include <QString>
+
+#include <tavoutil/TrackObject.h>
+
+#include "ThreadStateBase.h"
+#include "config.h"
+
+class ThreadPreparing;
+
+/// The state in which the mounted card is laid out and other services' data are brought onto it. It
+/// ends with MOUNT_SUCCESS whatever its worker achieved.
+class StatePreparing : public QState
+{
+    Q_OBJECT
+
+public:
+    explicit StatePreparing(const ConfigHandler& config);
+    StatePreparing(const StatePreparing&) = delete;
+    StatePreparing& operator=(const StatePreparing&) = delete;
+    ~StatePreparing() override;
+
+Q_SIGNALS:
+    void MOUNT_SUCCESS();
+
+protected:
+    void onEntry(QEvent* event) override;
+    void onExit(QEvent* event) override;
+
+private:
+    QState* mRunning;
+    QFinalState* mFinished;
+    ThreadPreparing* mWorker;
+};
+
+/// The worker of StatePreparing.
+class ThreadPreparing : public ThreadStateBase, public TrackObject
+{
+    Q_OBJECT
+
+public:
+    /// @param config read-only while the worker runs
+    /// @param parent the owning StatePreparing
+    ThreadPreparing(const ConfigHandler& config, QObject* parent);
+    ThreadPreparing(const ThreadPreparing&) = delete;
+    ThreadPreparing& operator=(const ThreadPreparing&) = delete;
+    ~ThreadPreparing() override;
+
+    /// Moves the logger service's database, journal and files from the card's root into the
+    /// configured directory "logger". What is already there stays as it is.
+    void prepareJobRelocateDatabase(const QString& mountPoint) const;
+
+    /// Moves files that ended up below the doubled path of the configured directory "csv" into that
+    /// directory and removes the doubled tree.
+    void prepareJobRelocateCsv(const QString& mountPoint) const;
+
+protected:
+    void run() override;
+
+private:
+    void removeDoubledCsvTree(const QString& doubledDir, const QString& topDir) const;
+    void runPreparingScripts() const;
+
+    QString mJobDir = QStringLiteral("/opt/tavo/share/tavo-sdcard/preparing");
+    const ConfigHandler& mConfig;
+};

@@ -1,0 +1,61 @@
+#include "ThreadStateBase.h"
+
+#include <cstring>
+
+#include <QMutexLocker>
+
+namespace {
+
+constexpr unsigned long kTerminationWaitMs = 3000;
+
+} // namespace
+
+ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent) {}
+
+ThreadStateBase::~ThreadStateBase()
+{
+    terminateIfRunning();
+}
+
+void ThreadStateBase::setupTrackAndThreadName(TrackObject& track)
+{
+    // Not Q_ASSERT, which a release build leaves out.
+    if (std::strncmp(metaObject()->className(), "Thread", 6) != 0) {
+        qt_assert(R"(strncmp(metaObject()->className(), "Thread", 6) == 0)", "ThreadStateBase",
+                  __LINE__);
+    }
+    QString name = QString::fromLatin1(metaObject()->className());
+    name.replace(QLatin1String("Thread"), QLatin1String("St:"));
+    setObjectName(name);
+    track.initTrack(name.toLocal8Bit().constData());
+}
+
+void ThreadStateBase::start(QThread::Priority priority)
+{
+    terminateIfRunning();
+    {
+        const QMutexLocker locker(&mStopMutex);
+        mStopRequested = false;
+    }
+    QThread::start(priority);
+}
+
+void ThreadStateBase::requestStop()
+{
+    const QMutexLocker locker(&mStopMutex);
+    mStopRequested = true;
+}
+
+bool ThreadStateBase::isStopRequested() const
+{
+    const QMutexLocker locker(&mStopMutex);
+    return mStopRequested;
+}
+
+void ThreadStateBase::terminateIfRunning()
+{
+    if (isRunning()) {
+        terminate();
+        wait(kTerminationWaitMs);
+    }
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QMutex>
+#include <QThread>
+
+#include <tavoutil/TrackObject.h>
+
+/// Base of the workers that run while a state of the card's machine is active. Workers are named
+/// "Thread…"; they look at isStopRequested() between their steps.
+class ThreadStateBase : public QThread
+{
+public:
+    explicit ThreadStateBase(QObject* parent);
+    ThreadStateBase(const ThreadStateBase&) = delete;
+    ThreadStateBase& operator=(const ThreadStateBase&) = delete;
+    /// Terminates the worker where it still runs.
+    ~ThreadStateBase() override;
+
+    /// Names the thread and the log channel of @p track "St:…" after the worker's class. To be
+    /// called at the end of the worker's constructor. Aborts where the class name does not begin
+    /// with "Thread".
+    void setupTrackAndThreadName(TrackObject& track);
+
+    /// Starts a run with a cleared stop request; a run that still goes on is terminated first.
+    void start(QThread::Priority priority);
+
+    /// Asks the run to end at its next check.
+    void requestStop();
+    bool isStopRequested() const;
+
+    /// Ends a run wherever it is, and waits up to 3000 ms for it to be gone.
+    void terminateIfRunning();
+
+private:
+    mutable QMutex mStopMutex;
+    bool mStopRequested = false;
+};
