@@ -7,6 +7,7 @@ set(CMAKE_AUTOMOC ON)
 
 set(SDCARDD_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
 option(SDCARDD_COVERAGE "Instrument for gcov" OFF)
+option(SDCARDD_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 
 add_library(project_options INTERFACE)
 target_compile_options(project_options INTERFACE
@@ -23,4 +24,8 @@ endif()
 if(SDCARDD_COVERAGE)
     target_compile_options(project_options INTERFACE --coverage)
     target_link_options(project_options INTERFACE --coverage)
+endif()
+if(SDCARDD_FUZZ)
+    target_compile_options(project_options INTERFACE -fsanitize=fuzzer-no-link)
+    target_link_options(project_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()

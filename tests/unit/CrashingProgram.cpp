@@ -15,7 +15,7 @@
 #include <tavoutil/SignalHandler.h>
 
 // The crashes must be the kernel's, not a sanitizer's.
-#define CRASHES [[gnu::noinline, gnu::no_sanitize("address", "undefined", "thread")]] static
+#define CRASHES __attribute__((noinline, no_sanitize("address", "undefined", "thread"))) static
 
 CRASHES void dereferenceNull()
 {
