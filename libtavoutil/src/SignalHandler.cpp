@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 #include <dlfcn.h>
@@ -23,6 +22,8 @@
 #include <unistd.h>
 
 #include <QByteArray>
+
+#include <tavoutil/SystemError.h>
 
 namespace {
 
@@ -240,9 +241,9 @@ int installSignalHandler(const QString& name)
     backtrace(frame.data(), static_cast<int>(frame.size()));
 
     if (!openSocket() || !useAlternateStack() || !catchCrashSignals()) {
-        const int error = errno;
+        const QByteArray reason = tavoutil::systemErrorText(errno);
         syslog(LOG_DAEMON | LOG_ERR, "%s: cannot install the crash handler: %s",
-               sProgramName.data(), std::strerror(error));
+               sProgramName.data(), reason.constData());
         return -1;
     }
     return 0;

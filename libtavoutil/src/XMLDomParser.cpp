@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tavoutil/SystemError.h>
+
 #include "XMLDocument.h"
 
 namespace {
@@ -31,7 +33,7 @@ Problem readFile(const char* fileName, std::string& content)
     // A pipe without a writer must not stop the start.
     const int file = open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file < 0) {
-        return {IXMLDomParser::UnreadableFile, std::strerror(errno)};
+        return {IXMLDomParser::UnreadableFile, tavoutil::systemErrorText(errno).toStdString()};
     }
     Problem problem;
     struct stat status
@@ -47,7 +49,8 @@ Problem readFile(const char* fileName, std::string& content)
             content.resize(size + kBlock);
             length = read(file, content.data() + size, kBlock);
             if (length < 0) {
-                problem = {IXMLDomParser::UnreadableFile, std::strerror(errno)};
+                problem = {IXMLDomParser::UnreadableFile,
+                           tavoutil::systemErrorText(errno).toStdString()};
             }
             content.resize(size + static_cast<std::size_t>(length < 0 ? 0 : length));
         } while (length > 0 && content.size() <= IXMLDomParser::kMaxFileSize);
