@@ -98,7 +98,8 @@ bool TestDevice::mountTmpfs(const QString& path, qint64 bytes, bool readOnly)
     QDir().mkpath(path);
     const QByteArray options = "size=" + QByteArray::number(bytes);
     return ::mount("tmpfs", QFile::encodeName(path).constData(), "tmpfs",
-                   readOnly ? MS_RDONLY : 0UL, options.constData()) == 0;
+                   readOnly ? static_cast<unsigned long>(MS_RDONLY) : 0UL,
+                   options.constData()) == 0;
 }
 
 void TestDevice::unmountAll(const QString& path)
