@@ -6,6 +6,7 @@ from concurrent.futures import TimeoutError as ReplyTimeout
 from dataclasses import dataclass
 
 from jeepney import DBusAddress, HeaderFields, MatchRule, Message, MessageType, message_bus, new_method_call
+from jeepney.io.common import RouterClosed
 from jeepney.io.threading import DBusRouter, open_dbus_connection
 
 from .names import CARD_INTERFACE, CONTROLLER_INTERFACE, OBJECT_PATH, SERVICE_NAME
@@ -107,6 +108,8 @@ class BusClient:
             reply = self._router.send_and_get_reply(message, timeout=within)
         except ReplyTimeout as problem:
             raise TimeoutError(f"no reply within {within} s") from problem
+        except RouterClosed as problem:
+            raise BusError("closed", "the board's bus is gone") from problem
         if reply.header.message_type is MessageType.error:
             raise BusError(reply.header.fields[HeaderFields.error_name],
                            reply.body[0] if reply.body else "")

@@ -29,11 +29,11 @@ EVENT_HEADER = struct.Struct("iIII")
 class LedPattern(Enum):
     """What both LEDs together tell the user."""
 
-    OFF = "both off"
-    MOUNTED = "red follows the card's activity"
-    BUSY = "red blinks fast"
-    UNMOUNTED = "green on"
-    NOT_MOUNTABLE = "green blinks"
+    OFF = "red off, green off"
+    MOUNTED = "red lights with the card's activity, green off"
+    BUSY = "red blinks fast, green off"
+    UNMOUNTED = "red off, green on"
+    NOT_MOUNTABLE = "red off, green blinks"
     UNKNOWN = "no known pattern"
 
 

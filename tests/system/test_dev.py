@@ -1,0 +1,69 @@
+"""The front door and the summary of the tests."""
+
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def dev(*arguments: str) -> subprocess.CompletedProcess:
+    return subprocess.run([str(ROOT / "dev"), *arguments], capture_output=True, text=True)
+
+
+def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
+    for name, cases in suites.items():
+        if cases is not None:
+            (directory / f"{name}.xml").write_text(f"<testsuite>{cases}</testsuite>")
+    return subprocess.run(["/usr/bin/python3", str(ROOT / "tests" / "summary.py"), str(directory), *suites],
+                          capture_output=True, text=True)
+
+
+def test_help_lists_the_commands_that_exist():
+    result = dev("help")
+    assert result.returncode == 0
+    for command in ("run", "test", "shell", "build", "help"):
+        assert f"./dev {command}" in result.stdout
+
+
+@pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"]])
+def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
+    result = dev(*arguments)
+    assert result.returncode == 2
+    assert len(result.stderr.splitlines()) == 1
+
+
+@pytest.mark.parametrize("command", ["run", "test", "shell"])
+def test_a_missing_root_is_told_in_one_line(command):
+    # As text, since the tree itself may be closed to other users.
+    script = (ROOT / "dev").read_text()
+    result = subprocess.run(["bash", "-c", script, "dev", command], capture_output=True, text=True, user=65534, cwd="/")
+    assert result.returncode == 1
+    assert result.stderr == f"dev: '{command}' needs root, for namespaces and loop devices: sudo ./dev {command}\n"
+
+
+def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
+    result = summarise(
+        tmp_path,
+        unit="<testcase name='a'><system-out>Totals: 5 passed, 0 failed, 1 skipped, 0 blacklisted, 3ms"
+             "</system-out></testcase><testcase name='b'/>",
+        system="<testcase name='c'/><testcase name='d'><skipped/></testcase>")
+    assert result.returncode == 0
+    assert result.stdout.splitlines()[-1] == "7 passed, 0 failed, 2 skipped"
+
+
+@pytest.mark.parametrize("unit, line", [
+    ("<testcase name='a'><system-out>Totals: 5 passed, 2 failed, 0 skipped, 0 blacklisted</system-out>"
+     "<failure/></testcase>", "5 passed, 2 failed"),
+    ("<testcase name='a'><failure/></testcase><testcase name='b'/>", "1 passed, 1 failed"),
+    ("<testcase name='a'><error/></testcase>", "0 passed, 1 failed"),
+    ("<testcase name='a'><system-out>Totals: 5 passed, 0 failed, 0 skipped, 0 blacklisted</system-out>"
+     "<failure>crashed at exit</failure></testcase>", "5 passed, 1 failed"),
+    ("", "0 passed, 1 failed"),
+    (None, "0 passed, 1 failed"),
+], ids=["function failed", "program failed", "error", "crash after the totals", "no tests", "no results"])
+def test_whatever_did_not_pass_makes_the_summary_fail(tmp_path, unit, line):
+    result = summarise(tmp_path, unit=unit)
+    assert result.returncode == 1
+    assert result.stdout.splitlines()[-1] == line
