@@ -1,0 +1,126 @@
+#include <libgen.h>
+
+#include <string>
+
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusError>
+#include <QFile>
+#include <QTextStream>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <tavoutil/SignalHandler.h>
+#include <tavoutil/TrackLog.h>
+#include <tavoutil/TrackSystem.h>
+
+#include "ConfigFileLookup.h"
+#include "VersionRecord.h"
+#include "config.h"
+#include "sdcard.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+
+QString applicationVersion()
+{
+    return VersionRecord{QVersionNumber(2, 9, 851), QStringLiteral("yocto"), false, 0}.toString();
+}
+
+// Tells the device manager's logger not to hold its events back. Devices without that logger lack
+// the file.
+void resumeDeviceEvents()
+{
+    const int fd = ::open("/proc/tavo-logger/suspendudev", O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        [[maybe_unused]] const ssize_t written = ::write(fd, "0", 1);
+        ::close(fd);
+    }
+}
+
+// Leaving it destroys the controller, the connection and the configuration, in this order.
+int serve(QCoreApplication& application, const QCommandLineParser& parser,
+          const QCommandLineOption& configOption, const log4cxx::LoggerPtr& logger)
+{
+    ConfigHandler config;
+    if (parser.isSet(configOption)) {
+        const QString file = parser.value(configOption);
+        if (!QFile::exists(file)) {
+            QTextStream(stderr) << "Abort. Media configuration file '" << file << "' not found\n";
+            return kFailure;
+        }
+        config.setConfigFile(file);
+    }
+    if (!config.setup()) {
+        TRACK_ERROR(logger, "Could not setup configuration handler");
+        return kFailure;
+    }
+
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected()) {
+        TRACK_FATAL(logger,
+                    "Cannot connect to the D-Bus " + bus.name().section('_', 2, 2) + " bus");
+        return kFailure;
+    }
+    const Sdcard sdcard(bus, config, &application);
+    if (!sdcard.isServiceRegistered()) {
+        TRACK_ERROR(logger, "Could not start D-Bus service: " + bus.lastError().message());
+        return kFailure;
+    }
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    std::string program = argv[0];
+    if (installSignalHandler(QFile::decodeName(::basename(program.data()))) == -1) {
+        QTextStream(stderr) << "Abort. Cannot install signal handler, see systemlog for details.\n";
+        return kFailure;
+    }
+
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationVersion(applicationVersion());
+
+    const QCommandLineOption trackOption(QStringLiteral("track"),
+                                         QStringLiteral("track configuration file"),
+                                         QStringLiteral("filename"));
+    const QCommandLineOption configOption(QStringLiteral("config"),
+                                          QStringLiteral("media configuration file"),
+                                          QStringLiteral("filename"));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Service to mount/unmount SD Card and handle events."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addOption(trackOption);
+    parser.addOption(configOption);
+    parser.process(application);
+
+    QTextStream errors(stderr);
+    const QString trackFile = ConfigFileLookup::find(QStringLiteral("tavo-sdcard.trackconfig.xml"),
+                                                     trackOption, parser, errors);
+    if (trackFile.isEmpty()) {
+        return kFailure;
+    }
+    initializeTrackSystem(trackFile.toLocal8Bit().toStdString());
+    const log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("sdcard");
+    TRACK_INFO(logger, "Starting (Version " + QCoreApplication::applicationVersion() + ", Build " +
+                           __DATE__ + " " + __TIME__ + ")");
+
+    int status = kFailure;
+    try {
+        resumeDeviceEvents();
+        status = serve(application, parser, configOption, logger);
+    } catch (...) {
+        TRACK_FATAL(logger, "Unhandled Exception catched!");
+    }
+    TRACK_INFO(logger, "Terminating " + QCoreApplication::applicationName() + " with exit code " +
+                           QString::number(status));
+    return status;
+}
