@@ -42,9 +42,11 @@ Sdcard::Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent)
     checkHardware();
     registerBusObject(bus);
 
-    mStateTimer.setSingleShot(true);
-    mOpenFilesTimer.setSingleShot(true);
-    mInsertDelayTimer.setSingleShot(true);
+    for (QTimer* const timer : {&mStateTimer, &mOpenFilesTimer, &mInsertDelayTimer}) {
+        timer->setSingleShot(true);
+        // The default may be off by a second in twenty.
+        timer->setTimerType(Qt::PreciseTimer);
+    }
     connect(&mOpenFilesTimer, &QTimer::timeout, this, &Sdcard::checkFiles);
     connect(&mMemoryTimer, &QTimer::timeout, this, &Sdcard::checkMemState);
     connect(&mInsertDelayTimer, &QTimer::timeout, this, &Sdcard::SD_INSERT);

@@ -1,0 +1,1 @@
+"""The service beside what a user would use instead, measured in turn in one run."""

@@ -1,0 +1,59 @@
+"""Timing of commands in turn: A B A B ..., so that a ratio holds while the machine's speed drifts."""
+
+import os
+import statistics
+import subprocess
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+
+
+@dataclass(frozen=True)
+class Run:
+    """What one run of a command took."""
+
+    wall: float      # seconds
+    peak_mib: float  # largest resident set of any of its processes
+
+
+@dataclass(frozen=True)
+class Comparison:
+    """Medians of two commands that ran in turn, and of the ratios of each pair."""
+
+    ours: Run
+    theirs: Run
+    ratio: float
+
+
+Command = Callable[[], list[str]]
+
+
+def measure(command: list[str]) -> Run:
+    """Runs a command once. Raises RuntimeError when it fails."""
+    started = time.perf_counter()
+    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.PIPE)
+    errors = process.stderr.read()
+    _, status, usage = os.wait4(process.pid, 0)
+    wall = time.perf_counter() - started
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != 0:
+        raise RuntimeError(f"{command[0]} ended with {process.returncode}: {errors.decode(errors='replace')[:500]}")
+    return Run(wall, usage.ru_maxrss / 1024)
+
+
+def median(runs: list[Run]) -> Run:
+    """The median of each figure."""
+    return Run(statistics.median(run.wall for run in runs), statistics.median(run.peak_mib for run in runs))
+
+
+def compare(ours: Command, theirs: Command, rounds: int, prepare: Callable[[], object]) -> Comparison:
+    """Runs two commands in turn, each after @p prepare, which is not timed. The commands are made after it."""
+    pairs = []
+    for _ in range(rounds):
+        prepare()
+        first = measure(ours())
+        prepare()
+        pairs.append((first, measure(theirs())))
+    return Comparison(median([a for a, _ in pairs]), median([b for _, b in pairs]),
+                      statistics.median(a.wall / b.wall for a, b in pairs))
