@@ -12,9 +12,10 @@ option(SDCARDD_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 add_library(project_options INTERFACE)
 target_compile_options(project_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
-# The target is a 32-bit machine whose cards are larger than 2 GiB.
+# The target is a 32-bit machine: cards are larger than 2 GiB, and files on them are newer than 2038.
+# The libraries know the short time_t only, so none is passed to them.
 target_compile_definitions(project_options INTERFACE
-    _FILE_OFFSET_BITS=64 QT_NO_KEYWORDS QT_DEPRECATED_WARNINGS)
+    _FILE_OFFSET_BITS=64 _TIME_BITS=64 QT_NO_KEYWORDS QT_DEPRECATED_WARNINGS)
 
 if(SDCARDD_SANITIZE)
     target_compile_options(project_options INTERFACE
