@@ -36,7 +36,7 @@ chmod 0755 "$new"
 
 packages=$(printf '%s,' "$@")
 unpack() {
-    mmdebstrap --quiet --variant=extract --architectures=armhf --mode=root \
+    mmdebstrap --quiet --variant=extract --architectures=armhf \
         --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr \
         --include="${packages%,}" bookworm "$new/root" - <"$sources"
 }
