@@ -1,0 +1,280 @@
+"""The helper of udev's rule on a board, called as udev calls it."""
+
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, VirtualBoard
+
+PLATFORM = Path(__file__).resolve().parents[2] / "platform"
+HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
+SETTINGS = "/etc/default/tavo-sdcard"
+EVENT_SECONDS = 1
+MAKE_FILE_SYSTEM = "/usr/sbin/mke2fs"
+
+
+@pytest.fixture
+def hotplug(make_board, program):
+    """A board with the helper on it."""
+    board = make_board(program=program)
+    board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
+    return board
+
+
+def disk_number(board: VirtualBoard) -> str:
+    """What tells one card from the next, as the kernel counts them."""
+    return board.run("sh", "-c", f"cat /sys/dev/block/$(stat -L --format=%Hr:%Lr {CARD_DEVICE})/diskseq",
+                     check=True).stdout.strip()
+
+
+def event(board: VirtualBoard, action: str, device: str, number: str | None = None) -> float:
+    """Reports a device event; returns how long that kept udev, in seconds."""
+    kind = "disk" if device == CARD_DEVICE else "partition"
+    variables = [f"ACTION={action}", f"DEVNAME={device}", f"DEVTYPE={kind}"]
+    if number is not None:
+        variables.append(f"DISKSEQ={number}")
+    began = time.monotonic()
+    result = board.run("env", *variables, HELPER)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+    return time.monotonic() - began
+
+
+def put_in(board: VirtualBoard, card: Card) -> str:
+    """Inserts a card with the events that the kernel then reports."""
+    board.insert(card, announce=False)
+    number = disk_number(board)
+    event(board, "add", CARD_DEVICE, number)
+    if board.exists(PARTITION_DEVICE):
+        event(board, "add", PARTITION_DEVICE, number)
+    return number
+
+
+def take_out(board: VirtualBoard, number: str) -> None:
+    """Pulls a card with the events that the kernel then reports."""
+    had_partition = board.exists(PARTITION_DEVICE)
+    board.pull(announce=False)
+    if had_partition:
+        event(board, "remove", PARTITION_DEVICE, number)
+    event(board, "remove", CARD_DEVICE, number)
+
+
+def announcements(board: VirtualBoard) -> list[str]:
+    return [signal.name for signal in board.signals if signal.name in ("CardInserted", "CardRemoved")]
+
+
+def test_a_card_that_is_put_in_and_taken_out_is_announced_once_each(hotplug):
+    hotplug.start_service()
+    number = put_in(hotplug, Card.formatted())
+    hotplug.expect_state(State.MOUNTED, within=20)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    assert announcements(hotplug) == ["CardInserted", "CardRemoved"]
+
+
+def test_other_devices_are_not_announced(hotplug):
+    hotplug.start_service()
+    for device in ("/dev/mmcblk0p2", "/dev/mmcblk0p10", "/dev/mmcblk1", "/dev/mmcblk1p1", "/dev/mmcblk0boot0",
+                   "/dev/sda1", CARD_DEVICE):
+        for action in ("add", "remove", "change"):
+            event(hotplug, action, device)
+    for action in ("change", "bind", "move"):
+        event(hotplug, action, PARTITION_DEVICE)
+    event(hotplug, "add", PARTITION_DEVICE)
+    hotplug.expect_signal("CardInserted")
+    assert announcements(hotplug) == ["CardInserted"]
+
+
+def test_the_card_is_the_one_that_the_settings_name(hotplug):
+    hotplug.write_file(SETTINGS, "CARD_DEVICE=/dev/sda\n")
+    hotplug.start_service()
+    event(hotplug, "add", PARTITION_DEVICE)
+    event(hotplug, "remove", "/dev/sda1")
+    hotplug.expect_signal("CardRemoved")
+    assert announcements(hotplug) == ["CardRemoved"]
+
+
+@pytest.mark.parametrize("swaps", [1, 4])
+def test_a_burst_ends_with_the_card_that_is_in_the_slot(hotplug, swaps):
+    hotplug.start_service()
+    number = put_in(hotplug, Card.formatted())
+    for _ in range(swaps):
+        take_out(hotplug, number)
+        card = Card.formatted()
+        number = put_in(hotplug, card)
+    assert announcements(hotplug) == ["CardInserted", *["CardRemoved", "CardInserted"] * swaps]
+    hotplug.expect_state(State.MOUNTED, within=20)
+    hotplug.write_file("/media/sdcard/here", "")
+    hotplug.press_eject_button()
+    hotplug.expect_state(State.UNMOUNTED, within=10)
+    assert "here" in card.list_files()
+
+
+def test_a_burst_that_ends_with_a_removal_ends_without_a_card(hotplug):
+    hotplug.start_service()
+    for _ in range(3):
+        take_out(hotplug, put_in(hotplug, Card.formatted()))
+    hotplug.expect_state(State.NO_CARD)
+    hotplug.expect_state_for(State.NO_CARD, 2)
+
+
+def test_late_events_of_a_burst_still_end_with_the_card_that_is_in_the_slot(hotplug):
+    hotplug.start_service()
+    hotplug.insert(Card.formatted(), announce=False)
+    first = disk_number(hotplug)
+    hotplug.pull(announce=False)
+    hotplug.insert(Card.formatted(), announce=False)
+    second = disk_number(hotplug)
+    event(hotplug, "add", PARTITION_DEVICE, first)
+    event(hotplug, "remove", PARTITION_DEVICE, first)
+    event(hotplug, "add", PARTITION_DEVICE, second)
+    hotplug.expect_state(State.MOUNTED, within=20)
+    assert announcements(hotplug) == ["CardInserted", "CardRemoved", "CardInserted"]
+
+
+def test_a_table_that_is_read_anew_is_no_removal(hotplug):
+    hotplug.start_service()
+    number = put_in(hotplug, Card.formatted())
+    hotplug.expect_signal("CardInserted")
+    event(hotplug, "remove", PARTITION_DEVICE, number)
+    event(hotplug, "add", PARTITION_DEVICE, number)
+    hotplug.expect_state(State.MOUNTED, within=20)
+    hotplug.expect_no_signal("CardRemoved")
+
+
+def test_udev_goes_on_when_the_service_does_not_run(hotplug):
+    assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
+    assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
+
+
+def test_udev_goes_on_when_there_is_no_bus(hotplug):
+    hotplug.run("mv", "/run/dbus", "/run/dbus-gone", check=True)
+    assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
+
+
+def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
+    service = hotplug.start_service()
+    hotplug.run("kill", "-STOP", str(service.pid), check=True)
+    assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
+    assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
+    hotplug.run("kill", "-CONT", str(service.pid), check=True)
+    hotplug.expect_signal("CardInserted")
+    assert announcements(hotplug) == ["CardRemoved", "CardInserted"]
+
+
+def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
+    hotplug.replace_tool("/usr/bin/dbus-send", "sleep 60")
+    assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + 2
+
+
+def test_a_blank_card_is_formatted_and_then_announced(hotplug):
+    hotplug.start_service()
+    card = Card.blank()
+    assert put_in(hotplug, card)
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+    event(hotplug, "add", PARTITION_DEVICE, disk_number(hotplug))
+    hotplug.expect_state(State.MOUNTED, within=20)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    hotplug.expect_no_record("New SD Card detected")
+
+
+def test_udev_goes_on_while_a_blank_card_is_formatted(hotplug):
+    hotplug.replace_tool(MAKE_FILE_SYSTEM, 'sleep 3; exec "$ORIGINAL" "$@"')
+    hotplug.insert(Card.blank(), announce=False)
+    assert event(hotplug, "add", CARD_DEVICE) < EVENT_SECONDS
+    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
+    assert event(hotplug, "change", CARD_DEVICE) < EVENT_SECONDS
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+
+
+def bare_file_system() -> Card:
+    card = Card.blank()
+    card.run_tool("mkfs.ext4", "-q", "-F", card.path)
+    return card
+
+
+def swap_space() -> Card:
+    card = Card.blank()
+    card.run_tool("mkswap", card.path)
+    return card
+
+
+def gpt_without_partitions() -> Card:
+    card = Card.blank()
+    card.run_tool("sfdisk", "--quiet", card.path, standard_input="label: gpt\n")
+    return card
+
+
+def format_now(board: VirtualBoard) -> None:
+    """What the event starts in the background, to its end."""
+    board.run(HELPER, "format", check=True)
+
+
+@pytest.mark.parametrize("make", [Card.as_bought, Card.formatted, Card.two_partitions, Card.unmountable,
+                                  Card.with_empty_table, bare_file_system, swap_space, gpt_without_partitions])
+def test_a_card_on_which_anything_is_found_is_left_alone(bare_board, make):
+    bare_board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
+    card = make()
+    before = card.read(0, card.size)
+    bare_board.insert(card)
+    format_now(bare_board)
+    assert card.read(0, card.size) == before
+    assert bare_board.system_log == []
+
+
+def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
+    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=no\n")
+    hotplug.replace_tool("/usr/bin/setsid")
+    hotplug.insert(Card.blank(), announce=False)
+    event(hotplug, "add", CARD_DEVICE)
+    assert hotplug.tool_calls("setsid") == []
+    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=yes\n")
+    event(hotplug, "add", CARD_DEVICE)
+    assert hotplug.tool_calls("setsid") == [["--fork", HELPER, "format"]]
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+
+
+def test_a_card_that_cannot_be_read_does_not_pass_for_a_blank_one(bare_board):
+    bare_board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
+    bare_board.replace_tool(MAKE_FILE_SYSTEM)
+    bare_board.replace_tool("/usr/bin/dd", "echo 'dd: Input/output error' >&2; exit 1")
+    bare_board.insert(Card.blank())
+    format_now(bare_board)
+    assert bare_board.tool_calls("mke2fs") == []
+    bare_board.expect("the reason in the system log",
+                      lambda: any("Input/output error" in entry for entry in bare_board.system_log))
+
+
+def test_a_blank_card_that_replaces_another_is_formatted_too(hotplug):
+    hotplug.replace_tool(MAKE_FILE_SYSTEM, 'sleep 1; exec "$ORIGINAL" "$@"')
+    number = put_in(hotplug, Card.blank())
+    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
+    take_out(hotplug, number)
+    second = Card.blank()
+    put_in(hotplug, second)
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
+    assert [partition.kind for partition in second.partitions()] == ["83"]
+
+
+def test_the_rule_runs_the_helper_for_block_devices_that_come_and_go(bare_board):
+    rule = (PLATFORM / "60-tavo-sdcard.rules").read_text()
+    assert 'KERNEL=="mmcblk*"' in rule
+    bare_board.write_file("/run/udev/rules.d/60-tavo-sdcard.rules", rule.replace("mmcblk*", "loop*"))
+    bare_board.write_file(HELPER, "#!/bin/sh\n", 0o755)
+
+    def what_runs(action: str, device: str) -> list[str]:
+        result = bare_board.run("udevadm", "test", f"--action={action}", device, check=True)
+        output = result.stdout + result.stderr
+        assert "Reading rules file: /run/udev/rules.d/60-tavo-sdcard.rules" in output
+        return [line.split(" ", 2)[2] for line in output.splitlines() if "60-tavo-sdcard.rules:" in line]
+    for action in ("add", "remove"):
+        assert what_runs(action, "/sys/block/loop0") == ["RUN 'tavo-sdcard-hotplug'"]
+        assert what_runs(action, "/sys/class/net/lo") == []
+    assert what_runs("change", "/sys/block/loop0") == []
+
+
+@pytest.mark.parametrize("script", ["tavo-sdcard-hotplug", "sdcardd.init.in"])
+def test_the_scripts_are_clean_for_shellcheck(script):
+    result = subprocess.run(["shellcheck", str(PLATFORM / script)], capture_output=True, text=True)
+    assert (result.returncode, result.stdout) == (0, "")
