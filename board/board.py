@@ -41,7 +41,7 @@ class Board(Expectations, ABC):
     """A device with a card slot, two LEDs, an eject button and a system bus. Use it in a with statement."""
 
     def __init__(self) -> None:
-        self.service: Process | None = None
+        self.services: list[Process] = []  # every start of the service
         self.card: Card | None = None
         self.bus: BusClient
         self.led_panel: LedPanel
@@ -98,7 +98,7 @@ class Board(Expectations, ABC):
         With @p wait it returns when the service can be reached over the bus or has ended.
         """
         variables = ENVIRONMENT | SANITIZER_ENVIRONMENT | (environment or {})
-        self.service = self._start([SERVICE_PROGRAM, *options], variables, None, b"")
+        self.services.append(self._start([SERVICE_PROGRAM, *options], variables, None, b""))
         deadline = time.monotonic() + SERVICE_START_SECONDS
         while wait and self.service.running and not self.bus.has_service():
             if time.monotonic() > deadline:
@@ -110,6 +110,11 @@ class Board(Expectations, ABC):
         """Sends a signal to the service, waits for its end and returns its exit status."""
         assert self.service is not None, "the service was not started"
         return self.service.stop(number, within)
+
+    @property
+    def service(self) -> Process | None:
+        """The service as it was started last."""
+        return self.services[-1] if self.services else None
 
     @property
     def state(self) -> State:

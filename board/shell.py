@@ -25,7 +25,7 @@ def main() -> int:
         board.expect_state(State.MOUNTED, within=60)
         print(WELCOME)
         # The shell needs the terminal, so it stays in this session.
-        shell = ["nsenter", "--target", str(board.host_pid), "--mount", "--pid", "--root", "--wd=/", "bash", "--norc"]
+        shell = ["nsenter", "--target", str(board.host_pid), "--mount", "--pid", "--root", "--wdns=/", "bash", "--norc"]
         return subprocess.call(shell, env=ENVIRONMENT | {"TERM": "xterm", "PS1": "board:\\w# "})
 
 

@@ -4,13 +4,14 @@ import json
 import os
 import socket
 import subprocess
+import threading
 from pathlib import Path
 
 from .process import Process
 
 MACHINE_PROGRAM = Path(__file__).parent / "machine"
 MAX_REPLY_BYTES = 200_000
-START_SECONDS = 30
+REPLY_SECONDS = 30
 
 
 class MachineError(Exception):
@@ -18,7 +19,7 @@ class MachineError(Exception):
 
 
 class VirtualMachine:
-    """Starts, asks and ends the namespaces' first process. Not for use by several threads at once."""
+    """Starts, asks and ends the namespaces' first process."""
 
     def __init__(self, service: str, program: Path | None, files: dict[str, dict]) -> None:
         """Starts a machine on which @p program appears as @p service, with @p files.
@@ -26,7 +27,8 @@ class VirtualMachine:
         Raises MachineError.
         """
         self._control, machine_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self._control.settimeout(START_SECONDS)
+        self._control.settimeout(REPLY_SECONDS)
+        self._lock = threading.Lock()
         with machine_end:
             self._launcher = subprocess.Popen(
                 ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--propagation", "private",
@@ -78,8 +80,9 @@ class VirtualMachine:
     def _ask(self, what: str, descriptors: list[int] | None = None, **arguments: object) -> dict:
         request = json.dumps({"do": what, **arguments}).encode()
         try:
-            socket.send_fds(self._control, [request], descriptors or [])
-            data = self._control.recv(MAX_REPLY_BYTES)
+            with self._lock:
+                socket.send_fds(self._control, [request], descriptors or [])
+                data = self._control.recv(MAX_REPLY_BYTES)
         except OSError as problem:
             raise MachineError(f"no answer to '{what}': {problem}") from problem
         if not data:
