@@ -19,13 +19,14 @@
 
 CRASHES void dereferenceNull()
 {
-    int* volatile nowhere = nullptr;
+    volatile int* volatile nowhere = nullptr;
     *nowhere = 1;
 }
 
 CRASHES void writeAboveNull()
 {
-    auto* volatile nowhere = reinterpret_cast<char*>(0x123); // NOLINT(performance-no-int-to-ptr)
+    auto* volatile nowhere =
+        reinterpret_cast<volatile char*>(0x123); // NOLINT(performance-no-int-to-ptr)
     *nowhere = 1;
 }
 

@@ -135,10 +135,13 @@ private:
         for (char** variable = environ; *variable != nullptr; ++variable) {
             environment.push_back(*variable);
         }
-        // The sanitizer's own handlers would end the program that has none.
-        std::string sanitizer = "ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_sigill=0:"
-                                "handle_sigfpe=0:handle_abort=0:use_sigaltstack=0";
-        environment.push_back(sanitizer.data());
+        // The sanitizers' own handlers would end the program that has none.
+        const std::string options = "handle_segv=0:handle_sigbus=0:handle_sigill=0:"
+                                    "handle_sigfpe=0:handle_abort=0:use_sigaltstack=0";
+        std::string addressSanitizer = "ASAN_OPTIONS=" + options;
+        std::string threadSanitizer = "TSAN_OPTIONS=" + options;
+        environment.push_back(addressSanitizer.data());
+        environment.push_back(threadSanitizer.data());
         environment.push_back(nullptr);
 
         const QByteArray directory = QFile::encodeName(mDirectory.path());
@@ -305,6 +308,7 @@ void SignalHandlerTest::the_backtrace_leads_to_the_crashing_function()
             arguments << match.captured(1);
         }
     }
+    QVERIFY(arguments.last() != CRASHING_PROGRAM);
     QProcess addr2line;
     addr2line.start("addr2line", arguments);
     QVERIFY(addr2line.waitForFinished());
