@@ -58,7 +58,7 @@ StateMounting::StateMounting(const ConfigHandler& config)
     : mRunning(new QState(this)), mFinished(new QFinalState(this)),
       mWorker(new ThreadMounting(config, this))
 {
-    mRunning->addTransition(mWorker, &QThread::finished, mFinished);
+    mRunning->addTransition(new WorkerFinishedTransition(mWorker, mFinished));
     setInitialState(mRunning);
     qRegisterMetaType<StateMounting::eTransitionChangeSignalType>(
         "StateMounting::eTransitionChangeSignalType");

@@ -42,7 +42,7 @@ StatePreparing::StatePreparing(const ConfigHandler& config)
     : mRunning(new QState(this)), mFinished(new QFinalState(this)),
       mWorker(new ThreadPreparing(config, this))
 {
-    mRunning->addTransition(mWorker, &QThread::finished, mFinished);
+    mRunning->addTransition(new WorkerFinishedTransition(mWorker, mFinished));
     setInitialState(mRunning);
     connect(this, &QState::finished, this, &StatePreparing::MOUNT_SUCCESS);
 }

@@ -59,3 +59,14 @@ void ThreadStateBase::terminateIfRunning()
         wait(kTerminationWaitMs);
     }
 }
+
+WorkerFinishedTransition::WorkerFinishedTransition(const QThread* worker, QAbstractState* target)
+    : QSignalTransition(worker, &QThread::finished), mWorker(worker)
+{
+    setTargetState(target);
+}
+
+bool WorkerFinishedTransition::eventTest(QEvent* event)
+{
+    return QSignalTransition::eventTest(event) && mWorker->isFinished();
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QMutex>
+#include <QSignalTransition>
 #include <QThread>
 
 #include <tavoutil/TrackObject.h>
@@ -34,4 +35,19 @@ public:
 private:
     mutable QMutex mStopMutex;
     bool mStopRequested = false;
+};
+
+/// Leads out of a state's running child when its worker has finished.
+class WorkerFinishedTransition : public QSignalTransition
+{
+public:
+    WorkerFinishedTransition(const QThread* worker, QAbstractState* target);
+
+protected:
+    /// The notice of a run that was terminated on re-entry arrives when the next one is under way
+    /// already; it must not pass for the end of that.
+    bool eventTest(QEvent* event) override;
+
+private:
+    const QThread* mWorker;
 };
