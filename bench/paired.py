@@ -1,8 +1,8 @@
 """Timing of commands in turn: A B A B ..., so that a ratio holds while the machine's speed drifts."""
 
-import os
 import statistics
 import subprocess
+import tempfile
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -30,16 +30,16 @@ Command = Callable[[], list[str]]
 
 def measure(command: list[str]) -> Run:
     """Runs a command once. Raises RuntimeError when it fails."""
-    started = time.perf_counter()
-    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE)
-    errors = process.stderr.read()
-    _, status, usage = os.wait4(process.pid, 0)
-    wall = time.perf_counter() - started
-    process.returncode = os.waitstatus_to_exitcode(status)
-    if process.returncode != 0:
-        raise RuntimeError(f"{command[0]} ended with {process.returncode}: {errors.decode(errors='replace')[:500]}")
-    return Run(wall, usage.ru_maxrss / 1024)
+    with tempfile.NamedTemporaryFile("r") as peak:
+        # A process that this one starts would be charged with the size of this one; GNU time is small.
+        timed = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak.name}", *command]
+        started = time.perf_counter()
+        result = subprocess.run(timed, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        wall = time.perf_counter() - started
+        if result.returncode != 0:
+            errors = result.stderr.decode(errors="replace")
+            raise RuntimeError(f"{command[0]} ended with {result.returncode}: {errors[:500]}")
+        return Run(wall, int(peak.read()) / 1024)
 
 
 def median(runs: list[Run]) -> Run:
