@@ -1,5 +1,10 @@
 #pragma once
 
+#include <optional>
+
+#include <QString>
+#include <QStringList>
+
 /// The card's state as the `State` property publishes it.
 enum class State : int
 {
@@ -41,3 +46,14 @@ enum class MemState : int
     UpTo80 = 6,    ///< at most 80 %
     MoreThan80 = 7
 };
+
+/// The name under which a published value is shown to people; empty where the enumeration has no
+/// such value.
+QString stateName(int value);
+QString transitionName(int value);
+QString memStateName(int value);
+
+/// The state that has this name.
+std::optional<State> stateNamed(const QString& name);
+/// The names of all states in the order of their values.
+QStringList stateNames();
