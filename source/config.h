@@ -54,7 +54,9 @@ class ConfigHandler : public TrackObject
 public:
     ConfigHandler();
 
-    /// Replaces the default path of the file that setup() reads.
+    /// The file that setup() reads.
+    const QString& configFile() const { return mConfigFile; }
+    /// Replaces its default path.
     void setConfigFile(const QString& path) { mConfigFile = path; }
 
     /// Reads the configuration file.

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <optional>
+
+#include <QDBusConnection>
+#include <QDBusServiceWatcher>
+#include <QObject>
+#include <QTimer>
+
+#include "CardService.h"
+#include "SDCard1Proxy.h"
+
+class QDBusPendingCallWatcher;
+
+namespace sdcardctl {
+
+/// Follows the service, whether it runs or not, and over its restarts. The service does not
+/// announce changes of its properties, and some of them come with no signal at all; so they are
+/// read after every signal and kReadIntervalMs after the last reading.
+class CardWatcher : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr int kReadIntervalMs = 250;
+
+    explicit CardWatcher(const QDBusConnection& bus, QObject* parent = nullptr);
+
+    /// Begins; all that follows is reported from the event loop.
+    void start();
+
+Q_SIGNALS:
+    /// Whether the service runs: at first, and when that changes.
+    void runningChanged(bool isRunning);
+    /// A signal of the service, with its argument if it has one.
+    void signalReceived(const QString& name, std::optional<int> argument);
+    /// The properties, after each reading.
+    void propertiesRead(const sdcardctl::CardProperties& properties);
+    /// Nothing more will come.
+    void failed(const sdcardctl::Failure& failure);
+
+private Q_SLOTS:
+    void busDisconnected();
+
+private:
+    void connectSignals();
+    void setRunning(bool isRunning);
+    void receive(const char* name, std::optional<int> argument = std::nullopt);
+    void readProperties();
+    void finishReading(QDBusPendingCallWatcher* reading);
+
+    QDBusConnection mBus;
+    tavo::SDCard1 mCard;
+    QDBusServiceWatcher mOwner;
+    QTimer mReadTimer;
+    std::optional<bool> mIsRunning;
+    bool mIsReading = false;
+    bool mReadAgain = false;
+};
+
+} // namespace sdcardctl

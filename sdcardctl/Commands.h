@@ -1,0 +1,27 @@
+#pragma once
+
+#include <array>
+
+#include "CommandLine.h"
+
+namespace sdcardctl {
+
+constexpr std::size_t kCommandCount = 11;
+
+/// All commands in the order in which the help shows them.
+const std::array<Command, kCommandCount>& commands();
+
+// Each command's work; sdcardctl(1) says what it does and prints.
+ExitStatus runStatus(const Invocation& invocation, Output& output);
+ExitStatus runMonitor(const Invocation& invocation, Output& output);
+ExitStatus runList(const Invocation& invocation, Output& output);
+ExitStatus runPath(const Invocation& invocation, Output& output);
+ExitStatus runSize(const Invocation& invocation, Output& output);
+ExitStatus runUsed(const Invocation& invocation, Output& output);
+ExitStatus runEnsure(const Invocation& invocation, Output& output);
+ExitStatus runRefresh(const Invocation& invocation, Output& output);
+ExitStatus runInsert(const Invocation& invocation, Output& output);
+ExitStatus runRemove(const Invocation& invocation, Output& output);
+ExitStatus runWait(const Invocation& invocation, Output& output);
+
+} // namespace sdcardctl

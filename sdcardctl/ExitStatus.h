@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QString>
+
+namespace sdcardctl {
+
+/// What the program ends with; sdcardctl(1) documents the numbers.
+enum class ExitStatus : int
+{
+    Success = 0,
+    Failure = 1,          ///< anything that has no status of its own
+    Usage = 2,            ///< the command line makes no sense
+    NotRunning = 3,       ///< nobody owns the service's name on the bus
+    NotPermitted = 4,     ///< the bus policy refuses the call to this user
+    UnknownDirectory = 5, ///< no (watched) directory has the identifier
+    TimedOut = 6,         ///< the state was not reached, or the service did not answer, in time
+    NoBus = 7,            ///< the bus cannot be reached, or has gone
+    BadConfiguration = 8  ///< the checked configuration has problems
+};
+
+/// Why a command could not do its work, in words for its user.
+struct Failure
+{
+    ExitStatus status;
+    QString message;
+};
+
+} // namespace sdcardctl

@@ -1,0 +1,44 @@
+#include <QCoreApplication>
+#include <QTextStream>
+
+#include <log4cxx/logmanager.h>
+#include <log4cxx/spi/loggerrepository.h>
+
+#include "CommandLine.h"
+#include "Output.h"
+
+namespace {
+
+// The configuration is read by the service's own code, whose log records nobody asked for here.
+// Counts as configured, or log4cxx would look for a configuration in the working directory.
+void switchLoggingOff()
+{
+    const log4cxx::spi::LoggerRepositoryPtr repository = log4cxx::LogManager::getLoggerRepository();
+    repository->setConfigured(true);
+    repository->setThreshold(log4cxx::Level::getOff());
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    using namespace sdcardctl;
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationVersion(QStringLiteral(SDCARDCTL_VERSION));
+    switchLoggingOff();
+
+    QTextStream results(stdout);
+    QTextStream notes(stderr);
+    const auto parsed = parseCommandLine(QCoreApplication::arguments());
+    const bool isJson = parsed && parsed->invocation && parsed->invocation->isJson;
+    Output output(results, notes, isJson, !isJson && Output::coloursWanted());
+    if (!parsed) {
+        return static_cast<int>(output.fail(parsed.failure()));
+    }
+    if (!parsed->invocation) {
+        output.line(parsed->text);
+        return static_cast<int>(ExitStatus::Success);
+    }
+    const Invocation& invocation = *parsed->invocation;
+    return static_cast<int>(invocation.command->run(invocation, output));
+}

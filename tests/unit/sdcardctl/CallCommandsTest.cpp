@@ -1,0 +1,264 @@
+#include <QTest>
+
+#include <atomic>
+
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QJsonArray>
+#include <QJsonObject>
+
+#include "ExitStatus.h"
+#include "FakeService.h"
+#include "JsonText.h"
+#include "PrivateBus.h"
+#include "ProgramRun.h"
+#include "SampleCard.h"
+
+using sdcardctl::ExitStatus;
+
+class CallCommandsTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void list_prints_the_identifiers_that_the_service_knows();
+    void list_of_watched_directories_leaves_the_others_out();
+    void path_size_and_used_print_the_answer_alone();
+    void an_answer_of_0_without_a_card_is_explained();
+    void an_unknown_directory_has_its_own_status_data();
+    void an_unknown_directory_has_its_own_status();
+    void ensure_without_an_identifier_means_all();
+    void refresh_prints_the_new_memory_state();
+    void insert_and_remove_reach_the_service();
+    void a_service_that_does_not_run_has_its_own_status_data();
+    void a_service_that_does_not_run_has_its_own_status();
+    void a_bus_that_cannot_be_reached_has_its_own_status();
+    void the_bus_is_the_system_bus_by_default();
+    void a_call_that_the_bus_refuses_has_its_own_status_data();
+    void a_call_that_the_bus_refuses_has_its_own_status();
+    void a_service_that_ends_during_a_call_is_told_from_a_slow_one();
+};
+
+namespace {
+
+const SampleCard card;
+
+// Takes calls and never answers them.
+class SilentObject : public QDBusVirtualObject
+{
+public:
+    QString introspect(const QString& /*path*/) const override { return {}; }
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& /*bus*/) override
+    {
+        message.setDelayedReply(true);
+        wasCalled = true;
+        return true;
+    }
+
+    std::atomic<bool> wasCalled = false;
+};
+
+} // namespace
+
+void CallCommandsTest::list_prints_the_identifiers_that_the_service_knows()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    SampleCard::mount(service);
+    service.directories.remove("archive");
+    ProgramRun run({"list", "--bus", bus.address(), "--config", card.configFile()});
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(), QString("logger\ncsv\n"));
+    ProgramRun forPrograms(
+        {"list", "--json", "--bus", bus.address(), "--config", card.configFile()});
+    QCOMPARE(forPrograms.status(), 0);
+    QCOMPARE(jsonOf(forPrograms.output()), (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
+}
+
+void CallCommandsTest::list_of_watched_directories_leaves_the_others_out()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    SampleCard::mount(service);
+    ProgramRun run({"list", "--watched", "--bus", bus.address(), "--config", card.configFile()});
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(), QString("logger\n"));
+}
+
+void CallCommandsTest::path_size_and_used_print_the_answer_alone()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    SampleCard::mount(service);
+    service.directories["logger"].size = 5'000'000'000;
+    const auto printed = [&bus](const QStringList& arguments) {
+        ProgramRun run(arguments + QStringList{"--bus", bus.address()});
+        return run.status() == 0 ? run.output() : "failed: " + run.notes();
+    };
+    QCOMPARE(printed({"path", "logger"}), QString("/media/sdcard/logger\n"));
+    QCOMPARE(printed({"size", "logger"}), QString("5000000000\n"));
+    QCOMPARE(printed({"used", "archive"}), QString("11534336\n"));
+    QCOMPARE(jsonOf(printed({"path", "csv", "--json"})),
+             (QJsonObject{{"id", "csv"}, {"path", "/media/sdcard/csv"}}));
+    QCOMPARE(jsonOf(printed({"size", "logger", "--json"})),
+             (QJsonObject{{"id", "logger"}, {"size", qint64{5'000'000'000}}}));
+    QCOMPARE(jsonOf(printed({"used", "archive", "--json"})),
+             (QJsonObject{{"id", "archive"}, {"used", 11534336}}));
+}
+
+void CallCommandsTest::an_answer_of_0_without_a_card_is_explained()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    service.directories = {{"csv", {"/csv", 0, 0}}};
+    ProgramRun run({"used", "csv", "--bus", bus.address()});
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(), QString("0\n"));
+    QCOMPARE(run.notes(), QString("sdcardctl: No card is mounted, so the answer is 0.\n"));
+
+    service.card.setIsMounted(true);
+    ProgramRun mounted({"used", "csv", "--bus", bus.address()});
+    QCOMPARE(mounted.status(), 0);
+    QCOMPARE(mounted.notes(), QString());
+}
+
+void CallCommandsTest::an_unknown_directory_has_its_own_status_data()
+{
+    QTest::addColumn<QString>("command");
+    for (const char* const command : {"path", "size", "used", "ensure"}) {
+        QTest::newRow(command) << command;
+    }
+}
+
+void CallCommandsTest::an_unknown_directory_has_its_own_status()
+{
+    QFETCH(const QString, command);
+    const PrivateBus bus;
+    const FakeService service(bus);
+    ProgramRun run({command, "nowhere", "--bus", bus.address()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
+    QCOMPARE(run.output(), QString());
+    QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
+    QVERIFY2(run.notes().contains("sdcardctl list"), qPrintable(run.notes()));
+}
+
+void CallCommandsTest::ensure_without_an_identifier_means_all()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    SampleCard::mount(service);
+    ProgramRun one({"ensure", "csv", "--bus", bus.address()});
+    QCOMPARE(one.status(), 0);
+    ProgramRun all({"ensure", "--bus", bus.address()});
+    QCOMPARE(all.status(), 0);
+    QCOMPARE(service.ensured, (QStringList{"csv", ""}));
+    QCOMPARE(one.output() + all.output(), QString());
+}
+
+void CallCommandsTest::refresh_prints_the_new_memory_state()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    service.refreshedMemState = static_cast<int>(MemState::MoreThan80);
+    ProgramRun run({"refresh", "--bus", bus.address()});
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(), QString("more-than-80-percent\n"));
+    ProgramRun forPrograms({"refresh", "--json", "--bus", bus.address()});
+    QCOMPARE(forPrograms.status(), 0);
+    QCOMPARE(jsonOf(forPrograms.output()),
+             (QJsonObject{{"memState", 7}, {"memStateName", "more-than-80-percent"}}));
+}
+
+void CallCommandsTest::insert_and_remove_reach_the_service()
+{
+    const PrivateBus bus;
+    const FakeService service(bus);
+    QStringList events;
+    connect(&service.card, &SDCardImpl::CardInserted, this, [&] { events.append("inserted"); });
+    connect(&service.card, &SDCardImpl::CardRemoved, this, [&] { events.append("removed"); });
+    ProgramRun insert({"insert", "--bus", bus.address()});
+    QCOMPARE(insert.status(), 0);
+    ProgramRun remove({"remove", "--bus", bus.address()});
+    QCOMPARE(remove.status(), 0);
+    QCOMPARE(events, (QStringList{"inserted", "removed"}));
+}
+
+void CallCommandsTest::a_service_that_does_not_run_has_its_own_status_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("status") << QStringList{"status"};
+    QTest::newRow("list") << QStringList{"list", "--config", card.configFile()};
+    for (const char* const command : {"path", "size", "used", "ensure"}) {
+        QTest::newRow(command) << QStringList{command, "csv"};
+    }
+    for (const char* const command : {"refresh", "insert", "remove"}) {
+        QTest::newRow(command) << QStringList{command};
+    }
+}
+
+void CallCommandsTest::a_service_that_does_not_run_has_its_own_status()
+{
+    QFETCH(const QStringList, arguments);
+    const PrivateBus bus;
+    ProgramRun run(arguments + QStringList{"--bus", bus.address()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
+    QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
+    QCOMPARE(run.output(), QString());
+}
+
+void CallCommandsTest::a_bus_that_cannot_be_reached_has_its_own_status()
+{
+    ProgramRun run({"status", "--bus", "unix:path=/nonexistent"});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NoBus));
+    QVERIFY2(run.notes().contains("--bus"), qPrintable(run.notes()));
+}
+
+void CallCommandsTest::the_bus_is_the_system_bus_by_default()
+{
+    const PrivateBus bus;
+    FakeService service(bus);
+    SampleCard::mount(service);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
+    ProgramRun run({"path", "csv"}, environment);
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(), QString("/media/sdcard/csv\n"));
+}
+
+void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("insert") << QStringList{"insert"};
+    QTest::newRow("remove") << QStringList{"remove"};
+    QTest::newRow("ensure") << QStringList{"ensure"};
+}
+
+void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status()
+{
+    QFETCH(const QStringList, arguments);
+    const PrivateBus bus("<deny send_interface=\"tavo.SDCardController1\"/>"
+                         "<deny send_interface=\"tavo.SDCard1\" send_member=\"EnsureDirSize\"/>");
+    const FakeService service(bus);
+    ProgramRun run(arguments + QStringList{"--bus", bus.address()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotPermitted));
+    QVERIFY2(run.notes().contains("as root"), qPrintable(run.notes()));
+}
+
+void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one()
+{
+    const PrivateBus bus;
+    const QString name = QStringLiteral("ending service");
+    QDBusConnection service = QDBusConnection::connectToBus(bus.address(), name);
+    QVERIFY(service.registerService(SDCardImpl::kServiceName));
+    SilentObject object;
+    QVERIFY(service.registerVirtualObject(SDCardImpl::kObjectPath, &object));
+    ProgramRun run({"path", "csv", "--bus", bus.address()});
+    QTRY_VERIFY(object.wasCalled);
+    service.unregisterService(SDCardImpl::kServiceName);
+    QDBusConnection::disconnectFromBus(name);
+    service = QDBusConnection(QString());
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
+}
+
+QTEST_GUILESS_MAIN(CallCommandsTest)
+#include "CallCommandsTest.moc"

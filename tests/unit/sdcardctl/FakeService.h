@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QMap>
+#include <QObject>
+#include <QStringList>
+
+#include "LogCapture.h"
+#include "PrivateBus.h"
+#include "SDCardImpl.h"
+#include "SdcardInterface.h"
+
+/// The service's real bus object before a controller that only plays its part.
+class FakeService : public QObject, public SdcardInterface
+{
+public:
+    struct Directory
+    {
+        QString path;
+        qint64 size;
+        qint64 used;
+    };
+
+    /// On the bus as soon as it is built, off it again with its end.
+    explicit FakeService(const PrivateBus& bus)
+        : card(QStringLiteral("/media/sdcard"), this), mBus(bus.connection())
+    {
+        mBus.registerObject(SDCardImpl::kObjectPath, &card);
+        mBus.registerService(SDCardImpl::kServiceName);
+    }
+    FakeService(const FakeService&) = delete;
+    FakeService(FakeService&&) = delete;
+    FakeService& operator=(const FakeService&) = delete;
+    FakeService& operator=(FakeService&&) = delete;
+    ~FakeService() override
+    {
+        mBus.unregisterService(SDCardImpl::kServiceName);
+        mBus.unregisterObject(SDCardImpl::kObjectPath);
+    }
+
+    qint64 getDirSize(const QString& id) override { return directories.value(id).size; }
+    qint64 getDirUsed(const QString& id) override { return directories.value(id).used; }
+    QString getDirPath(const QString& id) override { return directories.value(id).path; }
+    bool ensureDirSize(const QString& id) override
+    {
+        ensured.append(id);
+        return id.isEmpty() || directories.contains(id);
+    }
+    void checkMemState() override { card.setMemState(refreshedMemState); }
+
+    SDCardImpl card;
+    QMap<QString, Directory> directories;
+    QStringList ensured; ///< the identifiers of all EnsureDirSize calls
+    int refreshedMemState = 0;
+
+private:
+    LogCapture mLog; // keeps the records from standard error
+    QDBusConnection mBus;
+};

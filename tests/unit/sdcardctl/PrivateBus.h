@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+
+#include <QDBusConnection>
+#include <QProcess>
+#include <QString>
+#include <QTemporaryFile>
+
+/// A message bus of the test's own, and the test's connection to it. Ends with the object.
+class PrivateBus
+{
+public:
+    /// @param policy further rules for everyone, as XML elements of the bus configuration
+    explicit PrivateBus(const QString& policy = QString());
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus(PrivateBus&&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+    PrivateBus& operator=(PrivateBus&&) = delete;
+    ~PrivateBus();
+
+    /// Empty when the bus did not start.
+    QString address() const { return mAddress; }
+    QDBusConnection connection() const { return QDBusConnection(mAddress); }
+    /// Ends the bus while others are connected to it.
+    void stop();
+
+private:
+    QTemporaryFile mConfiguration;
+    QProcess mDaemon;
+    QString mAddress;
+};
