@@ -143,6 +143,11 @@ class Board(Expectations, ABC):
 
     # Programs and files
 
+    @property
+    def started(self) -> list[Process]:
+        """Every program that start() and hold_file_open() have started."""
+        return list(self._started)
+
     def run(self, *command: str, input: str = "", user: str | None = None, within: float = RUN_SECONDS,
             check: bool = False) -> subprocess.CompletedProcess:
         """Runs a program on the board to its end. Raises FileNotFoundError, TimeoutError."""

@@ -1,6 +1,7 @@
 """Fixtures of the system tests: boards that are checked when a test is over."""
 
 import os
+import signal
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
@@ -19,6 +20,14 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def pytest_configure(config: pytest.Config) -> None:
     if os.geteuid() != 0:
         pytest.exit("the system tests need root: sudo ./dev test", returncode=2)
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """The long ones first: side by side with all others they cost no time."""
+    def seconds(item: pytest.Item) -> int:
+        marker = item.get_closest_marker("lasts")
+        return marker.args[0] if marker else 0
+    items.sort(key=seconds, reverse=True)
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -48,20 +57,39 @@ def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., Virtual
 
     yield make
     failed = getattr(request.node, "call_failed", True)
+    may_stay = request.node.get_closest_marker("leaves_card_mounted") is not None
     problems = []
     for board in boards:
         if board.is_open:
             if failed:
                 print(board.report())
+            else:
+                problems += problems_at_the_end(board, may_stay)
             if not request.node.get_closest_marker("crashes"):
                 problems += [f"the service crashed: {service.exit_status}\n{service.errors}"
                              for service in board.services if service.crashed]
-            ended = board.service is not None and board.service.exit_status == 0
-            if ended and not failed and not request.node.get_closest_marker("leaves_card_mounted"):
-                problems += board.leftovers()
             board.close()
         problems += board.leftovers()
     assert not problems, "\n".join(problems)
+
+
+def problems_at_the_end(board: VirtualBoard, may_stay: bool) -> list[str]:
+    """Ends what still runs on a board; says what should not be there then. @p may_stay: the card may stay mounted."""
+    if board.service is None:
+        return []
+    for process in board.started:
+        process.stop(signal.SIGKILL)
+    if board.service.running and board.stop_service() != 0:
+        return [f"the service ended with {board.service.exit_status}"]
+    if board.service.exit_status != 0 or may_stay:
+        return []
+    problems = board.leftovers()
+    card = board.card
+    if not problems and card is not None and "83" in [partition.kind for partition in card.partitions()]:
+        check = board.fsck(card)
+        if not card.is_clean():
+            problems.append(f"the card is not clean: {check.stdout}{check.stderr}")
+    return problems
 
 
 @pytest.fixture
