@@ -1,0 +1,74 @@
+"""Steps that many system tests share, in the words of the device's user."""
+
+from board import Board, Card, LedPattern, State
+
+# What every start without a card says.
+START_RECORDS = ["Configuration successfully parsed", "Checking hardware..."]
+
+MOUNT_SECONDS = 30
+
+
+def start_with_mounted_card(board: Board, card: Card | None = None) -> Card:
+    """Starts the service with a card in the slot and waits until it is mounted."""
+    card = card or Card.formatted()
+    board.insert(card)
+    board.start_service()
+    expect_mounted(board)
+    return card
+
+
+def expect_mounted(board: Board, within: float = MOUNT_SECONDS) -> None:
+    """Waits until the card is mounted and prepared."""
+    board.expect_state(State.MOUNTED, within)
+
+
+def press_until_eject(board: Board) -> None:
+    """Holds the button until the service reacts to it, then lets it go."""
+    before = len(board.signals)
+    board.press_eject_button()
+    try:
+        board.expect_signal("EjectPressed", after=before, within=10)
+    finally:
+        board.release_eject_button()
+
+
+def eject(board: Board, within: float = 10) -> None:
+    """Holds the button until the card may be taken out."""
+    press_until_eject(board)
+    expect_safe_to_take_out(board, within)
+
+
+def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
+    """Waits until the service says that the card may be taken out, and checks that this is true."""
+    card = board.card
+    board.expect_state(State.UNMOUNTED, within)
+    board.expect_leds(LedPattern.UNMOUNTED)
+    assert board.mounts() == []
+    assert card.is_clean(), card.check().stdout
+
+
+def take_out(board: Board) -> None:
+    """Takes the card out and waits until the service has noticed."""
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    board.expect_leds(LedPattern.OFF)
+
+
+def messages(board: Board, level: str | None = None, channel: str | None = None) -> list[str]:
+    """The messages of all records so far, of one level and channel if given."""
+    return [record.message for record in board.records
+            if level in (None, record.level) and channel in (None, record.channel)]
+
+
+def signal_names(board: Board, after: int = 0) -> list[str]:
+    """The names of all signals so far, in their order."""
+    return [signal.name for signal in board.signals[after:]]
+
+
+def steady_leds(board: Board) -> list[LedPattern]:
+    """The patterns that the LEDs have shown, in their order, without the busy one: it may be too short to be seen."""
+    steady: list[LedPattern] = []
+    for _, pattern in board.led_panel.history:
+        if pattern is not LedPattern.BUSY and pattern not in steady[-1:]:
+            steady.append(pattern)
+    return steady

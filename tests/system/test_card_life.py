@@ -1,0 +1,283 @@
+"""The card's life: put in, made ready, mounted, given back; with the button, on foreign cards and at start."""
+
+import time
+
+import pytest
+
+from board import MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State, Transition
+from board.names import CARD_DEVICE, FORMAT_SCRIPT
+from steps import (START_RECORDS, eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card,
+                   take_out)
+
+MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
+E2FSCK = "/usr/sbin/e2fsck"
+COARSE = 0.05  # of its time, by which a timer of the service may be early
+
+
+def published(board):
+    """What clients of the bus can read of the card."""
+    properties = board.bus.properties()
+    return State(properties["State"]), Transition(properties["Transition"]), properties["IsMounted"]
+
+
+def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
+    board.replace_tool(E2FSCK, 'sleep 1; exec "$ORIGINAL" "$@"')
+    board.start_service()
+    board.expect_leds(LedPattern.OFF)
+    assert published(board) == (State.NO_CARD, Transition.NONE, False)
+
+    card = Card.as_bought()
+    board.insert(card)
+    assert published(board) == (State.NO_CARD, Transition.NONE, False)
+    board.expect_state(State.MOUNTING)
+    board.expect_leds(LedPattern.BUSY)
+    assert published(board) == (State.MOUNTING, Transition.CARD_INSERTED, False)
+
+    board.expect_signal("CardMounted", within=30)
+    board.expect_leds(LedPattern.MOUNTED)
+    assert published(board) == (State.MOUNTED, Transition.CARD_INSERTED, True)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert sorted(board.run("ls", MOUNT_POINT).stdout.split()) == ["archive", "csv", "export", "logger", "lost+found"]
+
+    held = board.hold_file_open()
+    press_until_eject(board)
+    board.expect_leds(LedPattern.BUSY)
+    assert published(board) == (State.CLOSING_FILES, Transition.EJECT_REQUESTED, True)
+
+    held.stop()
+    board.expect_signal("CardUnmounted")
+    board.expect_leds(LedPattern.UNMOUNTED)
+    assert published(board) == (State.UNMOUNTED, Transition.FILES_CLOSED, False)
+    assert not board.exists(MOUNT_POINT)
+    assert card.is_clean(), card.check().stdout
+
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    board.expect_leds(LedPattern.OFF)
+    assert published(board) == (State.NO_CARD, Transition.CARD_REMOVED, False)
+
+    assert board.stop_service() == 0
+    assert [(signal.name, *signal.arguments) for signal in board.signals] == [
+        ("MemStateChanged", 1), ("CardInserted",),
+        ("MemStateChanged", 3), ("MemLevelChanged", 1), ("CardMounted",),
+        ("EjectPressed",),
+        ("CardUnmounted",), ("MemLevelChanged", 0), ("MemStateChanged", 1), ("CardRemoved",)]
+    assert [pattern for _, pattern in board.led_panel.history] == [
+        LedPattern.OFF, LedPattern.BUSY, LedPattern.MOUNTED, LedPattern.BUSY, LedPattern.UNMOUNTED, LedPattern.OFF]
+    assert messages(board)[1:] == [
+        *START_RECORDS,
+        "New SD Card detected", f"Executing '{FORMAT_SCRIPT}'...",
+        "Making an ext4 file system on /dev/mmcblk0 (64 MiB)", "SD Card Linux Ext4 format was new initialized",
+        f"Logger directory is '{MOUNT_POINT}/logger'",
+        "Eject button timer started", "SD Card is successfully mounted",
+        "SD Card eject trigger received",
+        f"Processes with open files on {MOUNT_POINT}:", f"{held.pid}: 'python3'",
+        "Number of processes with open files: 1",
+        "SD Card is successfully unmounted",
+        "Terminating sdcardd with exit code 0"]
+
+
+def test_the_file_system_is_mounted_and_unmounted_by_these_system_calls(board):
+    service = board.start_service()
+    trace = board.start("strace", "-f", "-qq", "-s", "200", "-e", "trace=mount,umount2", "-p", str(service.pid))
+    board.expect("the trace", lambda: board.run("grep", "TracerPid:\t0", f"/proc/{service.pid}/status").returncode)
+    board.insert(Card.formatted())
+    expect_mounted(board)
+    eject(board)
+    trace.stop()
+    calls = [line[line.index("] ") + 2:] if line.startswith("[pid") else line for line in trace.errors.splitlines()
+             if "mount" in line]
+    assert calls == [
+        f'mount("{PARTITION_DEVICE}", "{MOUNT_POINT}", "ext4", MS_NOATIME, "{MOUNT_OPTIONS}") = 0',
+        f'umount2("{MOUNT_POINT}", 0) = 0']
+
+
+def test_a_mounted_card_journals_its_data(board):
+    start_with_mounted_card(board)
+    device, mount_point, kind, options = board.mounts()[0].split()[:4]
+    assert (device, mount_point, kind) == (PARTITION_DEVICE, MOUNT_POINT, "ext4")
+    assert {"rw", "noatime", "nodelalloc", "data=journal"} <= set(options.split(","))
+
+
+def test_two_cards_one_after_the_other_are_both_mounted(board):
+    first, second = Card.formatted(), Card.formatted()
+    start_with_mounted_card(board, first)
+    board.write_file(f"{MOUNT_POINT}/first", "")
+    eject(board)
+    take_out(board)
+    board.insert(second)
+    expect_mounted(board)
+    assert not board.exists(f"{MOUNT_POINT}/first")
+    board.write_file(f"{MOUNT_POINT}/second", "")
+    eject(board)
+    assert "first" in first.list_files() and "second" not in first.list_files()
+    assert "second" in second.list_files()
+
+
+def test_a_card_in_the_slot_at_start_is_mounted_without_being_announced(board):
+    start_with_mounted_card(board)
+    board.expect_record("INFO", "sdcard", "SD Card is already present", source="sdcard")
+    assert signal_names(board) == ["MemStateChanged", "MemStateChanged", "MemLevelChanged", "CardMounted"]
+    assert board.transition is Transition.CARD_INSERTED
+
+
+def test_a_device_without_a_button_mounts_its_card_too(make_board, program):
+    board = make_board(program=program, eject_button=False)
+    start_with_mounted_card(board)
+    board.expect_record("INFO", "sdcard", "No eject button detected", source="sdcard")
+    board.expect_no_record("Eject button timer started")
+
+
+def test_a_device_without_leds_does_everything_else(make_board, program):
+    board = make_board(program=program, leds=False)
+    card = start_with_mounted_card(board)
+    press_until_eject(board)
+    board.expect_state(State.UNMOUNTED)
+    assert card.is_clean()
+    assert messages(board, "ERROR") == []
+
+
+def test_a_button_held_for_less_than_five_seconds_does_nothing(board):
+    start_with_mounted_card(board)
+    for _ in range(2):
+        board.hold_eject_button(4.2)
+        board.expect_state_for(State.MOUNTED, 0.6)
+    board.expect_no_signal("EjectPressed")
+    assert board.transition is Transition.CARD_INSERTED
+
+
+def test_a_button_held_on_after_the_eject_does_not_eject_twice(board):
+    start_with_mounted_card(board)
+    board.press_eject_button()
+    board.expect_state(State.UNMOUNTED)
+    time.sleep(5.5)
+    board.release_eject_button()
+    assert signal_names(board).count("EjectPressed") == 1
+    assert board.state is State.UNMOUNTED
+
+
+def test_an_unreadable_level_of_the_button_counts_neither_as_pressed_nor_as_released(board):
+    start_with_mounted_card(board)
+    board.press_eject_button()
+    time.sleep(2.6)
+    board.write_file("/opt/tavo/tavodev/mmc1_eject/value", "unknown\n")
+    board.expect_state_for(State.MOUNTED, 4)
+    board.write_file("/opt/tavo/tavodev/mmc1_eject/value", "1\n")
+    pressed = time.monotonic()
+    board.expect_signal("EjectPressed", within=4)
+    assert 1 < time.monotonic() - pressed < 3.6
+
+
+def test_a_card_taken_out_within_a_second_is_never_mounted(board):
+    board.start_service()
+    board.insert(Card.formatted(), announce=False)
+    board.bus.announce_insertion()
+    board.expect_state_for(State.NO_CARD, 0.5)
+    board.bus.announce_removal()
+    board.expect_state_for(State.NO_CARD, 1.5)
+    assert board.transition is Transition.CARD_REMOVED
+    assert messages(board)[1:] == START_RECORDS
+    assert signal_names(board) == ["MemStateChanged", "CardInserted", "CardRemoved"]
+
+
+def test_each_insertion_starts_the_delay_of_a_second_anew(board):
+    board.start_service()
+    board.insert(Card.formatted(), announce=False)
+    for _ in range(4):
+        board.bus.announce_insertion()
+        last = time.monotonic()
+        time.sleep(0.6)
+    assert board.state is State.NO_CARD
+    mounted = board.expect_signal("CardMounted").time
+    assert mounted - last >= 1 - COARSE
+
+
+def test_a_second_insertion_while_mounted_changes_nothing(board):
+    start_with_mounted_card(board)
+    records = len(board.records)
+    board.bus.announce_insertion()
+    board.expect_state_for(State.MOUNTED, 1.5)
+    assert board.transition is Transition.CARD_INSERTED
+    assert len(board.records) == records
+
+
+def test_an_insertion_while_the_system_reboots_is_only_noted(board):
+    board.set_runlevel(6)
+    board.start_service()
+    board.insert(Card.formatted())
+    board.expect_record("ERROR", "sdcard", "Ignoring SD Card insert event because of System is rebooting",
+                        source="sdcard")
+    expect_mounted(board)
+    assert board.transition is Transition.NONE
+
+
+def test_a_card_with_two_partitions_is_made_ready(board):
+    card = Card.two_partitions()
+    start_with_mounted_card(board, card)
+    assert "New SD Card detected" in messages(board)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+
+
+@pytest.mark.parametrize("fresh, pause", [(True, 0.2), (False, 3.2)], ids=["an echo", "the user"])
+def test_only_within_three_seconds_of_a_format_a_removal_is_an_echo(board, fresh, pause):
+    card = Card.as_bought()
+    start_with_mounted_card(board, card)
+    time.sleep(pause)
+    board.bus.announce_removal()
+    board.expect_state(State.NO_CARD)
+    assert (board.transition is Transition.CARD_INSERTED) == fresh
+    assert (board.mounts() != []) == fresh
+    assert ("Force unmount device (if not already)" in messages(board)) != fresh
+    board.bus.announce_removal()
+    board.expect("the card is unmounted", lambda: board.mounts() == [])
+    board.expect_transition(Transition.CARD_REMOVED)
+    assert card.is_clean()
+
+
+def test_an_insertion_after_the_echo_of_a_format_finds_the_card_still_mounted(board):
+    start_with_mounted_card(board, Card.as_bought())
+    board.bus.announce_removal()
+    board.expect_state(State.NO_CARD)
+    before = len(board.records)
+    board.bus.announce_insertion()
+    expect_mounted(board)
+    assert [record.message for record in board.records[before:]] == [
+        "Eject button timer started", "SD Card is successfully mounted"]
+    eject(board)
+
+
+@pytest.mark.parametrize("make", [Card.blank, Card.with_empty_table])
+def test_a_card_without_a_partition_cannot_be_mounted(board, make):
+    board.start_service()
+    board.insert(make())
+    board.expect_state(State.NOT_MOUNTABLE)
+    assert messages(board, "ERROR", "St:Mounting") == [
+        f"FDisk: Unable to get device path '{PARTITION_DEVICE}'", "SD Card MMC formatting failed (exit code: -1)"]
+    take_out(board)
+    assert board.stop_service() == 0
+
+
+def test_a_card_whose_partition_table_cannot_be_read_cannot_be_mounted(board):
+    board.replace_tool(FORMAT_SCRIPT)
+    board.start_service()
+    board.insert(Card.formatted(), announce=False)
+    board.run("dd", "if=/dev/zero", f"of={CARD_DEVICE}", "count=1", check=True)
+    board.bus.announce_insertion()
+    board.expect_signal("CardNotMountable")
+    board.expect_leds(LedPattern.NOT_MOUNTABLE)
+    assert published(board) == (State.NOT_MOUNTABLE, Transition.CARD_INSERTED, False)
+    assert messages(board, "ERROR", "St:Mounting") == [
+        f"FDisk: Failed to read partition table of device '{CARD_DEVICE}'",
+        "SD Card MMC formatting failed (exit code: -2)"]
+    assert board.tool_calls("tavo-create-sdcardFS.sh") == []
+    assert board.call("tavo.SDCard1", "RefreshMemState") == 2
+
+
+def test_a_card_that_cannot_be_opened_cannot_be_mounted(board):
+    board.start_service()
+    board.insert(Card.formatted(), announce=False)
+    board.remove_file(CARD_DEVICE)
+    board.bus.announce_insertion()
+    board.expect_state(State.NOT_MOUNTABLE)
+    assert messages(board, "ERROR", "St:Mounting") == [
+        f"FDisk: Unable to open '{CARD_DEVICE}'", "SD Card MMC formatting failed (exit code: -1)"]

@@ -1,0 +1,205 @@
+"""Start-up: the command line, the files that are looked for, and every way in which it fails."""
+
+import re
+
+import pytest
+
+from board import State
+from board.log_records import TRACKING_CONFIGURATION_TEXT, parse_records
+from board.names import LOG_FILE, MEDIA_CONFIGURATION, SERVICE_NAME, TRACKING_CONFIGURATION
+from steps import messages
+
+TRACKING_NAME = "tavo-sdcard.trackconfig.xml"
+NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"}
+STARTING = re.compile(r"Starting \(Version 2\.9\.851 by yocto, Build "
+                      r"(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]\d \d{4} \d\d:\d\d:\d\d\)")
+TERMINATING = "Terminating sdcardd with exit code "
+
+
+def assert_fails(board, errors, *options, **arguments):
+    """The service ends at once with status 1 and exactly these words on standard error."""
+    service = board.start_service(*options, **arguments)
+    assert service.wait() == 1
+    assert (service.output, service.errors) == ("", errors)
+
+
+@pytest.mark.parametrize("option", ["--version", "-v"])
+def test_the_version_is_printed(board, option):
+    service = board.start_service(option)
+    assert service.wait() == 0
+    assert (service.output, service.errors) == ("sdcardd 2.9.851 by yocto\n", "")
+    assert board.records == []
+
+
+@pytest.mark.parametrize("option", ["--help", "-h"])
+def test_the_help_names_the_purpose_and_all_options(board, option):
+    service = board.start_service(option)
+    assert service.wait() == 0
+    assert service.errors == ""
+    lines = service.output.splitlines()
+    assert lines[1] == "Service to mount/unmount SD Card and handle events."
+    described = [tuple(re.split(r"\s{2,}", line.strip())) for line in lines if line.startswith("  -")]
+    assert [names for names, _ in described if "Qt" not in _] == [
+        "-h, --help", "-v, --version", "--track <filename>", "--config <filename>"]
+    assert ("--track <filename>", "track configuration file") in described
+    assert ("--config <filename>", "media configuration file") in described
+
+
+def test_an_unknown_option_ends_the_service_with_status_1(board):
+    assert_fails(board, "sdcardd: Unknown option 'eject'.\n", "--eject")
+
+
+def test_a_tracking_file_that_is_named_but_missing_is_not_replaced_by_the_default_one(board):
+    assert_fails(board, "Specified configuration file not found: /nowhere/track.xml\n",
+                 "--track", "/nowhere/track.xml")
+    assert board.records == []
+
+
+def test_every_search_directory_is_named_once_when_no_tracking_file_exists(make_board, program):
+    board = make_board(program=program, track_config=None)
+    assert_fails(board, "Configuration file not found: tavo-sdcard.trackconfig.xml\n"
+                        "Add it to one of these directories:\n"
+                        "  /etc/tavo\n"
+                        "  /opt/tavo/share/tavo-core/defaults\n"
+                        "  /usr/sbin\n"
+                        "  /root/.config\n"
+                        "  /etc/xdg\n"
+                        "or specify file with command line argument: track\n",
+                 environment={"HOME": "/root", "XDG_CONFIG_DIRS": "/etc/tavo:/etc/xdg:/usr/sbin"})
+
+
+def test_the_tracking_file_of_the_first_search_directory_is_used(make_board, program):
+    directories = ["/etc/tavo", "/opt/tavo/share/tavo-core/defaults", "/usr/sbin", "/root/.config", "/etc/xdg"]
+    board = make_board(program=program, track_config=None)
+    for number, directory in enumerate(directories):
+        board.write_file(f"{directory}/{TRACKING_NAME}",
+                         TRACKING_CONFIGURATION_TEXT.replace(LOG_FILE, f"{LOG_FILE}-{number}"))
+    for number, directory in enumerate(directories):
+        board.start_service("--config", "/nowhere", environment={"HOME": "/root"}).wait()
+        assert [record.message for record in parse_records(board.read_file(f"{LOG_FILE}-{number}"))][-1:] == [
+            TERMINATING + "1"], directory
+        board.remove_file(f"{directory}/{TRACKING_NAME}")
+
+
+def test_a_tracking_file_that_is_named_is_used_in_place_of_the_default_one(board):
+    other = LOG_FILE + "-other"
+    board.write_file("/etc/other.xml", TRACKING_CONFIGURATION_TEXT.replace(LOG_FILE, other))
+    board.start_service("--track", "/etc/other.xml")
+    board.stop_service()
+    assert board.records == []
+    assert parse_records(board.read_file(other))[-1].message == TERMINATING + "0"
+
+
+def test_an_unusable_tracking_file_leaves_the_service_running_with_its_records_on_standard_error(make_board, program):
+    board = make_board(program=program, track_config="<log4j:configuration")
+    service = board.start_service()
+    board.expect_state(State.NO_CARD)
+    assert board.stop_service() == 0
+    assert "Checking hardware..." in service.errors
+    complaints = [line for line in service.errors.splitlines() if TRACKING_CONFIGURATION in line]
+    assert len(complaints) == 1, service.errors
+
+
+def test_a_run_begins_and_ends_with_a_record(board):
+    board.start_service()
+    board.expect_state(State.NO_CARD)
+    assert board.stop_service() == 0
+    records = board.records
+    assert STARTING.fullmatch(records[0].message)
+    assert [record.message for record in records[1:]] == [
+        "Configuration successfully parsed", "Checking hardware...", TERMINATING + "0"]
+    assert [(record.level, record.channel, record.source) for record in (records[0], records[-1])] == [
+        ("INFO", "sdcard", "main")] * 2
+
+
+def test_a_media_configuration_that_is_named_but_missing_ends_the_service_before_it_looks_for_the_bus(board):
+    assert_fails(board, "Abort. Media configuration file '/nowhere/config.xml' not found\n",
+                 "--config", "/nowhere/config.xml", environment=NO_BUS)
+    starting, ending = board.records
+    assert STARTING.fullmatch(starting.message)
+    assert (ending.level, ending.channel, ending.message) == ("INFO", "sdcard", TERMINATING + "1")
+
+
+def test_a_media_configuration_that_is_named_is_used_in_place_of_the_default_one(board):
+    board.write_file("/etc/other.xml", '<sdcard mountpoint="/media/other"/>')
+    board.start_service("--config", "/etc/other.xml")
+    assert board.property("MountPoint") == "/media/other"
+    assert board.stop_service() == 0
+
+
+@pytest.mark.parametrize("text, complaint", [
+    ("<sdcard><dir>logs</dir></sdcard>",
+     "Parsing errror: Attribute 'size' of node 'dir' not found in file '/etc/tavo/tavo-sdcard.config.xml'"),
+    ("<sdcard><folder/></sdcard>",
+     "Parsing errror: Unsupported node 'folder' found in file '/etc/tavo/tavo-sdcard.config.xml'"),
+])
+def test_a_faulty_media_configuration_ends_the_service(make_board, program, text, complaint):
+    board = make_board(program=program, media_config=text)
+    assert_fails(board, "")
+    assert [(record.level, record.channel, record.message) for record in board.records[1:]] == [
+        ("ERROR", "config", complaint),
+        ("ERROR", "config", "Could not parse child nodes in file '/etc/tavo/tavo-sdcard.config.xml'"),
+        ("ERROR", "sdcard", "Could not setup configuration handler"),
+        ("INFO", "sdcard", TERMINATING + "1")]
+
+
+@pytest.mark.parametrize("text", [None, "", "<sdcard>", "<other/>"], ids=["missing", "empty", "unclosed", "other root"])
+def test_a_media_configuration_that_cannot_be_parsed_ends_the_service(board, text):
+    if text is None:
+        board.remove_file(MEDIA_CONFIGURATION)
+    else:
+        board.write_file(MEDIA_CONFIGURATION, text)
+    assert_fails(board, "")
+    complaint, *rest = board.records[1:]
+    assert (complaint.level, complaint.channel) == ("ERROR", "config")
+    assert re.fullmatch(r"Could not parse file : /etc/tavo/tavo-sdcard\.config\.xml \S.*", complaint.message)
+    assert [record.message for record in rest] == ["Could not setup configuration handler", TERMINATING + "1"]
+
+
+def test_a_missing_bus_ends_the_service(board):
+    assert_fails(board, "", environment=NO_BUS)
+    assert [(record.level, record.channel, record.message) for record in board.records[-2:]] == [
+        ("FATAL", "sdcard", "Cannot connect to the D-Bus system bus"),
+        ("INFO", "sdcard", TERMINATING + "1")]
+
+
+def test_a_second_service_ends_and_leaves_the_first_one_alone(board):
+    board.start_service()
+    board.expect_state(State.NO_CARD)
+    before = len(board.records)
+    second = board.start("/usr/sbin/sdcardd")
+    assert second.wait() == 1
+    assert (second.output, second.errors) == ("", "")
+    records = board.records[before:]
+    assert [(record.level, record.channel) for record in records[-3:]] == [
+        ("ERROR", "sdcard"), ("ERROR", "sdcard"), ("INFO", "sdcard")]
+    refused, failed, ending = [record.message for record in records[-3:]]
+    assert refused == "Connect to dbus failed"
+    assert failed.startswith("Could not start D-Bus service: ")
+    assert ending == TERMINATING + "1"
+    assert board.state is State.NO_CARD
+    assert board.stop_service() == 0
+
+
+def test_the_bus_knows_the_name_only_while_the_service_runs(board):
+    board.start_service()
+    names = board.run("busctl", "--system", "list", "--acquired", "--no-legend").stdout
+    assert SERVICE_NAME in names
+    board.stop_service()
+    assert not board.bus.has_service()
+
+
+def test_the_device_managers_logger_is_told_to_go_on(board):
+    # The kernel's own /proc has no such file: the service gets one of its own for this.
+    board.write_file("/run/device/tavo-logger/suspendudev", "1")
+    result = board.run("unshare", "--mount", "sh", "-c",
+                       "mount --bind /run/device /proc && exec /usr/sbin/sdcardd --config /nowhere")
+    assert result.returncode == 1
+    assert board.read_file("/run/device/tavo-logger/suspendudev") == "0"
+
+
+def test_a_device_without_that_logger_is_not_mentioned(board):
+    board.start_service()
+    board.stop_service()
+    assert not any("suspendudev" in message for message in messages(board))
+    assert board.service.errors == ""

@@ -1,0 +1,251 @@
+"""Ending the service: SIGTERM and SIGHUP in every phase of the card's life."""
+
+import signal
+import time
+
+import pytest
+
+from board import MOUNT_POINT, Card, LedPattern, State, Transition
+from steps import eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card
+
+E2FSCK = "/usr/sbin/e2fsck"
+LSOF = "/usr/sbin/lsof"
+JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
+both_signals = pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP], ids=["SIGTERM", "SIGHUP"])
+
+
+@both_signals
+def test_the_service_ends_at_once_without_a_card(board, number):
+    board.start_service()
+    board.expect_state(State.NO_CARD)
+    assert board.stop_service(number, within=2) == 0
+    assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
+
+
+@both_signals
+def test_the_service_unmounts_the_card_before_it_ends(board, number):
+    card = start_with_mounted_card(board)
+    signals = len(board.signals)
+    assert board.stop_service(number, within=5) == 0
+    board.expect_signal("MemStateChanged", 1, after=signals)
+    assert signal_names(board, signals) == ["EjectPressed", "CardUnmounted", "MemLevelChanged", "MemStateChanged"]
+    assert card.is_clean(), card.check().stdout
+    assert messages(board)[-3:] == ["Number of processes with open files: 0", "SD Card is successfully unmounted",
+                                    "Terminating sdcardd with exit code 0"]
+    board.expect_leds(LedPattern.OFF)
+
+
+@both_signals
+def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number):
+    card = start_with_mounted_card(board)
+    held = board.hold_file_open()
+    board.service.send_signal(number)
+    board.expect_state(State.CLOSING_FILES)
+    board.expect_leds(LedPattern.BUSY)
+    board.expect_state_for(State.CLOSING_FILES, 3)
+    assert held.running
+    held.stop()
+    board.expect_service_end(0, within=3)
+    assert card.is_clean()
+    assert "Shutdown softly" not in "".join(messages(board))
+
+
+def expect_40_seconds_of_closing(board):
+    """Asks the service to end, and watches it wait for open files as long as it may."""
+    board.service.send_signal(signal.SIGTERM)
+    board.expect_state(State.CLOSING_FILES)
+    began = time.monotonic()
+    board.expect_state_for(State.CLOSING_FILES, 36)
+    return began
+
+
+@pytest.mark.lasts(48)
+def test_a_program_that_will_not_let_go_is_asked_to_end(board):
+    card = start_with_mounted_card(board)
+    held = board.hold_file_open()
+    began = expect_40_seconds_of_closing(board)
+    assert held.running
+    board.expect_service_end(0, within=10)
+    assert 38 < time.monotonic() - began < 45
+    assert held.wait() == -signal.SIGTERM
+    assert card.is_clean(), card.check().stdout
+    assert messages(board)[-7:] == [
+        f"Processes with open files on {MOUNT_POINT}:", f"{held.pid}: 'python3'", f" - open file: {MOUNT_POINT}/held",
+        "Number of processes with open files: 1", f"Shutdown softly process {held.pid} !",
+        "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
+    board.expect_record("WARN", "sdcard", f"Shutdown softly process {held.pid} !", source="sdcard",
+                        function="Sdcard::terminateProcesses")
+    board.expect_signal("CardUnmounted")
+
+
+@pytest.mark.lasts(52)
+@pytest.mark.leaves_card_mounted
+def test_a_program_that_ignores_the_request_keeps_the_card_mounted_when_the_service_ends(board):
+    start_with_mounted_card(board)
+    held = board.hold_file_open(ignore_sigterm=True)
+    began = expect_40_seconds_of_closing(board)
+    board.expect_service_end(0, within=15)
+    assert 41 < time.monotonic() - began < 50
+    assert held.running
+    assert len(board.mounts()) == 1
+    assert messages(board)[-3:] == [f"Shutdown softly process {held.pid} !",
+                                    "Umount failed: error code 'Device or resource busy'",
+                                    "Terminating sdcardd with exit code 0"]
+    board.expect_no_signal("CardUnmounted")
+    board.expect_leds(LedPattern.OFF)
+
+
+@pytest.mark.lasts(48)
+@pytest.mark.leaves_card_mounted
+def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
+    card = start_with_mounted_card(board)
+    held = board.hold_file_open(ignore_sigterm=True)
+    board.set_runlevel(6)
+    expect_40_seconds_of_closing(board)
+    board.expect_service_end(0, within=10)
+    assert held.wait() == -signal.SIGKILL
+    board.expect_record("WARN", "sdcard", "System is rebooting -> shutdown processes (!)", source="sdcard")
+    assert not any("Shutdown softly" in message for message in messages(board))
+    # Nothing waits for the killed program: the unmount may come too early.
+    if "SD Card is successfully unmounted" in messages(board):
+        assert board.mounts() == []
+        assert card.is_clean()
+    else:
+        assert "Umount failed: error code 'Device or resource busy'" in messages(board)
+
+
+@pytest.mark.lasts(46)
+def test_an_unmountable_card_is_unmounted_by_force_once_lsof_is_missing(board):
+    card = start_with_mounted_card(board)
+    board.remove_tool(LSOF)
+    expect_40_seconds_of_closing(board)
+    board.expect_service_end(0, within=10)
+    assert messages(board, "ERROR")[-1] == "Invoke of 'lsof' utility failed with exit code -1"
+    assert "SD Card is successfully unmounted" in messages(board)
+    assert card.is_clean()
+
+
+@pytest.mark.parametrize("run_level, record", [
+    (5, "Kill softly failed: No such process"), (6, "Kill hardly failed: No such process")])
+@pytest.mark.leaves_card_mounted
+def test_a_program_that_is_gone_before_the_signal_is_noted(board, run_level, record):
+    start_with_mounted_card(board)
+    # Nothing holds a file, but the card cannot be unmounted: the forced path follows at once.
+    board.run("mount", "-t", "tmpfs", "inside", f"{MOUNT_POINT}/export", check=True)
+    board.set_runlevel(run_level)
+    board.replace_tool(LSOF, "[ ! -e /run/board/asked ] || echo 4194305\n: >/run/board/asked")
+    assert board.stop_service(within=15) == 0
+    board.expect_record("ERROR", "sdcard", record, source="sdcard")
+    assert messages(board, "ERROR").count("Umount failed: error code 'Device or resource busy'") == 2
+
+
+@pytest.mark.leaves_card_mounted
+def test_the_service_ends_even_when_the_card_cannot_be_unmounted(board):
+    start_with_mounted_card(board)
+    board.run("mount", "-t", "tmpfs", "inside", f"{MOUNT_POINT}/export", check=True)
+    assert board.stop_service(within=10) == 0
+    assert messages(board, "ERROR") == ["Umount failed: error code 'Device or resource busy'"] * 2
+    board.expect_no_signal("CardUnmounted")
+    assert len(board.mounts()) == 2
+
+
+@both_signals
+def test_a_signal_while_mounting_takes_effect_when_the_card_is_mounted(board, number):
+    board.replace_tool(E2FSCK, 'sleep 3; exec "$ORIGINAL" "$@"')
+    card = Card.formatted()
+    board.insert(card)
+    board.start_service()
+    board.expect_state(State.MOUNTING)
+    board.service.send_signal(number)
+    board.expect_state_for(State.MOUNTING, 1.5)
+    board.expect_service_end(0, within=10)
+    assert messages(board)[-4:] == ["SD Card is successfully mounted", "Number of processes with open files: 0",
+                                    "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
+    assert card.is_clean()
+
+
+def test_a_signal_while_a_script_prepares_the_card_takes_effect_afterwards(board):
+    board.write_file(f"{JOBS}/10-slow", "#!/bin/sh\n: >/run/board/started\nsleep 2\n: >/run/board/ended\n", 0o755)
+    card = Card.formatted()
+    board.insert(card)
+    board.start_service()
+    board.expect("the script runs", lambda: board.exists("/run/board/started"))
+    assert board.stop_service(within=10) == 0
+    assert board.exists("/run/board/ended")
+    assert card.is_clean()
+
+
+def test_a_signal_while_a_card_is_formatted_lets_the_format_be_finished(board):
+    board.replace_tool("/usr/sbin/mke2fs", 'sleep 1; exec "$ORIGINAL" "$@"')
+    card = Card.as_bought()
+    board.insert(card)
+    board.start_service()
+    board.expect("mke2fs runs", lambda: board.tool_calls("mke2fs") != [])
+    assert board.stop_service(within=15) == 0
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert card.is_clean()
+
+
+@both_signals
+def test_the_service_ends_at_once_with_a_card_that_cannot_be_mounted(board, number):
+    board.start_service()
+    board.insert(Card.blank())
+    board.expect_leds(LedPattern.NOT_MOUNTABLE)
+    assert board.stop_service(number, within=2) == 0
+    board.expect_leds(LedPattern.OFF)
+
+
+@both_signals
+def test_the_service_ends_at_once_with_an_ejected_card(board, number):
+    start_with_mounted_card(board)
+    eject(board)
+    assert board.stop_service(number, within=2) == 0
+    board.expect_leds(LedPattern.OFF)
+
+
+def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(board):
+    card = start_with_mounted_card(board)
+    held = board.hold_file_open()
+    press_until_eject(board)
+    board.expect_state(State.CLOSING_FILES)
+    board.service.send_signal(signal.SIGTERM)
+    board.expect_state_for(State.CLOSING_FILES, 1.5)
+    held.stop()
+    board.expect_service_end(0, within=3)
+    board.expect_signal("CardUnmounted")
+    assert card.is_clean()
+
+
+def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
+    start_with_mounted_card(board)
+    held = board.hold_file_open()
+    board.service.send_signal(signal.SIGTERM)
+    board.expect_state(State.CLOSING_FILES)
+    held.stop(signal.SIGKILL)
+    board.pull()
+    board.expect_service_end(0, within=5)
+
+
+def test_a_second_signal_changes_nothing(board):
+    card = start_with_mounted_card(board)
+    held = board.hold_file_open()
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGTERM):
+        board.service.send_signal(number)
+    board.expect_state(State.CLOSING_FILES)
+    board.expect_state_for(State.CLOSING_FILES, 1)
+    held.stop()
+    board.expect_service_end(0, within=3)
+    assert signal_names(board).count("EjectPressed") == 1
+    assert card.is_clean()
+
+
+def test_a_service_that_was_started_again_goes_on_with_the_same_card(board):
+    card = start_with_mounted_card(board)
+    board.write_file(f"{MOUNT_POINT}/export/kept", "kept\n")
+    assert board.stop_service() == 0
+    board.start_service()
+    expect_mounted(board)
+    assert board.read_file(f"{MOUNT_POINT}/export/kept") == "kept\n"
+    assert board.transition is Transition.CARD_INSERTED
+    assert board.stop_service() == 0
+    assert card.is_clean()
