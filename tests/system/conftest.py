@@ -85,7 +85,7 @@ def problems_at_the_end(board: VirtualBoard, may_stay: bool) -> list[str]:
         return []
     problems = board.leftovers()
     card = board.card
-    if not problems and card is not None and "83" in [partition.kind for partition in card.partitions()]:
+    if not problems and card is not None and [partition.kind for partition in card.partitions()] == ["83"]:
         check = board.fsck(card)
         if not card.is_clean():
             problems.append(f"the card is not clean: {check.stdout}{check.stderr}")

@@ -273,11 +273,12 @@ def test_a_card_whose_partition_table_cannot_be_read_cannot_be_mounted(board):
     assert board.call("tavo.SDCard1", "RefreshMemState") == 2
 
 
-def test_a_card_that_cannot_be_opened_cannot_be_mounted(board):
+def test_a_card_that_cannot_be_opened_cannot_be_mounted(make_board, program):
+    board = make_board(program=program, media_config='<sdcard devicepath="/run/nodes/mmcblk0p1"/>')
+    board.run("mkdir", "/run/nodes", check=True)
+    board.run("ln", "-s", PARTITION_DEVICE, "/run/nodes", check=True)
+    board.insert(Card.formatted())
     board.start_service()
-    board.insert(Card.formatted(), announce=False)
-    board.remove_file(CARD_DEVICE)
-    board.bus.announce_insertion()
     board.expect_state(State.NOT_MOUNTABLE)
     assert messages(board, "ERROR", "St:Mounting") == [
-        f"FDisk: Unable to open '{CARD_DEVICE}'", "SD Card MMC formatting failed (exit code: -1)"]
+        "FDisk: Unable to open '/run/nodes/mmcblk0'", "SD Card MMC formatting failed (exit code: -1)"]
