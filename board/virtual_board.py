@@ -1,6 +1,7 @@
 """A board on this machine's own kernel, in namespaces of its own."""
 
 import os
+import weakref
 from pathlib import Path
 
 from .board import Board
@@ -54,6 +55,8 @@ class VirtualBoard(Board):
         self._machine: VirtualMachine | None = VirtualMachine(
             SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
         self.namespace = self._machine.namespace
+        # Held open so that no other board gets this one's number while its remains may be looked for.
+        weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         try:
             self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
