@@ -1,0 +1,72 @@
+"""A mounted card's contents as the test sees them, and what the service should make of them."""
+
+import os
+from dataclasses import dataclass
+from pathlib import Path
+
+from board import MOUNT_POINT, VirtualBoard
+
+
+@dataclass(frozen=True)
+class Entry:
+    """A file, link or directory: path below the scanned one, size in bytes, change time in ns."""
+
+    path: bytes
+    size: int
+    changed: int
+    is_directory: bool
+
+
+class Contents:
+    """The card of a board, through the board's own eyes but with the test's own calls."""
+
+    def __init__(self, board: VirtualBoard) -> None:
+        self.root = Path(f"/proc/{board.host_pid}/root{MOUNT_POINT}")
+
+    def path(self, name: str | bytes) -> bytes:
+        """Where something on the card is found from here."""
+        return os.path.join(os.fsencode(self.root), os.fsencode(name))
+
+    def file_system(self) -> os.statvfs_result:
+        """The card's size and use."""
+        return os.statvfs(self.root)
+
+    def fill(self, name: str | bytes, size: int) -> None:
+        """Writes a file of zeros that takes its room on the card."""
+        with open(self.path(name), "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, size)
+
+    def write(self, name: str | bytes, size: int = 0) -> None:
+        """Makes a file of so many bytes, which are all holes, with its directories."""
+        path = self.path(name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            os.truncate(file.fileno(), size)
+
+    def entries(self, directory: str | bytes) -> list[Entry]:
+        """Everything below a directory, and the directory itself with an empty path."""
+        top = self.path(directory)
+        found = [self._entry(top, b"")]
+        pending = [b""]
+        while pending:
+            inner = pending.pop()
+            for name in os.listdir(os.path.join(top, inner)):
+                entry = self._entry(top, os.path.join(inner, name))
+                found.append(entry)
+                if entry.is_directory:
+                    pending.append(entry.path)
+        return found
+
+    def files(self, directory: str | bytes) -> dict[bytes, Entry]:
+        """Everything below a directory that is no directory, by its path."""
+        return {entry.path: entry for entry in self.entries(directory) if not entry.is_directory}
+
+    def used(self, directory: str | bytes) -> int:
+        """The bytes that a directory is charged with: its own and those of all that is in it."""
+        return sum(entry.size for entry in self.entries(directory))
+
+    @staticmethod
+    def _entry(top: bytes, path: bytes) -> Entry:
+        status = os.lstat(os.path.join(top, path) if path else top)
+        return Entry(path, status.st_size, status.st_ctime_ns, os.path.isdir(os.path.join(top, path))
+                     and not os.path.islink(os.path.join(top, path)))
