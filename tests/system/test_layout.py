@@ -1,0 +1,289 @@
+"""The card's layout: directories with their owners and modes, links, and cards that hold something else there."""
+
+import os
+import stat
+
+import pytest
+
+from board import MOUNT_POINT, Card
+from contents import Contents
+from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
+
+WARNING = "Cannot apply sdcard layout"
+CONFIGURATION = """
+<sdcard>
+  <dir size="50" mode="0750" owner="daemon:adm">logs
+    <dir size="20" mode="0711" owner="nobody">old</dir>
+    <symlink target="old">last</symlink>
+  </dir>
+  <dir size="10">data</dir>
+  <symlink target="/var/elsewhere">elsewhere</symlink>
+  <symlink target="../sdcard/data">around</symlink>
+</sdcard>
+"""
+
+
+@pytest.fixture
+def board(make_board, program):
+    """A board with a layout of directories in directories, owners and links."""
+    return make_board(program=program, media_config=CONFIGURATION)
+
+
+@pytest.fixture
+def content(tmp_path):
+    """What is on the card before the service sees it."""
+    return tmp_path
+
+
+def card_with(content):
+    return Card.formatted(content=content)
+
+
+def described(contents, name):
+    """Kind, mode and owners of a directory entry, or the text of a link."""
+    path = contents.path(name)
+    status = os.lstat(path)
+    if stat.S_ISLNK(status.st_mode):
+        return os.readlink(path)
+    kind = {stat.S_IFDIR: b"directory", stat.S_IFREG: b"file"}[stat.S_IFMT(status.st_mode)].decode()
+    return kind, oct(status.st_mode & 0o7777), status.st_uid, status.st_gid
+
+
+def assert_laid_out(board):
+    daemon, adm, nobody = ids(board, "passwd", "daemon"), ids(board, "group", "adm"), ids(board, "passwd", "nobody")
+    contents = Contents(board)
+    assert described(contents, "logs") == ("directory", "0o750", daemon, adm)
+    assert described(contents, "logs/old") == ("directory", "0o711", nobody, 0)
+    assert described(contents, "data") == ("directory", "0o755", 0, 0)
+    assert described(contents, "logs/last") == b"old"
+    assert described(contents, "elsewhere") == b"/var/elsewhere"
+    assert described(contents, "around") == b"../sdcard/data"
+
+
+def ids(board, database, name):
+    return int(board.run("getent", database, name, check=True).stdout.split(":")[2])
+
+
+def layout_records(board):
+    return [(record.level, record.channel, record.source, record.message) for record in board.records
+            if record.level != "INFO"]
+
+
+def errors(*texts):
+    return [("ERROR", "config", "config", text) for text in texts]
+
+
+def warnings(*texts):
+    return [("WARN", "config", "config", text) for text in texts]
+
+
+FAILED = [("WARN", "St:Preparing", "StatePreparing", WARNING)]
+
+
+def test_an_empty_card_is_laid_out_with_owners_modes_and_links(board):
+    start_with_mounted_card(board)
+    assert_laid_out(board)
+    assert layout_records(board) == []
+    assert sorted(os.listdir(Contents(board).root)) == ["around", "data", "elsewhere", "logs", "lost+found"]
+
+
+def test_a_card_laid_out_before_is_left_as_it_is(board):
+    card = start_with_mounted_card(board)
+    before = {entry.path: entry for entry in Contents(board).entries(".")}
+    eject(board)
+    take_out(board)
+    board.insert(card)
+    expect_mounted(board)
+    assert {entry.path: entry for entry in Contents(board).entries(".")} == before
+    assert layout_records(board) == []
+
+
+def test_a_mode_that_the_creation_mask_has_narrowed_is_corrected_the_next_time(make_board, program):
+    board = make_board(program=program, media_config='<sdcard><dir size="1" mode="0777">open</dir></sdcard>')
+    card = start_with_mounted_card(board)
+    assert described(Contents(board), "open")[1] == "0o755"
+    assert layout_records(board) == []
+    eject(board)
+    take_out(board)
+    board.insert(card)
+    expect_mounted(board)
+    assert described(Contents(board), "open")[1] == "0o777"
+    assert layout_records(board) == warnings(f"Correct directory mode '0777' for '{MOUNT_POINT}/open'")
+
+
+@pytest.mark.parametrize("mode, bits", [("8", "0o0"), ("0750x", "0o750"), ("x", "0o0"), ("700", "0o700")])
+def test_a_mode_ends_at_its_first_character_that_is_not_octal(make_board, program, mode, bits):
+    board = make_board(program=program, media_config=f'<sdcard><dir size="1" mode="{mode}">odd</dir></sdcard>')
+    start_with_mounted_card(board)
+    assert described(Contents(board), "odd")[1] == bits
+
+
+@pytest.mark.parametrize("owner, user, group", [
+    ("nosuchuser", 0, 0), ("daemon:nosuchgroup", "daemon", 0), (":adm", 0, "adm"), ("nosuchuser:adm", 0, "adm"),
+    ("daemon", "daemon", 0), ("daemon:", "daemon", 0)])
+def test_an_owner_that_is_not_known_is_root(make_board, program, owner, user, group):
+    board = make_board(program=program, media_config=f'<sdcard><dir size="1" owner="{owner}">owned</dir></sdcard>')
+    start_with_mounted_card(board)
+    assert described(Contents(board), "owned")[2:] == (
+        ids(board, "passwd", user) if user else 0, ids(board, "group", group) if group else 0)
+    assert layout_records(board) == []
+
+
+def test_wrong_modes_and_owners_are_corrected(board, content):
+    (content / "logs").mkdir(mode=0o700)
+    (content / "logs/old").mkdir()
+    (content / "data").mkdir()
+    os.chmod(content / "logs/old", 0o711)
+    os.chmod(content / "data", 0o2755)
+    os.chown(content / "data", 3, 4)
+    start_with_mounted_card(board, card_with(content))
+    daemon, adm, nobody = ids(board, "passwd", "daemon"), ids(board, "group", "adm"), ids(board, "passwd", "nobody")
+    contents = Contents(board)
+    assert described(contents, "logs") == ("directory", "0o750", daemon, adm)
+    assert described(contents, "logs/old") == ("directory", "0o711", nobody, 0)
+    # Only the nine permission bits are compared; a change of owner keeps a directory's others.
+    assert described(contents, "data") == ("directory", "0o2755", 0, 0)
+    assert layout_records(board) == warnings(
+        f"Correct directory mode '0750' for '{MOUNT_POINT}/logs'",
+        f"Correct directory owner 'daemon:adm' for '{MOUNT_POINT}/logs'",
+        f"Correct directory owner 'nobody' for '{MOUNT_POINT}/logs/old'",
+        f"Correct directory owner '' for '{MOUNT_POINT}/data'")
+
+
+def test_links_with_another_target_are_replaced_and_right_ones_stay(board, content):
+    (content / "logs").mkdir()
+    (content / "logs/last").symlink_to("older")
+    (content / "elsewhere").symlink_to("/var/elsewher")
+    (content / "around").symlink_to("../sdcard/data")
+    card = card_with(content)
+    start_with_mounted_card(board, card)
+    assert_laid_out(board)
+    assert not any("symlink" in message for message in messages(board))
+
+
+def test_files_in_the_place_of_links_stay_and_are_reported(board, content):
+    (content / "logs/last").mkdir(parents=True)
+    (content / "elsewhere").write_text("mine")
+    (content / "around").write_text("")
+    start_with_mounted_card(board, card_with(content))
+    contents = Contents(board)
+    assert described(contents, "logs/last")[0] == "directory"
+    assert (contents.root / "elsewhere").read_text() == "mine"
+    assert described(contents, "around")[0] == "file"
+    assert layout_records(board)[-4:] == errors(
+        f"Cannot read target of existing symlink '{MOUNT_POINT}/logs/last' (Invalid argument)",
+        f"Cannot read target of existing symlink '{MOUNT_POINT}/elsewhere' (Invalid argument)",
+        f"Cannot read target of existing symlink '{MOUNT_POINT}/around' (Invalid argument)") + FAILED
+
+
+def test_a_file_in_the_place_of_a_directory_gets_its_mode_and_owner_and_stays_a_file(board, content):
+    (content / "logs").write_text("mine")
+    os.chmod(content / "logs", 0o644)
+    start_with_mounted_card(board, card_with(content))
+    daemon, adm = ids(board, "passwd", "daemon"), ids(board, "group", "adm")
+    contents = Contents(board)
+    assert described(contents, "logs") == ("file", "0o750", daemon, adm)
+    assert (contents.root / "logs").read_text() == "mine"
+    assert described(contents, "data")[0] == "directory"
+    assert layout_records(board) == warnings(
+        f"Correct directory mode '0750' for '{MOUNT_POINT}/logs'",
+        f"Correct directory owner 'daemon:adm' for '{MOUNT_POINT}/logs'") + errors(
+        f"Can't create directory for '{MOUNT_POINT}/logs/old' (Not a directory)",
+        f"Can't set directory owner for '{MOUNT_POINT}/logs/old' (Not a directory)",
+        f"Cannot create symlink '{MOUNT_POINT}/logs/last' (Not a directory)") + FAILED
+
+
+def test_a_link_to_nothing_in_the_place_of_a_directory_stays_and_is_reported(board, content):
+    (content / "data").symlink_to("nowhere")
+    start_with_mounted_card(board, card_with(content))
+    assert described(Contents(board), "data") == b"nowhere"
+    assert layout_records(board) == errors(
+        f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
+        f"Can't set directory owner for '{MOUNT_POINT}/data' (No such file or directory)") + FAILED
+
+
+def test_a_link_to_a_directory_in_the_place_of_a_directory_is_accepted_and_its_target_corrected(board, content):
+    (content / "elsewhere-on-the-card").mkdir(mode=0o700)
+    (content / "data").symlink_to("elsewhere-on-the-card")
+    start_with_mounted_card(board, card_with(content))
+    contents = Contents(board)
+    assert described(contents, "data") == b"elsewhere-on-the-card"
+    assert described(contents, "elsewhere-on-the-card") == ("directory", "0o755", 0, 0)
+    assert layout_records(board) == warnings(f"Correct directory mode '' for '{MOUNT_POINT}/data'")
+
+
+def test_a_link_that_leads_out_of_the_card_is_followed_for_modes_but_nothing_is_ever_removed(board, content):
+    board.run("mkdir", "-p", "-m", "0700", "/var/precious/old", check=True)
+    board.write_file("/var/precious/last", "precious")
+    (content / "logs").symlink_to("/var/precious")
+    start_with_mounted_card(board, card_with(content))
+    assert described(Contents(board), "logs") == b"/var/precious"
+    assert board.run("stat", "-c", "%a %U:%G", "/var/precious").stdout == "750 daemon:adm\n"
+    assert board.run("stat", "-c", "%a %U:%G", "/var/precious/old").stdout == "711 nobody:root\n"
+    assert board.read_file("/var/precious/last") == "precious"
+    assert layout_records(board)[-2:] == errors(
+        f"Cannot read target of existing symlink '{MOUNT_POINT}/logs/last' (Invalid argument)") + FAILED
+
+
+def test_links_in_a_circle_are_reported(board, content):
+    (content / "data").symlink_to("data")
+    (content / "around").symlink_to("around")
+    start_with_mounted_card(board, card_with(content))
+    contents = Contents(board)
+    assert described(contents, "data") == b"data"
+    assert described(contents, "around") == b"../sdcard/data"
+    assert layout_records(board) == errors(
+        f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
+        f"Can't set directory owner for '{MOUNT_POINT}/data' (Too many levels of symbolic links)") + FAILED
+
+
+def test_what_else_is_on_the_card_stays(board, content):
+    (content / "photos").mkdir(mode=0o700)
+    (content / "photos/one").write_text("1")
+    (content / "link").symlink_to("/nowhere")
+    (content / "data").mkdir()
+    (content / "data/kept").write_text("2")
+    start_with_mounted_card(board, card_with(content))
+    contents = Contents(board)
+    assert described(contents, "photos")[1] == "0o700"
+    assert (contents.root / "photos/one").read_text() == "1"
+    assert (contents.root / "data/kept").read_text() == "2"
+    assert described(contents, "link") == b"/nowhere"
+
+
+def test_immutable_directories_and_links_are_reported_and_the_rest_is_laid_out(board):
+    card = Card.formatted()
+    board.insert(card)
+    board.run("mount", "-t", "ext4", "/dev/mmcblk0p1", "/mnt", check=True)
+    board.run("sh", "-c", "mkdir -m 700 /mnt/logs && mkdir /mnt/logs/old && ln -s x /mnt/logs/last && "
+                          "chattr +i /mnt/logs && umount /mnt", check=True)
+    board.start_service()
+    expect_mounted(board)
+    daemon = f"{MOUNT_POINT}/logs"
+    assert layout_records(board)[:2] == errors(
+        f"Can't set directory mode '0750' for '{daemon}' (Operation not permitted)",
+        f"Can't set directory owner 'daemon:adm' for '{daemon}' (Operation not permitted)")
+    assert layout_records(board)[-2:] == errors(
+        f"Cannot unlink existing symlink '{daemon}/last' (Operation not permitted)") + FAILED
+    assert described(Contents(board), "logs/last") == b"x"
+    assert described(Contents(board), "data")[0] == "directory"
+    assert described(Contents(board), "around") == b"../sdcard/data"
+    board.run("chattr", "-i", daemon, check=True)
+
+
+def test_the_layout_goes_to_the_configured_mount_point(make_board, program):
+    board = make_board(program=program, media_config='<sdcard mountpoint="/media/card/two">'
+                                                     '<dir size="5">deep<dir size="5">er</dir></dir></sdcard>')
+    board.insert(Card.formatted())
+    board.start_service()
+    expect_mounted(board)
+    assert board.run("find", "/media/card/two/deep").stdout == "/media/card/two/deep\n/media/card/two/deep/er\n"
+    assert board.call("tavo.SDCard1", "GetDirPath", "er") == "/media/card/two/deep/er"
+    assert board.stop_service() == 0
+    assert not board.exists("/media/card/two")
+
+
+def test_a_name_that_leads_out_of_the_card_is_used_as_it_is_given(make_board, program):
+    board = make_board(program=program, media_config='<sdcard><dir size="5">../beside</dir></sdcard>')
+    start_with_mounted_card(board)
+    assert board.exists("/media/beside")
