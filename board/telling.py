@@ -47,7 +47,8 @@ class Teller:
 
     def look(self) -> None:
         """Tells everything new, in the order in which it happened."""
-        news = [*self._new_signals(), *self._new_patterns(), *self._new_log_lines(), *self._new_state()]
+        # The slow question first: what the others have told by its answer is then all at hand.
+        news = [*self._new_state(), *self._new_signals(), *self._new_patterns(), *self._new_log_lines()]
         for moment, subject, words in sorted(news, key=lambda new: new[0]):
             self.tell(subject, words, moment)
 
