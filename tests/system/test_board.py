@@ -230,3 +230,10 @@ def test_a_crash_is_seen_with_its_signal(bare_board):
 def test_entries_of_the_system_log_are_kept(bare_board):
     bare_board.run("logger", "-t", "board", "a word")
     bare_board.expect("the entry", lambda: any("board: a word" in entry for entry in bare_board.system_log), within=2)
+
+
+def test_a_board_can_be_without_leds_and_button(make_board):
+    board = make_board(leds=False, eject_button=False)
+    assert not board.exists(LED_DIRECTORY)
+    assert not board.exists(EJECT_BUTTON)
+    assert board.led_panel.pattern is LedPattern.OFF

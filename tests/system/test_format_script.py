@@ -7,13 +7,25 @@ from pathlib import Path
 
 import pytest
 
-from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, VirtualBoard
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, Process, VirtualBoard
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
 
 NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 ROOT = Path(__file__).resolve().parents[2]
+
+
+MAKE_FILE_SYSTEM = '"$ORIGINAL" "$@"'
+WAIT = "touch /run/board/waiting; while [ ! -e /run/board/go-on ]; do sleep 0.05; done"
+
+
+def start_formatting(board: VirtualBoard, mke2fs: str) -> Process:
+    """Starts the script with a body for mke2fs, and returns when that waits."""
+    board.replace_tool("/usr/sbin/mke2fs", mke2fs)
+    formatting = board.start(FORMAT_SCRIPT)
+    board.expect("mke2fs waits", lambda: board.exists("/run/board/waiting"))
+    return formatting
 
 
 def format_card(board: VirtualBoard, *arguments: str) -> subprocess.CompletedProcess:
@@ -155,12 +167,11 @@ def test_a_write_protected_card_is_a_failure_with_a_reason(bare_board):
 
 def test_a_card_that_is_being_formatted_is_not_formatted_twice(bare_board):
     bare_board.insert(Card.as_bought())
-    bare_board.replace_tool("/usr/sbin/mke2fs", "sleep 2; exec \"$ORIGINAL\" \"$@\"")
-    first = bare_board.start(FORMAT_SCRIPT)
-    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
+    first = start_formatting(bare_board, f"{WAIT}; {MAKE_FILE_SYSTEM}")
     result = format_card(bare_board)
     assert result.returncode == FAILED
     assert "is being formatted already" in result.stderr
+    bare_board.write_file("/run/board/go-on", "")
     assert first.wait() == MADE_FILE_SYSTEM
 
 
@@ -176,12 +187,10 @@ def test_a_failing_tool_is_a_failure_with_its_reason(bare_board):
 def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
     first, second = Card.as_bought(), Card.as_bought()
     bare_board.insert(first)
-    bare_board.replace_tool("/usr/sbin/mke2fs", "\"$ORIGINAL\" \"$@\" && sleep 2")
-    formatting = bare_board.start(FORMAT_SCRIPT)
-    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
-    time.sleep(0.5)
+    formatting = start_formatting(bare_board, f"{MAKE_FILE_SYSTEM} && {WAIT}")
     bare_board.pull()
     bare_board.insert(second)
+    bare_board.write_file("/run/board/go-on", "")
     assert formatting.wait() == FAILED
     assert "no partition table could be written" in formatting.errors
     assert [partition.kind for partition in second.partitions()] == ["c"]
@@ -207,10 +216,9 @@ def test_a_card_pulled_at_any_moment_is_made_ready_the_next_time(bare_board, mom
 
 def test_a_card_pulled_while_the_file_system_is_made_ends_the_script_at_once(bare_board):
     bare_board.insert(Card.as_bought())
-    bare_board.replace_tool("/usr/sbin/mke2fs", "sleep 1; exec \"$ORIGINAL\" \"$@\"")
-    formatting = bare_board.start(FORMAT_SCRIPT)
-    bare_board.expect("mke2fs runs", lambda: bare_board.tool_calls("mke2fs") != [])
+    formatting = start_formatting(bare_board, f"{WAIT}; {MAKE_FILE_SYSTEM}")
     bare_board.pull()
+    bare_board.write_file("/run/board/go-on", "")
     assert formatting.wait(within=5) == FAILED
     assert formatting.errors
 
