@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <functional>
+
+#include <QByteArray>
+#include <QMap>
+#include <QStringList>
+
+#include <sys/syscall.h>
+#include <sys/types.h>
+
+/// Runs code in a child process that is stopped before each of its system calls: what the code asks
+/// of the kernel can be counted, and things can be made to happen at exactly one moment of it. The
+/// code must not start threads.
+class TracedProcess
+{
+public:
+    /// The number of fstatat(), which machines name differently.
+#ifdef SYS_newfstatat
+    static constexpr long kFstatat = SYS_newfstatat;
+#else
+    static constexpr long kFstatat = SYS_fstatat64;
+#endif
+
+    /// A system call that is about to be made.
+    struct Call
+    {
+        long number; ///< as SYS_... names it
+        std::array<quint64, 6> arguments;
+        int count; ///< how many of this number there have been, with this one
+        pid_t process;
+
+        /// The string that an argument points to.
+        QByteArray text(int argument) const;
+    };
+    using Observer = std::function<void(const Call&)>;
+
+    /// @param work runs in the child; what it returns comes back in output()
+    /// @param onCall runs in this process while the child waits to make the call
+    explicit TracedProcess(const std::function<QStringList()>& work, const Observer& onCall = {});
+
+    /// Whether the child came to the end of the work.
+    bool isFinished() const
+    {
+        return mIsFinished;
+    }
+    const QStringList& output() const
+    {
+        return mOutput;
+    }
+    /// How many calls of @p number there were.
+    int count(long number) const
+    {
+        return mCounts.value(number);
+    }
+    /// How many calls there were in all.
+    int total() const;
+
+private:
+    void follow(pid_t process, const Observer& onCall);
+
+    bool mIsFinished = false;
+    QStringList mOutput;
+    QMap<long, int> mCounts;
+};

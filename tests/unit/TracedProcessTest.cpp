@@ -1,0 +1,99 @@
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "TracedProcess.h"
+
+class TracedProcessTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void what_the_work_returns_comes_back();
+    void large_outputs_come_back();
+    void calls_are_counted_by_their_number();
+    void arguments_of_calls_can_be_read();
+    void what_the_observer_does_comes_before_the_call();
+    void work_that_is_killed_is_not_finished();
+};
+
+void TracedProcessTest::what_the_work_returns_comes_back()
+{
+    const TracedProcess traced([] { return QStringList{"first", "second"}; });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(traced.output(), (QStringList{"first", "second"}));
+}
+
+void TracedProcessTest::large_outputs_come_back()
+{
+    const QString text(1'000'000, 'x');
+    const TracedProcess traced([&text] { return QStringList{text}; });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(traced.output(), QStringList{text});
+}
+
+void TracedProcessTest::calls_are_counted_by_their_number()
+{
+    const TracedProcess traced([] {
+        for (int i = 0; i < 17; ++i) {
+            ::getppid();
+        }
+        return QStringList();
+    });
+    QCOMPARE(traced.count(SYS_getppid), 17);
+    QCOMPARE(traced.count(SYS_unlinkat), 0);
+    QVERIFY(traced.total() > 17);
+}
+
+void TracedProcessTest::arguments_of_calls_can_be_read()
+{
+    const QByteArray path = "/nowhere/" + QByteArray(4000, 'x');
+    QByteArray seenPath;
+    quint64 seenFlags = 0;
+    const TracedProcess traced(
+        [&path] {
+            ::unlinkat(AT_FDCWD, path.constData(), AT_REMOVEDIR);
+            return QStringList();
+        },
+        [&](const TracedProcess::Call& call) {
+            if (call.number == SYS_unlinkat) {
+                seenPath = call.text(1);
+                seenFlags = call.arguments[2];
+            }
+        });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(seenPath, path);
+    QCOMPARE(seenFlags, quint64{AT_REMOVEDIR});
+}
+
+void TracedProcessTest::what_the_observer_does_comes_before_the_call()
+{
+    const QTemporaryDir directory;
+    const QByteArray path = QFile::encodeName(directory.filePath("file"));
+    QFile file(directory.filePath("file"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    const TracedProcess traced(
+        [&path] { return QStringList{QString::number(::unlink(path.constData()))}; },
+        [&path](const TracedProcess::Call& call) {
+            if (call.number == SYS_unlink) {
+                ::unlink(path.constData());
+            }
+        });
+    QCOMPARE(traced.count(SYS_unlink), 1);
+    QCOMPARE(traced.output(), QStringList{"-1"});
+}
+
+void TracedProcessTest::work_that_is_killed_is_not_finished()
+{
+    const TracedProcess traced([] { return QStringList{QString::number(::raise(SIGKILL))}; });
+    QVERIFY(!traced.isFinished());
+}
+
+QTEST_APPLESS_MAIN(TracedProcessTest)
+#include "TracedProcessTest.moc"
