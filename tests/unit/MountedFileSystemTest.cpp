@@ -1,0 +1,165 @@
+#include <optional>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QTest>
+
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "MountedFileSystem.h"
+#include "TestDevice.h"
+
+namespace {
+
+const QString kMountPoint = QStringLiteral("/media/sdcard");
+constexpr qint64 kMegabyte = 1048576;
+constexpr qint64 kSize = 8 * kMegabyte;
+
+} // namespace
+
+class MountedFileSystemTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void a_directory_without_a_mount_is_not_mounted();
+    void a_mount_is_seen_when_it_comes_and_when_it_goes();
+    void a_mount_point_with_special_characters_is_found_data();
+    void a_mount_point_with_special_characters_is_found();
+    void only_the_exact_mount_point_counts_data();
+    void only_the_exact_mount_point_counts();
+    void a_device_that_is_named_like_the_mount_point_does_not_count();
+    void sizes_are_those_of_the_mounted_file_system();
+    void there_is_no_size_without_a_mount();
+    void what_lies_on_the_file_system_is_held_data();
+    void what_lies_on_the_file_system_is_held();
+    void nothing_is_held_without_a_mount();
+};
+
+void MountedFileSystemTest::init()
+{
+    QDir().mkpath(kMountPoint);
+}
+
+void MountedFileSystemTest::cleanup()
+{
+    TestDevice::unmountAll(kMountPoint);
+    TestDevice::remove("/media");
+}
+
+void MountedFileSystemTest::a_directory_without_a_mount_is_not_mounted()
+{
+    QVERIFY(!MountedFileSystem(kMountPoint).isMounted());
+}
+
+void MountedFileSystemTest::a_mount_is_seen_when_it_comes_and_when_it_goes()
+{
+    const MountedFileSystem card(kMountPoint);
+    QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
+    QVERIFY(card.isMounted());
+    TestDevice::unmountAll(kMountPoint);
+    QVERIFY(!card.isMounted());
+}
+
+void MountedFileSystemTest::a_mount_point_with_special_characters_is_found_data()
+{
+    QTest::addColumn<QString>("mountPoint");
+    QTest::newRow("space") << "/media/sd card";
+    QTest::newRow("tab") << "/media/sd\tcard";
+    QTest::newRow("newline") << "/media/sd\ncard";
+    QTest::newRow("backslash") << "/media/sd\\card";
+    QTest::newRow("what looks like an escape") << "/media/sd\\040card";
+    QTest::newRow("hash") << "/media/#sdcard";
+    QTest::newRow("not ASCII") << QString::fromUtf8("/media/sd-k\xc3\xa4rtchen");
+    QTest::newRow("long") << "/media/" + QString(255, '\\') + "/" + QString(255, ' ');
+}
+
+void MountedFileSystemTest::a_mount_point_with_special_characters_is_found()
+{
+    QFETCH(const QString, mountPoint);
+    QVERIFY(!MountedFileSystem(mountPoint).isMounted());
+    QVERIFY(TestDevice::mountTmpfs(mountPoint, kSize));
+    const bool isMounted = MountedFileSystem(mountPoint).isMounted();
+    TestDevice::unmountAll(mountPoint);
+    QVERIFY(isMounted);
+}
+
+void MountedFileSystemTest::only_the_exact_mount_point_counts_data()
+{
+    QTest::addColumn<QString>("other");
+    QTest::newRow("longer name") << "/media/sdcard2";
+    QTest::newRow("shorter name") << "/media/sdcar";
+    QTest::newRow("below") << "/media/sdcard/inner";
+    QTest::newRow("above") << "/media";
+    QTest::newRow("elsewhere") << "/mnt/media/sdcard";
+}
+
+void MountedFileSystemTest::only_the_exact_mount_point_counts()
+{
+    QFETCH(const QString, other);
+    QVERIFY(TestDevice::mountTmpfs(other, kSize));
+    const bool isMounted = MountedFileSystem(kMountPoint).isMounted();
+    TestDevice::unmountAll(other);
+    QVERIFY(!isMounted);
+}
+
+void MountedFileSystemTest::a_device_that_is_named_like_the_mount_point_does_not_count()
+{
+    QDir().mkpath("/media/other");
+    QCOMPARE(::mount("/media/sdcard", "/media/other", "tmpfs", 0, "size=1m"), 0);
+    const bool isMounted = MountedFileSystem(kMountPoint).isMounted();
+    TestDevice::unmountAll("/media/other");
+    QVERIFY(!isMounted);
+}
+
+void MountedFileSystemTest::sizes_are_those_of_the_mounted_file_system()
+{
+    QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
+    TestDevice::writeFile(kMountPoint + "/file", QByteArray(kMegabyte, 'x'));
+    const std::optional<FileSystemSize> size = MountedFileSystem(kMountPoint).size();
+    QVERIFY(size);
+    QCOMPARE(size->total, quint64{kSize});
+    QCOMPARE(size->free, quint64{kSize - kMegabyte});
+}
+
+void MountedFileSystemTest::there_is_no_size_without_a_mount()
+{
+    QVERIFY(!MountedFileSystem(kMountPoint).size());
+}
+
+void MountedFileSystemTest::what_lies_on_the_file_system_is_held_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<bool>("isHeld");
+    QTest::newRow("root") << QByteArray("/media/sdcard") << true;
+    QTest::newRow("directory") << QByteArray("/media/sdcard/dir") << true;
+    QTest::newRow("link that leads away") << QByteArray("/media/sdcard/away") << true;
+    QTest::newRow("behind that link") << QByteArray("/media/sdcard/away/passwd") << false;
+    QTest::newRow("other mount") << QByteArray("/media/sdcard/inner") << false;
+    QTest::newRow("elsewhere") << QByteArray("/etc/passwd") << false;
+    QTest::newRow("missing") << QByteArray("/media/sdcard/missing") << false;
+}
+
+void MountedFileSystemTest::what_lies_on_the_file_system_is_held()
+{
+    QFETCH(const QByteArray, path);
+    QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
+    QVERIFY(TestDevice::mountTmpfs(kMountPoint + "/inner", kSize));
+    QDir().mkpath(kMountPoint + "/dir");
+    QCOMPARE(::symlink("/etc", "/media/sdcard/away"), 0);
+    const bool isHeld = MountedFileSystem(kMountPoint).holds(path);
+    TestDevice::unmountAll(kMountPoint + "/inner");
+    QTEST(isHeld, "isHeld");
+}
+
+void MountedFileSystemTest::nothing_is_held_without_a_mount()
+{
+    QVERIFY(!MountedFileSystem(kMountPoint).holds("/media/sdcard"));
+}
+
+TEST_DEVICE_MAIN(MountedFileSystemTest)
+#include "MountedFileSystemTest.moc"

@@ -1,0 +1,245 @@
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "LogCapture.h"
+#include "SDCardFileInfo.h"
+#include "TestDevice.h"
+#include "TracedProcess.h"
+
+namespace {
+
+const QString kConstructor = QStringLiteral("SDCardFileInfo::SDCardFileInfo(const QByteArray&)");
+const QString kAbsolutePath =
+    QStringLiteral("static QByteArray SDCardFileInfo::absolutePath(const QByteArray&)");
+
+} // namespace
+
+class SDCardFileInfoTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void a_path_is_normalised_without_looking_at_the_file_system_data();
+    void a_path_is_normalised_without_looking_at_the_file_system();
+    void a_relative_path_begins_in_the_working_directory();
+    void without_a_working_directory_a_relative_path_is_a_fatal_error();
+    void the_base_name_is_the_last_component_data();
+    void the_base_name_is_the_last_component();
+    void the_status_is_that_of_the_file();
+    void a_directory_is_told_from_a_file();
+    void a_dangling_link_counts_as_itself();
+    void a_link_to_a_directory_is_no_directory();
+    void the_permission_bits_are_the_owners_alone_data();
+    void the_permission_bits_are_the_owners_alone();
+    void what_does_not_exist_is_invalid_and_logged();
+    void the_status_is_asked_for_once_without_following_or_mounting_anything();
+    void a_name_is_bytes();
+    void copies_keep_their_base_name();
+};
+
+void SDCardFileInfoTest::init()
+{
+    QVERIFY(QDir().mkpath("/w/sub"));
+}
+
+void SDCardFileInfoTest::cleanup()
+{
+    QCOMPARE(::chdir("/"), 0);
+    TestDevice::remove("/w");
+}
+
+void SDCardFileInfoTest::a_path_is_normalised_without_looking_at_the_file_system_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QByteArray>("normalised");
+    QTest::newRow("clean") << QByteArray("/a/b") << QByteArray("/a/b");
+    QTest::newRow("repeated slashes") << QByteArray("//a///b//") << QByteArray("/a/b");
+    QTest::newRow("dots") << QByteArray("/./a/./b/.") << QByteArray("/a/b");
+    QTest::newRow("parent") << QByteArray("/a/b/../c") << QByteArray("/a/c");
+    QTest::newRow("parents") << QByteArray("/a/b/c/../../d") << QByteArray("/a/d");
+    QTest::newRow("parent of the first") << QByteArray("/a/..") << QByteArray("/");
+    QTest::newRow("above the root") << QByteArray("/../../a") << QByteArray("/a");
+    QTest::newRow("root") << QByteArray("/") << QByteArray("/");
+    QTest::newRow("only slashes") << QByteArray("///") << QByteArray("/");
+    QTest::newRow("dots in names") << QByteArray("/a./.b/..c/...") << QByteArray("/a./.b/..c/...");
+    QTest::newRow("bytes") << QByteArray("/\xff\n/../\xfe -") << QByteArray("/\xfe -");
+}
+
+void SDCardFileInfoTest::a_path_is_normalised_without_looking_at_the_file_system()
+{
+    QFETCH(const QByteArray, path);
+    QTEST(SDCardFileInfo::absolutePath(path), "normalised");
+    QTEST(SDCardFileInfo(path).path(), "normalised");
+}
+
+void SDCardFileInfoTest::a_relative_path_begins_in_the_working_directory()
+{
+    TestDevice::writeFile("/w/a/c", "1234567");
+    QCOMPARE(::chdir("/w"), 0);
+    const SDCardFileInfo info("a/./b/../c");
+    QCOMPARE(info.path(), QByteArray("/w/a/c"));
+    QVERIFY(info.isValid());
+    QCOMPARE(info.size(), qint64{7});
+    QCOMPARE(SDCardFileInfo("").path(), QByteArray("/w"));
+    QCOMPARE(SDCardFileInfo("..").path(), QByteArray("/"));
+}
+
+void SDCardFileInfoTest::without_a_working_directory_a_relative_path_is_a_fatal_error()
+{
+    QCOMPARE(::chdir("/w/sub"), 0);
+    QCOMPARE(::rmdir("/w/sub"), 0);
+    const LogCapture log;
+    const SDCardFileInfo info("file");
+    QVERIFY(!info.isValid());
+    QCOMPARE(info.path(), QByteArray());
+    const LogRecord expected{LogLevel::Fatal, "SDCardFileInfo", "SDCardFileInfo", kAbsolutePath,
+                             "SDCardFileInfo() Cannot get current working directory:"
+                             "No such file or directory"};
+    QCOMPARE(log.records(), QVector<LogRecord>{expected});
+    QCOMPARE(log.fatalCount(), 1U);
+    QCOMPARE(log.errorCount(), 0U);
+    QVERIFY(SDCardFileInfo("/w").isValid());
+}
+
+void SDCardFileInfoTest::the_base_name_is_the_last_component_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QByteArray>("baseName");
+    QTest::newRow("file") << QByteArray("/media/sdcard/log") << QByteArray("log");
+    QTest::newRow("directory") << QByteArray("/media/sdcard/log/") << QByteArray("log");
+    QTest::newRow("extensions") << QByteArray("/media/a.tar.gz") << QByteArray("a.tar.gz");
+    QTest::newRow("root") << QByteArray("/") << QByteArray();
+    QTest::newRow("bytes") << QByteArray("/a/-\xff\n") << QByteArray("-\xff\n");
+}
+
+void SDCardFileInfoTest::the_base_name_is_the_last_component()
+{
+    QFETCH(const QByteArray, path);
+    const SDCardFileInfo info(path);
+    QTEST(QByteArray(info.baseName()), "baseName");
+    QTEST(QByteArray(info.baseName()), "baseName");
+}
+
+void SDCardFileInfoTest::the_status_is_that_of_the_file()
+{
+    TestDevice::writeFile("/w/file", "12345");
+    // Beyond what fits into 32 bits.
+    QCOMPARE(::truncate("/w/file", 5'000'000'000), 0);
+    struct stat status = {};
+    QCOMPARE(::lstat("/w/file", &status), 0);
+    const SDCardFileInfo info("/w/file");
+    QVERIFY(info.isValid());
+    QVERIFY(!info.isDirectory());
+    QCOMPARE(info.size(), qint64{5'000'000'000});
+    QCOMPARE(info.changeTime(),
+             qint64{status.st_ctim.tv_sec} * 1'000'000'000 + status.st_ctim.tv_nsec);
+}
+
+void SDCardFileInfoTest::a_directory_is_told_from_a_file()
+{
+    QVERIFY(SDCardFileInfo("/w/sub").isDirectory());
+    QVERIFY(SDCardFileInfo("/").isValid());
+    QVERIFY(SDCardFileInfo("/").isDirectory());
+}
+
+void SDCardFileInfoTest::a_dangling_link_counts_as_itself()
+{
+    QCOMPARE(::symlink("nowhere/at/all", "/w/link"), 0);
+    const LogCapture log;
+    const SDCardFileInfo info("/w/link");
+    QVERIFY(info.isValid());
+    QCOMPARE(info.size(), qint64{14});
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void SDCardFileInfoTest::a_link_to_a_directory_is_no_directory()
+{
+    QCOMPARE(::symlink("/w/sub", "/w/link"), 0);
+    QVERIFY(!SDCardFileInfo("/w/link").isDirectory());
+    QCOMPARE(SDCardFileInfo("/w/link/").path(), QByteArray("/w/link"));
+}
+
+void SDCardFileInfoTest::the_permission_bits_are_the_owners_alone_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("isReadable");
+    QTest::addColumn<bool>("isWritable");
+    QTest::newRow("all") << 0777 << true << true;
+    QTest::newRow("none") << 0 << false << false;
+    QTest::newRow("others only") << 0077 << false << false;
+    QTest::newRow("read") << 0400 << true << false;
+    QTest::newRow("write") << 0200 << false << true;
+}
+
+void SDCardFileInfoTest::the_permission_bits_are_the_owners_alone()
+{
+    QFETCH(const int, mode);
+    QCOMPARE(::chmod("/w/sub", static_cast<mode_t>(mode)), 0);
+    const SDCardFileInfo info("/w/sub");
+    QTEST(info.isOwnerReadable(), "isReadable");
+    QTEST(info.isOwnerWritable(), "isWritable");
+}
+
+void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
+{
+    const LogCapture log;
+    const SDCardFileInfo info("/w//missing");
+    QVERIFY(!info.isValid());
+    QCOMPARE(info.path(), QByteArray("/w/missing"));
+    QCOMPARE(info.baseName(), "missing");
+    const LogRecord expected{LogLevel::Error, "SDCardFileInfo", "SDCardFileInfo", kConstructor,
+                             "SDCardFileInfo() fstatat() failed for /w/missing: "
+                             "No such file or directory"};
+    QCOMPARE(log.records(), QVector<LogRecord>{expected});
+    QCOMPARE(log.errorCount(), 1U);
+}
+
+void SDCardFileInfoTest::the_status_is_asked_for_once_without_following_or_mounting_anything()
+{
+    QVector<quint64> flags;
+    const TracedProcess traced([] { return QStringList{SDCardFileInfo("/w/sub").baseName()}; },
+                               [&flags](const TracedProcess::Call& call) {
+                                   if (call.number == TracedProcess::kFstatat &&
+                                       call.text(1) == "/w/sub") {
+                                       flags.append(call.arguments[3]);
+                                   }
+                               });
+    QCOMPARE(traced.output(), QStringList{"sub"});
+    QCOMPARE(flags, QVector<quint64>{AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT});
+    QCOMPARE(traced.count(SYS_openat), 0);
+    QCOMPARE(traced.count(SYS_readlink), 0);
+}
+
+void SDCardFileInfoTest::a_name_is_bytes()
+{
+    const QByteArray path = "/w/-\xff\xc3\n" + QByteArray(251, 'x');
+    const int file = ::open(path.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    QVERIFY(file >= 0);
+    ::close(file);
+    QVERIFY(SDCardFileInfo(path).isValid());
+    QCOMPARE(SDCardFileInfo(path).path(), path);
+}
+
+void SDCardFileInfoTest::copies_keep_their_base_name()
+{
+    SDCardFileInfo copy("/w");
+    {
+        const SDCardFileInfo original("/w/sub");
+        QCOMPARE(original.baseName(), "sub");
+        copy = original;
+    }
+    QCOMPARE(copy.baseName(), "sub");
+    QVERIFY(copy.isValid());
+}
+
+TEST_DEVICE_MAIN(SDCardFileInfoTest)
+#include "SDCardFileInfoTest.moc"
