@@ -5,13 +5,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "LogCapture.h"
 #include "SDCardFileInfo.h"
 #include "TestDevice.h"
-#include "TracedProcess.h"
 
 namespace {
 
@@ -41,7 +39,6 @@ private Q_SLOTS:
     void the_permission_bits_are_the_owners_alone_data();
     void the_permission_bits_are_the_owners_alone();
     void what_does_not_exist_is_invalid_and_logged();
-    void the_status_is_asked_for_once_without_following_or_mounting_anything();
     void a_name_is_bytes();
     void copies_keep_their_base_name();
 };
@@ -201,22 +198,6 @@ void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
                              "No such file or directory"};
     QCOMPARE(log.records(), QVector<LogRecord>{expected});
     QCOMPARE(log.errorCount(), 1U);
-}
-
-void SDCardFileInfoTest::the_status_is_asked_for_once_without_following_or_mounting_anything()
-{
-    QVector<quint64> flags;
-    const TracedProcess traced([] { return QStringList{SDCardFileInfo("/w/sub").baseName()}; },
-                               [&flags](const TracedProcess::Call& call) {
-                                   if (call.number == TracedProcess::kFstatat &&
-                                       call.text(1) == "/w/sub") {
-                                       flags.append(call.arguments[3]);
-                                   }
-                               });
-    QCOMPARE(traced.output(), QStringList{"sub"});
-    QCOMPARE(flags, QVector<quint64>{AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT});
-    QCOMPARE(traced.count(SYS_openat), 0);
-    QCOMPARE(traced.count(SYS_readlink), 0);
 }
 
 void SDCardFileInfoTest::a_name_is_bytes()
