@@ -32,8 +32,6 @@
 
 namespace {
 
-constexpr unsigned int kLongestTrialSeconds = 30;
-
 struct Trial
 {
     bool survived = false;
@@ -61,12 +59,11 @@ bool configure(const std::string& file)
 [[noreturn]] void runTrial(const std::string& file, int output)
 {
     // If this process crashes, that is a finding and no crash of the program.
-    for (const int number : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGALRM}) {
+    for (const int number : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) {
         static_cast<void>(std::signal(number, SIG_DFL));
     }
     constexpr rlimit kNoCoreDump{0, 0};
     setrlimit(RLIMIT_CORE, &kNoCoreDump);
-    alarm(kLongestTrialSeconds);
     dup2(output, STDERR_FILENO);
     configure(file);
     _exit(EXIT_SUCCESS);
@@ -99,8 +96,23 @@ std::string readAll(int file)
     return content;
 }
 
-Trial tryInChildProcess(const std::string& file)
+/// Why the file cannot be read at all. log4cxx does not tell where it is broken, and would wait for
+/// a pipe's writer.
+std::string whyUnreadable(const std::string& file)
 {
+    IXMLDomParser parser;
+    ITCXMLResults results;
+    parser.parseFile(file.c_str(), "log4j:configuration", results);
+    const bool isCause = results.error == IXMLDomParser::UnreadableFile ||
+                         results.error == IXMLDomParser::NotWellFormed;
+    return isCause ? parser.getErrorMessage(results.error) : "";
+}
+
+Trial tryConfiguration(const std::string& file)
+{
+    if (const std::string reason = whyUnreadable(file); !reason.empty()) {
+        return {false, reason};
+    }
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0) {
         return {false, tavoutil::systemErrorText(errno).toStdString()};
@@ -176,17 +188,6 @@ bool ensureRecordsAreWritten()
     return everyoneWrites && anyoneWrites;
 }
 
-/// Where in the file the reason is that log4cxx could not read it; log4cxx itself does not tell.
-std::string syntaxError(const std::string& file)
-{
-    IXMLDomParser parser;
-    ITCXMLResults results;
-    parser.parseFile(file.c_str(), "log4j:configuration", results);
-    const bool isCause = results.error == IXMLDomParser::UnreadableFile ||
-                         results.error == IXMLDomParser::NotWellFormed;
-    return isCause ? parser.getErrorMessage(results.error) : "";
-}
-
 } // namespace
 
 bool initializeTrackSystem(const std::string& file)
@@ -195,21 +196,18 @@ bool initializeTrackSystem(const std::string& file)
     // Otherwise log4cxx looks for configurations in the working directory.
     log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
 
-    const Trial trial = tryInChildProcess(file);
+    const Trial trial = tryConfiguration(file);
     log4cxx::helpers::LogLog::setQuietMode(true);
     const bool isRead = trial.survived && configure(file);
     log4cxx::helpers::LogLog::setQuietMode(false);
     const bool isUsable = ensureRecordsAreWritten() && isRead;
 
-    if (isUsable && !trial.remarks.empty()) {
-        std::cerr << "Tracking configuration '" << file << "': " << trial.remarks << std::endl;
-    } else if (!isUsable) {
-        std::string reason = trial.survived && !isRead ? syntaxError(file) : "";
-        if (reason.empty()) {
-            reason = trial.remarks.empty() ? "no appender receives records" : trial.remarks;
-        }
-        std::cerr << "Cannot use tracking configuration '" << file << "': " << reason
+    if (!isUsable) {
+        std::cerr << "Cannot use tracking configuration '" << file << "': "
+                  << (trial.remarks.empty() ? "no appender receives records" : trial.remarks)
                   << "; log records go to standard error" << std::endl;
+    } else if (!trial.remarks.empty()) {
+        std::cerr << "Tracking configuration '" << file << "': " << trial.remarks << std::endl;
     }
     return isUsable;
 }

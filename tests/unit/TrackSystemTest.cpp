@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+#include <sys/stat.h>
+
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -67,6 +69,7 @@ private Q_SLOTS:
     void levels_are_those_of_the_file();
     void a_file_that_cannot_be_used_sends_records_to_standard_error_data();
     void a_file_that_cannot_be_used_sends_records_to_standard_error();
+    void a_pipe_sends_records_to_standard_error_at_once();
     void appenders_that_work_are_kept_beside_one_that_does_not();
     void a_logger_that_hands_nothing_on_gets_the_substitute_too();
     void a_remark_on_a_usable_file_is_told_in_one_line();
@@ -204,6 +207,17 @@ void TrackSystemTest::a_file_that_cannot_be_used_sends_records_to_standard_error
                                                  reason + "; log records go to standard error");
     QVERIFY2(areRecords(outcome.standardError.mid(1)),
              qPrintable(outcome.standardError.join('\n')));
+}
+
+void TrackSystemTest::a_pipe_sends_records_to_standard_error_at_once()
+{
+    QCOMPARE(mkfifo(path("pipe").constData(), 0600), 0);
+    const Outcome outcome = run(path("pipe"));
+    QCOMPARE(outcome.standardOutput, QStringList{"unusable"});
+    QCOMPARE(outcome.standardError.value(0),
+             "Cannot use tracking configuration '" + mDirectory.filePath("pipe") +
+                 "': not a regular file; log records go to standard error");
+    QVERIFY(areRecords(outcome.standardError.mid(1)));
 }
 
 void TrackSystemTest::appenders_that_work_are_kept_beside_one_that_does_not()
