@@ -9,9 +9,10 @@ from pathlib import Path
 
 from .bus import BusError
 from .card import Card
+from .installation import PLATFORM
 from .names import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE
 from .telling import NotSeen, Teller
-from .virtual_board import PLATFORM, VirtualBoard
+from .virtual_board import VirtualBoard
 from .virtual_machine import MachineError
 
 CARD_MIB = 64

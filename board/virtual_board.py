@@ -7,17 +7,13 @@ from pathlib import Path
 from .board import Board
 from .bus import BusClient
 from .card import Card
+from .installation import configuration_files, file, product_files
 from .leds import LED_FILES, LED_NAMES, LedPanel
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
-from .names import (BOARD_DIRECTORY, BUS_POLICY, EJECT_BUTTON, FORMAT_SCRIPT,
-                    LED_DIRECTORY, MEDIA_CONFIGURATION, RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET,
-                    TRACKING_CONFIGURATION)
+from .names import BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET
 from .process import Process
 from .virtual_machine import VirtualMachine
-
-PLATFORM = Path(__file__).resolve().parent.parent / "platform"
-RUN_LEVEL_TOOL = f"#!/bin/sh\nexec cat {RUN_LEVEL_FILE}\n"
 
 
 class VirtualBoard(Board):
@@ -28,29 +24,17 @@ class VirtualBoard(Board):
                  eject_button: bool = True, files: dict[str, str] | None = None) -> None:
         """Starts the board, without a card and without the service.
 
-        @p program is the service's executable. The configurations are the files' texts: the media
-        configuration of platform/ by default, and one that has log records written where the board
-        reads them; None installs none. @p files are further files (path to text).
+        @p program is the service's executable; the configurations are those of
+        configuration_files(). @p files are further files (path to text).
         """
         super().__init__()
-        if media_config is None:
-            media_config = (PLATFORM / "tavo-sdcard.config.xml").read_text()
-        installed = {
-            BUS_POLICY: _file((PLATFORM / "tavo.SDCard1.conf").read_text()),
-            FORMAT_SCRIPT: _file((PLATFORM / "tavo-create-sdcardFS.sh").read_text(), 0o755),
-            MEDIA_CONFIGURATION: _file(media_config),
-            "/usr/sbin/lsof": {"link": "/usr/bin/lsof"},
-            "/usr/sbin/runlevel": _file(RUN_LEVEL_TOOL, 0o755),
-            RUN_LEVEL_FILE: _file("N 5\n"),
-        }
-        if track_config is not None:
-            installed[TRACKING_CONFIGURATION] = _file(track_config)
+        installed = product_files() | configuration_files(media_config, track_config)
         if eject_button:
-            installed[EJECT_BUTTON] = _file("0\n")
+            installed[EJECT_BUTTON] = file("0\n")
         if leds:
-            installed |= {f"{LED_DIRECTORY}/{led}/{name}": _file(text)
+            installed |= {f"{LED_DIRECTORY}/{led}/{name}": file(text)
                           for led in LED_NAMES for name, text in LED_FILES.items()}
-        installed |= {path: _file(text) for path, text in (files or {}).items()}
+        installed |= {path: file(text) for path, text in (files or {}).items()}
         self._card_names: set[str] = set()
         self._machine: VirtualMachine | None = VirtualMachine(
             SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
@@ -108,7 +92,3 @@ class VirtualBoard(Board):
 
     def _remains_of_board(self) -> list[str]:
         return remains_on_host(self.namespace, self._card_names)
-
-
-def _file(text: str, mode: int = 0o644) -> dict:
-    return {"text": text, "mode": mode}

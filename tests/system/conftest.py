@@ -7,13 +7,16 @@ from pathlib import Path
 
 import pytest
 
-from board import VirtualBoard
+from board import Board, VirtualBoard
+from board.emulated import EmulatedBoard
 
 ROOT = Path(__file__).resolve().parents[2]
+BOARDS = {"virtual": VirtualBoard, "emulated": EmulatedBoard}
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--preset", default="dev", help="build preset whose program is tested")
+    parser.addoption("--board", choices=BOARDS, default="virtual", help="kind of board to test on")
+    parser.addoption("--preset", default=None, help="build preset whose program is tested")
     parser.addoption("--program", default=None, help="program to test instead of a preset's")
 
 
@@ -22,8 +25,17 @@ def pytest_configure(config: pytest.Config) -> None:
         pytest.exit("the system tests need root: sudo ./dev test", returncode=2)
 
 
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """The long ones first: side by side with all others they cost no time."""
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    """Without the tests that bear the name of another kind of board, and the long ones first.
+
+    Side by side with all others these cost no time.
+    """
+    others = set(BOARDS) - {config.getoption("--board")}
+    left_out = [item for item in items if any(item.get_closest_marker(name) for name in others)]
+    if left_out:
+        config.hook.pytest_deselected(items=left_out)
+        items[:] = [item for item in items if item not in left_out]
+
     def seconds(item: pytest.Item) -> int:
         marker = item.get_closest_marker("lasts")
         return marker.args[0] if marker else 0
@@ -37,22 +49,28 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
         item.call_failed = report.failed
 
 
+def _is_emulated(config: pytest.Config) -> bool:
+    return config.getoption("--board") == "emulated"
+
+
 @pytest.fixture(scope="session")
 def program(pytestconfig: pytest.Config) -> Path:
     """The service's executable."""
     chosen = pytestconfig.getoption("--program")
-    path = Path(chosen) if chosen else ROOT / "build" / pytestconfig.getoption("--preset") / "source" / "sdcardd"
+    preset = pytestconfig.getoption("--preset") or ("armhf" if _is_emulated(pytestconfig) else "dev")
+    path = Path(chosen) if chosen else ROOT / "build" / preset / "source" / "sdcardd"
     assert path.is_file(), f"{path} is missing: ./dev build"
     return path
 
 
 @pytest.fixture
-def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., VirtualBoard]]:
+def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., Board]]:
     """Makes boards, and checks each after the test: no crash, and nothing left behind."""
-    boards: list[VirtualBoard] = []
+    kind = BOARDS[request.config.getoption("--board")]
+    boards: list[Board] = []
 
-    def make(**options: object) -> VirtualBoard:
-        boards.append(VirtualBoard(**options))
+    def make(**options: object) -> Board:
+        boards.append(kind(**options))
         return boards[-1]
 
     yield make
@@ -73,7 +91,7 @@ def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., Virtual
     assert not problems, "\n".join(problems)
 
 
-def problems_at_the_end(board: VirtualBoard, may_stay: bool) -> list[str]:
+def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
     """Ends what still runs on a board; says what should not be there then. @p may_stay: the card may stay mounted."""
     if board.service is None:
         return []
@@ -93,12 +111,12 @@ def problems_at_the_end(board: VirtualBoard, may_stay: bool) -> list[str]:
 
 
 @pytest.fixture
-def board(make_board: Callable[..., VirtualBoard], program: Path) -> VirtualBoard:
+def board(make_board: Callable[..., Board], program: Path) -> Board:
     """A board with the service's program on it; no card, nothing started."""
     return make_board(program=program)
 
 
 @pytest.fixture
-def bare_board(make_board: Callable[..., VirtualBoard]) -> VirtualBoard:
+def bare_board(make_board: Callable[..., Board]) -> Board:
     """A board without the service's program."""
     return make_board()

@@ -14,6 +14,8 @@ from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
 
+pytestmark = pytest.mark.virtual
+
 ROOT = Path(__file__).resolve().parents[2]
 MOUNT_COMMAND = f"mkdir {MOUNT_POINT} && mount -t ext4 {PARTITION_DEVICE} {MOUNT_POINT}"
 

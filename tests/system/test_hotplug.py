@@ -8,6 +8,8 @@ import pytest
 
 from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, VirtualBoard
 
+pytestmark = pytest.mark.virtual
+
 PLATFORM = Path(__file__).resolve().parents[2] / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 SETTINGS = "/etc/default/tavo-sdcard"

@@ -3,6 +3,10 @@
 import subprocess
 from pathlib import Path
 
+import pytest
+
+pytestmark = pytest.mark.virtual
+
 ROOT = Path(__file__).resolve().parents[2]
 
 

@@ -1,0 +1,206 @@
+"""A board with the device's processor, kernel and MMC host, in an emulator."""
+
+import os
+import tempfile
+import time
+from pathlib import Path
+
+from ..board import Board
+from ..bus import BusClient
+from ..card import Card
+from ..installation import configuration_files, file
+from ..log_records import TRACKING_CONFIGURATION_TEXT
+from ..names import BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, PARTITION_DEVICE, SYSTEM_BUS_SOCKET
+from ..process import Process
+from .emulator import MEMORY_MIB, Emulator
+from .led_panel import EmulatedLedPanel
+from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
+from .snapshot import HOTPLUG_RULE, boot, resume
+
+SLOT_SECONDS = 20
+CONTACT_SECONDS = 10
+PATIENCE = 4
+# Stands in the hot-plug rule's place where a test announces cards itself.
+MASKED_RULE = "/run/udev/rules.d/" + Path(HOTPLUG_RULE).name
+HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
+
+
+class EmulatedBoard(Board):
+    """See Board. The kernel and the product's hot-plug rule announce cards, as on the device."""
+
+    patience = PATIENCE
+
+    def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
+                 track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
+                 eject_button: bool = True, files: dict[str, str] | None = None,
+                 format_blank_cards: bool = False, memory_mib: int = MEMORY_MIB, cold_start: bool = False) -> None:
+        """Starts the board, without a card and without the service.
+
+        @p program is the service's executable for 32-bit ARM. With @p format_blank_cards the hot-plug
+        helper does what it does on the device when it meets a blank card. With @p cold_start the
+        board boots; otherwise it goes on from a snapshot.
+        """
+        super().__init__()
+        installed = configuration_files(media_config, track_config)
+        if not format_blank_cards:
+            installed[HOTPLUG_CONFIGURATION] = file("FORMAT_BLANK_CARDS=no\n")
+        installed |= {path: file(text) for path, text in (files or {}).items()}
+        start = boot if cold_start else resume
+        self._program = None if program is None else Path(program).resolve(strict=True)
+        self._emulator: Emulator | None = None
+        self._files: dict[str, bytes] = {}
+        self.led_panel = EmulatedLedPanel(self._notify)
+        self._emulator, self._link = start(self._program, memory_mib)
+        self._emulator_pid = self._emulator.pid
+        try:
+            self._set_up(installed, leds, eject_button)
+        except BaseException:
+            self._switch_off()
+            raise
+
+    def _set_up(self, installed: dict[str, dict], leds: bool, eject_button: bool) -> None:
+        self._link.on_lights = self.led_panel.update
+        self._link.ask("install", files=installed)
+        self._link.ask("watch_lights")
+        absent = [path for path, present in ((f"{BOARD_FILES}/mmc1_leds", leds),
+                                             (f"{BOARD_FILES}/mmc1_eject", eject_button)) if not present]
+        if absent:
+            self.run("rm", "-r", *absent, check=True)
+        self.run("sh", "-c", "echo 1 >/sys/bus/pci/rescan; modprobe sdhci-pci", check=True)
+        self._await_on_board("[ -e /sys/class/mmc_host/mmc0 ]", SLOT_SECONDS, "the card slot's driver")
+        with tempfile.TemporaryDirectory(prefix="sdcardd-board-") as directory:
+            gate = SocketGate(self._link, SYSTEM_BUS_SOCKET, directory + "/bus")
+            try:
+                self.bus = BusClient(directory + "/bus", self._notify)
+            finally:
+                gate.close()
+
+    @property
+    def is_open(self) -> bool:
+        return self._emulator is not None
+
+    def close(self) -> None:
+        if self._emulator is None:
+            return
+        self.bus.close()
+        self._switch_off()
+
+    def _switch_off(self) -> None:
+        self._emulator.switch_off()
+        self._link.close()
+        self._emulator = None
+
+    def cut_power(self) -> None:
+        """Ends everything at once, whatever is being written. The card keeps what has reached it."""
+        self.close()
+
+    def lights(self) -> dict[str, bool]:
+        """Which LED really shines at this moment."""
+        return self._emulator.lights()
+
+    def kernel_messages(self) -> str:
+        """What the kernel has had to say."""
+        return self.run("dmesg", check=True).stdout
+
+    def insert(self, card: Card, announce: bool = True) -> None:
+        """As on any board; but the announcement comes from the board's own hot-plug rule.
+
+        That rule knows nothing of a card without a first partition: such a card is announced from here.
+        """
+        has_partition = any(partition.number == 1 for partition in card.partitions())
+        if not announce:
+            self._set_hotplug(False)
+        self._insert(card)
+        self.card = card
+        if not announce:
+            self._set_hotplug(True)
+        elif not has_partition and self.bus.has_service():
+            self.bus.announce_insertion()
+
+    def pull(self, announce: bool = True) -> None:
+        """As on any board; see insert()."""
+        card = self.card
+        had_partition = self.exists(PARTITION_DEVICE)
+        if not announce:
+            self._set_hotplug(False)
+        self._pull()
+        self.card = None
+        if not announce:
+            self._set_hotplug(True)
+        elif card is not None and not had_partition and self.bus.has_service():
+            self.bus.announce_removal()
+
+    def report(self) -> str:
+        console = self.run("sh", "-c", "dmesg | tail -n 12").stdout if self.is_open else ""
+        return super().report() + "\nkernel:\n" + console
+
+    def _set_hotplug(self, on: bool) -> None:
+        change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"
+        # Events on their way are dealt with by the rules as they are.
+        self.run("sh", "-c", f"udevadm settle; {change}; udevadm control --reload", check=True)
+
+    def _start(self, command: list[str], environment: dict[str, str], user: str | None,
+               standard_input: bytes) -> Process:
+        process = Process(command, standard_input, self._signal)
+        number = self._link.new_number()
+        _, output, errors = process.standard_descriptors()
+        with process.status_pipe_writer() as status_pipe:
+            remote = RemoteProgram(self._link, number, output, errors, status_pipe.fileno())
+        try:
+            answer = self._link.ask("start", remote.receive, number, arguments=command, environment=environment,
+                                    user=user, standard_input=standard_input.decode("latin-1"))
+        except BaseException:
+            remote.close()
+            raise
+        process.pid = answer["pid"]
+        return process
+
+    def _signal(self, pid: int, number: int) -> None:
+        try:
+            self._link.ask("kill", pid=pid, signal=number)
+        except ProcessLookupError:
+            pass
+
+    def _insert(self, card: Card) -> None:
+        self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}", card.read_only)
+        self._await_on_board(f"[ -b {CARD_DEVICE} ]", CONTACT_SECONDS, "the card")
+
+    def _pull(self) -> None:
+        self._emulator.pull()
+        self._await_on_board("! ls -d /sys/class/mmc_host/mmc0/mmc0:* 2>/dev/null", CONTACT_SECONDS, "the empty slot")
+
+    def _await_on_board(self, condition: str, seconds: float, what: str) -> None:
+        script = f"n=0; until {condition}; do [ $n -lt {int(seconds * self.patience / 0.05)} ] || exit 1; " \
+                 "n=$((n + 1)); sleep 0.05; done"
+        if self.run("sh", "-c", script, within=seconds * 3).returncode != 0:
+            raise TimeoutError(f"the board's kernel does not see {what}: {self.kernel_messages()[-2000:]}")
+
+    def _set_eject_button(self, text: str) -> None:
+        self._emulator.set_button(text.strip() == "1")
+
+    def _board_file(self, path: str) -> str:
+        assert path.startswith(BOARD_DIRECTORY)
+        known = self._files.get(path, b"")
+        received: list[bytes] = []
+        number = self._link.new_number()
+        try:
+            answer = self._link.ask("read", lambda _, data: received.append(data), number, path=path, offset=len(known))
+            if answer["size"] < len(known):
+                known = b""
+                received.clear()
+                self._link.ask("read", lambda _, data: received.append(data), number, path=path, offset=0)
+        except FileNotFoundError:
+            return ""
+        except BoardGone:
+            return known.decode(errors="replace")
+        self._link.forget(number)
+        self._files[path] = known + b"".join(received)
+        return self._files[path].decode(errors="replace")
+
+    def _is_system_process(self, parent: str, arguments: str) -> bool:
+        # The kernel's own threads are the children of process 2 (and of process 0, as that one is).
+        return (parent in ("0", "2") or super()._is_system_process(parent, arguments)
+                or "udevd" in arguments or arguments == "(udev-worker)")
+
+    def _remains_of_board(self) -> list[str]:
+        return [f"emulator {self._emulator_pid}"] if Path(f"/proc/{self._emulator_pid}").exists() else []

@@ -1,0 +1,39 @@
+"""What the product installs on any board."""
+
+from pathlib import Path
+
+from .log_records import TRACKING_CONFIGURATION_TEXT
+from .names import (BUS_POLICY, FORMAT_SCRIPT, MEDIA_CONFIGURATION, RUN_LEVEL_FILE, TRACKING_CONFIGURATION)
+
+PLATFORM = Path(__file__).resolve().parent.parent / "platform"
+RUN_LEVEL_TOOL = f"#!/bin/sh\nexec cat {RUN_LEVEL_FILE}\n"
+
+
+def file(text: str, mode: int = 0o644) -> dict:
+    """A file to install: its text and its permissions."""
+    return {"text": text, "mode": mode}
+
+
+def product_files() -> dict[str, dict]:
+    """The files that are the same on every board, path to file."""
+    return {
+        BUS_POLICY: file((PLATFORM / "tavo.SDCard1.conf").read_text()),
+        FORMAT_SCRIPT: file((PLATFORM / "tavo-create-sdcardFS.sh").read_text(), 0o755),
+        "/usr/sbin/lsof": {"link": "/usr/bin/lsof"},
+        "/usr/sbin/runlevel": file(RUN_LEVEL_TOOL, 0o755),
+    }
+
+
+def configuration_files(media_config: str | None = None,
+                        track_config: str | None = TRACKING_CONFIGURATION_TEXT) -> dict[str, dict]:
+    """The files that a test may choose.
+
+    The configurations are the files' texts: the media configuration of platform/ by default, and one
+    that has log records written where the board reads them; None installs none.
+    """
+    if media_config is None:
+        media_config = (PLATFORM / "tavo-sdcard.config.xml").read_text()
+    installed = {MEDIA_CONFIGURATION: file(media_config), RUN_LEVEL_FILE: file("N 5\n")}
+    if track_config is not None:
+        installed[TRACKING_CONFIGURATION] = file(track_config)
+    return installed
