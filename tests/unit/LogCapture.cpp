@@ -111,10 +111,11 @@ protected:
     void append(const spi::LoggingEventPtr& event, helpers::Pool&) override
     {
         const spi::LocationInfo& location = event->getLocationInformation();
+        // Some compilers write a blank before it.
+        const QString signature = QString::fromUtf8(location.*signatureMember()).replace(" &", "&");
         const LogRecord record{toLogLevel(event->getLevel()),
                                QString::fromStdString(event->getLoggerName()),
-                               QString::fromUtf8(location.getFileName()),
-                               QString::fromUtf8(location.*signatureMember()),
+                               QString::fromUtf8(location.getFileName()), signature,
                                QString::fromStdString(event->getMessage())};
         const std::lock_guard<std::mutex> lock(mRecordsMutex);
         mRecords.append(record);
