@@ -1,0 +1,274 @@
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTest>
+#include <QThread>
+
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "DirectoryScan.h"
+#include "LogCapture.h"
+#include "ScannedTree.h"
+#include "TestDevice.h"
+
+namespace {
+
+constexpr qint64 kCardSize = 1024 * 1048576LL;
+const QByteArray kRoot = "/media/sdcard/w";
+
+void makeDir(const QByteArray& path)
+{
+    QCOMPARE(::mkdir(path.constData(), 0755), 0);
+}
+
+/// Names of one file in as many places as wanted: quicker than as many files.
+void createNames(const QByteArray& directory, int count, int length)
+{
+    for (int i = 0; i < count; ++i) {
+        const QByteArray name = directory + "/" + QByteArray::number(i).rightJustified(length, '0');
+        if (::link("/media/sdcard/file", name.constData()) != 0) {
+            qFatal("cannot create %s", name.constData());
+        }
+    }
+}
+
+struct Outcome
+{
+    qint64 size = 0;
+    std::size_t files = 0;
+};
+
+Outcome scanTree()
+{
+    const std::atomic<bool> isAbandoned{false};
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
+    return {scan.totalSize(), scan.files().size()};
+}
+
+/// Runs @p work on a thread with a stack of this many bytes.
+class ThreadOfSize : public QThread
+{
+public:
+    ThreadOfSize(uint stackBytes, std::function<void()> work) : mWork(std::move(work))
+    {
+        setStackSize(stackBytes);
+        start();
+    }
+
+protected:
+    void run() override { mWork(); }
+
+private:
+    std::function<void()> mWork;
+};
+
+// The most memory that the process has ever had resident.
+qint64 peakBytes()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return qint64{usage.ru_maxrss} * 1024;
+}
+
+// By how much @p work raises the most memory that a fresh process has ever had; -1 where it fails.
+qint64 peakOf(const std::function<bool()>& work)
+{
+    ::malloc_trim(0);
+    std::array<int, 2> ends{};
+    if (::pipe(ends.data()) != 0) {
+        return -1;
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const qint64 before = peakBytes();
+        qint64 grown = -1;
+        if (work()) {
+            grown = peakBytes() - before;
+        }
+        ::_exit(::write(ends[1], &grown, sizeof grown) == sizeof grown ? 0 : 1);
+    }
+    qint64 grown = -1;
+    ::close(ends[1]);
+    if (child < 0 || ::read(ends[0], &grown, sizeof grown) != sizeof grown) {
+        grown = -1;
+    }
+    ::close(ends[0]);
+    ::waitpid(child, nullptr, 0);
+    return grown;
+}
+
+} // namespace
+
+/// Scans of what only real cards hold.
+class DirectoryScanLimitsTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void a_directory_may_hold_300000_files();
+    void a_tree_may_be_deeper_than_a_path_is_long_data();
+    void a_tree_may_be_deeper_than_a_path_is_long();
+    void a_scan_needs_two_descriptors_and_a_small_stack_however_deep_the_tree_is();
+    void no_descriptor_stays_open();
+    void a_file_costs_at_most_320_bytes_data();
+    void a_file_costs_at_most_320_bytes();
+};
+
+void DirectoryScanLimitsTest::init()
+{
+    QVERIFY(TestDevice::mountTmpfs("/media/sdcard", kCardSize));
+    makeDir(kRoot);
+    ScannedTree::createFile("/media/sdcard/file", 100);
+}
+
+void DirectoryScanLimitsTest::cleanup()
+{
+    QCOMPARE(::chdir("/"), 0);
+    TestDevice::unmountAll("/media/sdcard");
+}
+
+void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
+{
+    constexpr int kFiles = 300'000;
+    createNames(kRoot, kFiles, 10);
+    struct stat status = {};
+    QCOMPARE(::lstat(kRoot.constData(), &status), 0);
+    const LogCapture log;
+    const Outcome outcome = scanTree();
+    QCOMPARE(outcome.files, std::size_t{kFiles});
+    QCOMPARE(outcome.size, status.st_size + qint64{kFiles} * 100);
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void DirectoryScanLimitsTest::a_tree_may_be_deeper_than_a_path_is_long_data()
+{
+    QTest::addColumn<int>("levels");
+    QTest::addColumn<int>("nameLength");
+    QTest::newRow("200 short names") << 200 << 3;
+    QTest::newRow("200 long names") << 200 << 250;
+    QTest::newRow("3000 short names") << 3000 << 3;
+}
+
+void DirectoryScanLimitsTest::a_tree_may_be_deeper_than_a_path_is_long()
+{
+    QFETCH(const int, levels);
+    QFETCH(const int, nameLength);
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    struct stat status = {};
+    QCOMPARE(::stat(".", &status), 0);
+    qint64 expected = status.st_size;
+    for (int i = 0; i < levels; ++i) {
+        const QByteArray name(nameLength, 'x');
+        ScannedTree::createFile("file", 7);
+        makeDir(name);
+        QCOMPARE(::stat(".", &status), 0);
+        QCOMPARE(::chdir(name.constData()), 0);
+        expected += status.st_size + 7;
+    }
+    QCOMPARE(::chdir("/"), 0);
+    // The root was empty when it was measured, and the last directory is.
+    const LogCapture log;
+    const Outcome outcome = scanTree();
+    QCOMPARE(outcome.files, static_cast<std::size_t>(levels));
+    QCOMPARE(outcome.size, expected);
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void DirectoryScanLimitsTest::
+    a_scan_needs_two_descriptors_and_a_small_stack_however_deep_the_tree_is()
+{
+    constexpr int kLevels = 200;
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    for (int i = 0; i < kLevels; ++i) {
+        const QByteArray name(250, 'x');
+        makeDir(name);
+        ScannedTree::createFile("file", 7);
+        QCOMPARE(::chdir(name.constData()), 0);
+    }
+    QCOMPARE(::chdir("/"), 0);
+
+    const LogCapture log;
+    Outcome outcome;
+    bool isLimited = false;
+    ThreadOfSize thread(128 * 1024, [&outcome, &isLimited] {
+        const int next = ::dup(STDERR_FILENO);
+        ::close(next);
+        rlimit unlimited{};
+        ::getrlimit(RLIMIT_NOFILE, &unlimited);
+        const rlimit two{static_cast<rlim_t>(next) + 2, unlimited.rlim_max};
+        isLimited = ::setrlimit(RLIMIT_NOFILE, &two) == 0;
+        outcome = scanTree();
+        ::setrlimit(RLIMIT_NOFILE, &unlimited);
+    });
+    thread.wait();
+    QVERIFY(isLimited);
+    QCOMPARE(outcome.files, std::size_t{kLevels});
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void DirectoryScanLimitsTest::no_descriptor_stays_open()
+{
+    const auto openDescriptors = [] {
+        return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
+    };
+    for (int i = 0; i < 20; ++i) {
+        makeDir(kRoot + "/" + QByteArray::number(i));
+    }
+    QCOMPARE(::symlink("/etc", (kRoot + "/link").constData()), 0);
+    const LogCapture log;
+    const int before = openDescriptors();
+    for (int i = 0; i < 5; ++i) {
+        scanTree();
+        const std::atomic<bool> isAbandoned{false};
+        DirectoryScan missing(log4cxx::Logger::getLogger("scan"), isAbandoned);
+        missing.run(kRoot + "/missing", DirectoryScan::Extent::WholeTree,
+                    DirectoryScan::Keep::Files);
+        DirectoryScan link(log4cxx::Logger::getLogger("scan"), isAbandoned);
+        link.run(kRoot + "/link", DirectoryScan::Extent::OneLevel, DirectoryScan::Keep::SizesOnly);
+    }
+    QCOMPARE(openDescriptors(), before);
+}
+
+void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes_data()
+{
+    QTest::addColumn<int>("files");
+    QTest::addColumn<int>("directories");
+    QTest::newRow("one directory") << 100'000 << 1;
+    QTest::newRow("ten files in each directory") << 50'000 << 5'000;
+    QTest::newRow("one file in each directory") << 50'000 << 50'000;
+}
+
+void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QSKIP("a sanitizer's own memory is in the figure");
+#endif
+    QFETCH(const int, files);
+    QFETCH(const int, directories);
+    constexpr int kPathLength = 40;
+    // "/media/sdcard/w/" + 8 + "/" + name
+    for (int i = 0; i < directories; ++i) {
+        const QByteArray dir = kRoot + "/" + QByteArray::number(i).rightJustified(8, '0');
+        makeDir(dir);
+        createNames(dir, files / directories, kPathLength - dir.size() - 1);
+    }
+    const qint64 peak =
+        peakOf([files] { return scanTree().files == static_cast<std::size_t>(files); });
+    QVERIFY(peak > 0);
+    qInfo("%.1f bytes a file", static_cast<double>(peak) / files);
+    QVERIFY2(peak <= qint64{320} * files, qPrintable(QString::number(peak / files)));
+}
+
+TEST_DEVICE_MAIN(DirectoryScanLimitsTest)
+#include "DirectoryScanLimitsTest.moc"
