@@ -1,0 +1,256 @@
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTest>
+
+#include <log4cxx/logger.h>
+
+#include "LogCapture.h"
+#include "TestDevice.h"
+#include "fdisk.h"
+
+namespace {
+
+const QString kDisk = QStringLiteral("/card/mmcblk0");
+const std::string kPartition = "/card/mmcblk0p1";
+constexpr qint64 kDiskSize = qint64{32} * 1024 * 1024;
+constexpr qint64 kSysfsSize = 1048576;
+
+// The counters are only ever raised; they do not start at 0 so that this can be seen.
+constexpr int kLinuxBefore = 10;
+constexpr int kOtherBefore = 20;
+
+struct Count
+{
+    int result;
+    int linuxPartitions;
+    int otherPartitions;
+};
+
+Count countPartitions(const std::string& partition = kPartition)
+{
+    int linuxPartitions = kLinuxBefore;
+    int otherPartitions = kOtherBefore;
+    const int result = FDisk::getNumberOfPartitions(log4cxx::Logger::getLogger("St:Mounting"),
+                                                    partition, linuxPartitions, otherPartitions);
+    return {result, linuxPartitions - kLinuxBefore, otherPartitions - kOtherBefore};
+}
+
+void writeDisk(const QByteArray& table)
+{
+    TestDevice::writeFile(kDisk, {});
+    QVERIFY(QFile::resize(kDisk, kDiskSize));
+    if (table.isEmpty()) {
+        return;
+    }
+    QProcess sfdisk;
+    sfdisk.start("/usr/sbin/sfdisk", {"--quiet", "--no-reread", "--no-tell-kernel", kDisk});
+    sfdisk.write(table);
+    sfdisk.closeWriteChannel();
+    QVERIFY(sfdisk.waitForFinished());
+    QVERIFY2(sfdisk.exitCode() == 0, sfdisk.readAllStandardError().constData());
+}
+
+int openDescriptors()
+{
+    return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
+}
+
+} // namespace
+
+class FDiskTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanup();
+    void the_disk_is_found_through_the_kernels_directory_data();
+    void the_disk_is_found_through_the_kernels_directory();
+    void long_paths_do_no_harm_data();
+    void long_paths_do_no_harm();
+    void partitions_are_counted_by_their_type_data();
+    void partitions_are_counted_by_their_type();
+    void an_unknown_partition_is_reported_data();
+    void an_unknown_partition_is_reported();
+    void a_disk_that_cannot_be_opened_is_reported();
+    void a_disk_without_a_partition_table_is_reported_data();
+    void a_disk_without_a_partition_table_is_reported();
+    void failures_count_where_their_level_is_off();
+    void no_descriptor_stays_open();
+};
+
+void FDiskTest::initTestCase()
+{
+    QVERIFY(TestDevice::mountTmpfs("/sys/class/block", kSysfsSize));
+    QVERIFY(QDir().mkpath("/sys/class/block/mmcblk0/mmcblk0p1"));
+    QVERIFY(QDir().mkpath("/sys/class/block/deep/" + QString(100, 'd') + "/sda/sda7"));
+    QVERIFY(QFile::link("mmcblk0/mmcblk0p1", "/sys/class/block/mmcblk0p1"));
+    QVERIFY(QFile::link("deep/" + QString(100, 'd') + "/sda/sda7", "/sys/class/block/sda7"));
+    QVERIFY(QFile::link("nowhere", "/sys/class/block/dangling"));
+}
+
+void FDiskTest::cleanup()
+{
+    TestDevice::remove("/card");
+}
+
+void FDiskTest::the_disk_is_found_through_the_kernels_directory_data()
+{
+    QTest::addColumn<QByteArray>("partition");
+    QTest::addColumn<QByteArray>("disk");
+    QTest::newRow("card") << QByteArray("/dev/mmcblk0p1") << QByteArray("/dev/mmcblk0");
+    QTest::newRow("other directory")
+        << QByteArray("/card/a/mmcblk0p1") << QByteArray("/card/a/mmcblk0");
+    QTest::newRow("root directory") << QByteArray("/sda7") << QByteArray("/sda");
+    QTest::newRow("relative") << QByteArray("dev/sda7") << QByteArray("dev/sda");
+    QTest::newRow("disk far away") << QByteArray("/dev/sda7") << QByteArray("/dev/sda");
+    QTest::newRow("no name") << QByteArray("/dev/") << QByteArray("/dev/class");
+    QTest::newRow("no directory") << QByteArray("mmcblk0p1") << QByteArray();
+    QTest::newRow("empty") << QByteArray() << QByteArray();
+    QTest::newRow("unknown") << QByteArray("/dev/mmcblk0p2") << QByteArray();
+    QTest::newRow("dangling") << QByteArray("/dev/dangling") << QByteArray();
+}
+
+void FDiskTest::the_disk_is_found_through_the_kernels_directory()
+{
+    QFETCH(const QByteArray, partition);
+    QTEST(QByteArray::fromStdString(FDisk::getDiskDevicePath(partition.toStdString())), "disk");
+}
+
+void FDiskTest::long_paths_do_no_harm_data()
+{
+    QTest::addColumn<QByteArray>("partition");
+    for (const int length : {200, 238, 239, 240, 250, 251, 252, 255, 256, 5000}) {
+        QTest::addRow("name of %d", length) << "/" + QByteArray(length, 'x');
+        QTest::addRow("directory of %d", length)
+            << "/" + QByteArray(length, 'x') + "/no_such_partition";
+        QTest::addRow("dots of %d", length) << "/" + QByteArray("../").repeated(length / 3);
+    }
+}
+
+void FDiskTest::long_paths_do_no_harm()
+{
+    QFETCH(const QByteArray, partition);
+    const LogCapture log;
+    QCOMPARE(countPartitions(partition.toStdString()).result, -1);
+    QCOMPARE(log.errorCount(), 1U);
+}
+
+void FDiskTest::partitions_are_counted_by_their_type_data()
+{
+    QTest::addColumn<QByteArray>("table");
+    QTest::addColumn<int>("linuxPartitions");
+    QTest::addColumn<int>("otherPartitions");
+    QTest::newRow("empty table") << QByteArray("label: dos\n") << 0 << 0;
+    QTest::newRow("Linux") << QByteArray("label: dos\n,,83\n") << 1 << 0;
+    QTest::newRow("FAT") << QByteArray("label: dos\n,,c\n") << 0 << 1;
+    QTest::newRow("swap") << QByteArray("label: dos\n,,82\n") << 0 << 1;
+    QTest::newRow("FAT and Linux") << QByteArray("label: dos\n,8M,c\n,8M,83\n") << 1 << 1;
+    QTest::newRow("two of Linux") << QByteArray("label: dos\n,8M,83\n,8M,83\n") << 2 << 0;
+    QTest::newRow("four") << QByteArray("label: dos\n,4M,83\n,4M,7\n,4M,83\n,4M,83\n") << 3 << 1;
+    QTest::newRow("extended with one logical")
+        << QByteArray("label: dos\n,4M,83\n,,5\n,4M,83\n") << 2 << 1;
+    QTest::newRow("gap in the table")
+        << QByteArray("label: dos\n/card/mmcblk0p3 : size=4M, type=83\n") << 1 << 0;
+    QTest::newRow("GPT") << QByteArray("label: gpt\n,,L\n") << 0 << 1;
+    QTest::newRow("empty GPT") << QByteArray("label: gpt\n") << 0 << 0;
+}
+
+void FDiskTest::partitions_are_counted_by_their_type()
+{
+    QFETCH(const QByteArray, table);
+    writeDisk(table);
+    const LogCapture log;
+    const Count count = countPartitions();
+    QCOMPARE(count.result, 0);
+    QTEST(count.linuxPartitions, "linuxPartitions");
+    QTEST(count.otherPartitions, "otherPartitions");
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void FDiskTest::an_unknown_partition_is_reported_data()
+{
+    QTest::addColumn<QByteArray>("partition");
+    QTest::newRow("no slash") << QByteArray("mmcblk0p1");
+    QTest::newRow("unknown name") << QByteArray("/card/mmcblk9p1");
+    QTest::newRow("empty") << QByteArray();
+}
+
+void FDiskTest::an_unknown_partition_is_reported()
+{
+    QFETCH(const QByteArray, partition);
+    const LogCapture log;
+    const Count count = countPartitions(partition.toStdString());
+    QCOMPARE(count.result, -1);
+    QCOMPARE(count.linuxPartitions, 0);
+    QCOMPARE(count.otherPartitions, 0);
+    QCOMPARE(log.messages(LogLevel::Error),
+             QStringList{"FDisk: Unable to get device path '" + partition + "'"});
+    QCOMPARE(log.records().at(0).channel, QString("St:Mounting"));
+    QCOMPARE(log.records().at(0).source, QString("fdisk"));
+    QVERIFY(log.records().at(0).function.startsWith("static int FDisk::getNumberOfPartitions("));
+    QCOMPARE(log.errorCount(), 1U);
+}
+
+void FDiskTest::a_disk_that_cannot_be_opened_is_reported()
+{
+    const LogCapture log;
+    const Count count = countPartitions();
+    QCOMPARE(count.result, -1);
+    QCOMPARE(count.linuxPartitions, 0);
+    QCOMPARE(count.otherPartitions, 0);
+    QCOMPARE(log.messages(LogLevel::Error), QStringList{"FDisk: Unable to open '/card/mmcblk0'"});
+    QCOMPARE(log.errorCount(), 1U);
+}
+
+void FDiskTest::a_disk_without_a_partition_table_is_reported_data()
+{
+    QTest::addColumn<QByteArray>("start");
+    QTest::newRow("blank") << QByteArray();
+    QTest::newRow("noise") << QByteArray(4096, '\xa5');
+}
+
+void FDiskTest::a_disk_without_a_partition_table_is_reported()
+{
+    QFETCH(const QByteArray, start);
+    TestDevice::writeFile(kDisk, start);
+    QVERIFY(QFile::resize(kDisk, kDiskSize));
+    const LogCapture log;
+    const Count count = countPartitions();
+    QCOMPARE(count.result, -2);
+    QCOMPARE(count.linuxPartitions, 0);
+    QCOMPARE(count.otherPartitions, 0);
+    QCOMPARE(log.messages(LogLevel::Error),
+             QStringList{"FDisk: Failed to read partition table of device '/card/mmcblk0'"});
+    QCOMPARE(log.errorCount(), 1U);
+}
+
+void FDiskTest::failures_count_where_their_level_is_off()
+{
+    const LogCapture log(LogLevel::Off);
+    countPartitions("mmcblk0p1");
+    QCOMPARE(log.errorCount(), 1U);
+    countPartitions();
+    QCOMPARE(log.errorCount(), 2U);
+    writeDisk({});
+    countPartitions();
+    QCOMPARE(log.errorCount(), 3U);
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void FDiskTest::no_descriptor_stays_open()
+{
+    const LogCapture log;
+    const int before = openDescriptors();
+    countPartitions();
+    writeDisk({});
+    countPartitions();
+    writeDisk("label: dos\n,,83\n");
+    countPartitions();
+    QCOMPARE(openDescriptors(), before);
+}
+
+TEST_DEVICE_MAIN(FDiskTest)
+#include "FDiskTest.moc"
