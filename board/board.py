@@ -207,8 +207,8 @@ class Board(Expectations, ABC):
         Without a body it passes on to the real program, as "$ORIGINAL" does in any body.
         """
         original = tools.original_of(path)
-        self.run("sh", "-c", 'mkdir -p "${2%/*}" && { [ -e "$2" ] || [ ! -e "$1" ] || mv "$1" "$2"; }',
-                 "sh", path, original, check=True)
+        keep = 'mkdir -p "${2%/*}" && { [ -e "$2" ] || [ ! -e "$1" ] || cp -p "$(readlink -f "$1")" "$2"; }'
+        self.run("sh", "-c", keep, "sh", path, original, check=True)
         self.write_file(path, tools.recording_script(path, body), 0o755)
 
     def restore_tool(self, path: str) -> None:
