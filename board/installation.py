@@ -6,6 +6,7 @@ from .log_records import TRACKING_CONFIGURATION_TEXT
 from .names import (BUS_POLICY, FORMAT_SCRIPT, MEDIA_CONFIGURATION, RUN_LEVEL_FILE, TRACKING_CONFIGURATION)
 
 PLATFORM = Path(__file__).resolve().parent.parent / "platform"
+RUN_LEVEL_PROGRAM = "/usr/sbin/runlevel"
 RUN_LEVEL_TOOL = f"#!/bin/sh\nexec cat {RUN_LEVEL_FILE}\n"
 
 
@@ -20,7 +21,7 @@ def product_files() -> dict[str, dict]:
         BUS_POLICY: file((PLATFORM / "tavo.SDCard1.conf").read_text()),
         FORMAT_SCRIPT: file((PLATFORM / "tavo-create-sdcardFS.sh").read_text(), 0o755),
         "/usr/sbin/lsof": {"link": "/usr/bin/lsof"},
-        "/usr/sbin/runlevel": file(RUN_LEVEL_TOOL, 0o755),
+        RUN_LEVEL_PROGRAM: file(RUN_LEVEL_TOOL, 0o755),
     }
 
 

@@ -7,11 +7,12 @@ from pathlib import Path
 from .board import Board
 from .bus import BusClient
 from .card import Card
-from .installation import configuration_files, file, product_files
+from .installation import RUN_LEVEL_PROGRAM, configuration_files, file, product_files
 from .leds import LED_FILES, LED_NAMES, LedPanel
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
-from .names import BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET
+from .names import (BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, MEDIA_CONFIGURATION, RUN_LEVEL_FILE,
+                    SERVICE_PROGRAM, SYSTEM_BUS_SOCKET, TRACKING_CONFIGURATION)
 from .process import Process
 from .virtual_machine import VirtualMachine
 
@@ -21,14 +22,19 @@ class VirtualBoard(Board):
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
-                 eject_button: bool = True, files: dict[str, str] | None = None) -> None:
+                 eject_button: bool = True, files: dict[str, str] | None = None,
+                 package: str | os.PathLike | None = None) -> None:
         """Starts the board, without a card and without the service.
 
         @p program is the service's executable; the configurations are those of
-        configuration_files(). @p files are further files (path to text).
+        configuration_files(). @p files are further files (path to text). A Debian @p package is
+        installed instead of the program and of all that the product puts on a board; without
+        @p media_config its own then stays.
         """
         super().__init__()
         installed = product_files() | configuration_files(media_config, track_config)
+        if package is not None:
+            installed = {path: installed[path] for path in (RUN_LEVEL_PROGRAM, RUN_LEVEL_FILE)}
         if eject_button:
             installed[EJECT_BUTTON] = file("0\n")
         if leds:
@@ -44,9 +50,23 @@ class VirtualBoard(Board):
         try:
             self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
+            if package is not None:
+                self.install_package(package)
+                self.remove_file(TRACKING_CONFIGURATION)
+                if track_config is not None:
+                    self.write_file(TRACKING_CONFIGURATION, track_config)
+                if media_config is not None:
+                    self.write_file(MEDIA_CONFIGURATION, media_config)
         except BaseException:
             self._machine.power_off()
             raise
+
+    def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
+        """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
+        copy = f"{BOARD_DIRECTORY}/package.deb"
+        self._machine.path_from_host(copy).write_bytes(Path(package).read_bytes())
+        self.write_file("/usr/sbin/policy-rc.d", f"#!/bin/sh\nexit {0 if start else 101}\n", 0o755)
+        self.run("dpkg", "--install", "--force-confold", copy, check=True)
 
     @property
     def is_open(self) -> bool:

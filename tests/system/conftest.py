@@ -18,6 +18,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--board", choices=BOARDS, default="virtual", help="kind of board to test on")
     parser.addoption("--preset", default=None, help="build preset whose program is tested")
     parser.addoption("--program", default=None, help="program to test instead of a preset's")
+    parser.addoption("--package", default=None, help="Debian package to test instead of a program")
 
 
 def pytest_configure(config: pytest.Config) -> None:
@@ -26,11 +27,13 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Without the tests that bear the name of another kind of board, and the long ones first.
+    """Without the tests of another kind of board or of the package where there is none; long ones first.
 
     Side by side with all others these cost no time.
     """
     others = set(BOARDS) - {config.getoption("--board")}
+    if config.getoption("--package") is None:
+        others.add("package")
     left_out = [item for item in items if any(item.get_closest_marker(name) for name in others)]
     if left_out:
         config.hook.pytest_deselected(items=left_out)
@@ -54,8 +57,17 @@ def _is_emulated(config: pytest.Config) -> bool:
 
 
 @pytest.fixture(scope="session")
-def program(pytestconfig: pytest.Config) -> Path:
-    """The service's executable."""
+def package(pytestconfig: pytest.Config) -> Path | None:
+    """The Debian package that is tested, if it is one."""
+    chosen = pytestconfig.getoption("--package")
+    return Path(chosen).resolve(strict=True) if chosen else None
+
+
+@pytest.fixture(scope="session")
+def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
+    """The service's executable; None where the package brings it."""
+    if package is not None:
+        return None
     chosen = pytestconfig.getoption("--program")
     preset = pytestconfig.getoption("--preset") or ("armhf" if _is_emulated(pytestconfig) else "dev")
     path = Path(chosen) if chosen else ROOT / "build" / preset / "source" / "sdcardd"
@@ -64,13 +76,14 @@ def program(pytestconfig: pytest.Config) -> Path:
 
 
 @pytest.fixture
-def make_board(request: pytest.FixtureRequest) -> Iterator[Callable[..., Board]]:
+def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator[Callable[..., Board]]:
     """Makes boards, and checks each after the test: no crash, and nothing left behind."""
     kind = BOARDS[request.config.getoption("--board")]
     boards: list[Board] = []
 
     def make(**options: object) -> Board:
-        boards.append(kind(**options))
+        installed = {} if package is None else {"package": package}
+        boards.append(kind(**(installed | options)))
         return boards[-1]
 
     yield make

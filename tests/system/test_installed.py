@@ -1,0 +1,258 @@
+"""The installed Debian package: what it puts in place, its init script, its removal."""
+
+import signal
+import time
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+
+from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
+from board.names import (BOARD_DIRECTORY, MEDIA_CONFIGURATION, SERVICE_NAME, SERVICE_PROGRAM,
+                         TRACKING_CONFIGURATION)
+
+pytestmark = [pytest.mark.package, pytest.mark.virtual]
+INIT_SCRIPT = "/etc/init.d/sdcardd"
+LOG = "/var/log/tavo-sdcard.log"
+RUNNING, NOT_RUNNING = 0, 3
+E2FSCK = "/usr/sbin/e2fsck"
+
+
+def init(board, action, within=60):
+    return board.run(INIT_SCRIPT, action, within=within)
+
+
+def start(board):
+    result = init(board, "start")
+    assert result.returncode == 0, result.stdout + result.stderr
+
+
+def service_pid(board):
+    return board.run("pidof", "sdcardd").stdout.strip()
+
+
+def is_mounted(board):
+    return board.mounts() != []
+
+
+def installed_files(board):
+    """The package's files, without directories."""
+    listing = board.run("dpkg", "--listfiles", "sdcardd", check=True).stdout.split()
+    return [path for path in listing if board.run("test", "-d", path).returncode != 0]
+
+
+def use_shipped_tracking_configuration(board):
+    """Puts the package's own in the place of the board's."""
+    board.run("sh", "-c", 'dpkg-deb --fsys-tarfile "$1" | tar -xf - -C / ".$2"', "sh",
+              f"{BOARD_DIRECTORY}/package.deb", TRACKING_CONFIGURATION, check=True)
+
+
+# Installing and removing
+
+def test_an_installed_service_runs_at_once(make_board, package):
+    board = make_board(package=None)
+    board.run("rm", "/usr/share/dbus-1/system.d/tavo.SDCard1.conf", SERVICE_PROGRAM)
+    board.install_package(package, start=True)
+    assert board.bus.has_service()
+    assert init(board, "status").returncode == RUNNING
+    assert init(board, "stop").returncode == 0
+
+
+def test_it_is_started_and_stopped_with_the_system(board):
+    links = board.run("sh", "-c", "ls /etc/rc?.d | grep sdcardd").stdout.split()
+    assert sorted(link[0] for link in links) == list("KKKSSSS"), links
+
+
+def test_an_update_starts_the_new_service(board, package):
+    start(board)
+    before = service_pid(board)
+    board.install_package(package, start=True)
+    assert service_pid(board) not in ("", before)
+    assert init(board, "stop").returncode == 0
+
+
+def test_configuration_files_are_the_administrators(board, package):
+    listed = board.run("dpkg-query", "--show", "--showformat=${Conffiles}", "sdcardd", check=True).stdout
+    configuration = [path for path in installed_files(board) if path.startswith("/etc/")]
+    assert [path for path in configuration if f" {path} " not in listed] == []
+    assert MEDIA_CONFIGURATION in configuration
+    board.write_file(MEDIA_CONFIGURATION, '<sdcard devicepath="/dev/mmcblk7p1"/>')
+    board.install_package(package)
+    assert "mmcblk7p1" in board.read_file(MEDIA_CONFIGURATION)
+
+
+def test_a_removed_package_leaves_no_service_name_or_rule(board):
+    start(board)
+    files = installed_files(board)
+    board.write_file("/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 0\n", 0o755)
+    board.run("dpkg", "--remove", "sdcardd", check=True)
+    assert service_pid(board) == ""
+    assert not board.bus.has_service()
+    left = [path for path in files if board.exists(path)]
+    assert left and all(path.startswith("/etc/") for path in left), left
+    # What is left is the administrator's, and does nothing.
+    assert board.run("sh", INIT_SCRIPT, "start").returncode == 0
+    assert service_pid(board) == ""
+
+
+def test_a_purged_package_leaves_nothing(board):
+    start(board)
+    board.write_file(LOG, "old\n")
+    files = installed_files(board)
+    board.write_file("/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 0\n", 0o755)
+    board.run("dpkg", "--purge", "sdcardd", check=True)
+    assert [path for path in [*files, LOG, "/run/sdcardd.pid", "/run/sdcardd.messages"] if board.exists(path)] == []
+    assert board.run("sh", "-c", "ls /etc/rc?.d | grep sdcardd").stdout == ""
+
+
+# What is in place
+
+def test_the_interface_files_describe_what_the_service_offers(board):
+    start(board)
+
+    def members(root, interface):
+        found = next(node for node in root.iter("interface") if node.get("name") == interface)
+        return [(node.tag, node.get("name"), node.get("type"), node.get("access"),
+                 [(argument.get("name"), argument.get("type")) for argument in node.iter("arg")]) for node in found]
+    live = ElementTree.fromstring(board.introspect())
+    for interface in (CARD_INTERFACE, CONTROLLER_INTERFACE):
+        installed = ElementTree.fromstring(board.read_file(f"/usr/share/dbus-1/interfaces/{interface}.xml"))
+        assert members(installed, interface) == members(live, interface) != []
+    assert init(board, "stop").returncode == 0
+
+
+@pytest.mark.parametrize("page", ["sdcardd.8"])
+def test_there_is_a_manual_page(board, page):
+    result = board.run("man", "--local-file", "--warnings", f"/usr/share/man/man{page[-1]}/{page}.gz", check=True)
+    assert "SYNOPSIS" in result.stdout
+    assert result.stderr == ""
+
+
+def test_the_shipped_configurations_work_together(board):
+    use_shipped_tracking_configuration(board)
+    board.insert(Card.formatted())
+    start(board)
+    board.expect_state(State.MOUNTED, within=20)
+    assert sorted(board.run("ls", MOUNT_POINT, check=True).stdout.split()) >= ["archive", "csv", "export", "logger"]
+    assert "SD Card is successfully mounted" in board.read_file(LOG)
+    assert init(board, "stop").returncode == 0
+
+
+def test_a_rotated_log_goes_on(board):
+    use_shipped_tracking_configuration(board)
+    start(board)
+    board.run("logrotate", "--force", "/etc/logrotate.d/sdcardd", check=True)
+    assert "Configuration successfully parsed" in board.read_file(LOG + ".1")
+    assert board.read_file(LOG) == ""
+    assert board.bus.has_service()
+    assert init(board, "stop").returncode == 0
+    after = board.read_file(LOG)
+    assert "Terminating sdcardd" in after and "\0" not in after
+
+
+# The init script
+
+def test_the_init_script_starts_tells_and_stops(board):
+    assert init(board, "status").returncode == NOT_RUNNING
+    start(board)
+    assert board.bus.has_service()
+    first = service_pid(board)
+    assert init(board, "status").returncode == RUNNING
+    start(board)
+    assert service_pid(board) == first
+    assert init(board, "restart").returncode == 0
+    assert service_pid(board) not in ("", first)
+    assert init(board, "stop").returncode == 0
+    assert init(board, "stop").returncode == 0
+    assert init(board, "status").returncode == NOT_RUNNING
+    assert init(board, "sing").returncode == 2
+    assert board.leftovers() == []
+
+
+def test_a_start_that_fails_says_why(board):
+    board.remove_file(TRACKING_CONFIGURATION)
+    result = init(board, "start")
+    assert result.returncode != 0
+    assert "Configuration file not found: tavo-sdcard.trackconfig.xml" in result.stderr
+    assert init(board, "status").returncode == NOT_RUNNING
+
+
+def test_options_of_the_service_are_the_administrators(board):
+    board.write_file("/etc/default/tavo-sdcard", "SDCARDD_OPTIONS='--config /etc/elsewhere.xml'\n")
+    result = init(board, "start")
+    assert result.returncode != 0
+    assert "'/etc/elsewhere.xml' not found" in result.stderr
+
+
+def test_a_stop_waits_until_the_card_is_unmounted(board):
+    card = Card.formatted()
+    board.insert(card)
+    start(board)
+    board.expect_state(State.MOUNTED, within=20)
+    held = board.hold_file_open()
+    stopping = board.start(INIT_SCRIPT, "stop")
+    board.expect_state(State.CLOSING_FILES)
+    time.sleep(2)
+    assert stopping.running and is_mounted(board)
+    held.stop()
+    assert stopping.wait() == 0
+    assert not is_mounted(board)
+    assert card.is_clean(), card.check().stdout
+
+
+def test_a_stop_that_leaves_the_card_mounted_says_so(board):
+    board.insert(Card.formatted())
+    start(board)
+    board.expect_state(State.MOUNTED, within=20)
+    held = board.hold_file_open()
+    board.run("kill", "-KILL", service_pid(board), check=True)
+    result = init(board, "stop")
+    assert result.returncode == 1
+    assert "The card is still mounted" in result.stdout + result.stderr
+    held.stop()
+    assert init(board, "stop").returncode == 0
+    assert not is_mounted(board) and not board.exists(MOUNT_POINT)
+
+
+@pytest.mark.lasts(42)
+def test_a_shutdown_ends_with_a_clean_card_though_a_program_holds_a_file(board):
+    card = Card.formatted()
+    board.insert(card)
+    start(board)
+    board.expect_state(State.MOUNTED, within=20)
+    held = board.hold_file_open(ignore_sigterm=True)
+    board.set_runlevel(6)
+    result = init(board, "stop", within=70)
+    assert held.wait() == -signal.SIGKILL
+    assert result.returncode == 0, result.stdout + result.stderr + board.report()
+    assert not is_mounted(board)
+    assert card.is_clean(), card.check().stdout
+
+
+def test_a_service_that_crashed_goes_on_with_the_mounted_card(board):
+    board.insert(Card.formatted())
+    start(board)
+    board.expect_state(State.MOUNTED, within=20)
+    board.write_file(f"{MOUNT_POINT}/before", "the crash")
+    board.replace_tool(E2FSCK)
+    board.run("kill", "-KILL", service_pid(board), check=True)
+    board.expect("the name is free", lambda: not board.bus.has_service())
+    assert is_mounted(board)
+    assert init(board, "status").returncode != RUNNING
+    records = len(board.records)
+    start(board)
+    board.expect_state(State.MOUNTED)
+    board.expect_record("INFO", "sdcard", "SD Card is successfully mounted", after=records)
+    assert board.tool_calls("e2fsck") == []
+    assert board.read_file(f"{MOUNT_POINT}/before") == "the crash"
+    assert board.property("IsMounted") is True
+    assert board.call(CARD_INTERFACE, "GetDirPath", "csv") == f"{MOUNT_POINT}/csv"
+    assert init(board, "stop").returncode == 0
+    assert not is_mounted(board)
+
+
+def test_the_name_belongs_to_the_installed_service(board):
+    start(board)
+    reply = board.run("dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus", "/",
+                      "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{SERVICE_NAME}", check=True).stdout
+    assert reply.split() == ["uint32", service_pid(board)]
+    assert init(board, "stop").returncode == 0
