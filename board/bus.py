@@ -56,15 +56,18 @@ class BusClient:
     def __init__(self, socket_path: str, on_signal: Callable[[], None]) -> None:
         self._connection = open_dbus_connection(f"unix:path={socket_path}", auth_timeout=10)
         self._router = DBusRouter(self._connection)
+        self._closed = False
         self._record = SignalRecord(on_signal)
         rule = MatchRule(type="signal", path=OBJECT_PATH)
         self._router.filter(rule, queue=self._record)
         self._ask(message_bus.AddMatch(rule), CALL_SECONDS)
 
     def close(self) -> None:
-        """Leaves the bus."""
-        self._router.close()
-        self._connection.close()
+        """Leaves the bus; a second time does nothing."""
+        if not self._closed:
+            self._closed = True
+            self._router.close()
+            self._connection.close()
 
     @property
     def signals(self) -> list[Signal]:

@@ -1,0 +1,166 @@
+"""The installed package with systemd in charge, its unit's hardening in force."""
+
+import signal
+import time
+
+import pytest
+
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, State
+from systemd_system import SystemdSystem
+
+pytestmark = [pytest.mark.package, pytest.mark.virtual]
+UNIT = "sdcardd.service"
+E2FSCK = "/usr/sbin/e2fsck"
+# The board's cards are loop devices, which the unit does not let the service open.
+DEVICES = "[Service]\nDeviceAllow=block-loop rw\nDeviceAllow=block-blkext rw\n"
+HOLD_FILE = ("import signal, sys, time\n"
+             "signal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+             "held = open(sys.argv[1], 'a')\n"
+             "time.sleep(100000)\n")
+EXPOSURE_LIMIT = 5.0
+
+
+@pytest.fixture
+def systemd_board(board):
+    """A board whose unit may open the board's kind of card."""
+    board.write_file(f"/etc/systemd/system/{UNIT}.d/board.conf", DEVICES)
+    return board
+
+
+def is_mounted(system):
+    return f" {MOUNT_POINT} " in system.run("cat", "/proc/mounts").stdout
+
+
+def hold_file_open(system, *properties):
+    """A service that ignores SIGTERM and has a file on the card open."""
+    system.run("systemd-run", "--quiet", "--unit=holder", *(f"--property={text}" for text in properties),
+               "/usr/bin/python3", "-I", "-c", HOLD_FILE, f"{MOUNT_POINT}/held")
+    system.wait_for(lambda: system.run("test", "-e", f"{MOUNT_POINT}/held", check=False).returncode == 0)
+
+
+def test_the_service_starts_with_the_system_and_mounts_for_everyone(systemd_board):
+    card = Card.formatted()
+    systemd_board.insert(card)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        assert system.show(UNIT, "ActiveState") == "active"
+        pid = system.show(UNIT, "MainPID")
+        assert system.run("readlink", f"/proc/{pid}/ns/mnt").stdout == system.run("readlink", "/proc/1/ns/mnt").stdout
+        assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in system.run(
+            "systemd-run", "--quiet", "--wait", "--pipe", "cat", "/proc/mounts").stdout
+        system.run("systemctl", "stop", UNIT)
+        assert not is_mounted(system)
+    assert card.is_clean()
+
+
+def test_a_new_card_is_formatted_within_the_hardening(systemd_board):
+    card = Card.as_bought()
+    systemd_board.insert(card)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=30)
+        system.run("systemctl", "stop", UNIT)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+
+
+def test_other_devices_are_closed_to_the_service(board):
+    board.insert(Card.formatted())
+    with SystemdSystem(board) as system:
+        board.expect_state(State.NO_CARD)
+        board.expect_record("ERROR", "sdcard", f"FDisk: Unable to open '{CARD_DEVICE}'")
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_card(systemd_board):
+    systemd_board.insert(Card.formatted())
+    systemd_board.replace_tool(E2FSCK)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        checks = len(systemd_board.tool_calls("e2fsck"))
+        assert checks == 1
+        records = len(systemd_board.records)
+        system.run("systemctl", "kill", "--signal=SIGKILL", UNIT)
+        systemd_board.expect("the name is free", lambda: not systemd_board.bus.has_service())
+        assert is_mounted(system)
+        systemd_board.expect_record("INFO", "sdcard", "SD Card is successfully mounted", after=records)
+        systemd_board.expect_state(State.MOUNTED)
+        assert system.show(UNIT, "NRestarts") == "1"
+        assert len(systemd_board.tool_calls("e2fsck")) == checks
+        system.run("systemctl", "stop", UNIT)
+        assert not is_mounted(system)
+
+
+def test_a_stop_waits_until_files_are_closed(systemd_board):
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        hold_file_open(system)
+        stopping = system.start("systemctl", "stop", UNIT)
+        systemd_board.expect_state(State.CLOSING_FILES)
+        time.sleep(2)
+        assert stopping.running and is_mounted(system)
+        system.run("systemctl", "kill", "--signal=SIGKILL", "holder")
+        assert stopping.wait() == 0
+        assert system.show(UNIT, "Result") == "success"
+        assert not is_mounted(system)
+
+
+@pytest.mark.lasts(46)
+def test_the_time_to_stop_covers_all_waits(systemd_board):
+    card = Card.formatted()
+    systemd_board.insert(card)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        hold_file_open(system)
+        began = time.monotonic()
+        system.run("systemctl", "stop", UNIT, within=100)
+        assert 42 < time.monotonic() - began < 50
+        # The holder ignores SIGTERM: the card cannot be unmounted, and the service says so and ends.
+        assert system.show(UNIT, "Result") == "success"
+        systemd_board.expect_record("ERROR", "sdcard", "Umount failed: error code 'Device or resource busy'")
+
+
+def test_a_shutdown_ends_with_a_clean_card_though_a_program_holds_a_file(systemd_board):
+    card = Card.formatted()
+    systemd_board.insert(card)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        hold_file_open(system, "TimeoutStopSec=4s")
+        began = time.monotonic()
+        system.power_off()
+        assert time.monotonic() - began > 3
+    systemd_board.expect_record("INFO", "sdcard", "SD Card is successfully unmounted")
+    systemd_board.expect_record("INFO", "sdcard", "Terminating sdcardd with exit code 0")
+    assert card.is_clean(), card.check().stdout
+
+
+def test_a_blank_card_is_formatted_outside_of_the_events_process(systemd_board):
+    systemd_board.replace_tool("/usr/bin/systemd-run")
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.insert(Card.blank(), announce=False)
+        system.run("env", "ACTION=add", f"DEVNAME={CARD_DEVICE}", "DEVTYPE=disk", "/usr/lib/udev/tavo-sdcard-hotplug")
+        systemd_board.expect("a partition", lambda: systemd_board.exists(PARTITION_DEVICE))
+        assert systemd_board.tool_calls("systemd-run") == [
+            ["--no-block", "--collect", "--quiet", "/usr/lib/udev/tavo-sdcard-hotplug", "format"]]
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_a_purged_package_leaves_no_unit(systemd_board):
+    systemd_board.write_file("/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 0\n", 0o755)
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect("the service", systemd_board.bus.has_service)
+        system.run("rm", "-r", f"/etc/systemd/system/{UNIT}.d")
+        system.run("dpkg", "--purge", "sdcardd")
+        assert not systemd_board.bus.has_service()
+        assert "0 unit files" in system.run("systemctl", "list-unit-files", "sdcardd*", check=False).stdout
+        assert system.run("systemctl", "is-active", UNIT, check=False).stdout.strip() == "inactive"
+        left = system.run("sh", "-c", "find /etc/systemd /lib/systemd /var/lib/systemd -name '*sdcardd*'").stdout
+        assert left == ""
+
+
+def test_the_unit_has_no_flaw(board):
+    result = board.run("systemd-analyze", "verify", "--man=no", f"/lib/systemd/system/{UNIT}")
+    flaws = [line for line in (result.stdout + result.stderr).splitlines() if "sdcardd" in line]
+    assert flaws == []
+    exposure = board.run("systemd-analyze", "security", "--offline=yes", f"--threshold={EXPOSURE_LIMIT * 10:.0f}",
+                         f"/lib/systemd/system/{UNIT}")
+    assert exposure.returncode == 0, exposure.stdout
