@@ -1,10 +1,15 @@
 """A mounted card's contents as the test sees them, and what the service should make of them."""
 
+import fcntl
 import os
+import struct
 from dataclasses import dataclass
 from pathlib import Path
 
 from board import MOUNT_POINT, VirtualBoard
+
+FS_IOC_SETFLAGS = 0x40086602
+FS_IMMUTABLE_FL = 0x10
 
 
 @dataclass(frozen=True)
@@ -70,3 +75,12 @@ class Contents:
         status = os.lstat(os.path.join(top, path) if path else top)
         return Entry(path, status.st_size, status.st_ctime_ns, os.path.isdir(os.path.join(top, path))
                      and not os.path.islink(os.path.join(top, path)))
+
+
+def set_immutable(path: bytes, immutable: bool) -> None:
+    """Makes a file or directory one that nobody may change or remove, or ends that."""
+    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    try:
+        fcntl.ioctl(descriptor, FS_IOC_SETFLAGS, struct.pack("i", FS_IMMUTABLE_FL if immutable else 0))
+    finally:
+        os.close(descriptor)

@@ -1,0 +1,67 @@
+"""What the enforcement of a watched directory's share must do, computed independently of the service."""
+
+import os
+from collections.abc import Iterable
+
+from board import CARD_INTERFACE, MOUNT_POINT, VirtualBoard
+from contents import Contents, Entry
+
+WATCHER = "StorageCapacityWatcher"
+
+
+def limit_of(contents: Contents, *percent: float) -> int:
+    """The bytes that shares in shares of the whole card allow."""
+    status = contents.file_system()
+    share = 1.0
+    for each in percent:
+        share = share * 0.01 * each
+    return int(status.f_blocks * status.f_frsize * share)
+
+
+def enforce(board: VirtualBoard, identifier: str) -> None:
+    """Has the service enforce a directory's share."""
+    board.call(CARD_INTERFACE, "EnsureDirSize", identifier)
+
+
+def assert_well_chosen(before: list[Entry], after: list[Entry], limit: int,
+                       not_removable: Iterable[bytes] = ()) -> None:
+    """The oldest files are gone, as many as had to, and with them the directories that they leave empty.
+
+    @p before and @p after are the entries of the watched directory; @p not_removable the paths of
+    files that were chosen but could not be removed.
+    """
+    files = {entry.path: entry for entry in before if not entry.is_directory}
+    used = sum(entry.size for entry in before)
+    left = {entry.path for entry in after if not entry.is_directory}
+    removed = files.keys() - left
+    chosen = removed | set(not_removable)
+    kept = files.keys() - chosen
+    assert left <= files.keys()
+    if limit >= used:
+        assert chosen == set()
+    else:
+        used -= sum(files[path].size for path in chosen)
+        newest_chosen = max(files[path].changed for path in chosen)
+        if kept:
+            assert used < limit, "too few were removed"
+            assert newest_chosen <= min(files[path].changed for path in kept), "the oldest do not go first"
+        # Among files of one change time any may have been the last.
+        assert any(used + files[path].size >= limit for path in chosen
+                   if files[path].changed == newest_chosen), "too many were removed"
+    assert {entry.path for entry in after if entry.is_directory} == _directories_left(before, left, removed)
+
+
+def _directories_left(before: list[Entry], left: set[bytes], removed: set[bytes]) -> set[bytes]:
+    directories = {entry.path for entry in before if entry.is_directory}
+    for path in removed:
+        directory = os.path.dirname(path)
+        while directory and not any(os.path.dirname(other) == directory
+                                    for other in left | (directories - {directory})):
+            directories.discard(directory)
+            directory = os.path.dirname(directory)
+    return directories
+
+
+def card_path(name: str) -> str:
+    """A path as records show it."""
+    return f"{MOUNT_POINT}/{name}"

@@ -1,0 +1,110 @@
+"""Enforcement that is under way while something else happens to the card."""
+
+import os
+import time
+
+import pytest
+
+from board import CARD_INTERFACE, MOUNT_POINT, State
+from capacity import WATCHER, assert_well_chosen, enforce, limit_of
+from contents import Contents
+from steps import (eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, start_with_mounted_card,
+                   take_out)
+
+PERCENT = 10
+FILES = 150
+FILE_SIZE = 60_000
+CONFIGURATION = f'<sdcard><dir size="{PERCENT}" capacitywatch="true">watched</dir></sdcard>'
+INTERVAL_MS = 3000
+MILLISECONDS_A_REMOVAL = 200
+
+
+class SlowRun:
+    """A service whose removals take their time, and the moment at which a background run has begun to remove."""
+
+    def __init__(self, board):
+        self.board = board
+        board.write_file("/etc/scw_interval", str(INTERVAL_MS))
+        self.card = start_with_mounted_card(board)
+        self.contents = Contents(board)
+        # Slows down every removal of a file, and nothing else.
+        self.tracer = board.start("strace", "-f", "-qq", "-o", "/run/board/removals", "-e", "trace=unlink,unlinkat",
+                                  "-e", f"inject=unlink,unlinkat:delay_enter={MILLISECONDS_A_REMOVAL * 1000}",
+                                  "-p", str(board.service.pid))
+        board.expect("the tracer", lambda: board.run(
+            "grep", "-q", "TracerPid:\t0", f"/proc/{board.service.pid}/status").returncode == 1)
+        self._write_files()
+        limit = limit_of(self.contents, PERCENT)
+        overhead = self.contents.used("watched") - FILES * FILE_SIZE
+        self.files_at_the_end = (limit - overhead - 1) // FILE_SIZE
+        board.expect("removals", lambda: self.files_left() < FILES - 5, within=15)
+
+    def files_left(self):
+        return len(os.listdir(self.contents.path("watched/files")))
+
+    def expect_end(self):
+        """Waits for the end of the run, which then must have removed what it had to."""
+        self.board.expect("the end of the run", lambda: self.files_left() <= self.files_at_the_end, within=20)
+        assert_well_chosen(self.before, self.contents.entries("watched"), limit_of(self.contents, PERCENT))
+
+    def _write_files(self):
+        # Together they become part of the watched directory in one moment.
+        for number in range(FILES):
+            self.contents.write(f"aside/{number}", FILE_SIZE)
+            if number % 10 == 0:
+                time.sleep(0.012)
+        os.rename(self.contents.path("aside"), self.contents.path("watched/files"))
+        self.before = self.contents.entries("watched")
+
+    def finish_quickly(self):
+        """Lets the rest of the removals happen at their normal speed."""
+        self.tracer.stop()
+
+
+@pytest.fixture
+def run(make_board, program):
+    """A background run that is removing files."""
+    return SlowRun(make_board(program=program, media_config=CONFIGURATION))
+
+
+def test_a_run_does_not_keep_the_bus_waiting(run):
+    began = time.monotonic()
+    assert run.board.state is State.MOUNTED
+    run.board.call(CARD_INTERFACE, "RefreshMemState")
+    assert time.monotonic() - began < 1
+    assert run.files_left() > run.files_at_the_end
+    run.finish_quickly()
+    run.expect_end()
+
+
+def test_two_enforcements_at_once_remove_no_more_than_one_would(run):
+    enforce(run.board, "watched")
+    run.finish_quickly()
+    run.expect_end()
+    # A third look finds nothing to do.
+    enforce(run.board, "watched")
+    run.expect_end()
+    assert messages(run.board, "WARN", WATCHER) != []
+    assert all(message.endswith(": No such file or directory") for level in ("WARN", "ERROR")
+               for message in messages(run.board, level, WATCHER))
+
+
+def test_an_eject_during_a_run_waits_for_its_end(run):
+    press_until_eject(run.board)
+    run.board.expect_record("INFO", "sdcard", f"{run.board.service.pid}: 'sdcardd'")
+    assert run.board.state is State.CLOSING_FILES
+    run.finish_quickly()
+    expect_safe_to_take_out(run.board)
+    take_out(run.board)
+    run.board.insert(run.card)
+    expect_mounted(run.board)
+    run.expect_end()
+
+
+def test_a_signal_during_a_run_ends_the_service_with_a_clean_card(run):
+    run.board.service.send_signal()
+    run.board.expect_state(State.CLOSING_FILES)
+    run.finish_quickly()
+    run.board.expect_service_end(0, within=20)
+    assert run.board.mounts() == []
+    assert run.card.is_clean()

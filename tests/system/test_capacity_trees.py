@@ -1,0 +1,274 @@
+"""The choice of files and the sizes on trees of every kind, held against a computation of the test's own."""
+
+import os
+import random
+import socket
+import stat
+import time
+
+import pytest
+
+from board import CARD_INTERFACE, Card
+from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of
+from contents import Contents, set_immutable
+from steps import messages, start_with_mounted_card
+
+MIB = 1024 * 1024
+PERCENT = 10
+CONFIGURATION = f"""
+<sdcard>
+  <dir size="{PERCENT}" capacitywatch="true">watched</dir>
+  <dir size="50" capacitywatch="true">logs<dir size="10" capacitywatch="true">archive</dir></dir>
+</sdcard>
+"""
+ODD_NAMES = [
+    b"\xff\xfe\x80 no text", b"new\nline", b"\n", b"-rf", b"--", b"-", b" ", b"*", b"\\", b"'; rm -rf .", b"$HOME",
+    b"%s%n", b"\x01\x7f", "größe".encode(), b"a" * 255, b"\xc3" * 255, b".hidden", b"...", b"|", b"con|ERROR|x",
+]
+
+
+@pytest.fixture
+def board(make_board, program):
+    """A board whose card has watched directories."""
+    return make_board(program=program, media_config=CONFIGURATION)
+
+
+@pytest.fixture
+def contents(board):
+    """The mounted card."""
+    start_with_mounted_card(board, Card.formatted(128))
+    return Contents(board)
+
+
+def used_by_service(board, identifier):
+    return board.call(CARD_INTERFACE, "getDirUsed", identifier)
+
+
+def failed_removals(board, directory, files):
+    """Those of a directory's files of which the service says that it could not remove them."""
+    beginning, end = f"Cannot remove file {card_path(directory)}/", ": Operation not permitted"
+    warnings = messages(board, "WARN", WATCHER)
+    assert all(warning.startswith(beginning) and warning.endswith(end) for warning in warnings)
+    # A record shows what is no text in a name as a replacement character.
+    paths = {path.decode(errors="replace"): path for path in files}
+    return [paths[warning.removeprefix(beginning).removesuffix(end)] for warning in warnings]
+
+
+class TreeMaker:
+    """Fills a directory at random: everything that may lie on a card, of every age and size."""
+
+    def __init__(self, contents, directory, seed):
+        self.random = random.Random(seed)
+        self.contents = contents
+        self.directories = [os.fsencode(directory)]
+        self.files = []
+        self.immutable = []
+        self.count = 0
+
+    def make(self, steps):
+        makers = [self.file] * 8 + [self.directory] * 3 + [self.link, self.hard_link, self.fifo, self.socket,
+                                                           self.device, self.touch, self.freeze]
+        for _ in range(steps):
+            self.random.choice(makers)()
+            if self.random.random() < 0.3:
+                # Longer than the file system's clock takes for a step: not all have one change time.
+                time.sleep(0.012)
+
+    def new_path(self):
+        self.count += 1
+        name = self.random.choice([b"%d", b".%d", b"-%d", b"%d\n", b"\xfe%d", b"%d" + b"x" * 200]) % self.count
+        return self.contents.path(os.path.join(self.random.choice(self.directories), name))
+
+    def file(self):
+        path = self.new_path()
+        with open(path, "wb") as file:
+            file.write(b"x" * self.random.choice([0, 1, 5000]))
+            # Mostly holes, which count like data.
+            os.truncate(file.fileno(), self.random.choice([0, 1, 4096, 100_000, 1_000_000, 2_000_000]))
+        self.files.append(path)
+
+    def directory(self):
+        path = self.new_path()
+        os.mkdir(path)
+        self.directories.append(os.path.relpath(path, os.fsencode(self.contents.root)))
+
+    def link(self):
+        os.symlink(self.random.choice([b"nowhere", b".", b"..", b"/etc", b"/etc/passwd", b"x" * 500]), self.new_path())
+
+    def hard_link(self):
+        movable = [path for path in self.files if path not in self.immutable]
+        if movable:
+            os.link(self.random.choice(movable), self.new_path())
+
+    def fifo(self):
+        os.mkfifo(self.new_path())
+
+    def socket(self):
+        os.mknod(self.new_path(), stat.S_IFSOCK | 0o600)
+
+    def device(self):
+        os.mknod(self.new_path(), stat.S_IFCHR | 0o600, os.makedev(1, 3))
+
+    def touch(self):
+        if self.files:
+            path = self.random.choice(self.files)
+            if path not in self.immutable:
+                os.chmod(path, self.random.choice([0o000, 0o400, 0o644]))
+
+    def freeze(self):
+        if self.files:
+            path = self.random.choice(self.files)
+            set_immutable(path, True)
+            self.immutable.append(path)
+
+
+@pytest.mark.parametrize("seed", range(12))
+def test_the_choice_in_a_random_tree_is_the_computed_one(board, contents, seed):
+    tree = TreeMaker(contents, "watched", seed)
+    tree.make(150)
+    limit = limit_of(contents, PERCENT)
+    before = contents.entries("watched")
+    used = sum(entry.size for entry in before)
+    assert used_by_service(board, "watched") == used
+    enforce(board, "watched")
+    after = contents.entries("watched")
+    assert_well_chosen(before, after, limit,
+                       failed_removals(board, "watched", [entry.path for entry in before]))
+    assert used_by_service(board, "watched") == sum(entry.size for entry in after)
+    # A directory may have gone together with the last one in it before its own turn comes.
+    assert all(message.startswith(f"Cannot remove empty directory {card_path('watched')}/")
+               and message.endswith(": No such file or directory") for message in messages(board, "ERROR"))
+    for path in tree.immutable:
+        set_immutable(path, False)
+    # What could not be removed the first time can be now.
+    before = contents.entries("watched")
+    enforce(board, "watched")
+    assert_well_chosen(before, contents.entries("watched"), limit)
+    assert used > limit, "the tree is too small to be a test"
+
+
+def test_names_are_bytes_of_any_kind(board, contents):
+    for name in ODD_NAMES:
+        contents.write(os.path.join(b"watched", name), 1000)
+        contents.write(os.path.join(b"watched/in", name, name), 1000)
+    time.sleep(0.02)
+    assert used_by_service(board, "watched") == contents.used("watched")
+    contents.write("watched/new", 50 * MIB)
+    enforce(board, "watched")
+    assert contents.files("watched").keys() == set()
+    assert contents.entries("watched")[1:] == []
+    assert messages(board, "WARN") + messages(board, "ERROR") == []
+
+
+def test_odd_names_of_files_that_are_young_enough_stay(board, contents):
+    contents.write("watched/old", 20 * MIB)
+    time.sleep(0.02)
+    for name in ODD_NAMES:
+        contents.write(os.path.join(b"watched", name), 1000)
+    enforce(board, "watched")
+    assert contents.files("watched").keys() == set(ODD_NAMES)
+
+
+def test_a_file_that_cannot_be_removed_is_reported_and_the_others_still_go(board, contents):
+    frozen = contents.path(b"watched/sub/fro\xffzen")
+    contents.write("watched/sub/first", 7 * MIB)
+    time.sleep(0.02)
+    contents.write(frozen, 7 * MIB)
+    set_immutable(frozen, True)
+    time.sleep(0.02)
+    contents.write("watched/sub/third", 7 * MIB)
+    enforce(board, "watched")
+    # The choice rests on the sizes before: nothing goes in the frozen one's place.
+    assert contents.files("watched").keys() == {b"sub/fro\xffzen", b"sub/third"}
+    warning, = [record for record in board.records if record.level == "WARN"]
+    assert (warning.channel, warning.source) == (WATCHER, WATCHER)
+    assert warning.message == f"Cannot remove file {card_path('watched/sub')}/fro\ufffdzen: Operation not permitted"
+    set_immutable(frozen, False)
+
+
+def test_a_directory_that_cannot_be_removed_is_reported(board, contents):
+    contents.write("watched/outer/inner/file", 20 * MIB)
+    set_immutable(contents.path("watched/outer"), True)
+    enforce(board, "watched")
+    assert sorted(entry.path for entry in contents.entries("watched")) == [b"", b"outer", b"outer/inner"]
+    assert messages(board, "ERROR") == [
+        f"Cannot remove empty directory {card_path('watched/outer/inner')}: Operation not permitted"]
+    set_immutable(contents.path("watched/outer"), False)
+
+
+def test_a_link_is_removed_itself_and_never_what_it_leads_to(board, contents):
+    board.write_file("/var/precious/file", "precious")
+    contents.write("kept/file", 30 * MIB)
+    for number, target in enumerate(["/var/precious", "/var/precious/file", "../kept", "../kept/file", "nowhere"]):
+        os.symlink(target, contents.path(f"watched/{number}"))
+    time.sleep(0.02)
+    assert used_by_service(board, "watched") == contents.used("watched")
+    enforce(board, "watched")
+    assert len(contents.files("watched")) == 5
+    contents.write("watched/new", 30 * MIB)
+    enforce(board, "watched")
+    assert contents.files("watched").keys() == set()
+    assert board.read_file("/var/precious/file") == "precious"
+    assert contents.files("kept").keys() == {b"file"}
+
+
+def test_a_deep_tree_is_counted_and_emptied(board, contents):
+    path = b"watched"
+    for level in range(200):
+        path = os.path.join(path, b"level%d" % level)
+    contents.write(path + b"/old", 20 * MIB)
+    assert used_by_service(board, "watched") == contents.used("watched")
+    enforce(board, "watched")
+    assert [entry.path for entry in contents.entries("watched")] == [b""]
+
+
+def test_a_large_directory_is_counted_and_thinned_out(board, contents):
+    for number in range(5000):
+        contents.write(f"watched/many/{number}", 4000)
+    limit = limit_of(contents, PERCENT)
+    before = contents.entries("watched")
+    assert used_by_service(board, "watched") == sum(entry.size for entry in before)
+    enforce(board, "watched")
+    assert_well_chosen(before, contents.entries("watched"), limit)
+
+
+def test_nothing_is_removed_from_another_file_system_mounted_in_a_watched_directory(board, contents):
+    contents.write("watched/old", 20 * MIB)
+    os.mkdir(contents.path("watched/other"))
+    inside = card_path("watched/other")
+    board.run("mount", "-t", "tmpfs", "other", inside, check=True)
+    board.write_file(inside + "/file", "precious")
+    board.run("truncate", "-s", "50M", inside + "/large", check=True)
+    enforce(board, "watched")
+    assert board.read_file(inside + "/file") == "precious"
+    assert board.exists(inside + "/large")
+    assert not board.exists(card_path("watched/old"))
+    board.run("umount", inside, check=True)
+
+
+def test_nothing_is_removed_where_a_link_on_the_card_leads_out_of_it(board, tmp_path):
+    board.write_file("/var/precious/archive/file", "precious")
+    board.run("truncate", "-s", "60M", "/var/precious/archive/large", check=True)
+    (tmp_path / "logs").symlink_to("/var/precious")
+    start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    for identifier in ("", "archive"):
+        try:
+            enforce(board, identifier)
+        except Exception as problem:  # refused or done: either way nothing may be gone
+            assert "does not specify a capacity watched directory" in str(problem)
+    assert board.read_file("/var/precious/archive/file") == "precious"
+    assert board.exists("/var/precious/archive/large")
+
+
+def test_a_socket_that_is_listened_on_is_an_entry_like_a_file(board, contents):
+    with socket.socket(socket.AF_UNIX) as listener:
+        os.chdir(contents.path("watched"))
+        try:
+            listener.bind("listener")
+        finally:
+            os.chdir("/")
+        assert used_by_service(board, "watched") == contents.used("watched")
+        time.sleep(0.02)
+        contents.write("watched/new", 30 * MIB)
+        enforce(board, "watched")
+        assert contents.files("watched").keys() == set()
