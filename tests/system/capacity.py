@@ -3,10 +3,24 @@
 import os
 from collections.abc import Iterable
 
-from board import CARD_INTERFACE, MOUNT_POINT, VirtualBoard
+from board import CARD_INTERFACE, MOUNT_POINT, Card, VirtualBoard
 from contents import Contents, Entry
+from steps import start_with_mounted_card
 
 WATCHER = "StorageCapacityWatcher"
+RUN_THREAD = "WorkerThread"
+
+
+def start_with_watched_card(board: VirtualBoard, card: Card | None = None) -> Card:
+    """Starts the service with a card and waits until the run that follows the mount is over."""
+    card = start_with_mounted_card(board, card)
+    board.expect_signal("CardMounted")
+    board.expect("the end of the run", lambda: RUN_THREAD not in _threads(board))
+    return card
+
+
+def _threads(board: VirtualBoard) -> list[str]:
+    return board.run("sh", "-c", f"cat /proc/{board.service.pid}/task/*/comm").stdout.split()
 
 
 def limit_of(contents: Contents, *percent: float) -> int:

@@ -6,9 +6,9 @@ import time
 import pytest
 
 from board import CARD_INTERFACE, MOUNT_POINT, BusError, Card
-from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of
+from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
 from contents import Contents
-from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
+from steps import eject, expect_mounted, messages, take_out
 
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024
@@ -31,7 +31,7 @@ def board(make_board, program):
 @pytest.fixture
 def contents(board):
     """The mounted card."""
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     return Contents(board)
 
 
@@ -118,7 +118,7 @@ def test_the_watched_directory_itself_stays(board, contents):
 
 def test_a_directory_that_only_holds_directories_has_nothing_to_remove(make_board, program):
     board = make_board(program=program, media_config='<sdcard><dir size="0" capacitywatch="true">none</dir></sdcard>')
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     warning = card_path("none") + " exceed limit but there are no files to remove"
     board.expect_record("WARN", WATCHER, warning, source="StorageCapacityWatcher",
                         function="StorageCapacityWatcher::ensureDirSizeSingle")
@@ -165,7 +165,7 @@ def test_of_two_watched_directories_of_one_name_the_first_is_enforced(make_board
     board = make_board(program=program, media_config="""
         <sdcard><dir size="50">a<dir size="10" capacitywatch="true">data</dir></dir>
         <dir size="50">b<dir size="10" capacitywatch="true">data</dir></dir></sdcard>""")
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     contents = Contents(board)
     for directory in ("a/data", "b/data"):
         contents.write(directory + "/file", 30 * MIB)
@@ -177,7 +177,7 @@ def test_of_two_watched_directories_of_one_name_the_first_is_enforced(make_board
 def test_a_directory_that_its_owner_may_not_use_is_not_watched(make_board, program, mode, complaint):
     board = make_board(program=program, media_config='<sdcard><dir size="1" capacitywatch="true" '
                                                      f'mode="{mode}">watched</dir></sdcard>')
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     assert watcher_messages(board, "ERROR") == [f"{card_path('watched')} {complaint}"]
     with pytest.raises(BusError):
         enforce(board, "watched")
@@ -187,7 +187,7 @@ def test_a_directory_whose_place_is_taken_is_not_watched(board, tmp_path):
     (tmp_path / "elsewhere").mkdir()
     (tmp_path / "watched").symlink_to("elsewhere")
     (tmp_path / "outer").write_text("")
-    start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    start_with_watched_card(board, Card.formatted(content=tmp_path))
     assert watcher_messages(board, "ERROR") == [
         f"{card_path('watched')} is not a directory", f"{card_path('outer')} is not a directory",
         f"{card_path('outer/inner')} does not exist"]
@@ -203,7 +203,7 @@ def test_a_card_is_brought_within_its_limits_as_soon_as_it_is_mounted(board, tmp
     for number in range(3):
         with open(tmp_path / f"watched/{number}", "wb") as file:
             os.truncate(file.fileno(), 4 * MIB)
-    start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    start_with_watched_card(board, Card.formatted(content=tmp_path))
     contents = Contents(board)
     board.expect("the oldest are gone", lambda: len(names(contents, "watched")) == 1)
     assert watcher_messages(board, "WARN") == []
@@ -212,7 +212,7 @@ def test_a_card_is_brought_within_its_limits_as_soon_as_it_is_mounted(board, tmp
 @pytest.mark.parametrize("text", ["1500\n", "\t 1500 \n\n"])
 def test_runs_follow_each_other_in_the_interval_of_the_file(board, text):
     board.write_file(INTERVAL_FILE, text)
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     board.expect_record("INFO", WATCHER, "Use special Storage Capacity Watcher interval of 1500 ms",
                         source="StorageCapacityWatcher", function="StorageCapacityWatcher::StorageCapacityWatcher")
     contents = Contents(board)
@@ -224,7 +224,7 @@ def test_runs_follow_each_other_in_the_interval_of_the_file(board, text):
 @pytest.mark.parametrize("text", ["abc", "0", "-5", "", "1500 ms", "1.5e3", "0x5dc", "1000\n1000", "99999999999"])
 def test_an_interval_that_is_no_positive_number_is_ignored_without_a_word(board, text):
     board.write_file(INTERVAL_FILE, text)
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     contents = Contents(board)
     contents.write("watched/file", 30 * MIB)
     time.sleep(2)
@@ -234,13 +234,13 @@ def test_an_interval_that_is_no_positive_number_is_ignored_without_a_word(board,
 
 def test_an_interval_file_that_cannot_be_read_is_ignored(board):
     board.run("mkdir", INTERVAL_FILE, check=True)
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     board.expect_no_record("Use special")
 
 
 def test_the_interval_is_read_anew_for_every_question_about_use(board):
     board.write_file(INTERVAL_FILE, "60000\n")
-    start_with_mounted_card(board)
+    start_with_watched_card(board)
     message = "Use special Storage Capacity Watcher interval of 60000 ms"
     assert messages(board).count(message) == 1
     board.call(CARD_INTERFACE, "getDirUsed", "watched")
@@ -250,7 +250,7 @@ def test_the_interval_is_read_anew_for_every_question_about_use(board):
 
 def test_runs_go_on_after_the_card_was_out(board):
     board.write_file(INTERVAL_FILE, "500\n")
-    card = start_with_mounted_card(board)
+    card = start_with_watched_card(board)
     eject(board)
     take_out(board)
     board.insert(card)

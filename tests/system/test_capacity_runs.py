@@ -6,17 +6,16 @@ import time
 import pytest
 
 from board import CARD_INTERFACE, MOUNT_POINT, State
-from capacity import WATCHER, assert_well_chosen, enforce, limit_of
+from capacity import WATCHER, assert_well_chosen, enforce, limit_of, start_with_watched_card
 from contents import Contents
-from steps import (eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, start_with_mounted_card,
-                   take_out)
+from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
 
 PERCENT = 10
 FILES = 150
 FILE_SIZE = 60_000
 CONFIGURATION = f'<sdcard><dir size="{PERCENT}" capacitywatch="true">watched</dir></sdcard>'
 INTERVAL_MS = 3000
-MILLISECONDS_A_REMOVAL = 200
+MILLISECONDS_A_REMOVAL = 300
 
 
 class SlowRun:
@@ -25,8 +24,10 @@ class SlowRun:
     def __init__(self, board):
         self.board = board
         board.write_file("/etc/scw_interval", str(INTERVAL_MS))
-        self.card = start_with_mounted_card(board)
+        self.card = start_with_watched_card(board)
         self.contents = Contents(board)
+        # A tracer makes every step of lsof slow, which closes as many descriptors as it might have.
+        board.run("prlimit", "--pid", str(board.service.pid), "--nofile=256", check=True)
         # Slows down every removal of a file, and nothing else.
         self.tracer = board.start("strace", "-f", "-qq", "-o", "/run/board/removals", "-e", "trace=unlink,unlinkat",
                                   "-e", f"inject=unlink,unlinkat:delay_enter={MILLISECONDS_A_REMOVAL * 1000}",
@@ -77,6 +78,7 @@ def test_a_run_does_not_keep_the_bus_waiting(run):
     run.expect_end()
 
 
+@pytest.mark.lasts(24)
 def test_two_enforcements_at_once_remove_no_more_than_one_would(run):
     enforce(run.board, "watched")
     run.finish_quickly()
@@ -89,6 +91,7 @@ def test_two_enforcements_at_once_remove_no_more_than_one_would(run):
                for message in messages(run.board, level, WATCHER))
 
 
+@pytest.mark.lasts(18)
 def test_an_eject_during_a_run_waits_for_its_end(run):
     press_until_eject(run.board)
     run.board.expect_record("INFO", "sdcard", f"{run.board.service.pid}: 'sdcardd'")

@@ -9,9 +9,9 @@ import time
 import pytest
 
 from board import CARD_INTERFACE, Card
-from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of
+from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
 from contents import Contents, set_immutable
-from steps import messages, start_with_mounted_card
+from steps import messages
 
 MIB = 1024 * 1024
 PERCENT = 10
@@ -36,7 +36,7 @@ def board(make_board, program):
 @pytest.fixture
 def contents(board):
     """The mounted card."""
-    start_with_mounted_card(board, Card.formatted(128))
+    start_with_watched_card(board, Card.formatted(128))
     return Contents(board)
 
 
@@ -250,7 +250,7 @@ def test_nothing_is_removed_where_a_link_on_the_card_leads_out_of_it(board, tmp_
     board.write_file("/var/precious/archive/file", "precious")
     board.run("truncate", "-s", "60M", "/var/precious/archive/large", check=True)
     (tmp_path / "logs").symlink_to("/var/precious")
-    start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    start_with_watched_card(board, Card.formatted(content=tmp_path))
     for identifier in ("", "archive"):
         try:
             enforce(board, identifier)
