@@ -30,6 +30,8 @@ constexpr int kDefaultIntervalMs = 10800000;
 // What a removed directory counts for, whatever its size was.
 constexpr qint64 kRemovedDirectorySize = 2;
 
+constexpr unsigned long kAbandonedRunMs = 3000;
+
 // Entries of an empty directory: "." and "..".
 constexpr int kEmptyDirectoryEntries = 2;
 
@@ -222,6 +224,9 @@ void StorageCapacityWatcher::ensureDirSizeSingle(
             touched.push_back(file->directory);
         }
     }
+    if (mIsAbandoned) {
+        return;
+    }
     for (const quint32 directory : touched) {
         removeEmptyDirs(watchDir.path, directories[directory].path, used);
     }
@@ -263,8 +268,17 @@ void StorageCapacityWatcher::enforceOnCard(const WatchDir& watchDir) const
     }
 }
 
+void StorageCapacityWatcher::abandonRuns()
+{
+    mIsAbandoned = true;
+    for (WorkerThread* const thread : findChildren<WorkerThread*>()) {
+        thread->wait(kAbandonedRunMs);
+    }
+}
+
 void StorageCapacityWatcher::storageIsReady()
 {
+    mIsAbandoned = false;
     updateWatchDirs();
     startEnsureDirSizeAllAsThread();
 }
@@ -282,6 +296,9 @@ void StorageCapacityWatcher::ensureDirSizeAll() const
         return;
     }
     for (const WatchDir& watchDir : watchDirs()) {
+        if (mIsAbandoned) {
+            return;
+        }
         enforceOnCard(watchDir);
     }
 }

@@ -56,6 +56,11 @@ public:
     /// @param used bytes in use; lowered by what each removed directory counts for
     void removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir, qint64& used) const;
 
+    /// Makes background runs end early and waits for that, at most 3 s. They hold directories of
+    /// the card open, and a card that has been pulled could not be unmounted as long as they do.
+    /// Nothing is deleted any more until the next storageIsReady().
+    void abandonRuns();
+
 public Q_SLOTS:
     void storageIsReady();
     void storageIsUnmounted();

@@ -163,6 +163,7 @@ void Sdcard::cardRemovedTriggered()
     const QString& mountPoint = mConfig.mountPoint();
     if (getMountState(logger(), mountPoint) == MountState::ReadWrite) {
         TRACK_INFO(logger(), "Force unmount device (if not already)");
+        mCapacityWatcher.abandonRuns();
         umountDevice(mountPoint, true);
     }
 }

@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from board import CARD_INTERFACE, MOUNT_POINT, State
+from board import CARD_INTERFACE, MOUNT_POINT, State, Transition
 from capacity import WATCHER, assert_well_chosen, enforce, limit_of, start_with_watched_card
 from contents import Contents
 from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
@@ -101,6 +101,19 @@ def test_an_eject_during_a_run_waits_for_its_end(run):
     take_out(run.board)
     run.board.insert(run.card)
     expect_mounted(run.board)
+    run.expect_end()
+
+
+def test_a_card_pulled_during_a_run_is_gone_and_comes_back(run):
+    run.board.run("sync", "--file-system", MOUNT_POINT, check=True)
+    run.board.pull()
+    run.board.expect_state(State.NO_CARD)
+    run.board.expect_transition(Transition.CARD_REMOVED)
+    assert run.board.mounts() == []
+    run.tracer.stop()
+    run.board.insert(run.card)
+    expect_mounted(run.board)
+    run.board.run("touch", f"{MOUNT_POINT}/new", check=True)
     run.expect_end()
 
 
