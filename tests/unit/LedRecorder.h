@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+/// The writes that show each of the service's patterns, as LedRecorder gives them.
+namespace LedWrites {
+
+extern const QStringList kOff;
+extern const QStringList kMounted;
+extern const QStringList kBusy;
+extern const QStringList kUnmounted;
+extern const QStringList kNotMountable;
+
+} // namespace LedWrites
+
+/// The files of the board's two LEDs, which record what is written to them, in the order of
+/// writing.
+class LedRecorder
+{
+public:
+    /// Creates the files; they are gone with the recorder.
+    LedRecorder();
+    ~LedRecorder();
+    LedRecorder(const LedRecorder&) = delete;
+    LedRecorder(LedRecorder&&) = delete;
+    LedRecorder& operator=(const LedRecorder&) = delete;
+    LedRecorder& operator=(LedRecorder&&) = delete;
+
+    /// The writes since the last take(), as "red trigger=timer". A file that was opened for writing
+    /// and closed without a write, or that was written an unknown value, shows as "red trigger=".
+    QStringList take();
+    /// Takes the LEDs off the board.
+    void remove();
+
+private:
+    struct File
+    {
+        QString name; // "red trigger"
+        int fd = -1;
+        QByteArray unread;
+    };
+
+    QString nextValue(File& file);
+
+    static constexpr int kFilesPerLed = 4;
+    int mWatcher = -1;
+    std::array<int, 2> mDirectories{};
+    std::array<File, 2 * kFilesPerLed> mFiles;
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+
+#include <QDBusConnection>
+#include <QString>
+
+class TestProcess;
+
+/// A message bus of the test's own.
+class TestBus
+{
+public:
+    /// Starts it; it ends with this object, and with the test's process at the latest.
+    TestBus();
+    ~TestBus();
+    TestBus(const TestBus&) = delete;
+    TestBus(TestBus&&) = delete;
+    TestBus& operator=(const TestBus&) = delete;
+    TestBus& operator=(TestBus&&) = delete;
+
+    QString address() const { return mAddress; }
+    /// The connection named @p name, opened where there is none by that name.
+    QDBusConnection connection(const QString& name) const;
+
+private:
+    std::unique_ptr<TestProcess> mDaemon;
+    QString mAddress;
+};

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <csignal>
+
+#include <QProcess>
+
+#include <sys/prctl.h>
+
+/// A process that ends with the test's, also where that is killed.
+class TestProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
+};
