@@ -1,0 +1,239 @@
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+#include <QSocketNotifier>
+#include <QStateMachine>
+#include <QTest>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include "CardImage.h"
+#include "ControllerDevice.h"
+#include "ControllerProbe.h"
+#include "SDCardImpl.h"
+#include "SystemCalls.h"
+#include "TestDevice.h"
+
+using SystemCalls::Call;
+
+class SdcardSignalsTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void cleanup() { SystemCalls::reset(); }
+
+    void both_signals_are_handled_alike();
+    void a_signal_becomes_one_byte_that_is_never_read();
+    void the_handler_leaves_errno_alone();
+    void a_signal_that_comes_after_the_end_is_ignored();
+    void the_destructor_gives_everything_back();
+    void without_a_socket_pair_there_is_no_bridge();
+    void a_refused_signal_action_is_reported_data();
+    void a_refused_signal_action_is_reported();
+    void hup_ends_the_service_like_term_data();
+    void hup_ends_the_service_like_term();
+    void a_request_while_mounting_takes_effect_once_there_is_no_card();
+    void a_request_while_mounting_takes_effect_once_the_card_is_mounted();
+
+private:
+    TestBus mBus;
+};
+
+namespace {
+
+struct sigaction actionOf(int signalNumber)
+{
+    struct sigaction action = {};
+    ::sigaction(signalNumber, nullptr, &action);
+    return action;
+}
+
+QSocketNotifier* notifierOf(Sdcard& controller)
+{
+    return ControllerProbe::machine(controller).findChild<QSocketNotifier*>();
+}
+
+} // namespace
+
+void SdcardSignalsTest::both_signals_are_handled_alike()
+{
+    ControllerDevice device(mBus);
+    SystemCalls::reset();
+    device.construct();
+    QCOMPARE(SystemCalls::takeCalls(),
+             (QStringList{"socketpair 1 1 0", "sigaction 1 268435456", "sigaction 15 268435456"}));
+    const struct sigaction hup = actionOf(SIGHUP);
+    const struct sigaction term = actionOf(SIGTERM);
+    QVERIFY(hup.sa_handler == term.sa_handler);
+    QCOMPARE(hup.sa_flags & SA_RESTART, SA_RESTART);
+    for (const int other : {SIGHUP, SIGTERM, SIGINT, SIGCHLD}) {
+        QCOMPARE(::sigismember(&hup.sa_mask, other), 0);
+        QCOMPARE(::sigismember(&term.sa_mask, other), 0);
+    }
+}
+
+void SdcardSignalsTest::a_signal_becomes_one_byte_that_is_never_read()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.startIn("corrupted");
+    QCOMPARE(notifierOf(controller)->type(), QSocketNotifier::Read);
+    device.sendSignal(SIGTERM);
+    device.sendSignal(SIGHUP);
+    std::array<char, 8> bytes{};
+    const auto fd = static_cast<int>(notifierOf(controller)->socket());
+    QCOMPARE(::recv(fd, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT), ssize_t{2});
+    QCOMPARE(int{bytes[0]}, SIGTERM);
+    QCOMPARE(int{bytes[1]}, SIGHUP);
+}
+
+void SdcardSignalsTest::the_handler_leaves_errno_alone()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.startIn("corrupted");
+    const auto fd = static_cast<int>(notifierOf(controller)->socket());
+    QCOMPARE(::shutdown(fd, SHUT_RD), 0);
+    // The handler's write now fails with EPIPE.
+    const struct sigaction ignore = {};
+    struct sigaction previous = {};
+    struct sigaction ignoring = ignore;
+    ignoring.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &ignoring, &previous);
+    errno = ENOTTY;
+    actionOf(SIGTERM).sa_handler(SIGTERM);
+    const int afterwards = errno;
+    ::sigaction(SIGPIPE, &previous, nullptr);
+    QCOMPARE(afterwards, ENOTTY);
+}
+
+void SdcardSignalsTest::a_signal_that_comes_after_the_end_is_ignored()
+{
+    ControllerDevice device(mBus);
+    device.construct();
+    auto* const handler = actionOf(SIGTERM).sa_handler;
+    device.destroy();
+    errno = ENOTTY;
+    handler(SIGTERM);
+    QCOMPARE(errno, ENOTTY);
+}
+
+void SdcardSignalsTest::the_destructor_gives_everything_back()
+{
+    ControllerDevice device(mBus);
+    const struct sigaction hupBefore = actionOf(SIGHUP);
+    const struct sigaction termBefore = actionOf(SIGTERM);
+    device.construct();
+    QVERIFY(actionOf(SIGHUP).sa_handler != hupBefore.sa_handler);
+    const auto readEnd = static_cast<int>(notifierOf(device.controller())->socket());
+
+    struct sigaction crash = {};
+    crash.sa_handler = [](int /*signalNumber*/) {
+    };
+    ::sigaction(SIGSEGV, &crash, nullptr);
+    device.destroy();
+
+    QVERIFY(actionOf(SIGHUP).sa_handler == hupBefore.sa_handler);
+    QVERIFY(actionOf(SIGTERM).sa_handler == termBefore.sa_handler);
+    QVERIFY(actionOf(SIGSEGV).sa_handler == SIG_DFL);
+    QCOMPARE(::fcntl(readEnd, F_GETFD), -1);
+}
+
+void SdcardSignalsTest::without_a_socket_pair_there_is_no_bridge()
+{
+    ControllerDevice device(mBus);
+    const struct sigaction before = actionOf(SIGTERM);
+    SystemCalls::reset();
+    SystemCalls::fail(Call::SocketPair, EMFILE);
+    Sdcard& controller = device.start();
+    QCOMPARE(SystemCalls::takeCalls(), QStringList{"socketpair 1 1 0"});
+    QCOMPARE(device.effects().errorCount(), 1U);
+    QCOMPARE(device.effects().takeParts().logRecords.filter("ERROR"),
+             QStringList{"ERROR sdcard sdcard: Can't create socket pair (Too many open files)"});
+    QVERIFY(notifierOf(controller) == nullptr);
+    QVERIFY(actionOf(SIGTERM).sa_handler == before.sa_handler);
+    QCOMPARE(device.machineState(), QString("noSdCard"));
+
+    device.destroy();
+    QVERIFY(actionOf(SIGTERM).sa_handler == before.sa_handler);
+}
+
+void SdcardSignalsTest::a_refused_signal_action_is_reported_data()
+{
+    QTest::addColumn<int>("allowed");
+    QTest::addColumn<QStringList>("calls");
+    QTest::newRow("SIGHUP") << 0 << QStringList{"sigaction 1 268435456"};
+    QTest::newRow("SIGTERM") << 1 << QStringList{"sigaction 1 268435456", "sigaction 15 268435456"};
+}
+
+void SdcardSignalsTest::a_refused_signal_action_is_reported()
+{
+    QFETCH(const int, allowed);
+    QFETCH(const QStringList, calls);
+    ControllerDevice device(mBus);
+    const struct sigaction hupBefore = actionOf(SIGHUP);
+    const struct sigaction termBefore = actionOf(SIGTERM);
+    SystemCalls::reset();
+    SystemCalls::fail(Call::SignalAction, EINVAL, 1, allowed);
+    Sdcard& controller = device.start();
+    QCOMPARE(SystemCalls::takeCalls().filter("sigaction"), calls);
+    QCOMPARE(device.effects().errorCount(), 1U);
+    QCOMPARE(device.effects().takeParts().logRecords.filter("ERROR"),
+             QStringList{"ERROR sdcard sdcard: Can't register sigaction (Invalid argument)"});
+    QVERIFY(notifierOf(controller) != nullptr);
+    QVERIFY(actionOf(SIGTERM).sa_handler == termBefore.sa_handler);
+
+    device.destroy();
+    QVERIFY(actionOf(SIGHUP).sa_handler == hupBefore.sa_handler);
+    QVERIFY(actionOf(SIGTERM).sa_handler == termBefore.sa_handler);
+}
+
+void SdcardSignalsTest::hup_ends_the_service_like_term_data()
+{
+    QTest::addColumn<int>("signalNumber");
+    QTest::newRow("SIGHUP") << SIGHUP;
+    QTest::newRow("SIGTERM") << SIGTERM;
+}
+
+void SdcardSignalsTest::hup_ends_the_service_like_term()
+{
+    QFETCH(const int, signalNumber);
+    ControllerDevice device(mBus);
+    device.startIn("mounted");
+    static_cast<void>(std::raise(signalNumber));
+    QCOMPARE(QCoreApplication::exec(), 0);
+    QCOMPARE(device.machineState(), QString("terminating"));
+    QCOMPARE(device.effects().takeParts().signalNames,
+             (QStringList{"EjectPressed", "FILES_CLOSED", "CardUnmounted", "MemLevelChanged 0",
+                          "MemStateChanged 1"}));
+}
+
+void SdcardSignalsTest::a_request_while_mounting_takes_effect_once_there_is_no_card()
+{
+    ControllerDevice device(mBus);
+    device.startIn("mounting");
+    device.sendSignal(SIGTERM);
+    QCOMPARE(device.machineState(), QString("mounting"));
+    device.removeCard();
+    QCOMPARE(device.machineState(), QString("terminating"));
+}
+
+void SdcardSignalsTest::a_request_while_mounting_takes_effect_once_the_card_is_mounted()
+{
+    ControllerDevice device(mBus);
+    QVERIFY(CardImage::createPartition());
+    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
+    device.construct();
+    QTRY_COMPARE(device.service().state(), 6);
+    device.sendSignal(SIGTERM);
+    QCOMPARE(device.machineState(), QString("mounting"));
+    ToolStandIn::letGo();
+    QVERIFY(device.waitForState("terminating"));
+    const QStringList signalNames = device.effects().takeParts().signalNames;
+    QVERIFY(signalNames.indexOf("CardMounted") >= 0);
+    QVERIFY(signalNames.indexOf("CardUnmounted") > signalNames.indexOf("CardMounted"));
+}
+
+TEST_DEVICE_MAIN(SdcardSignalsTest)
+#include "SdcardSignalsTest.moc"
