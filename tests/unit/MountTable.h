@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <sys/mount.h>
+
+#include "TestDevice.h"
+
+/// A mount table of the test's own in the place of the system's. There is no other process
+/// information as long as it lives.
+class MountTable
+{
+public:
+    /// @param content null for no table at all
+    explicit MountTable(const QByteArray& content)
+    {
+        constexpr qint64 kSize = 1 << 16;
+        TestDevice::mountTmpfs(QStringLiteral("/proc"), kSize);
+        if (!content.isNull()) {
+            TestDevice::writeFile(QStringLiteral("/proc/mounts"), content);
+        }
+    }
+    ~MountTable() { ::umount2("/proc", 0); }
+    MountTable(const MountTable&) = delete;
+    MountTable(MountTable&&) = delete;
+    MountTable& operator=(const MountTable&) = delete;
+    MountTable& operator=(MountTable&&) = delete;
+};
