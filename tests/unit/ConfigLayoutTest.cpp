@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <array>
 #include <climits>
 
 #include <QCoreApplication>
@@ -44,9 +46,9 @@ unsigned modeOf(const char* path)
 
 QByteArray contentOf(const char* link)
 {
-    QByteArray content(PATH_MAX, '\0');
-    content.truncate(static_cast<int>(::readlink(link, content.data(), PATH_MAX)));
-    return content;
+    std::array<char, PATH_MAX> content{};
+    const ssize_t size = ::readlink(link, content.data(), content.size());
+    return {content.data(), static_cast<int>(std::max<ssize_t>(size, 0))};
 }
 
 } // namespace
