@@ -1,4 +1,4 @@
-"""The life of a card, played once on the virtual board: python3 -m board.story PROGRAM
+"""The life of a card, played once on a board: python3 -m board.story [--emulated] PROGRAM
 
 Ends with status 0 only if every step was seen.
 """
@@ -6,9 +6,12 @@ Ends with status 0 only if every step was seen.
 import sys
 import time
 from pathlib import Path
+from subprocess import CalledProcessError
 
+from .board import Board
 from .bus import BusError
 from .card import Card
+from .emulated import BoardGone, EmulatedBoard, EmulatorError
 from .installation import PLATFORM
 from .names import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE
 from .telling import NotSeen, Teller
@@ -18,16 +21,17 @@ from .virtual_machine import MachineError
 CARD_MIB = 64
 BUTTON_SECONDS = 7
 INTERRUPTED = 130
+KINDS = {VirtualBoard: "A virtual board", EmulatedBoard: "An emulated 32-bit ARM board"}
 
 
-def play(program: Path) -> None:
-    """Plays and tells the story. Raises NotSeen."""
+def play(kind: type[Board], program: Path) -> None:
+    """Plays and tells the story on a board of a kind. Raises NotSeen."""
     console = (PLATFORM / "tavo-sdcard.trackconfig.console.xml").read_text()
-    with VirtualBoard(program=program, track_config=console) as board:
+    with kind(program=program, track_config=console) as board:
         teller = Teller(board)
         card = Card.as_bought(CARD_MIB)
 
-        print(f"A virtual board; it is {time.strftime('%H:%M:%S')}, and times are seconds from now on.")
+        print(f"{KINDS[kind]}; it is {time.strftime('%H:%M:%S')}, and times are seconds from now on.")
         teller.heading("The device starts with an empty slot")
         board.start_service()
         teller.until_seen(["State: NO_CARD", "LEDs: OFF", "log: INFO  sdcard      Starting (Version"], within=10)
@@ -43,6 +47,7 @@ def play(program: Path) -> None:
                           within=60)
         teller.tell("card", _on_card(board))
         teller.tell("card", _content(board))
+        _tell_lights(teller, board)
         teller.tell("memory", f"state {board.property('MemState')}, {board.property('MemLevel')} % used")
 
         teller.heading("The eject button is held for five seconds")
@@ -52,6 +57,7 @@ def play(program: Path) -> None:
                            "State: UNMOUNTED, last transition FILES_CLOSED", "LEDs: UNMOUNTED"],
                           within=BUTTON_SECONDS + 10)
         board.release_eject_button()
+        _tell_lights(teller, board)
         _check(teller, board, card)
 
         teller.heading("The card is taken out, and put in again")
@@ -75,19 +81,25 @@ def play(program: Path) -> None:
     print("\nEvery step was seen, and nothing is left behind.")
 
 
-def _on_card(board: VirtualBoard) -> str:
+def _on_card(board: Board) -> str:
     kinds = board.run("blkid", "-p", "-o", "value", "-s", "TYPE", PARTITION_DEVICE).stdout.strip()
     partitions = len(board.card.partitions())
     return f"{CARD_DEVICE} has {partitions} partition{'' if partitions == 1 else 's'}, with {kinds or 'nothing'} on it"
 
 
-def _content(board: VirtualBoard) -> str:
+def _content(board: Board) -> str:
     used = board.run("df", "--output=used,size,fstype", "-h", MOUNT_POINT).stdout.splitlines()[-1].split()
     names = board.run("ls", "-F", MOUNT_POINT, check=True).stdout.split()
     return f"{MOUNT_POINT} ({used[2]}, {used[0]} of {used[1]} used) holds {' '.join(names)}"
 
 
-def _check(teller: Teller, board: VirtualBoard, card: Card) -> None:
+def _tell_lights(teller: Teller, board: Board) -> None:
+    """Tells what shines, where there is something that can."""
+    if isinstance(board, EmulatedBoard):
+        teller.tell("pins", ", ".join(f"{led} {'on' if on else 'off'}" for led, on in board.lights().items()))
+
+
+def _check(teller: Teller, board: Board, card: Card) -> None:
     if remains := board.mounts():
         raise NotSeen(f"an unmounted card: {remains}")
     if not card.is_clean():
@@ -98,8 +110,10 @@ def _check(teller: Teller, board: VirtualBoard, card: Card) -> None:
 def main() -> int:
     """The program's entry; returns its exit status."""
     try:
-        play(Path(sys.argv[1]))
-    except (NotSeen, AssertionError, BusError, MachineError, OSError) as problem:
+        kind = EmulatedBoard if "--emulated" in sys.argv[1:-1] else VirtualBoard
+        play(kind, Path(sys.argv[-1]))
+    except (NotSeen, AssertionError, BusError, MachineError, EmulatorError, BoardGone, CalledProcessError,
+            OSError) as problem:
         print(f"\nNot every step was seen.\n{problem}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:

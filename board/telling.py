@@ -89,6 +89,7 @@ class Teller:
     def until(self, condition: Callable[[], bool], within: float, what: Callable[[], str]) -> None:
         """Tells what happens until a condition holds; @p what says what is waited for."""
         begin = time.monotonic()
+        within *= self._board.patience
         while True:
             self.look()
             if condition():

@@ -1,9 +1,9 @@
 """Prints one summary of the test results in a directory; the exit status is 0 when all passed.
 
-    summary.py DIRECTORY SUITE...
+    summary.py DIRECTORY SUITE... [-- NOTE...]
 
 Each suite has left its results in DIRECTORY/SUITE.xml (JUnit). A unit test program counts as many
-tests as it tells itself to have run.
+tests as it tells itself to have run. Each note is a line of its own: what was not asked for.
 """
 
 import re
@@ -59,12 +59,16 @@ def _count(case: ElementTree.Element, counts: Counts) -> None:
 
 def main() -> int:
     directory = Path(sys.argv[1])
-    suites = {name: read_suite(directory / f"{name}.xml") for name in sys.argv[2:]}
+    arguments = [*sys.argv[2:], "--"]
+    names, notes = arguments[:arguments.index("--")], arguments[arguments.index("--") + 1:-1]
+    suites = {name: read_suite(directory / f"{name}.xml") for name in names}
     print("\nSummary")
     for name, counts in suites.items():
         print(f"  {name} tests: {counts.passed + counts.failed + counts.skipped}")
         for failure in counts.failures:
             print(f"    failed: {failure}")
+    for note in notes:
+        print(f"  {note}")
     passed, failed, skipped = (sum(getattr(counts, what) for counts in suites.values())
                                for what in ("passed", "failed", "skipped"))
     print(f"{passed} passed, {failed} failed" + (f", {skipped} skipped" if skipped else ""))

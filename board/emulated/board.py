@@ -102,19 +102,20 @@ class EmulatedBoard(Board):
         """What the kernel has had to say."""
         return self.run("dmesg", check=True).stdout
 
-    def insert(self, card: Card, announce: bool = True) -> None:
+    def insert(self, card: Card, announce: bool | None = True) -> None:
         """As on any board; but the announcement comes from the board's own hot-plug rule.
 
-        That rule knows nothing of a card without a first partition: such a card is announced from here.
+        That rule knows nothing of a card without a first partition: such a card is announced from here,
+        unless @p announce is None.
         """
         has_partition = any(partition.number == 1 for partition in card.partitions())
-        if not announce:
+        if announce is False:
             self._set_hotplug(False)
         self._insert(card)
         self.card = card
-        if not announce:
+        if announce is False:
             self._set_hotplug(True)
-        elif not has_partition and self.bus.has_service():
+        elif announce and not has_partition and self.bus.has_service():
             self.bus.announce_insertion()
 
     def pull(self, announce: bool = True) -> None:
@@ -131,8 +132,8 @@ class EmulatedBoard(Board):
             self.bus.announce_removal()
 
     def report(self) -> str:
-        console = self.run("sh", "-c", "dmesg | tail -n 12").stdout if self.is_open else ""
-        return super().report() + "\nkernel:\n" + console
+        console = self._emulator.console() if self.is_open else ""
+        return super().report() + "\nkernel:\n" + "\n".join(console.splitlines()[-30:])
 
     def _set_hotplug(self, on: bool) -> None:
         change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"

@@ -25,7 +25,7 @@ def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
 def test_help_lists_the_commands_that_exist():
     result = dev("help")
     assert result.returncode == 0
-    for command in ("run", "test", "shell", "build", "help"):
+    for command in ("run", "test", "emulate", "shell", "build", "help"):
         assert f"./dev {command}" in result.stdout
 
 
@@ -36,7 +36,7 @@ def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
     assert len(result.stderr.splitlines()) == 1
 
 
-@pytest.mark.parametrize("command", ["run", "test", "shell"])
+@pytest.mark.parametrize("command", ["run", "test", "emulate", "shell"])
 def test_a_missing_root_is_told_in_one_line(command):
     # As text, since the tree itself may be closed to other users.
     script = (ROOT / "dev").read_text()
@@ -53,6 +53,13 @@ def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
         system="<testcase name='c'/><testcase name='d'><skipped/></testcase>")
     assert result.returncode == 0
     assert result.stdout.splitlines()[-1] == "7 passed, 0 failed, 2 skipped"
+
+
+def test_the_summary_tells_what_was_not_asked_for(tmp_path):
+    (tmp_path / "unit.xml").write_text("<testsuite><testcase name='a'/></testsuite>")
+    result = subprocess.run(["/usr/bin/python3", str(ROOT / "tests" / "summary.py"), str(tmp_path), "unit", "--",
+                             "the rest was not asked for"], capture_output=True, text=True)
+    assert result.stdout.splitlines()[-3:] == ["  unit tests: 1", "  the rest was not asked for", "1 passed, 0 failed"]
 
 
 @pytest.mark.parametrize("unit, line", [
