@@ -1,0 +1,186 @@
+"""What only the device's own kernel and hardware show: the MMC host, the LEDs' pins, the hot-plug events."""
+
+import time
+
+import pytest
+
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State
+from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
+
+pytestmark = pytest.mark.emulated
+
+E2FSCK = "/usr/sbin/e2fsck"
+MIB = 1024 * 1024
+
+
+def announcements(board):
+    return [signal.name for signal in board.signals if signal.name in ("CardInserted", "CardRemoved")]
+
+
+def watch_lights(board, seconds):
+    """What both LEDs' pins show over a time: (moment, red, green) as often as they can be read."""
+    seen = []
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        lights = board.lights()
+        seen.append((time.monotonic(), lights["mmc-red"], lights["mmc-green"]))
+        time.sleep(0.005)
+    return seen
+
+
+def changes(values):
+    return sum(one != other for one, other in zip(values, values[1:]))
+
+
+def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board):
+    board.start_service()
+    card = Card.as_bought()
+    board.insert(card)
+    expect_mounted(board)
+    # Making the partition anew brings events of its own, none of which is a removal.
+    assert set(announcements(board)) == {"CardInserted"}
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in board.mounts()[0]
+    eject(board)
+    assert board.lights() == {"mmc-red": False, "mmc-green": True}
+    take_out(board)
+    assert announcements(board)[-1] == "CardRemoved"
+    assert announcements(board).count("CardRemoved") == 1
+    assert board.lights() == {"mmc-red": False, "mmc-green": False}
+
+
+def test_a_card_as_bought_that_is_present_at_start_is_mounted(board):
+    card = Card.as_bought()
+    board.insert(card)
+    board.start_service()
+    expect_mounted(board)
+    assert "CardRemoved" not in announcements(board)
+    assert "New SD Card detected" in messages(board)
+    eject(board)
+
+
+def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):
+    board.replace_tool(E2FSCK, 'sleep 8; exec "$ORIGINAL" "$@"')
+    board.start_service()
+    board.insert(Card.formatted())
+    board.expect_leds(LedPattern.BUSY)
+    seen = watch_lights(board, 4)
+    red = [light for _, light, _ in seen]
+    # 40 half periods of 100 ms; a busy machine may be late with some and miss others.
+    assert 15 <= changes(red) <= 42
+    assert not any(green for _, _, green in seen)
+    expect_mounted(board)
+
+
+def test_the_red_led_shows_at_its_pin_that_the_card_is_busy(board):
+    start_with_mounted_card(board)
+    board.expect_leds(LedPattern.MOUNTED)
+    board.run("sync", check=True)
+    board.expect("the card at rest", lambda: not any(red for _, red, _ in watch_lights(board, 1)))
+    writer = board.start("dd", "if=/dev/zero", f"of={MOUNT_POINT}/export/data", "bs=64k", "count=200", "oflag=sync")
+    seen = watch_lights(board, 3)
+    writer.wait(120)
+    assert any(red for _, red, _ in seen)
+    assert not any(green for _, _, green in seen)
+    board.expect("the card at rest", lambda: not any(red for _, red, _ in watch_lights(board, 1)))
+
+
+def test_a_different_card_put_in_is_mounted_in_the_first_ones_place(board):
+    start_with_mounted_card(board)
+    board.write_file(f"{MOUNT_POINT}/export/first", "")
+    board.run("sync", check=True)
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    second = Card.as_bought(128)
+    board.insert(second)
+    expect_mounted(board)
+    assert not board.exists(f"{MOUNT_POINT}/export/first")
+    assert "I/O error" not in board.kernel_messages().rsplit("new high speed SD", 1)[1]
+    eject(board)
+
+
+def test_a_blank_card_is_formatted_and_mounted_when_it_is_put_in(make_board, program):
+    board = make_board(program=program, format_blank_cards=True)
+    board.start_service()
+    card = Card.blank()
+    board.insert(card, announce=None)
+    expect_mounted(board)
+    assert set(announcements(board)) == {"CardInserted"}
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    eject(board)
+
+
+def test_a_blank_card_is_never_announced_when_the_installer_wants_it_left_alone(board):
+    board.start_service()
+    card = Card.blank()
+    board.insert(card, announce=None)
+    board.run("udevadm", "settle", check=True)
+    board.expect_state_for(State.NO_CARD, 3)
+    assert announcements(board) == []
+    assert card.partitions() == []
+
+
+def test_a_power_cut_while_the_card_is_formatted_is_made_good_at_the_next_start(board, make_board, program):
+    card = Card.as_bought(512)
+    board.insert(card)
+    board.start_service()
+    board.expect("mke2fs runs", lambda: board.run("pgrep", "-x", "mke2fs").returncode == 0)
+    board.cut_power()
+    again = make_board(program=program)
+    again.insert(card)
+    again.start_service()
+    expect_mounted(again, within=60)
+    eject(again)
+
+
+def test_a_power_cut_while_files_are_written_loses_none_that_was_synced(board, make_board, program):
+    card = start_with_mounted_card(board)
+    writer = board.start("sh", "-c", f"i=0; while echo $i >{MOUNT_POINT}/export/$i && sync {MOUNT_POINT}/export/$i && "
+                                     "echo $i; do i=$((i + 1)); done")
+    board.expect("it writes", lambda: len(writer.output.split()) > 5)
+    board.cut_power()
+    synced = writer.output.split()
+    again = make_board(program=program)
+    start_with_mounted_card(again, card)
+    names = again.run("ls", f"{MOUNT_POINT}/export", check=True).stdout.split()
+    assert set(synced) <= set(names)
+    assert again.read_file(f"{MOUNT_POINT}/export/{synced[-1]}") == synced[-1] + "\n"
+    eject(again)
+
+
+@pytest.mark.parametrize("gibibytes", [4, 64])
+def test_sizes_of_large_cards_are_right(board, gibibytes):
+    start_with_mounted_card(board, Card.formatted(gibibytes * 1024))
+    blocks, size = map(int, board.run("stat", "-f", "-c", "%b %S", MOUNT_POINT, check=True).stdout.split())
+    assert blocks * size > gibibytes * 1024 * MIB * 0.9
+    for name, share in (("csv", 0.3), ("export", 0.2)):
+        # The share is a floating-point number in the service as here; one byte may be rounded off.
+        assert abs(board.call("tavo.SDCard1", "GetDirSize", name) - blocks * size * share) <= 1
+    assert board.property("MemLevel") in (0, 1, 2)
+    eject(board)
+
+
+def test_files_above_two_gibibytes_and_newer_than_2038_are_kept_within_their_share(board):
+    card = Card.formatted(4096)
+    start_with_mounted_card(board, card)
+    csv = f"{MOUNT_POINT}/csv"
+    # 30 % of the card are 1.2 GiB.
+    board.run("fallocate", "-l", "2300M", f"{csv}/old", check=True)
+    board.run("fallocate", "-l", "1M", f"{csv}/new", check=True)
+    assert board.call("tavo.SDCard1", "getDirUsed", "csv") > 2300 * MIB
+    eject(board)
+    take_out(board)
+    # 2030 and 2040
+    card.edit_ext4("sif /csv/old ctime @1893456000", "sif /csv/new ctime @2208988800")
+    board.insert(card)
+    expect_mounted(board)
+    board.call("tavo.SDCard1", "EnsureDirSize", "csv")
+    assert board.run("ls", csv, check=True).stdout.split() == ["new"]
+    eject(board)
+
+
+def test_the_card_is_found_by_the_names_that_the_service_expects(bare_board):
+    bare_board.insert(Card.formatted())
+    assert bare_board.run("sh", "-c", "ls -d /sys/bus/mmc/devices/mmc0:*").returncode == 0
+    assert bare_board.exists(CARD_DEVICE)
+    bare_board.expect("the partition", lambda: bare_board.exists(PARTITION_DEVICE))
