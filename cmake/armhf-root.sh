@@ -4,7 +4,8 @@
 # Usage: armhf-root.sh DIRECTORY [--hook SCRIPT] PACKAGE...
 #
 # Nothing is done when DIRECTORY was made from the same list on the same Debian release before; its
-# file "made-from" tells. SCRIPT gets the new tree as its argument before it takes DIRECTORY's place.
+# file "made-from" tells. SCRIPT gets the new tree as its argument before it takes DIRECTORY's place;
+# the packages themselves are still in it then, in var/cache/apt/archives.
 set -eu
 
 directory=$1
@@ -36,7 +37,7 @@ chmod 0755 "$new"
 
 packages=$(printf '%s,' "$@")
 unpack() {
-    mmdebstrap --quiet --variant=extract --architectures=armhf \
+    mmdebstrap --quiet --variant=extract --architectures=armhf --skip=cleanup/apt/cache \
         --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr \
         --include="${packages%,}" bookworm "$new/root" - <"$sources"
 }
@@ -56,6 +57,7 @@ done
 if [ -n "$hook" ]; then
     "$hook" "$new/root"
 fi
+rm -rf "$new/root/var/cache/apt"
 printf '%s\n' "$made_from" >"$new/root/made-from"
 rm -rf "$directory"
 mv "$new/root" "$directory"

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Finishes the sysroot: Qt's generators are programs of the machine that builds.
+# Finishes the sysroot: Qt's generators are programs of the machine that builds, and a package that is
+# built against the sysroot finds there what to depend on.
 set -eu
 root=$1
 
@@ -21,3 +22,11 @@ case $own in
         exit 1
         ;;
 esac
+
+# Where dpkg-shlibdeps looks for a library that is not installed: beside the library's own tree.
+mkdir "$root/DEBIAN"
+for package in "$root"/var/cache/apt/archives/*.deb; do
+    for file in symbols shlibs; do
+        dpkg-deb --info "$package" "$file" >>"$root/DEBIAN/$file" 2>/dev/null || true
+    done
+done
