@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 
 #include <QDir>
@@ -14,6 +13,7 @@
 
 #include <tavoutil/TrackLog.h>
 
+#include "ConfigReading.h"
 #include "MountedFileSystem.h"
 #include "StorageCapacityWatcher.h"
 
@@ -21,7 +21,6 @@ namespace {
 
 constexpr mode_t kDefaultMode = 0755;
 constexpr int kOctal = 8;
-constexpr qreal kPercent = 0.01;
 
 template <typename Info>
 QStringList entriesOf(const QVector<Info>& infos)
@@ -51,12 +50,16 @@ mode_t DirInfo::modeBits() const
     return static_cast<mode_t>(std::strtol(mode.c_str(), nullptr, kOctal));
 }
 
-DirInfo::Ids DirInfo::ownerIds() const
+DirInfo::OwnerNames DirInfo::ownerNames() const
 {
     const std::size_t colon = owner.find(':');
-    const std::string user = owner.substr(0, colon);
-    const std::string group = colon == std::string::npos ? std::string() : owner.substr(colon + 1);
+    return {owner.substr(0, colon),
+            colon == std::string::npos ? std::string() : owner.substr(colon + 1)};
+}
 
+DirInfo::Ids DirInfo::ownerIds() const
+{
+    const auto [user, group] = ownerNames();
     Ids ids{0, 0};
     if (!user.empty()) {
         if (const passwd* const entry = ::getpwnam(user.c_str())) {
@@ -95,7 +98,8 @@ bool ConfigHandler::setup()
 {
     IXMLDomParser parser;
     ITCXMLResults results;
-    const ITCXMLNode root = parser.parseFile(mConfigFile.toUtf8().constData(), "sdcard", results);
+    const ITCXMLNode root =
+        parser.parseFile(mConfigFile.toUtf8().constData(), ConfigReading::kRootElement, results);
     if (results.error != 0) {
         TRACK_ERROR(logger(), "Could not parse file : " + mConfigFile + " " +
                                   parser.getErrorMessage(results.error));
@@ -106,10 +110,10 @@ bool ConfigHandler::setup()
         return false;
     }
 
-    if (const char* const mountPoint = root.getAttribute("mountpoint")) {
+    if (const char* const mountPoint = root.getAttribute(ConfigReading::kMountPointAttribute)) {
         mMountPoint = QString::fromUtf8(mountPoint);
     }
-    if (const char* const devicePath = root.getAttribute("devicepath")) {
+    if (const char* const devicePath = root.getAttribute(ConfigReading::kDevicePathAttribute)) {
         mDevicePath = QString::fromUtf8(devicePath);
     }
 
@@ -125,91 +129,55 @@ bool ConfigHandler::setup()
     return true;
 }
 
+// Takes the records into lists and lets the first problem end the reading.
+class ConfigHandler::Collector : public ConfigReading::Listener
+{
+public:
+    Collector(const ConfigHandler& config, QVector<DirInfo>* dirs, QVector<SymlinkInfo>& symlinks)
+        : mConfig(config), mDirs(dirs), mSymlinks(symlinks)
+    {}
+
+    bool onProblem(const ITCXMLNode& /*node*/, const QByteArray& message) override
+    {
+        mConfig.reportParseError(message);
+        return false;
+    }
+    void onDir(const ITCXMLNode& /*node*/, const DirInfo& dir, qreal /*percent*/) override
+    {
+        mDirs->append(dir);
+    }
+    void onSymlink(const ITCXMLNode& /*node*/, const SymlinkInfo& symlink) override
+    {
+        mSymlinks.append(symlink);
+    }
+
+private:
+    const ConfigHandler& mConfig;
+    QVector<DirInfo>* mDirs; // null where no directory can come
+    QVector<SymlinkInfo>& mSymlinks;
+};
+
 bool ConfigHandler::parseChildNodes(const ITCXMLNode& node, const QString& parentPath,
                                     qreal parentSize, QVector<DirInfo>& dirs,
                                     QVector<SymlinkInfo>& symlinks) const
 {
-    for (int i = 0; i < node.nChildNode(); ++i) {
-        const ITCXMLNode child = node.getChildNode(i);
-        const char* const name = child.getName();
-        if (name == nullptr) {
-            reportParseError("Node with no name found");
-            return false;
-        }
-        if (std::strcmp(name, "dir") == 0) {
-            if (!parseDirNode(child, parentPath, parentSize, dirs, symlinks)) {
-                return false;
-            }
-        } else if (std::strcmp(name, "symlink") == 0) {
-            if (!parseSymlinkNode(child, parentPath, symlinks)) {
-                return false;
-            }
-        } else {
-            reportParseError(QByteArray("Unsupported node '") + name + "' found");
-            return false;
-        }
-    }
-    return true;
+    Collector collector(*this, &dirs, symlinks);
+    return ConfigReading::readChildNodes(node, parentPath, parentSize, collector);
 }
 
 bool ConfigHandler::parseDirNode(const ITCXMLNode& node, const QString& parentPath,
                                  qreal parentSize, QVector<DirInfo>& dirs,
                                  QVector<SymlinkInfo>& symlinks) const
 {
-    const char* const text = node.getText();
-    if (text == nullptr) {
-        reportParseError("Content of node 'dir' not definied");
-        return false;
-    }
-    const char* const size = node.getAttribute("size");
-    if (size == nullptr) {
-        reportParseError("Attribute 'size' of node 'dir' not found");
-        return false;
-    }
-    bool isNumber = false;
-    const qreal percent = QString::fromLatin1(size).toDouble(&isNumber);
-    if (!isNumber) {
-        reportParseError("Attribute 'size' of node 'dir' with format error");
-        return false;
-    }
-
-    const auto attribute = [&node](const char* name) {
-        const char* const value = node.getAttribute(name);
-        return std::string(value != nullptr ? value : "");
-    };
-    DirInfo dir;
-    dir.name = QString::fromLatin1(text);
-    dir.path = parentPath + "/" + dir.name;
-    dir.size = parentSize * kPercent * percent;
-    dir.capacitywatch = attribute("capacitywatch") == "true";
-    dir.mode = attribute("mode");
-    dir.owner = attribute("owner");
-    dirs.append(dir);
-    return parseChildNodes(node, dir.path, dir.size, dirs, symlinks);
+    Collector collector(*this, &dirs, symlinks);
+    return ConfigReading::readDirNode(node, parentPath, parentSize, collector);
 }
 
 bool ConfigHandler::parseSymlinkNode(const ITCXMLNode& node, const QString& parentPath,
                                      QVector<SymlinkInfo>& symlinks) const
 {
-    const char* const text = node.getText();
-    if (text == nullptr) {
-        reportParseError("Content of node 'symlink' not definied");
-        return false;
-    }
-    const char* const target = node.getAttribute("target");
-    if (target == nullptr) {
-        reportParseError("Attribute 'target' of node 'symlink' not found");
-        return false;
-    }
-
-    SymlinkInfo symlink;
-    symlink.name = QString::fromLatin1(text);
-    symlink.path = parentPath + "/" + symlink.name;
-    symlink.target = QString::fromLatin1(target);
-    const QDir linkDir(QFileInfo(symlink.path).path());
-    symlink.absoluteTarget = QFileInfo(linkDir, symlink.target).absoluteFilePath();
-    symlinks.append(symlink);
-    return true;
+    Collector collector(*this, nullptr, symlinks);
+    return ConfigReading::readSymlinkNode(node, parentPath, collector);
 }
 
 void ConfigHandler::reportParseError(const QByteArray& message) const

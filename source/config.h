@@ -20,6 +20,11 @@ struct DirInfo
         uid_t user;
         gid_t group;
     };
+    struct OwnerNames
+    {
+        std::string user;
+        std::string group;
+    };
 
     QString name;               ///< its identifier: the last component of its path
     QString path;               ///< relative to the mount point, beginning with "/"
@@ -31,6 +36,8 @@ struct DirInfo
     /// The permission bits: 0755 where none are configured, 0 where the text does not begin with an
     /// octal digit.
     mode_t modeBits() const;
+    /// The configured names of user and group; either may be empty.
+    OwnerNames ownerNames() const;
     /// The owner's ids. A part that is missing or unknown on this machine is 0 (root).
     Ids ownerIds() const;
     /// The directory's share in bytes of a card of @p cardBytes, rounded towards zero.
@@ -103,6 +110,8 @@ public:
                           QVector<SymlinkInfo>& symlinks) const;
 
 private:
+    class Collector;
+
     const DirInfo* findDir(const QString& id) const;
     void reportParseError(const QByteArray& message) const;
     bool applyDir(const DirInfo& dir) const;
