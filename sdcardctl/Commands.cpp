@@ -17,6 +17,7 @@ const std::array<Command, kCommandCount>& commands()
         {"insert",       "",      "Tell the service that a card was put in",              0, 0, NoOption,                     runInsert},
         {"remove",       "",      "Tell the service that the card was taken out",         0, 0, NoOption,                     runRemove},
         {"wait",         "STATE", "Wait until the card is in a state",                    1, 1, TimeoutOption,                runWait},
+        {"check-config", "FILE",  "Report every problem of a media configuration",        1, 1, StrictOption,                 runCheckConfig},
     }};
     // clang-format on
     return kCommands;

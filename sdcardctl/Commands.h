@@ -6,7 +6,7 @@
 
 namespace sdcardctl {
 
-constexpr std::size_t kCommandCount = 11;
+constexpr std::size_t kCommandCount = 12;
 
 /// All commands in the order in which the help shows them.
 const std::array<Command, kCommandCount>& commands();
@@ -23,5 +23,6 @@ ExitStatus runRefresh(const Invocation& invocation, Output& output);
 ExitStatus runInsert(const Invocation& invocation, Output& output);
 ExitStatus runRemove(const Invocation& invocation, Output& output);
 ExitStatus runWait(const Invocation& invocation, Output& output);
+ExitStatus runCheckConfig(const Invocation& invocation, Output& output);
 
 } // namespace sdcardctl

@@ -1,0 +1,287 @@
+#include "ConfigCheck.h"
+
+#include <QTest>
+
+#include <QJsonArray>
+#include <QTemporaryFile>
+
+#include "Commands.h"
+#include "JsonText.h"
+#include "ProgramRun.h"
+
+using namespace sdcardctl;
+
+class ConfigCheckTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void a_good_configuration_gives_no_findings();
+    void every_error_is_found_with_its_place();
+    void children_of_a_broken_directory_are_checked_too();
+    void a_file_that_is_no_XML_gives_one_error_with_its_place();
+    void a_missing_file_gives_an_error_without_a_place();
+    void what_parses_but_is_wrong_is_warned_of_data();
+    void what_parses_but_is_wrong_is_warned_of();
+    void what_looks_odd_but_works_is_not_warned_of_data();
+    void what_looks_odd_but_works_is_not_warned_of();
+    void the_program_prints_one_line_for_each_finding();
+    void the_program_writes_findings_for_programs();
+    void the_program_fails_on_errors_and_on_warnings_only_if_asked();
+};
+
+namespace {
+
+class Document
+{
+public:
+    explicit Document(const QByteArray& text)
+    {
+        if (mFile.open()) {
+            mFile.write(text);
+            mFile.flush();
+        }
+    }
+    QString name() const { return mFile.fileName(); }
+
+private:
+    QTemporaryFile mFile;
+};
+
+QStringList findingsIn(const QByteArray& text)
+{
+    const Document document(text);
+    QStringList found;
+    for (const ConfigFinding& finding : checkConfig(document.name())) {
+        found.append(QString("%1:%2 %3: %4")
+                         .arg(finding.line)
+                         .arg(finding.column)
+                         .arg(finding.severity == ConfigFinding::Error ? "error" : "warning",
+                              finding.message));
+    }
+    return found;
+}
+
+const QByteArray kGood = R"(<?xml version="1.0"?>
+<sdcard mountpoint="/media/card" devicepath="/dev/mmcblk1p1">
+  <dir size="50" capacitywatch="true" mode="0750" owner="root:root">logs
+    <dir size="33.3">old</dir>
+    <dir size="66.7" capacitywatch="false" owner=":root" mode="2775">new</dir>
+    <symlink target="new">current</symlink>
+    <symlink target="../data">data</symlink>
+  </dir>
+  <dir size="50">data</dir>
+  <symlink target="logs/current">now</symlink>
+  <symlink target="/media/card/logs">absolute</symlink>
+  <symlink target="/etc">system</symlink>
+</sdcard>
+)";
+
+} // namespace
+
+void ConfigCheckTest::a_good_configuration_gives_no_findings()
+{
+    QCOMPARE(findingsIn(kGood), QStringList());
+    QCOMPARE(findingsIn("<sdcard/>"), QStringList());
+}
+
+void ConfigCheckTest::every_error_is_found_with_its_place()
+{
+    QCOMPARE(findingsIn(R"(<sdcard>
+  <dir size="1"/>
+  <dir>a</dir>
+  <dir/>
+  <dir size="1%">b</dir>
+  <symlink target="a"/>
+  <symlink>c</symlink><symlink/>
+  <link>d</link>
+</sdcard>)"),
+             (QStringList{"2:3 error: Content of node 'dir' not definied",
+                          "3:3 error: Attribute 'size' of node 'dir' not found",
+                          "4:3 error: Content of node 'dir' not definied",
+                          "4:3 error: Attribute 'size' of node 'dir' not found",
+                          "5:3 error: Attribute 'size' of node 'dir' with format error",
+                          "6:3 error: Content of node 'symlink' not definied",
+                          "7:3 error: Attribute 'target' of node 'symlink' not found",
+                          "7:23 error: Content of node 'symlink' not definied",
+                          "7:23 error: Attribute 'target' of node 'symlink' not found",
+                          "8:3 error: Unsupported node 'link' found"}));
+}
+
+void ConfigCheckTest::children_of_a_broken_directory_are_checked_too()
+{
+    QCOMPARE(findingsIn(R"(<sdcard>
+  <dir>a
+    <dir size="x">b <dir size="101">c</dir> </dir>
+  </dir>
+</sdcard>)"),
+             (QStringList{"2:3 error: Attribute 'size' of node 'dir' not found",
+                          "3:5 error: Attribute 'size' of node 'dir' with format error",
+                          "3:21 warning: with 'c' the shares of the directories in '/a/b' come "
+                          "to 101 %"}));
+}
+
+void ConfigCheckTest::a_file_that_is_no_XML_gives_one_error_with_its_place()
+{
+    const QStringList findings = findingsIn("<sdcard>\n  <dir size='1'>a\n</sdcard>\n");
+    QCOMPARE(findings.size(), 1);
+    QVERIFY2(findings.first().startsWith("3:3 error: mismatched tag"),
+             qPrintable(findings.first()));
+}
+
+void ConfigCheckTest::a_missing_file_gives_an_error_without_a_place()
+{
+    const auto findings = checkConfig("/nonexistent.xml");
+    QCOMPARE(findings.size(), 1);
+    QCOMPARE(findings.first().severity, ConfigFinding::Error);
+    QCOMPARE(findings.first().line, 0);
+    QVERIFY2(findings.first().message.contains("No such file"),
+             qPrintable(findings.first().message));
+}
+
+void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("warning");
+    const auto row = [](const char* name, const QByteArray& content, const char* warning) {
+        QTest::newRow(name) << content << QString(warning);
+    };
+    row("shares of siblings", "<dir size='60'>a</dir><dir size='40.5'>b</dir>",
+        "with 'b' the shares of the directories on the card come to 100.5 %");
+    row("share above the parent's", "<dir size='10'>a<dir size='101'>b</dir></dir>",
+        "with 'b' the shares of the directories in '/a' come to 101 %");
+    row("share of nothing", "<dir size='0'>a</dir>",
+        "the share of 'a' is 0 %; it has to be a number above 0");
+    row("negative share", "<dir size='-5'>a</dir>",
+        "the share of 'a' is -5 %; it has to be a number above 0");
+    row("share that is no number", "<dir size='nan'>a</dir>",
+        "the share of 'a' is nan %; it has to be a number above 0");
+    row("endless share", "<dir size='inf'>a</dir>",
+        "the share of 'a' is inf %; it has to be a number above 0");
+    row("watched share of nothing", "<dir size='0' capacitywatch='true'>a</dir>",
+        "the share of 'a' is 0 %; it has to be a number above 0, or every file in this watched "
+        "directory is deleted");
+    row("doubled identifier", "<dir size='1'>a<dir size='1'>b</dir></dir>\n<dir size='1'>b</dir>",
+        "the identifier 'b' means the directory of line 1; this one cannot be asked for");
+    row("link in a directory's place", "<dir size='1'>a</dir><symlink target='/etc'>a</symlink>",
+        "'/a' is the place of line 1 already");
+    row("slash in a name", "<dir size='1'>a/b</dir>",
+        "the name 'a/b' is not one component of a path");
+    row("parent as a name", "<dir size='1'>..</dir>",
+        "the name '..' is not one component of a path");
+    row("slash in a link's name", "<symlink target='/etc'>a/b</symlink>",
+        "the name 'a/b' is not one component of a path");
+    row("text around an element", "<dir size='1'>a\n<dir size='1'>b</dir>\nc</dir>",
+        "the name holds a line break or another control character; does text stand on both sides "
+        "of a nested element?");
+    row("name beyond ASCII", "<dir size='1'>\xC3\xA4</dir>",
+        "the name holds characters beyond ASCII, which get another form on the card");
+    row("long name", "<dir size='1'>" + QByteArray(256, 'a') + "</dir>",
+        "the name is longer than 255 bytes, so it cannot be created");
+    row("watch in capitals", "<dir size='1' capacitywatch='TRUE'>a</dir>",
+        "'capacitywatch' is 'TRUE'; only 'true' switches it on");
+    row("mode that is not octal", "<dir size='1' mode='0789'>a</dir>",
+        "the mode '0789' is not an octal number up to 7777; it is read as 0007");
+    row("mode that is too large", "<dir size='1' mode='10755'>a</dir>",
+        "the mode '10755' is not an octal number up to 7777; it is read as 10755");
+    row("unknown user", "<dir size='1' owner='nosuchuser'>a</dir>",
+        "this machine has no user 'nosuchuser'; the directory would belong to root");
+    row("unknown group", "<dir size='1' owner='root:nosuchgroup'>a</dir>",
+        "this machine has no group 'nosuchgroup'; the directory would belong to the group root");
+    row("missing target", "<symlink target='nowhere'>a</symlink>",
+        "the target 'nowhere' is no configured directory of the card");
+    row("target outside the card", "<symlink target='/nonexistent/place'>a</symlink>",
+        "the target '/nonexistent/place' lies outside the card and is missing on this machine");
+    row("link to itself", "<symlink target='a'>a</symlink>", "the target 'a' leads in a circle");
+    row("element inside a link", "<symlink target='/etc'>a<dir size='1'>b</dir></symlink>",
+        "elements inside a link are ignored");
+    row("target beyond ASCII", "<dir size='1'>a</dir><symlink target='\xC3\xA4/../a'>b</symlink>",
+        "the target holds characters beyond ASCII, which get another form on the card");
+}
+
+void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of()
+{
+    QFETCH(const QByteArray, content);
+    QFETCH(const QString, warning);
+    QStringList messages;
+    const Document document("<sdcard>" + content + "</sdcard>");
+    for (const ConfigFinding& finding : checkConfig(document.name())) {
+        QCOMPARE(finding.severity, ConfigFinding::Warning);
+        QVERIFY(finding.line > 0 && finding.column > 0);
+        messages.append(finding.message);
+    }
+    QVERIFY2(messages.contains(warning), qPrintable(messages.join('\n')));
+    QVERIFY2(messages.size() == 1, qPrintable(messages.join('\n')));
+}
+
+void ConfigCheckTest::what_looks_odd_but_works_is_not_warned_of_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::newRow("shares that add up to the whole in decimal only")
+        << QByteArray("<dir size='33.3'>a</dir><dir size='33.3'>b</dir><dir size='33.4'>c</dir>");
+    QTest::newRow("two links of one name")
+        << QByteArray("<dir size='1'>a<symlink target='/etc'>x</symlink></dir>"
+                      "<symlink target='/etc'>x</symlink>");
+    QTest::newRow("link named like a directory elsewhere") << QByteArray(
+        "<dir size='1'>a<dir size='1'>b</dir></dir><symlink target='a/b'>b</symlink>");
+    QTest::newRow("dots in a name") << QByteArray("<dir size='1'>a..b</dir>");
+    QTest::newRow("target with dots")
+        << QByteArray("<dir size='1'>a</dir><symlink target='./a/../a/.'>b</symlink>");
+    QTest::newRow("link through a link that comes later")
+        << QByteArray("<symlink target='b'>a</symlink><symlink target='/media/sdcard/c'>b</symlink>"
+                      "<dir size='1'>c</dir>");
+}
+
+void ConfigCheckTest::what_looks_odd_but_works_is_not_warned_of()
+{
+    QFETCH(const QByteArray, content);
+    QCOMPARE(findingsIn("<sdcard>" + content + "</sdcard>"), QStringList());
+}
+
+void ConfigCheckTest::the_program_prints_one_line_for_each_finding()
+{
+    const Document bad("<sdcard><dir size='0'>a</dir>\n<dir size='1'/></sdcard>");
+    ProgramRun run({"check-config", bad.name()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::BadConfiguration));
+    QCOMPARE(run.output(),
+             QString("%1:1:9: warning: the share of 'a' is 0 %; it has to be a number above 0\n"
+                     "%1:2:1: error: Content of node 'dir' not definied\n"
+                     "%1: 1 error, 1 warning\n")
+                 .arg(bad.name()));
+    QCOMPARE(run.notes(), QString());
+
+    const Document good(kGood);
+    ProgramRun goodRun({"check-config", good.name()});
+    QCOMPARE(goodRun.status(), 0);
+    QCOMPARE(goodRun.output(), good.name() + ": no problems\n");
+
+    ProgramRun missing({"check-config", "/nonexistent.xml"});
+    QCOMPARE(missing.status(), ProgramRun::number(ExitStatus::BadConfiguration));
+    QVERIFY2(missing.output().startsWith("/nonexistent.xml: error: "),
+             qPrintable(missing.output()));
+}
+
+void ConfigCheckTest::the_program_writes_findings_for_programs()
+{
+    const Document bad("<sdcard>\n  <dir size='1'/></sdcard>");
+    ProgramRun run({"check-config", "--json", bad.name()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::BadConfiguration));
+    const QJsonObject finding{{"severity", "error"},
+                              {"line", 2},
+                              {"column", 3},
+                              {"message", "Content of node 'dir' not definied"}};
+    QCOMPARE(jsonOf(run.output()),
+             (QJsonObject{{"file", bad.name()}, {"findings", QJsonArray{finding}}}));
+}
+
+void ConfigCheckTest::the_program_fails_on_errors_and_on_warnings_only_if_asked()
+{
+    const Document odd("<sdcard><dir size='0'>a</dir></sdcard>");
+    ProgramRun lenient({"check-config", odd.name()});
+    QCOMPARE(lenient.status(), 0);
+    ProgramRun strict({"check-config", "--strict", odd.name()});
+    QCOMPARE(strict.status(), ProgramRun::number(ExitStatus::BadConfiguration));
+}
+
+QTEST_GUILESS_MAIN(ConfigCheckTest)
+#include "ConfigCheckTest.moc"

@@ -1,0 +1,110 @@
+#include <QTest>
+
+#include <QDir>
+#include <QProcess>
+
+class ConfigSchemaTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void the_shipped_configurations_are_valid_data();
+    void the_shipped_configurations_are_valid();
+    void good_content_is_valid_data();
+    void good_content_is_valid();
+    void bad_content_is_invalid_data();
+    void bad_content_is_invalid();
+};
+
+namespace {
+
+constexpr int kValid = 0;
+constexpr int kInvalid = 3; // what xmllint ends with when a file does not follow the schema
+
+// The exit status of xmllint; -1 when it does not run.
+int validate(const QString& file, const QByteArray& content = QByteArray())
+{
+    QProcess xmllint;
+    xmllint.setStandardErrorFile(QProcess::nullDevice());
+    xmllint.start("xmllint", {"--noout", "--schema",
+                              SOURCE_DIRECTORY "/platform/tavo-sdcard.config.xsd", file});
+    xmllint.write(content);
+    xmllint.closeWriteChannel();
+    return xmllint.waitForFinished() && xmllint.exitStatus() == QProcess::NormalExit
+               ? xmllint.exitCode()
+               : -1;
+}
+
+void addContents(const QVector<QByteArray>& contents)
+{
+    QTest::addColumn<QByteArray>("content");
+    for (const QByteArray& content : contents) {
+        QTest::newRow(content.left(100).constData()) << "<sdcard>" + content + "</sdcard>";
+    }
+}
+
+} // namespace
+
+void ConfigSchemaTest::the_shipped_configurations_are_valid_data()
+{
+    QTest::addColumn<QString>("file");
+    const QDir platform(SOURCE_DIRECTORY "/platform", "*sdcard*.config.xml");
+    QVERIFY(!platform.entryList().isEmpty());
+    for (const QFileInfo& file : platform.entryInfoList()) {
+        QTest::newRow(qPrintable(file.fileName())) << file.filePath();
+    }
+}
+
+void ConfigSchemaTest::the_shipped_configurations_are_valid()
+{
+    QFETCH(const QString, file);
+    QCOMPARE(validate(file), kValid);
+}
+
+void ConfigSchemaTest::good_content_is_valid_data()
+{
+    addContents({"", "<dir size='100'>a</dir>", "<dir size='12.5'>\n  logs.old 1\n</dir>",
+                 "<dir size='1' capacitywatch='false' mode='0750' owner='www-data:adm'>a</dir>",
+                 "<dir size='1' mode='02775' owner='root'>a<dir size='1'>b</dir></dir>",
+                 "<dir size='1'>a<symlink target='..'>b</symlink></dir>",
+                 "<symlink target='/etc'>\n  x\n</symlink><dir size='1'>b</dir>"});
+}
+
+void ConfigSchemaTest::good_content_is_valid()
+{
+    QFETCH(const QByteArray, content);
+    QCOMPARE(validate("-", content), kValid);
+}
+
+void ConfigSchemaTest::bad_content_is_invalid_data()
+{
+    addContents({"text",
+                 "<dir>a</dir>",
+                 "<dir size=''>a</dir>",
+                 "<dir size='0'>a</dir>",
+                 "<dir size='100.1'>a</dir>",
+                 "<dir size='5%'>a</dir>",
+                 "<dir size='1' capacitywatch='TRUE'>a</dir>",
+                 "<dir size='1' mode='8'>a</dir>",
+                 "<dir size='1' mode='0789'>a</dir>",
+                 "<dir size='1' owner=''>a</dir>",
+                 "<dir size='1' sizes='1'>a</dir>",
+                 "<Dir size='1'>a</Dir>",
+                 "<symlink>a</symlink>",
+                 "<symlink target=''>a</symlink>",
+                 "<symlink target='a'/>",
+                 "<symlink target='a'>b/c</symlink>",
+                 "<symlink target='a'>..</symlink>",
+                 "<symlink target='a'>b<dir size='1'>c</dir></symlink>",
+                 "<dir size='1'>a<file/></dir>",
+                 "<sdcard/>"});
+}
+
+void ConfigSchemaTest::bad_content_is_invalid()
+{
+    QFETCH(const QByteArray, content);
+    QCOMPARE(validate("-", content), kInvalid);
+}
+
+QTEST_APPLESS_MAIN(ConfigSchemaTest)
+#include "ConfigSchemaTest.moc"
