@@ -24,7 +24,7 @@ public:
     Output(QTextStream& results, QTextStream& notes, bool isJson, bool isColoured);
 
     /// Whether standard output shows colours: on a terminal that knows them, unless the environment
-    /// variable NO_COLOR is set to anything.
+    /// variable NO_COLOR is set and not empty.
     static bool coloursWanted();
 
     bool isJson() const { return mIsJson; }

@@ -37,6 +37,7 @@ private Q_SLOTS:
     void a_call_that_the_bus_refuses_has_its_own_status_data();
     void a_call_that_the_bus_refuses_has_its_own_status();
     void a_service_that_ends_during_a_call_is_told_from_a_slow_one();
+    void another_failure_is_told_in_the_services_words();
 };
 
 namespace {
@@ -258,6 +259,19 @@ void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one
     QDBusConnection::disconnectFromBus(name);
     service = QDBusConnection(QString());
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
+}
+
+void CallCommandsTest::another_failure_is_told_in_the_services_words()
+{
+    const PrivateBus bus;
+    const QString name = QStringLiteral("service without an object");
+    QDBusConnection service = QDBusConnection::connectToBus(bus.address(), name);
+    QVERIFY(service.registerService(SDCardImpl::kServiceName));
+    ProgramRun run({"path", "csv", "--bus", bus.address()});
+    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Failure));
+    QVERIFY2(run.notes().startsWith("sdcardctl: The service answered: No such object path"),
+             qPrintable(run.notes()));
+    QDBusConnection::disconnectFromBus(name);
 }
 
 QTEST_GUILESS_MAIN(CallCommandsTest)
