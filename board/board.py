@@ -151,10 +151,10 @@ class Board(Expectations, ABC):
         """Every program that start() and hold_file_open() have started."""
         return list(self._started)
 
-    def run(self, *command: str, input: str = "", user: str | None = None, within: float = RUN_SECONDS,
+    def run(self, *command: str, input: str | bytes = "", user: str | None = None, within: float = RUN_SECONDS,
             check: bool = False) -> subprocess.CompletedProcess:
         """Runs a program on the board to its end. Raises FileNotFoundError, TimeoutError."""
-        process = self._start(list(command), ENVIRONMENT, user, input.encode())
+        process = self._start(list(command), ENVIRONMENT, user, input if isinstance(input, bytes) else input.encode())
         try:
             status = process.wait(within * self.patience)
         except TimeoutError:
