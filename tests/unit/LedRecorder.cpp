@@ -48,9 +48,10 @@ LedRecorder::LedRecorder() : mWatcher(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
             }
             file.fd = ::open(path.constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
         }
-        // Two kinds of events alternate, because equal ones in a row would become one.
+        // Two kinds of events alternate, because equal ones in a row would become one. Closing is
+        // none of them: a program that is started meanwhile may hold the file open for a moment.
         mDirectories[colour] = ::inotify_add_watch(
-            mWatcher, QFile::encodeName(directory).constData(), IN_OPEN | IN_CLOSE_WRITE);
+            mWatcher, QFile::encodeName(directory).constData(), IN_OPEN | IN_MODIFY);
         if (mDirectories[colour] < 0) {
             qFatal("cannot watch %s", qPrintable(directory));
         }
@@ -97,7 +98,7 @@ QStringList LedRecorder::take()
             const QString name =
                 QString::fromLatin1(&events.at(static_cast<std::size_t>(at) + sizeof(event)));
             at += static_cast<ssize_t>(sizeof(event)) + static_cast<ssize_t>(event.len);
-            if ((event.mask & IN_CLOSE_WRITE) == 0) {
+            if ((event.mask & IN_OPEN) == 0) {
                 continue;
             }
             const QString colour =

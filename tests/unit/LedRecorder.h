@@ -30,8 +30,8 @@ public:
     LedRecorder& operator=(const LedRecorder&) = delete;
     LedRecorder& operator=(LedRecorder&&) = delete;
 
-    /// The writes since the last take(), as "red trigger=timer". A file that was opened for writing
-    /// and closed without a write, or that was written an unknown value, shows as "red trigger=".
+    /// The writes since the last take(), as "red trigger=timer". A file that was opened without a
+    /// write, or that was written an unknown value, shows as "red trigger=".
     QStringList take();
     /// Takes the LEDs off the board.
     void remove();
