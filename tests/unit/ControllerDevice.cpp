@@ -26,20 +26,6 @@ constexpr int kWaitMs = 10000;
 constexpr int kWorkerWaitMs = 5000;
 constexpr int kRounds = 20;
 
-// The machine's states in the order in which they are added.
-const QStringList kStates{"noSdCard",
-                          "mounting",
-                          "preparing",
-                          "mounted",
-                          "notMoutable",
-                          "closingFiles",
-                          "closingFilesForTermination",
-                          "unmounting",
-                          "unmountingForTermination",
-                          "forced_unmounting",
-                          "corrupted",
-                          "terminating"};
-
 void placeTools()
 {
     ToolStandIn::putFirst();
@@ -53,6 +39,18 @@ void placeTools()
 
 } // namespace
 
+const QStringList ControllerDevice::kStates{"noSdCard",
+                                            "mounting",
+                                            "preparing",
+                                            "mounted",
+                                            "notMoutable",
+                                            "closingFiles",
+                                            "closingFilesForTermination",
+                                            "unmounting",
+                                            "unmountingForTermination",
+                                            "forced_unmounting",
+                                            "corrupted",
+                                            "terminating"};
 const QString ControllerDevice::kMountPoint = QStringLiteral("/media/sdcard");
 const QString ControllerDevice::kEjectButton = QStringLiteral("/opt/tavo/tavodev/mmc1_eject/value");
 const QString ControllerDevice::kJobDirectory =

@@ -24,6 +24,8 @@ class TestProcess;
 class ControllerDevice
 {
 public:
+    /// Names of the machine's states in the order in which they are added.
+    static const QStringList kStates;
     static const QString kMountPoint;
     static const QString kEjectButton;
     static const QString kJobDirectory;

@@ -21,6 +21,7 @@ private Q_SLOTS:
     void the_machine_has_these_twelve_states_in_this_order();
     void the_machine_starts_without_a_card();
     void these_are_all_transitions_in_the_order_of_each_state();
+    void the_documented_picture_shows_the_machine_as_it_is();
     void nothing_leaves_corrupted();
     void mounting_and_preparing_do_not_react_to_a_termination_signal();
     void the_signals_of_the_controller_have_this_order();
@@ -38,56 +39,61 @@ QList<QAbstractState*> statesOf(const QStateMachine& machine)
     return machine.findChildren<QAbstractState*>(QString(), Qt::FindDirectChildrenOnly);
 }
 
-const QStringList kStates{"noSdCard",
-                          "mounting",
-                          "preparing",
-                          "mounted",
-                          "notMoutable",
-                          "closingFiles",
-                          "closingFilesForTermination",
-                          "unmounting",
-                          "unmountingForTermination",
-                          "forced_unmounting",
-                          "corrupted",
-                          "terminating"};
+struct TransitionRow
+{
+    QString from;
+    QString sender;
+    QString signal;
+    QString to;
+};
 
-/// The transitions out of the machine's own states, as "from: sender signal -> to".
-QStringList transitionsOf(Sdcard& controller)
+/// The transitions out of the machine's own states.
+QVector<TransitionRow> transitionsOf(Sdcard& controller)
 {
     const QStateMachine& machine = ControllerProbe::machine(controller);
     const QList<QAbstractState*> states = statesOf(machine);
-    QMap<const QObject*, QString> senders{
+    const QMap<const QObject*, QString> senders{
         {&controller, "Sdcard"},
         {machine.findChild<StateMounting*>(), "StateMounting"},
         {machine.findChild<StatePreparing*>(), "StatePreparing"},
         {&ControllerProbe::stateTimer(controller), "state timer"},
         {machine.findChild<QSocketNotifier*>(), "signal notifier"},
     };
-    const auto name = [&states](const QAbstractState* state) {
-        for (int index = 0; index < states.size(); ++index) {
-            if (states.at(index) == state) {
-                return kStates.value(index);
-            }
-        }
-        return QString("none");
+    const auto name = [&states](QAbstractState* state) {
+        return ControllerDevice::kStates.value(states.indexOf(state), "none");
     };
 
-    QStringList rows;
-    for (const QAbstractState* const from : states) {
+    QVector<TransitionRow> rows;
+    for (QAbstractState* const from : states) {
         const auto* const state = qobject_cast<const QState*>(from);
         if (state == nullptr) {
             continue;
         }
         for (const QAbstractTransition* const transition : state->transitions()) {
-            const auto* const row = qobject_cast<const QSignalTransition*>(transition);
-            const QString trigger =
-                row == nullptr ? QString("no signal")
-                               : senders.value(row->senderObject(), "unknown sender") + " " +
-                                     QByteArray(row->signal()).mid(1).split('(').first();
-            rows.append(name(state) + ": " + trigger + " -> " + name(transition->targetState()));
+            const auto* const bySignal = qobject_cast<const QSignalTransition*>(transition);
+            TransitionRow row{name(from), "nobody", "nothing", name(transition->targetState())};
+            if (bySignal != nullptr) {
+                row.sender = senders.value(bySignal->senderObject(), "unknown sender");
+                row.signal = QByteArray(bySignal->signal()).mid(1).split('(').first();
+            }
+            rows.append(row);
         }
     }
     return rows;
+}
+
+/// The lines between the fences of the page's state diagram, without indentation.
+QStringList documentedPicture()
+{
+    const QString page = QString::fromUtf8(TestDevice::readFile(ARCHITECTURE_PAGE));
+    const QString begin = "```mermaid\nstateDiagram-v2\n";
+    QStringList lines;
+    for (const QString& line : page.section(begin, 1, 1).section("```", 0, 0).split('\n')) {
+        if (!line.trimmed().isEmpty()) {
+            lines.append(line.trimmed());
+        }
+    }
+    return lines;
 }
 
 /// The class's own methods of one kind, in the order of the meta-object.
@@ -168,7 +174,34 @@ void SdcardMachineTest::these_are_all_transitions_in_the_order_of_each_state()
         "forced_unmounting: signal notifier activated -> terminating",
     };
     QCOMPARE(expected.size(), 31);
-    QCOMPARE(transitionsOf(device.construct()), expected);
+    QStringList transitions;
+    for (const TransitionRow& row : transitionsOf(device.construct())) {
+        transitions.append(row.from + ": " + row.sender + " " + row.signal + " -> " + row.to);
+    }
+    QCOMPARE(transitions, expected);
+}
+
+void SdcardMachineTest::the_documented_picture_shows_the_machine_as_it_is()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    const QStateMachine& machine = ControllerProbe::machine(controller);
+    const QList<QAbstractState*> states = statesOf(machine);
+
+    QStringList picture;
+    for (const TransitionRow& row : transitionsOf(controller)) {
+        const QString trigger = row.sender == "signal notifier" ? QString("signal") : row.signal;
+        picture.append(row.from + " --> " + row.to + ": " + trigger);
+    }
+    for (int index = 0; index < states.size(); ++index) {
+        const QString& name = ControllerDevice::kStates.at(index);
+        if (states.at(index) == machine.initialState()) {
+            picture.prepend("[*] --> " + name);
+        } else if (qobject_cast<const QFinalState*>(states.at(index)) != nullptr) {
+            picture.append(name + " --> [*]");
+        }
+    }
+    QCOMPARE(documentedPicture(), picture);
 }
 
 void SdcardMachineTest::nothing_leaves_corrupted()
