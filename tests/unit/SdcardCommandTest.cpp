@@ -29,6 +29,7 @@ private Q_SLOTS:
     void a_program_that_crashes_is_reported();
     void a_program_that_takes_too_long_is_gone_afterwards();
     void a_crash_and_what_was_written_before_are_logged_in_this_order();
+    void a_program_that_waits_for_input_gets_none();
     void a_worker_runs_commands_with_its_own_logger();
 
     void the_whole_output_replaces_what_was_there();
@@ -230,6 +231,15 @@ void SdcardCommandTest::a_crash_and_what_was_written_before_are_logged_in_this_o
     QCOMPARE(run("echo out; echo err >&2; kill -9 $$", true), -1);
     QCOMPARE(log.messages(), (QStringList{"Executing '/opt/tool'...", "out", "err",
                                           "QProcess::CrashExit: Process crashed"}));
+}
+
+void SdcardCommandTest::a_program_that_waits_for_input_gets_none()
+{
+    const LogCapture log;
+    QCOMPARE(run("read line; echo $line", true, 200), -1);
+    QCOMPARE(log.messages(),
+             (QStringList{"Executing '/opt/tool'...",
+                          "Wait until command finished failed (error or timeout)"}));
 }
 
 void SdcardCommandTest::a_worker_runs_commands_with_its_own_logger()

@@ -1,6 +1,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include <sys/statvfs.h>
+
 #include "CardImage.h"
 #include "ControllerDevice.h"
 #include "ControllerProbe.h"
@@ -14,6 +16,8 @@ class SdcardHandlersTest : public QObject
 private Q_SLOTS:
     void the_constructor_works_in_this_order();
     void without_the_bus_name_the_card_is_handled_all_the_same();
+    void without_its_place_on_the_bus_the_object_is_not_registered();
+    void directories_are_asked_of_the_configuration();
     void entering_no_sd_card_has_these_effects();
     void a_worker_that_begins_shows_mounting();
     void entering_mounted_has_these_effects();
@@ -30,7 +34,7 @@ private Q_SLOTS:
     void files_closed_and_time_out_stop_the_state_timer();
     void a_successful_unmount_is_no_transition();
     void timers_are_single_shot_where_they_bound_something();
-    void the_destructor_stops_everything();
+    void ending_the_controller_changes_nothing_outside();
 
 private:
     static void mountedEffectsAre(const QStringList& buttonRecords, ControllerDevice& device);
@@ -79,6 +83,34 @@ void SdcardHandlersTest::without_the_bus_name_the_card_is_handled_all_the_same()
     QVERIFY(ControllerDevice::mountCard());
     Q_EMIT controller.SD_INSERT();
     QVERIFY(device.waitForState("mounted"));
+}
+
+void SdcardHandlersTest::without_its_place_on_the_bus_the_object_is_not_registered()
+{
+    ControllerDevice device(mBus);
+    QObject other;
+    QVERIFY(device.connection().registerObject("/tavo/sdcard", &other));
+    const Sdcard& controller = device.construct();
+    device.connection().unregisterObject("/tavo/sdcard");
+    QVERIFY(!controller.isServiceRegistered());
+    QCOMPARE(device.effects().take(), QStringList{kInfo + "Checking hardware..."});
+    device.service().InsertCard();
+    QVERIFY(device.effects().take().contains("ADD_DEVICE"));
+}
+
+void SdcardHandlersTest::directories_are_asked_of_the_configuration()
+{
+    ControllerDevice device(mBus);
+    device.configure(R"(<dir size="25">log</dir>)", CardImage::kPartition);
+    SdcardInterface& controller = device.startIn("mounted");
+    struct statvfs status = {};
+    QCOMPARE(::statvfs("/media/sdcard", &status), 0);
+    TestDevice::writeFile(ControllerDevice::kMountPoint + "/log/file", "12345");
+    QCOMPARE(controller.getDirPath("log"), QString("/log"));
+    QCOMPARE(controller.getDirSize("log"),
+             static_cast<qint64>(status.f_blocks * status.f_frsize / 4));
+    QVERIFY(controller.getDirUsed("log") > 0);
+    QCOMPARE(controller.getDirPath("other"), QString());
 }
 
 void SdcardHandlersTest::entering_no_sd_card_has_these_effects()
@@ -307,7 +339,7 @@ void SdcardHandlersTest::timers_are_single_shot_where_they_bound_something()
     QVERIFY(!ControllerProbe::ejectPollTimer(controller).isActive());
 }
 
-void SdcardHandlersTest::the_destructor_stops_everything()
+void SdcardHandlersTest::ending_the_controller_changes_nothing_outside()
 {
     ControllerDevice device(mBus);
     device.startIn("mounted");

@@ -57,6 +57,7 @@ void SdcardOpenFilesTest::nothing_open_is_told_by_level()
     Sdcard& controller = device.construct();
     device.effects().take();
     ToolStandIn::takeCalls();
+    ToolStandIn::place(ToolStandIn::kLsof, "echo careful >&2; exit 0");
     QVector<int> ids;
     QCOMPARE(controller.checkOpenFiles(kMountPoint, ids, static_cast<OpenFilesLevel>(level)), 0);
     QCOMPARE(ids, QVector<int>());
@@ -168,7 +169,9 @@ void SdcardOpenFilesTest::open_files_are_listed_with_their_processes()
     device.effects().take();
     ToolStandIn::place(ToolStandIn::kLsof, R"(case $1 in
 -t) echo 4194305; echo 4194306;;
--F) printf 'p%s\nfcwd\nn/\nf3\nn/media/sdcard/a b\nn/x/media/sdcard\n' $3;;
+-F) printf 'p%s\nfcwd\nn/\nf3\nn/media/sdcard/a b\nn/x/media/sdcard\n' $3
+    echo careful >&2
+    exit 1;;
 esac)");
     ToolStandIn::takeCalls();
     QVector<int> ids;

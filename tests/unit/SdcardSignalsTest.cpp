@@ -35,8 +35,8 @@ private Q_SLOTS:
     void a_refused_signal_action_is_reported();
     void hup_ends_the_service_like_term_data();
     void hup_ends_the_service_like_term();
-    void a_request_while_mounting_takes_effect_once_there_is_no_card();
-    void a_request_while_mounting_takes_effect_once_the_card_is_mounted();
+    void a_request_waits_until_mounting_has_ended_data();
+    void a_request_waits_until_mounting_has_ended();
 
 private:
     TestBus mBus;
@@ -209,30 +209,49 @@ void SdcardSignalsTest::hup_ends_the_service_like_term()
                           "MemStateChanged 1"}));
 }
 
-void SdcardSignalsTest::a_request_while_mounting_takes_effect_once_there_is_no_card()
+void SdcardSignalsTest::a_request_waits_until_mounting_has_ended_data()
 {
-    ControllerDevice device(mBus);
-    device.startIn("mounting");
-    device.sendSignal(SIGTERM);
-    QCOMPARE(device.machineState(), QString("mounting"));
-    device.removeCard();
-    QCOMPARE(device.machineState(), QString("terminating"));
+    QTest::addColumn<QString>("state");
+    QTest::addColumn<QString>("end");
+    QTest::addColumn<QString>("passed");
+    QTest::newRow("mounted") << "mounting"
+                             << "a mount"
+                             << "CardMounted: State 3";
+    QTest::newRow("prepared") << "preparing"
+                              << "a mount"
+                              << "CardMounted: State 3";
+    QTest::newRow("not mountable") << "mounting"
+                                   << "a failed format"
+                                   << "CardNotMountable: State 2";
+    QTest::newRow("no card") << "mounting"
+                             << "a removal"
+                             << "SD_REMOVE: State 6";
 }
 
-void SdcardSignalsTest::a_request_while_mounting_takes_effect_once_the_card_is_mounted()
+void SdcardSignalsTest::a_request_waits_until_mounting_has_ended()
 {
+    QFETCH(const QString, state);
+    QFETCH(const QString, end);
+    QFETCH(const QString, passed);
     ControllerDevice device(mBus);
-    QVERIFY(CardImage::createPartition());
-    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
-    device.construct();
-    QTRY_COMPARE(device.service().state(), 6);
+    if (end == "a failed format") {
+        CardImage::writeDisk({});
+        ToolStandIn::place(ToolStandIn::kFormatScript, ToolStandIn::kWait + "exit 1");
+    }
+    device.startIn(state);
     device.sendSignal(SIGTERM);
-    QCOMPARE(device.machineState(), QString("mounting"));
-    ToolStandIn::letGo();
+    QCOMPARE(device.machineState(), state);
+    QCOMPARE(device.effects().takeProperties(), QStringList());
+
+    if (end == "a removal") {
+        device.removeCard();
+    } else {
+        QVERIFY(state == "preparing" || CardImage::createPartition());
+        ToolStandIn::letGo();
+    }
     QVERIFY(device.waitForState("terminating"));
-    const QStringList signalNames = device.effects().takeParts().signalNames;
-    QVERIFY(signalNames.indexOf("CardMounted") >= 0);
-    QVERIFY(signalNames.indexOf("CardUnmounted") > signalNames.indexOf("CardMounted"));
+    const QStringList properties = device.effects().takeProperties();
+    QCOMPARE(properties.filter(passed).size(), 1);
 }
 
 TEST_DEVICE_MAIN(SdcardSignalsTest)

@@ -30,6 +30,7 @@ private Q_SLOTS:
     void a_busy_card_is_not_unmounted();
     void an_interrupted_unmount_is_repeated();
     void force_changes_nothing();
+    void paths_are_utf_8();
 
 private:
     TestBus mBus;
@@ -179,6 +180,19 @@ void SdcardUnmountTest::force_changes_nothing()
     QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/nothing 0"});
     QCOMPARE(device.effects().takeParts().logRecords.last(),
              kError + "Umount failed: error code 'No such file or directory'");
+}
+
+void SdcardUnmountTest::paths_are_utf_8()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    const QString mountPoint = QString::fromUtf8("/media/k\303\244rte");
+    QVERIFY(TestDevice::mountTmpfs(mountPoint, 1 << 20));
+    QCOMPARE(stateOf(mountPoint), 3);
+    SystemCalls::reset();
+    QVERIFY(controller.umountDevice(mountPoint, false));
+    QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 " + mountPoint + " 0"});
+    QVERIFY(!QFile::exists(mountPoint));
 }
 
 TEST_DEVICE_MAIN(SdcardUnmountTest)
