@@ -19,15 +19,12 @@
 #include "ScannedTree.h"
 #include "TestDevice.h"
 
+using ScannedTree::createDirectory;
+
 namespace {
 
 constexpr qint64 kCardSize = 1024 * 1048576LL;
 const QByteArray kRoot = "/media/sdcard/w";
-
-void makeDir(const QByteArray& path)
-{
-    QCOMPARE(::mkdir(path.constData(), 0755), 0);
-}
 
 /// Names of one file in as many places as wanted: quicker than as many files.
 void createNames(const QByteArray& directory, int count, int length)
@@ -128,7 +125,7 @@ private Q_SLOTS:
 void DirectoryScanLimitsTest::init()
 {
     QVERIFY(TestDevice::mountTmpfs("/media/sdcard", kCardSize));
-    makeDir(kRoot);
+    createDirectory(kRoot);
     ScannedTree::createFile("/media/sdcard/file", 100);
 }
 
@@ -171,7 +168,7 @@ void DirectoryScanLimitsTest::a_tree_may_be_deeper_than_a_path_is_long()
     for (int i = 0; i < levels; ++i) {
         const QByteArray name(nameLength, 'x');
         ScannedTree::createFile("file", 7);
-        makeDir(name);
+        createDirectory(name);
         QCOMPARE(::stat(".", &status), 0);
         QCOMPARE(::chdir(name.constData()), 0);
         expected += status.st_size + 7;
@@ -192,7 +189,7 @@ void DirectoryScanLimitsTest::
     QCOMPARE(::chdir(kRoot.constData()), 0);
     for (int i = 0; i < kLevels; ++i) {
         const QByteArray name(250, 'x');
-        makeDir(name);
+        createDirectory(name);
         ScannedTree::createFile("file", 7);
         QCOMPARE(::chdir(name.constData()), 0);
     }
@@ -223,7 +220,7 @@ void DirectoryScanLimitsTest::no_descriptor_stays_open()
         return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
     };
     for (int i = 0; i < 20; ++i) {
-        makeDir(kRoot + "/" + QByteArray::number(i));
+        createDirectory(kRoot + "/" + QByteArray::number(i));
     }
     QCOMPARE(::symlink("/etc", (kRoot + "/link").constData()), 0);
     const LogCapture log;
@@ -260,7 +257,7 @@ void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
     // "/media/sdcard/w/" + 8 + "/" + name
     for (int i = 0; i < directories; ++i) {
         const QByteArray dir = kRoot + "/" + QByteArray::number(i).rightJustified(8, '0');
-        makeDir(dir);
+        createDirectory(dir);
         createNames(dir, files / directories, kPathLength - dir.size() - 1);
     }
     const qint64 peak =

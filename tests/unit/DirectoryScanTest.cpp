@@ -15,23 +15,14 @@
 #include "ScannedTree.h"
 #include "TestDevice.h"
 
+using ScannedTree::createDirectory;
 using ScannedTree::createFile;
+using ScannedTree::sizeOf;
 
 namespace {
 
 constexpr qint64 kCardSize = 64 * 1048576LL;
 const QByteArray kRoot = "/media/sdcard/w";
-
-qint64 sizeOf(const QByteArray& path)
-{
-    struct stat status = {};
-    return ::lstat(path.constData(), &status) == 0 ? status.st_size : -1;
-}
-
-void makeDir(const QByteArray& path)
-{
-    QCOMPARE(::mkdir(path.constData(), 0755), 0);
-}
 
 qint64 scanSize(const QByteArray& path, DirectoryScan::Extent extent)
 {
@@ -125,7 +116,7 @@ private Q_SLOTS:
 void DirectoryScanTest::init()
 {
     QVERIFY(TestDevice::mountTmpfs("/media/sdcard", kCardSize));
-    makeDir(kRoot);
+    createDirectory(kRoot);
 }
 
 void DirectoryScanTest::cleanup()
@@ -145,7 +136,7 @@ void DirectoryScanTest::one_level_counts_the_directory_and_what_is_no_directory_
     createFile(kRoot + "/a", 1000);
     createFile(kRoot + "/.b", 200);
     QCOMPARE(::symlink("/etc", (kRoot + "/c").constData()), 0);
-    makeDir(kRoot + "/sub");
+    createDirectory(kRoot + "/sub");
     createFile(kRoot + "/sub/d", 30);
     QCOMPARE(flatSize(), sizeOf(kRoot) + 1204);
 }
@@ -153,8 +144,8 @@ void DirectoryScanTest::one_level_counts_the_directory_and_what_is_no_directory_
 void DirectoryScanTest::a_tree_counts_every_directory_and_file()
 {
     createFile(kRoot + "/a", 1000);
-    makeDir(kRoot + "/.sub");
-    makeDir(kRoot + "/.sub/deeper");
+    createDirectory(kRoot + "/.sub");
+    createDirectory(kRoot + "/.sub/deeper");
     createFile(kRoot + "/.sub/deeper/d", qint64{1} << 33);
     QCOMPARE(treeSize(), sizeOf(kRoot) + sizeOf(kRoot + "/.sub") + sizeOf(kRoot + "/.sub/deeper") +
                              1000 + (qint64{1} << 33));
@@ -162,7 +153,7 @@ void DirectoryScanTest::a_tree_counts_every_directory_and_file()
 
 void DirectoryScanTest::links_are_counted_as_themselves_and_never_followed()
 {
-    makeDir("/media/sdcard/outside");
+    createDirectory("/media/sdcard/outside");
     createFile("/media/sdcard/outside/large", 1'000'000);
     QCOMPARE(::symlink("/media/sdcard/outside", (kRoot + "/away").constData()), 0);
     QCOMPARE(::symlink(".", (kRoot + "/self").constData()), 0);
@@ -174,11 +165,11 @@ void DirectoryScanTest::links_are_counted_as_themselves_and_never_followed()
 void DirectoryScanTest::files_are_listed_with_what_another_program_sees()
 {
     fillWithAllKinds(kRoot);
-    makeDir(kRoot + "/sub");
+    createDirectory(kRoot + "/sub");
     fillWithAllKinds(kRoot + "/sub");
     QCOMPARE(scannedFiles().size(), 24);
     QCOMPARE(scannedFiles(), listedFiles());
-    QCOMPARE(treeSize(), ScannedTree::sizeOf(ScannedTree::list(kRoot)));
+    QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
 }
 
 void DirectoryScanTest::random_trees_are_measured_as_another_program_does_data()
@@ -199,7 +190,7 @@ void DirectoryScanTest::random_trees_are_measured_as_another_program_does()
     QList<QByteArray> dirs{kRoot};
     for (int i = 0; i < 60; ++i) {
         dirs.append(dirs[below(dirs.size())] + "/d" + QByteArray::number(i));
-        makeDir(dirs.last());
+        createDirectory(dirs.last());
     }
     for (int i = 0; i < 400; ++i) {
         const QByteArray path = dirs[below(dirs.size())] + "/f" + QByteArray::number(i);
@@ -218,7 +209,7 @@ void DirectoryScanTest::random_trees_are_measured_as_another_program_does()
         }
     }
     const LogCapture log;
-    QCOMPARE(treeSize(), ScannedTree::sizeOf(ScannedTree::list(kRoot)));
+    QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
     QCOMPARE(scannedFiles(), listedFiles());
     QCOMPARE(log.messages(), QStringList());
 }
@@ -241,13 +232,13 @@ void DirectoryScanTest::names_are_bytes_data()
 void DirectoryScanTest::names_are_bytes()
 {
     QFETCH(const QByteArray, name);
-    makeDir(kRoot + "/" + name);
+    createDirectory(kRoot + "/" + name);
     createFile(kRoot + "/" + name + "/" + name, 500);
-    makeDir(kRoot + "/" + name + "/d");
+    createDirectory(kRoot + "/" + name + "/d");
     createFile(kRoot + "/" + name + "/d/" + name, 60);
     const LogCapture log;
     QCOMPARE(flatSize(kRoot + "/" + name), sizeOf(kRoot + "/" + name) + 500);
-    QCOMPARE(treeSize(), ScannedTree::sizeOf(ScannedTree::list(kRoot)));
+    QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
     QCOMPARE(scannedFiles().size(), 2);
     QCOMPARE(scannedFiles(), listedFiles());
     QCOMPARE(log.messages(), QStringList());
@@ -303,7 +294,7 @@ void DirectoryScanTest::a_root_that_cannot_be_measured_is_reported()
 void DirectoryScanTest::a_directory_that_may_not_be_read_counts_as_itself()
 {
     createFile(kRoot + "/a", 1000);
-    makeDir(kRoot + "/closed");
+    createDirectory(kRoot + "/closed");
     createFile(kRoot + "/closed/b", 200);
     QCOMPARE(::chmod((kRoot + "/closed").constData(), 0), 0);
     constexpr uid_t kNobody = 65534;

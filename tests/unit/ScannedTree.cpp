@@ -22,14 +22,21 @@ qint64 toNanoseconds(const QByteArray& time)
            time.mid(point + 1, 9).toLongLong();
 }
 
-qint64 coarseTime()
+qint64 timeOf(clockid_t clock)
 {
     timespec now{};
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    ::clock_gettime(clock, &now);
     return qint64{now.tv_sec} * kNanosecondsPerSecond + now.tv_nsec;
 }
 
 } // namespace
+
+void ScannedTree::createDirectory(const QByteArray& path)
+{
+    if (::mkdir(path.constData(), 0755) != 0) {
+        qFatal("cannot create %s", path.constData());
+    }
+}
 
 void ScannedTree::createFile(const QByteArray& path, qint64 size)
 {
@@ -50,8 +57,9 @@ void ScannedTree::createFilesInOrder(const QList<QByteArray>& paths, qint64 size
 
 void ScannedTree::awaitNextChangeTime()
 {
-    const qint64 before = coarseTime();
-    while (coarseTime() == before) {
+    // Change times come from the coarse clock, but may be ahead of it where one was looked at.
+    const qint64 latestYet = timeOf(CLOCK_REALTIME);
+    while (timeOf(CLOCK_REALTIME_COARSE) <= latestYet) {
         ::usleep(500);
     }
 }
@@ -82,8 +90,13 @@ qint64 ScannedTree::sizeOf(const QList<Entry>& entries)
                            [](qint64 sum, const Entry& entry) { return sum + entry.size; });
 }
 
-bool ScannedTree::exists(const QByteArray& path)
+qint64 ScannedTree::sizeOf(const QByteArray& path)
 {
     struct stat status = {};
-    return ::lstat(path.constData(), &status) == 0;
+    return ::lstat(path.constData(), &status) == 0 ? status.st_size : -1;
+}
+
+bool ScannedTree::exists(const QByteArray& path)
+{
+    return sizeOf(path) >= 0;
 }

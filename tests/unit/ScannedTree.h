@@ -15,6 +15,8 @@ struct Entry
     bool isDirectory;
 };
 
+/// Creates a directory in an existing one.
+void createDirectory(const QByteArray& path);
 /// Creates a file of @p size bytes, a hole, in an existing directory.
 void createFile(const QByteArray& path, qint64 size = 0);
 /// Creates files of @p size bytes one after the other, each with a later change time.
@@ -26,6 +28,8 @@ void awaitNextChangeTime();
 QList<Entry> list(const QByteArray& path);
 /// The sum of all sizes.
 qint64 sizeOf(const QList<Entry>& entries);
+/// The size of one entry itself, not of what it links to; -1 where there is none.
+qint64 sizeOf(const QByteArray& path);
 /// Whether there is something at @p path, which may be a dangling link.
 bool exists(const QByteArray& path);
 
