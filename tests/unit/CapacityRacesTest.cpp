@@ -1,0 +1,255 @@
+#include <functional>
+
+#include <QCoreApplication>
+#include <QTest>
+
+#include <cstdio>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <log4cxx/logger.h>
+
+#include "LogCapture.h"
+#include "ScannedTree.h"
+#include "TestDevice.h"
+#include "TracedProcess.h"
+#include "WatchedCard.h"
+
+using ScannedTree::createDirectory;
+using ScannedTree::createFile;
+using ScannedTree::exists;
+
+using Change = std::function<void()>;
+Q_DECLARE_METATYPE(Change)
+
+namespace {
+
+const QByteArray kRoot = WatchedCard::kDirectory;
+const QByteArray kDir = kRoot + "/a/b";
+const QByteArray kOutside = "/media/sdcard/outside";
+
+#ifdef SYS_rmdir
+constexpr long kRemoveDirectory = SYS_rmdir;
+constexpr int kRemovedPath = 0;
+#else
+constexpr long kRemoveDirectory = SYS_unlinkat;
+constexpr int kRemovedPath = 1;
+#endif
+
+/// Brings the directory within a limit that no file fits in; returns the messages.
+QStringList enforceNothing()
+{
+    const LogCapture log;
+    WatchedCard::enforce(0);
+    return log.messages();
+}
+
+/// Enforces, and makes a change when the files have been chosen, but not a call before the first of
+/// them goes.
+QStringList enforceAndChange(const Change& change)
+{
+    int opened = 0;
+    const TracedProcess traced(enforceNothing, [&](const TracedProcess::Call& call) {
+        // The first time it is read.
+        if (call.number == SYS_openat && call.text(1) == kDir && ++opened == 2) {
+            change();
+        }
+    });
+    return traced.isFinished() ? traced.output() : QStringList{"not finished"};
+}
+
+void move(const QByteArray& from, const QByteArray& to)
+{
+    QCOMPARE(std::rename(from.constData(), to.constData()), 0);
+}
+
+QString cannotRemove(const QString& name, const QString& why)
+{
+    return "Cannot remove file /media/sdcard/w/a/b/" + name + ": " + why;
+}
+
+} // namespace
+
+/// Cards that change between the choice of files and their removal.
+class CapacityRacesTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void files_of_another_directory_stay_data();
+    void files_of_another_directory_stay();
+    void a_file_that_has_gone_is_told_and_the_next_goes();
+    void a_file_that_became_a_directory_stays();
+    void a_directory_that_was_filled_again_stays();
+    void a_directory_that_became_a_link_stays();
+    void no_file_is_asked_for_its_status_twice_and_only_chosen_ones_are_removed();
+    void a_directory_is_not_opened_for_each_of_its_files();
+};
+
+void CapacityRacesTest::initTestCase()
+{
+    // It looks for its configuration when it is first used, which is not the service's doing.
+    log4cxx::Logger::getRootLogger();
+}
+
+void CapacityRacesTest::init()
+{
+    QVERIFY(WatchedCard::insert());
+    createDirectory(kRoot + "/a");
+    createDirectory(kDir);
+    ScannedTree::createFilesInOrder({kDir + "/1", kDir + "/2"}, 1'000);
+    createDirectory(kOutside);
+    createDirectory(kOutside + "/b");
+    for (const char* const name : {"/1", "/2", "/b/1", "/b/2"}) {
+        createFile(kOutside + name, 10);
+    }
+}
+
+void CapacityRacesTest::cleanup()
+{
+    TestDevice::unmountAll(kDir);
+    WatchedCard::remove();
+}
+
+void CapacityRacesTest::files_of_another_directory_stay_data()
+{
+    QTest::addColumn<Change>("change");
+    QTest::addColumn<QString>("why");
+    const QByteArray away = "/media/sdcard/away";
+    QTest::newRow("gone") << Change([=] { move(kDir, away); }) << "No such file or directory";
+    QTest::newRow("link out of the tree") << Change([=] {
+        move(kDir, away);
+        QCOMPARE(::symlink(kOutside, kDir), 0);
+    }) << "Not a directory";
+    QTest::newRow("parent that links out of the tree") << Change([=] {
+        move(kRoot + "/a", away);
+        QCOMPARE(::symlink(kOutside, kRoot + "/a"), 0);
+    }) << "Stale file handle";
+    QTest::newRow("another directory") << Change([=] {
+        move(kDir, away);
+        move(kOutside + "/b", kDir);
+    }) << "Stale file handle";
+    QTest::newRow("another file system") << Change([] {
+        QVERIFY(TestDevice::mountTmpfs(kDir, 1048576));
+        createFile(kDir + "/1");
+    }) << "Stale file handle";
+    QTest::newRow("file") << Change([=] {
+        move(kDir, away);
+        createFile(kDir, 10);
+    }) << "Not a directory";
+}
+
+void CapacityRacesTest::files_of_another_directory_stay()
+{
+    QFETCH(const Change, change);
+    QFETCH(const QString, why);
+    QList<QByteArray> before;
+    const QStringList messages = enforceAndChange([&] {
+        change();
+        for (const ScannedTree::Entry& entry : ScannedTree::list("/media/sdcard")) {
+            before.append(entry.path);
+        }
+    });
+    QCOMPARE(messages, (QStringList{cannotRemove("1", why), cannotRemove("2", why)}));
+    QVERIFY(before.size() > 6);
+    for (const QByteArray& path : before) {
+        QVERIFY2(exists(path), path);
+    }
+}
+
+void CapacityRacesTest::a_file_that_has_gone_is_told_and_the_next_goes()
+{
+    const QStringList messages = enforceAndChange([] { QCOMPARE(::unlink(kDir + "/1"), 0); });
+    QCOMPARE(messages, QStringList{cannotRemove("1", "No such file or directory")});
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
+}
+
+void CapacityRacesTest::a_file_that_became_a_directory_stays()
+{
+    const QStringList messages = enforceAndChange([] {
+        QCOMPARE(::unlink(kDir + "/1"), 0);
+        createDirectory(kDir + "/1");
+    });
+    QCOMPARE(messages, QStringList{cannotRemove("1", "Is a directory")});
+    QCOMPARE(WatchedCard::entries(), (QList<QByteArray>{kRoot + "/a", kDir, kDir + "/1"}));
+}
+
+void CapacityRacesTest::a_directory_that_was_filled_again_stays()
+{
+    const TracedProcess traced(enforceNothing, [](const TracedProcess::Call& call) {
+        if (call.number == kRemoveDirectory && call.text(kRemovedPath) == kDir) {
+            createFile(kDir + "/new", 10);
+        }
+    });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(traced.output(),
+             QStringList{"Cannot remove empty directory /media/sdcard/w/a/b: Directory not empty"});
+    QVERIFY(exists(kDir + "/new"));
+}
+
+void CapacityRacesTest::a_directory_that_became_a_link_stays()
+{
+    const TracedProcess traced(enforceNothing, [](const TracedProcess::Call& call) {
+        if (call.number == kRemoveDirectory && call.text(kRemovedPath) == kDir) {
+            QCOMPARE(::rmdir(kDir), 0);
+            createDirectory(kOutside + "/empty");
+            QCOMPARE(::symlink(kOutside + "/empty", kDir), 0);
+        }
+    });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(traced.output(),
+             QStringList{"Cannot remove empty directory /media/sdcard/w/a/b: Not a directory"});
+    QVERIFY(exists(kDir));
+    QVERIFY(exists(kOutside + "/empty"));
+}
+
+void CapacityRacesTest::no_file_is_asked_for_its_status_twice_and_only_chosen_ones_are_removed()
+{
+    QMap<QByteArray, int> expected{{"a", 1}, {"b", 1}, {"1", 1}, {"2", 1}};
+    ScannedTree::awaitNextChangeTime();
+    for (int i = 0; i < 40; ++i) {
+        const QByteArray name = "young " + QByteArray::number(i);
+        createFile(kRoot + "/" + name, 0);
+        expected[name] = 1;
+    }
+    const qint64 limit = WatchedCard::used() - 1'500;
+    QMap<QByteArray, int> asked;
+    QList<QByteArray> removed;
+    const TracedProcess traced(
+        [limit] {
+            WatchedCard::enforce(limit);
+            return QStringList();
+        },
+        [&](const TracedProcess::Call& call) {
+            if (call.number == TracedProcess::kFstatat && !call.text(1).isEmpty()) {
+                ++asked[call.text(1)];
+            } else if (call.number == SYS_unlinkat && call.arguments[2] == 0) {
+                removed.append(call.text(1));
+            }
+        });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(asked, expected);
+    QCOMPARE(removed, (QList<QByteArray>{"1", "2"}));
+}
+
+void CapacityRacesTest::a_directory_is_not_opened_for_each_of_its_files()
+{
+    for (int i = 0; i < 100; ++i) {
+        createFile(kDir + "/file " + QByteArray::number(i), 10);
+    }
+    int opened = 0;
+    const TracedProcess traced(enforceNothing, [&opened](const TracedProcess::Call& call) {
+        opened += call.number == SYS_openat && call.text(1) == kDir ? 1 : 0;
+    });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
+    // To be read, to remove its files, and to see that it is empty.
+    QCOMPARE(opened, 3);
+}
+
+TEST_DEVICE_MAIN(CapacityRacesTest)
+#include "CapacityRacesTest.moc"
