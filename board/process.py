@@ -3,7 +3,7 @@
 import os
 import select
 import signal
-import time
+import threading
 from collections.abc import Callable
 from contextlib import contextmanager
 from typing import IO, Iterator
@@ -27,12 +27,14 @@ class Process:
         self._errors = _memory_file("stderr")
         self._input.write(standard_input)
         self._input.seek(0)
-        self._status_pipe = -1
+        self._status_pipe: IO[bytes] | None = None
+        self._status_lock = threading.Lock()
 
     @contextmanager
     def status_pipe_writer(self) -> Iterator[IO[bytes]]:
         """The pipe's end for the board, closed here when the block is left."""
-        self._status_pipe, writer = os.pipe2(os.O_CLOEXEC)
+        reader, writer = os.pipe2(os.O_CLOEXEC)
+        self._status_pipe = os.fdopen(reader, "rb", buffering=0)
         with os.fdopen(writer, "wb", buffering=0) as pipe:
             yield pipe
 
@@ -87,15 +89,16 @@ class Process:
         return self.wait(within)
 
     def _read_status(self, seconds: float) -> None:
-        if self._wait_status is not None or self._status_pipe < 0:
+        if self._wait_status is not None or self._status_pipe is None:
             return
-        deadline = time.monotonic() + seconds
-        if select.select([self._status_pipe], [], [], max(0.0, deadline - time.monotonic()))[0]:
-            text = os.read(self._status_pipe, 16)
-            os.close(self._status_pipe)
-            self._status_pipe = -1
-            # An end without a word: the whole board was switched off.
-            self._wait_status = int(text) if text else int(signal.SIGKILL)
+        if not select.select([self._status_pipe], [], [], max(0.0, seconds))[0]:
+            return
+        # Several threads may have waited. The pipe stays open for them, and the first of them reads it.
+        with self._status_lock:
+            if self._wait_status is None:
+                text = self._status_pipe.read(16)
+                # An end without a word: the whole board was switched off.
+                self._wait_status = int(text) if text else int(signal.SIGKILL)
 
 
 def _memory_file(name: str) -> IO[bytes]:

@@ -5,6 +5,7 @@ import signal
 import subprocess
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -172,6 +173,13 @@ def test_a_watched_tool_still_does_its_work(bare_board):
     bare_board.replace_tool("/usr/sbin/lsof")
     assert bare_board.run("/usr/sbin/lsof", "-t", "-Q", "/media").returncode == 0
     assert bare_board.tool_calls("lsof") == [["-t", "-Q", "/media"]]
+
+
+def test_several_threads_may_wait_for_one_program(bare_board):
+    for _ in range(20):
+        process = bare_board.start("sleep", "0.05")
+        with ThreadPoolExecutor() as threads:
+            assert list(threads.map(lambda _: process.wait(), range(4))) == [0] * 4
 
 
 def test_the_run_level_is_the_one_that_was_set(bare_board):
