@@ -1,5 +1,6 @@
 """A shell on a virtual board with a card in the slot and the service running: python3 -m board.shell PROGRAM"""
 
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -9,12 +10,21 @@ from .names import ENVIRONMENT, EJECT_BUTTON, LED_DIRECTORY, LOG_FILE, OBJECT_PA
 from .virtual_board import VirtualBoard
 
 WELCOME = f"""
-A shell on the virtual board; it is gone when you leave (exit).
+A shell on the virtual board; exit leaves it.
   the service's log           tail -f {LOG_FILE}
   its object on the bus       busctl introspect {SERVICE_NAME} {OBJECT_PATH}
   hold the eject button       echo 1 >{EJECT_BUTTON}
   the LEDs                    head {LED_DIRECTORY}/*/*
 """
+
+
+def open_shell(board: VirtualBoard) -> int:
+    """Leaves this terminal to a shell on the board until its user leaves it; returns its exit status."""
+    print(WELCOME, flush=True)
+    # script(1) gives the shell a terminal of the board's own: with jobs, and with Ctrl-C for them alone.
+    shell = ["nsenter", "--target", str(board.host_pid), "--mount", "--pid", "--root", "--wdns=/",
+             "script", "--quiet", "--return", "--command", "exec bash --norc", "/dev/null"]
+    return subprocess.call(shell, env=ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm"), "PS1": "board:\\w# "})
 
 
 def main() -> int:
@@ -23,10 +33,7 @@ def main() -> int:
         board.insert(Card.as_bought())
         board.start_service()
         board.expect_state(State.MOUNTED, within=60)
-        print(WELCOME)
-        # The shell needs the terminal, so it stays in this session.
-        shell = ["nsenter", "--target", str(board.host_pid), "--mount", "--pid", "--root", "--wdns=/", "bash", "--norc"]
-        return subprocess.call(shell, env=ENVIRONMENT | {"TERM": "xterm", "PS1": "board:\\w# "})
+        return open_shell(board)
 
 
 if __name__ == "__main__":
