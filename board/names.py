@@ -60,3 +60,16 @@ class Transition(IntEnum):
     UNMOUNT_FAILED = 7
     FILES_CLOSED = 8
     TIMEOUT = 9
+
+
+class MemState(IntEnum):
+    """The service's MemState property: whether there is a usable card, and how full it is."""
+
+    UNKNOWN = 0
+    NO_CARD = 1
+    NOT_USABLE = 2
+    UP_TO_20_PERCENT = 3
+    UP_TO_40_PERCENT = 4
+    UP_TO_60_PERCENT = 5
+    UP_TO_80_PERCENT = 6
+    MORE_THAN_80_PERCENT = 7

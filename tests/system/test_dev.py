@@ -25,7 +25,7 @@ def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
 def test_help_lists_the_commands_that_exist():
     result = dev("help")
     assert result.returncode == 0
-    for command in ("run", "test", "emulate", "shell", "build", "help"):
+    for command in ("run", "board", "test", "emulate", "shell", "build", "help"):
         assert f"./dev {command}" in result.stdout
 
 
@@ -36,7 +36,7 @@ def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
     assert len(result.stderr.splitlines()) == 1
 
 
-@pytest.mark.parametrize("command", ["run", "test", "emulate", "shell"])
+@pytest.mark.parametrize("command", ["run", "board", "test", "emulate", "shell"])
 def test_a_missing_root_is_told_in_one_line(command):
     # As text, since the tree itself may be closed to other users.
     script = (ROOT / "dev").read_text()

@@ -1,0 +1,139 @@
+"""The virtual board in a terminal: python3 -m board.panel PROGRAM
+
+Ends with status 0 when the user quits and nothing is left behind.
+"""
+
+import signal
+import sys
+import termios
+import time
+from collections.abc import Iterator
+from contextlib import contextmanager, suppress
+from pathlib import Path
+
+import urwid
+
+from ..names import MEDIA_CONFIGURATION
+from ..shell import open_shell
+from ..virtual_board import VirtualBoard
+from ..virtual_machine import MachineError
+from . import keys
+from .hands import Hands
+from .lights import CardActivity
+from .model import Changes, Model, watched_directories
+from .observer import BoardGone, Observer
+from .view import PALETTE, View, colours_of_terminal
+
+TICK_SECONDS = 0.05
+USAGE_ERROR = 2
+SIGNALLED = 128
+ENDING_SIGNALS = (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
+
+
+class Panel:
+    """The screen, the keys and the threads behind them, for one board."""
+
+    def __init__(self, board: VirtualBoard) -> None:
+        """Starts to watch the board."""
+        directories = watched_directories(board.read_file(MEDIA_CONFIGURATION))
+        self.model = Model(directories)
+        self._board = board
+        self._changes = Changes()
+        self.hands = Hands(board, self._changes)
+        self._observer = Observer(board, directories, self._changes)
+        self._activity = CardActivity(board.host_pid)
+        self._view = View(len(directories))
+        screen = urwid.raw_display.Screen()
+        screen.set_terminal_properties(colors=colours_of_terminal())
+        self._loop = urwid.MainLoop(self._view.widget, PALETTE, screen, handle_mouse=False, unhandled_input=self._press)
+
+    def run(self) -> None:
+        """Shows the panel until the user quits. The terminal is as before however this ends."""
+        self.hands.start_service()
+        self._loop.set_alarm_in(0, self._tick)
+        try:
+            self._loop.run()
+        finally:
+            self._loop.screen.stop()
+            self._observer.stop()
+
+    def open_shell(self) -> None:
+        """See keys.Panel."""
+        self._loop.screen.stop()
+        try:
+            open_shell(self._board)
+        finally:
+            self._loop.screen.start()
+            # The terminal may have another size by now.
+            self._loop.screen_size = None
+
+    def quit(self) -> None:
+        """See keys.Panel."""
+        raise urwid.ExitMainLoop
+
+    def _press(self, key: str) -> bool:
+        return keys.press(key, self)
+
+    def _tick(self, loop: urwid.MainLoop, _data: object) -> None:
+        loop.set_alarm_in(TICK_SECONDS, self._tick)
+        now = time.monotonic()
+        for name, lamp in self.model.lamps.items():
+            lamp.follow(self._board.led_panel.leds[name], now)
+        self.model.card_active = self._activity.seen()
+        self._changes.apply(self.model)
+        if self.model.button.wants_release(now):
+            self.hands.release_button()
+        self._view.refresh(self.model, now, loop.screen.get_cols_rows())
+
+
+@contextmanager
+def kept_terminal() -> Iterator[None]:
+    """Gives the terminal its settings back at the end, and keeps Ctrl-Z from stopping this program."""
+    descriptor = sys.stdin.fileno()
+    settings = termios.tcgetattr(descriptor)
+    # Stopped, the panel would leave its screen behind. Not ignored, which the board's programs would inherit.
+    signal.signal(signal.SIGTSTP, lambda number, frame: None)
+    try:
+        yield
+    finally:
+        # A shell that was killed may have left the terminal to other processes; the terminal may be gone.
+        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTTOU})
+        with suppress(termios.error):
+            termios.tcsetattr(descriptor, termios.TCSANOW, settings)
+
+
+def end_by_signal(number: int, _frame: object) -> None:
+    """Ends the program in order, with the status that a shell gives for the signal."""
+    raise SystemExit(SIGNALLED + number)
+
+
+def main() -> int:
+    """The program's entry; returns its exit status."""
+    if not (sys.stdin.isatty() and sys.stdout.isatty()):
+        print("The panel needs a terminal.", file=sys.stderr)
+        return USAGE_ERROR
+    for number in ENDING_SIGNALS:
+        signal.signal(number, end_by_signal)
+    try:
+        with kept_terminal():
+            print("The board is being switched on ...")
+            with VirtualBoard(program=Path(sys.argv[1])) as board:
+                Panel(board).run()
+    except BoardGone as problem:
+        print(f"The panel has lost its board: {problem}.", file=sys.stderr)
+        return 1
+    except (MachineError, OSError) as problem:
+        print(f"The board cannot be switched on: {problem}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        print("Interrupted; the board is switched off.", file=sys.stderr)
+        return SIGNALLED + signal.SIGINT
+    if remains := board.leftovers():
+        print("The board left behind: " + "; ".join(remains), file=sys.stderr)
+        return 1
+    print("The board is switched off, and nothing is left behind.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

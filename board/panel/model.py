@@ -1,0 +1,228 @@
+"""What the panel shows, without a terminal: other threads feed it with changes, the view reads it."""
+
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from queue import Empty, SimpleQueue
+from xml.etree import ElementTree
+
+from ..leds import LED_NAMES
+from ..names import MemState, State, Transition
+from .lights import Lamp
+
+EVENTS_KEPT = 1000
+NORMAL_RUN_LEVEL, REBOOT_RUN_LEVEL = 5, 6
+EJECT_SECONDS = 5
+# Whoever holds the button longer than this in vain lets go.
+BUTTON_PATIENCE_SECONDS = 10
+
+HINTS = {
+    State.UNKNOWN: "The service is about to find out what is in the slot.",
+    State.NOT_MOUNTABLE: "Not mountable: pull it (p). A device's hot-plug rule formats blank cards.",
+    State.MOUNTED: "In use. b holds the button to eject it; w fills a directory, o holds a file.",
+    State.UNMOUNTED: "Safe to pull now (p). Left in the slot, it is mounted again after 20 s.",
+    State.CLOSING_FILES: "The service waits up to 40 s until nobody has a file open on the card.",
+    State.MOUNTING: "The card is checked, formatted where it has to be, and mounted.",
+    State.UNMOUNTING: "The card is being unmounted.",
+    State.CORRUPTED: "Beyond repair. The service stays so until it is killed (t twice).",
+}
+
+
+@dataclass(frozen=True)
+class Event:
+    """A line of what happened: time of day, who tells it ("signal", "you", "board", a log level), and what."""
+
+    time: str
+    subject: str
+    text: str
+
+
+@dataclass(frozen=True)
+class Properties:
+    """The service object's properties that the panel shows; MemLevel in percent."""
+
+    state: State
+    transition: Transition
+    mem_state: MemState
+    mem_level: int
+
+
+@dataclass
+class DirectoryUse:
+    """A watched directory: its limit and what it holds, in bytes; both 0 while no card is mounted."""
+
+    identifier: str
+    limit: int = 0
+    used: int = 0
+
+    @property
+    def overflows(self) -> bool:
+        """Whether it holds more than it may."""
+        return self.used > self.limit
+
+
+class Button:
+    """The eject button under a finger. Times are seconds of time.monotonic()."""
+
+    def __init__(self) -> None:
+        self._pressed_at: float | None = None
+        self._may_let_go = False
+
+    @property
+    def pressed(self) -> bool:
+        """Whether the finger is on it."""
+        return self._pressed_at is not None
+
+    def press(self, now: float) -> None:
+        """Puts the finger on it."""
+        self._pressed_at = now
+        self._may_let_go = False
+
+    def release(self) -> None:
+        """Takes the finger off."""
+        self._pressed_at = None
+
+    def seen_by_service(self) -> None:
+        """The service has reacted: there is nothing more to hold it for."""
+        self._may_let_go = True
+
+    def held(self, now: float) -> float:
+        """For how many seconds it has been held."""
+        return 0.0 if self._pressed_at is None else now - self._pressed_at
+
+    def wants_release(self, now: float) -> bool:
+        """Whether whoever holds it lets go now."""
+        return self.pressed and (self._may_let_go or self.held(now) > BUTTON_PATIENCE_SECONDS)
+
+
+class Model:
+    """The whole board as the panel knows it. Used by one thread; see Changes."""
+
+    def __init__(self, directories: list[str]) -> None:
+        """@p directories are the identifiers of the watched directories."""
+        self.lamps = {name: Lamp() for name in LED_NAMES}
+        self.card_active = False
+        self.button = Button()
+        self.card = ""  # what is in the slot, in words
+        self.slot_busy = ""  # what the hands do at the slot right now, in words
+        self.properties: Properties | None = None
+        self.service = "has not been started"
+        self.service_runs = False
+        self.term_sent = False
+        self.run_level = NORMAL_RUN_LEVEL
+        self.holder: int | None = None  # the process on the board that holds a file open
+        self.writing = False
+        self.directories = [DirectoryUse(identifier) for identifier in directories]
+        self.chosen = 0
+        self.events: list[Event] = []
+        self.events_dropped = 0
+
+    @property
+    def state(self) -> State | None:
+        """The State property, None while there is no service to ask."""
+        return self.properties.state if self.properties else None
+
+    @property
+    def mounted(self) -> bool:
+        """Whether the card can be written to."""
+        return self.state is State.MOUNTED
+
+    @property
+    def chosen_directory(self) -> DirectoryUse:
+        """The directory that keys act on."""
+        return self.directories[self.chosen]
+
+    def choose_next_directory(self) -> None:
+        """Lets keys act on the next directory."""
+        self.chosen = (self.chosen + 1) % len(self.directories)
+
+    @property
+    def hint(self) -> str:
+        """What the state means for whoever stands before the device."""
+        if self.slot_busy:
+            return self.slot_busy
+        if not self.service_runs:
+            return f"The service {self.service}: t starts it."
+        if self.state is State.NO_CARD:
+            return ("The service looks at a card one second after it was put in." if self.card
+                    else "The slot is empty: put a card in (i).")
+        return HINTS.get(self.state, "")
+
+    def tell(self, subject: str, text: str, moment: str | None = None) -> None:
+        """Adds an event, of now unless @p moment gives the time of day."""
+        self.events.append(Event(moment or time_of_day(time.time()), subject, text))
+        if len(self.events) > EVENTS_KEPT:
+            del self.events[0]
+            self.events_dropped += 1
+
+    def take_signal(self, name: str, arguments: tuple, moment: str) -> None:
+        """A signal of the service has come."""
+        words = [name, *map(str, arguments)]
+        if name == "MemStateChanged":
+            words.append(f"({MemState(arguments[0]).name})")
+        self.tell("signal", " ".join(words), moment)
+        if name == "EjectPressed":
+            self.button.seen_by_service()
+
+    def service_started(self, pid: int) -> None:
+        """The service runs as a process of the board."""
+        self.service = f"runs as process {pid}"
+        self.service_runs = True
+        self.term_sent = False
+
+    def service_ended(self, status: int) -> None:
+        """The service has ended; @p status is negative for the signal that ended it."""
+        how = f"by signal {-status}" if status < 0 else f"with status {status}"
+        self.tell("board" if status == 0 else "ERROR", f"the service has ended {how}")
+        self.service = f"has ended {how}"
+        self.service_runs = False
+        self.term_sent = False
+        self.properties = None
+
+    def held_by(self, pid: int | None) -> None:
+        """A process of the board holds a file open, or none does any more."""
+        if pid is None and self.holder is not None:
+            self.tell("board", f"process {self.holder} has ended, and its file is closed")
+        self.holder = pid
+
+
+class Changes:
+    """Carries changes of the model from the threads that notice them to the one that shows it."""
+
+    def __init__(self) -> None:
+        self._queue: SimpleQueue[Callable[[Model], object]] = SimpleQueue()
+
+    def post(self, change: Callable[[Model], object]) -> None:
+        """Hands over a change; from any thread."""
+        self._queue.put(change)
+
+    def tell(self, subject: str, text: str) -> None:
+        """Hands over an event of this moment; from any thread."""
+        moment = time_of_day(time.time())
+        self.post(lambda model: model.tell(subject, text, moment))
+
+    def fail(self, problem: BaseException) -> None:
+        """Has a problem raised where the changes are applied; from any thread."""
+        def raise_problem(_: Model) -> None:
+            raise problem
+        self.post(raise_problem)
+
+    def apply(self, model: Model) -> None:
+        """Applies all changes at hand, in their order."""
+        while True:
+            try:
+                change = self._queue.get_nowait()
+            except Empty:
+                return
+            change(model)
+
+
+def time_of_day(seconds: float) -> str:
+    """Local time as the log records have it, of seconds since the epoch."""
+    return time.strftime("%H:%M:%S", time.localtime(seconds)) + f".{int(seconds % 1 * 1000):03}"
+
+
+def watched_directories(media_configuration: str) -> list[str]:
+    """The identifiers of the directories that a media configuration (its text) has watched."""
+    return [(directory.text or "").strip() for directory in ElementTree.fromstring(media_configuration).iter("dir")
+            if directory.get("capacitywatch") == "true"]

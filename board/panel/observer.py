@@ -1,0 +1,145 @@
+"""Watches a board for the panel."""
+
+import os
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+from ..bus import BusError, Signal
+from ..log_records import LogRecord
+from ..names import CARD_INTERFACE, LOG_FILE, MemState, State, Transition
+from ..virtual_board import VirtualBoard
+from .model import Changes, Model, Properties, time_of_day
+from .workers import Repeater
+
+LISTEN_SECONDS = 0.1
+ASK_SECONDS = 0.2
+DIRECTORIES_SECONDS = 1.0
+
+News = tuple[str, Callable[[Model], None]]  # time of day, what it changes
+
+
+class BoardGone(Exception):
+    """The board has been switched off by someone else."""
+
+
+class Observer:
+    """Hands everything that changes on a board to the panel."""
+
+    def __init__(self, board: VirtualBoard, directories: list[str], changes: Changes) -> None:
+        """Starts to watch; @p directories are the identifiers of those to ask for their use."""
+        self._board = board
+        self._directories = directories
+        self._changes = changes
+        self._host_pid = board.host_pid
+        self._log = Path(f"/proc/{self._host_pid}/root{LOG_FILE}")
+        self._log_bytes = 0
+        self._signals = self._records = self._services = 0
+        self._service_ended = True
+        self._holder: int | None = None
+        self._directories_asked = 0.0
+        # The service may keep a question waiting; what it tells by itself comes nevertheless.
+        self._threads = [Repeater("listener", changes, self._listen, LISTEN_SECONDS),
+                         Repeater("asker", changes, self._ask, ASK_SECONDS)]
+
+    def stop(self) -> None:
+        """Ends the watch, before the board is closed."""
+        for thread in self._threads:
+            thread.stop()
+
+    def _listen(self) -> None:
+        self._see_board()
+        signals = list(self._new_signals())
+        # What is logged and then signalled in one millisecond is told in that order.
+        for _, change in sorted([*self._new_records(), *signals], key=lambda news: news[0]):
+            self._changes.post(change)
+        self._see_service()
+        self._see_holder()
+
+    def _see_board(self) -> None:
+        try:
+            if os.readlink(f"/proc/{self._host_pid}/ns/pid") == self._board.namespace:
+                return
+        except OSError:
+            pass
+        raise BoardGone("the board's first process has gone")
+
+    def _new_signals(self) -> Iterator[News]:
+        offset = time.time() - time.monotonic()
+        for signal in self._board.signals[self._signals:]:
+            self._signals += 1
+            yield _of_signal(signal, time_of_day(signal.time + offset))
+
+    def _new_records(self) -> Iterator[News]:
+        try:
+            size = self._log.stat().st_size
+        except FileNotFoundError:
+            return
+        if size == self._log_bytes:
+            return
+        self._log_bytes = size
+        for record in self._board.records[self._records:]:
+            self._records += 1
+            # The lines of a tool's output; the empty ones would only push others off the screen.
+            if words := plain(record.message):
+                yield _of_record(record, words)
+
+    def _see_service(self) -> None:
+        service = self._board.service
+        if service is None:
+            return
+        if len(self._board.services) != self._services:
+            self._services = len(self._board.services)
+            self._service_ended = False
+            self._changes.post(lambda model: model.service_started(service.pid))
+        status = service.exit_status
+        if status is not None and not self._service_ended:
+            self._service_ended = True
+            self._changes.post(lambda model: model.service_ended(status))
+
+    def _see_holder(self) -> None:
+        holder = next((process.pid for process in self._board.started if process.running), None)
+        if holder != self._holder:
+            self._holder = holder
+            self._changes.post(lambda model: model.held_by(holder))
+
+    def _ask(self) -> None:
+        try:
+            answer = self._board.bus.properties()
+        except (BusError, TimeoutError):
+            self._changes.post(lambda model: setattr(model, "properties", None))
+            return
+        properties = Properties(State(answer["State"]), Transition(answer["Transition"]),
+                                MemState(answer["MemState"]), answer["MemLevel"])
+        self._changes.post(lambda model: setattr(model, "properties", properties))
+        if time.monotonic() - self._directories_asked < DIRECTORIES_SECONDS:
+            return
+        self._directories_asked = time.monotonic()
+        for index, identifier in enumerate(self._directories):
+            limit = used = 0
+            # Anywhere else the service would look at a card that is about to go.
+            if properties.state is State.MOUNTED:
+                try:
+                    limit, used = (self._board.bus.call(CARD_INTERFACE, method, identifier)
+                                   for method in ("GetDirSize", "getDirUsed"))
+                except (BusError, TimeoutError):
+                    return
+            self._post_use(index, limit, used)
+
+    def _post_use(self, index: int, limit: int, used: int) -> None:
+        def change(model: Model) -> None:
+            model.directories[index].limit, model.directories[index].used = limit, used
+        self._changes.post(change)
+
+
+def _of_signal(signal: Signal, moment: str) -> News:
+    return moment, lambda model: model.take_signal(signal.name, signal.arguments, moment)
+
+
+def _of_record(record: LogRecord, words: str) -> News:
+    return record.time, lambda model: model.tell(record.level, f"{record.channel}: {words}", record.time)
+
+
+def plain(text: str) -> str:
+    """A text in one line, without the control characters of progress bars."""
+    return " ".join("".join(character if character.isprintable() else " " for character in text).split())
