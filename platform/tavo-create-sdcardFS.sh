@@ -11,10 +11,11 @@ set -u
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
 LC_ALL=C
 export PATH LC_ALL
+umask 077
 
 CARD_DEVICE=/dev/mmcblk0
 CONFIGURATION=/etc/default/tavo-sdcard
-LOCK=/run/lock/tavo-create-sdcardFS.lock
+LOCK=/run/tavo-create-sdcardFS.lock
 FIRST_SECTOR=2048  # of 512 bytes: 1 MiB, a multiple of every erase block
 SMALLEST_SECTORS=32768
 NODE_TRIES=100     # of 0.1 s
