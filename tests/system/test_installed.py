@@ -1,5 +1,6 @@
 """The installed Debian package: what it puts in place, its init script, its removal."""
 
+import re
 import signal
 import time
 import xml.etree.ElementTree as ElementTree
@@ -255,4 +256,18 @@ def test_the_name_belongs_to_the_installed_service(board):
     reply = board.run("dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus", "/",
                       "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{SERVICE_NAME}", check=True).stdout
     assert reply.split() == ["uint32", service_pid(board)]
+    assert init(board, "stop").returncode == 0
+
+
+def test_only_root_can_change_what_is_installed(board):
+    use_shipped_tracking_configuration(board)
+    start(board)
+    listing = board.run("dpkg", "--listfiles", "sdcardd", check=True).stdout.split()
+    paths = [*listing[1:], LOG, "/run/sdcardd.pid", "/run/sdcardd.messages"]
+    owners_and_modes = board.run("stat", "-c", "%U:%G %a %n", *paths, check=True).stdout.splitlines()
+    links = [path for path in paths if board.run("test", "-L", path).returncode == 0]
+    others = [line for line in owners_and_modes
+              if not re.fullmatch(r"root:root [0-7]?[0-7][0145][0145] .*", line) and line.split()[2] not in links]
+    assert others == []
+    assert board.run("find", *[path for path in installed_files(board)], "-perm", "/6000").stdout == ""
     assert init(board, "stop").returncode == 0
