@@ -9,8 +9,10 @@ COMPLETION = "/usr/share/bash-completion/completions/sdcardctl"
 SOURCE = Path(__file__).resolve().parents[2] / "sdcardctl"
 
 
-def install_client(board: Board, program: Path) -> None:
-    """Installs the client that was built with the service's @p program."""
+def install_client(board: Board, program: Path | None) -> None:
+    """Installs the client that was built with the service's @p program; without one, a package has brought it."""
+    if program is None:
+        return
     client = program.parents[1] / "sdcardctl" / "sdcardctl"
     board.run("sh", "-c", 'cat >"$1" && chmod 755 "$1"', "sh", CLIENT, input=client.read_bytes(), check=True)
     board.write_file(COMPLETION, (SOURCE / "sdcardctl.bash-completion").read_text())
