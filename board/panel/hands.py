@@ -158,7 +158,7 @@ class Hands:
             used = self._call("getDirUsed", identifier)
         self._call("RefreshMemState")
         if used > limit:
-            self._changes.tell("you", f"have written more than {identifier} may hold: e deletes its oldest")
+            self._changes.tell("you", f"fill {identifier} above its limit: e deletes its oldest files")
 
     def ensure_size(self, identifier: str) -> None:
         """Asks the service to bring a watched directory below its limit."""

@@ -113,7 +113,7 @@ def test_a_card_is_put_in_filled_ejected_and_pulled_with_keys(panel):
     panel.press("w")
     panel.expect_match(RED_LIT, colours=True)
     panel.expect_match(r"▸ archive +█+ +5\.\d of 5\.\d MiB !", colours=False)
-    panel.expect("have written more than archive may hold", "e  EnsureDirSize")
+    panel.expect("fill archive above its limit: e deletes its oldest files", "e  EnsureDirSize")
     panel.press("e")
     panel.expect_match(r"call EnsureDirSize archive")
     panel.expect_match(r"▸ archive +█+░+ +[1-5]\.\d of 5\.\d MiB *│")

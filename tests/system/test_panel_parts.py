@@ -1,6 +1,8 @@
 """What the board in a terminal shows, without a terminal."""
 
 import itertools
+from pathlib import Path
+from xml.etree import ElementTree
 
 import pytest
 
@@ -9,14 +11,17 @@ from board.leds import LED_NAMES, Led
 from board.names import MemState, Transition
 from board.panel import drawing
 from board.panel.hands import BLANK_CARD, DAMAGED_CARD, OWN_CARD, TWO_PARTITIONS_CARD
+from board.panel.keys import KEYS
 from board.panel.lights import Lamp
 from board.panel.model import (BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Changes, Model, Properties,
                                watched_directories)
 from board.panel.observer import plain
+from board.panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
 from board.panel.view import MIN_COLUMNS, PALETTE
 
 pytestmark = pytest.mark.virtual
 
+ROOT = Path(__file__).resolve().parents[2]
 CARD_COLUMNS = 48
 KINDS = [OWN_CARD, BLANK_CARD, DAMAGED_CARD, TWO_PARTITIONS_CARD]
 
@@ -146,6 +151,38 @@ def test_only_watched_directories_have_a_bar():
     assert watched_directories(
         '<sdcard><dir size="40" capacitywatch="true"> logger\n <dir size="25" capacitywatch="true">archive</dir></dir>'
         '<dir size="20">export</dir><dir size="1" capacitywatch="false">csv</dir></sdcard>') == ["logger", "archive"]
+
+
+def svg_elements(svg: str, name: str) -> list[ElementTree.Element]:
+    return list(ElementTree.fromstring(svg).iter("{http://www.w3.org/2000/svg}" + name))
+
+
+def test_a_picture_has_each_text_in_its_place_and_colour():
+    drawn = picture_of("\x1b[1m\x1b[38;5;196m● <lit>\x1b[0m  off\n \x1b[7mkey\x1b[0m \x1b[38;2;1;2;3mdim\x1b[39m\n")
+    texts = [(text.text, int(text.get("x")) // COLUMN, int(text.get("y")) // ROW, text.get("fill"))
+             for text in svg_elements(drawn, "text")]
+    assert texts == [("● <lit>", 0, 0, "#ff0000"), ("off", 9, 0, FOREGROUND), ("key", 1, 1, BACKGROUND),
+                     ("dim", 5, 1, "#010203")]
+    assert [text.get("font-weight") for text in svg_elements(drawn, "text")] == ["bold", None, None, None]
+    behind = [rectangle for rectangle in svg_elements(drawn, "rect") if rectangle.get("fill") == FOREGROUND]
+    assert [(int(rectangle.get("x")), int(rectangle.get("width"))) for rectangle in behind] == [(COLUMN, 3 * COLUMN)]
+
+
+def test_a_picture_draws_frames_and_bars_without_gaps():
+    drawn = picture_of("┌─┐██░\n")
+    assert [path.get("d").count("M") for path in svg_elements(drawn, "path")] == [6]
+    bars = [rectangle for rectangle in svg_elements(drawn, "rect") if rectangle.get("opacity")]
+    assert [(int(bar.get("x")), int(bar.get("width"))) for bar in bars] == [
+        (3 * COLUMN, 2 * COLUMN), (5 * COLUMN, COLUMN)]
+
+
+def test_the_picture_in_the_readme_shows_the_keys_of_the_panel(model):
+    model.holder, model.service_runs = 1, True
+    shown = " ".join(text.text for text in svg_elements((ROOT / "docs" / "panel.svg").read_text(), "text"))
+    assert "](docs/panel.svg)" in (ROOT / "README.md").read_text()
+    for title, row in KEYS:
+        assert title in shown
+        assert [entry.label(model) for entry in row if entry.label(model) not in shown] == []
 
 
 def test_control_characters_of_progress_bars_are_not_shown():
