@@ -64,7 +64,7 @@ def card(model: Model, width: int) -> Markup:
 
 
 def _directory(directory: DirectoryUse, chosen: bool, width: int) -> Markup:
-    use = f"{directory.used / MIB:.1f} of {directory.limit / MIB:.1f} MiB" if directory.limit else "no card"
+    use = f"{directory.used / MIB:.1f} of {directory.limit / MIB:.1f} MiB" if directory.limit else "not mounted"
     use += " !" if directory.overflows else ""
     name = f"{directory.identifier:{NAME_WIDTH}}"[:NAME_WIDTH]
     share = directory.used / directory.limit if directory.limit else 0

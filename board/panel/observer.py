@@ -37,6 +37,7 @@ class Observer:
         self._signals = self._records = self._services = 0
         self._service_ended = True
         self._holder: int | None = None
+        self._state: State | None = None
         self._directories_asked = 0.0
         # The service may keep a question waiting; what it tells by itself comes nevertheless.
         self._threads = [Repeater("listener", changes, self._listen, LISTEN_SECONDS),
@@ -108,17 +109,25 @@ class Observer:
             answer = self._board.bus.properties()
         except (BusError, TimeoutError):
             self._changes.post(lambda model: setattr(model, "properties", None))
+            self._state = None
+            self._ask_for_directories(self._state)
             return
         properties = Properties(State(answer["State"]), Transition(answer["Transition"]),
                                 MemState(answer["MemState"]), answer["MemLevel"])
         self._changes.post(lambda model: setattr(model, "properties", properties))
-        if time.monotonic() - self._directories_asked < DIRECTORIES_SECONDS:
+        state_before, self._state = self._state, properties.state
+        # On a card that is about to go nothing changes, and nobody should keep it from going.
+        if properties.state in (State.CLOSING_FILES, State.UNMOUNTING):
+            return
+        if properties.state is state_before and time.monotonic() - self._directories_asked < DIRECTORIES_SECONDS:
             return
         self._directories_asked = time.monotonic()
+        self._ask_for_directories(properties.state)
+
+    def _ask_for_directories(self, state: State | None) -> None:
         for index, identifier in enumerate(self._directories):
             limit = used = 0
-            # Anywhere else the service would look at a card that is about to go.
-            if properties.state is State.MOUNTED:
+            if state is State.MOUNTED:
                 try:
                     limit, used = (self._board.bus.call(CARD_INTERFACE, method, identifier)
                                    for method in ("GetDirSize", "getDirUsed"))

@@ -67,8 +67,8 @@ def open_panel(tmp_path: Path, program: Path) -> Iterator[Callable[..., PanelTer
     """Opens the panel in a terminal."""
     terminals: list[PanelTerminal] = []
 
-    def open_terminal(columns: int = 80, rows: int = 24, **variables: str) -> PanelTerminal:
-        terminals.append(PanelTerminal(tmp_path, [*PANEL, str(program)], ENVIRONMENT | variables, columns, rows))
+    def open_terminal(*variables: str) -> PanelTerminal:
+        terminals.append(PanelTerminal(tmp_path, ["env", *variables, *PANEL, str(program)], ENVIRONMENT))
         return terminals[-1]
     yield open_terminal
     for terminal in terminals:
@@ -96,7 +96,7 @@ def test_the_panel_shows_the_whole_board_in_80_columns_and_24_rows(panel):
         "□ button not pressed", "No file is held open."]
     assert [re.sub(" +", " ", line.strip()) for line in card] == [
         "State NO_CARD", "Transition NONE", "MemState NO_CARD", "MemLevel " + 28 * "░" + " 0 %",
-        "▸ logger " + 13 * "░" + " no card", "archive " + 13 * "░" + " no card", "csv " + 13 * "░" + " no card"]
+        "▸ logger " + 13 * "░" + " not mounted", "archive " + 13 * "░" + " not mounted", "csv " + 13 * "░" + " not mounted"]
     assert lines[20:24] == [
         "Put in  i  your card   n  a blank one   d  a damaged one   2  two partitions",
         "Card    p  pull it   b  hold the button   o  hold a file open",
@@ -159,8 +159,9 @@ def test_a_held_file_keeps_the_card_from_being_ejected_while_the_red_light_blink
     for _ in range(3):
         panel.expect_match(RED_LIT, colours=True)
         panel.expect("○ red    blinks")
+    panel.expect_match(r"logger +█?░+ +0\.0 of 21\.\d MiB")
     panel.press("o")
-    panel.expect("State       UNMOUNTED", "No file is held open.", f"process {pid} has ended")
+    panel.expect("State       UNMOUNTED", "No file is held open.", f"process {pid} has ended", "not mounted")
 
 
 def test_a_button_that_is_let_go_early_ejects_nothing(panel):
@@ -176,6 +177,7 @@ def test_the_service_is_ended_and_started_again(panel):
     panel.press("t")
     panel.expect("send SIGTERM to the service", "the service has ended with status 0", "State       -",
                  "▸ The service has ended with status 0: t starts it.", "○ red    off")
+    panel.expect_match(r"▸ logger +░+ +not mounted")
     panel.press("t")
     panel.expect("the service runs as process", "State       MOUNTED")
 
@@ -296,10 +298,19 @@ def test_ctrl_z_does_not_stop_the_panel(panel):
 
 
 def test_no_colour_is_used_where_none_is_wanted(open_panel):
-    panel = open_panel(NO_COLOR="1")
+    panel = open_panel("NO_COLOR=1")
     panel.service_starts()
     panel.put_in_own_card()
     assert not re.search(r"\x1b\[(?:\d+;)*(?:[34][0-8]|[19]\d)", panel.screen(colours=True))
+
+
+def test_a_terminal_of_16_colours_gets_no_others(open_panel):
+    panel = open_panel("TERM=linux")
+    panel.service_starts()
+    panel.put_in_own_card()
+    panel.press("w")
+    panel.expect_match(r"\x1b\[1m\x1b\[(?:31|91)m.*●", colours=True)
+    assert not re.search(r"\x1b\[(?:\d+;)*[34]8;", panel.screen(colours=True))
 
 
 def test_a_board_that_has_gone_ends_the_panel(panel):
