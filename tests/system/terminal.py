@@ -11,7 +11,7 @@ POLL_SECONDS = 0.03
 ENDED = r"ended with status (\d+), terminal (changed|as before)"
 # Waits at the end, for the screen to be read.
 SCRIPT = """
-trap : INT QUIT HUP
+trap : INT QUIT
 before=$(stty -g)
 sh -c 'echo $$ >"$0"; exec "$@"' {pid_file} {command}
 status=$?
