@@ -13,6 +13,7 @@ from pathlib import Path
 
 import urwid
 
+from ..client import install_client
 from ..names import MEDIA_CONFIGURATION
 from ..shell import open_shell
 from ..virtual_board import VirtualBoard
@@ -117,7 +118,9 @@ def main() -> int:
     try:
         with kept_terminal():
             print("The board is being switched on ...")
-            with VirtualBoard(program=Path(sys.argv[1])) as board:
+            program = Path(sys.argv[1])
+            with VirtualBoard(program=program) as board:
+                install_client(board, program)
                 Panel(board).run()
     except BoardGone as problem:
         print(f"The panel has lost its board: {problem}.", file=sys.stderr)

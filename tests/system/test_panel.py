@@ -207,6 +207,8 @@ def test_a_shell_on_the_board_gives_the_screen_back(panel):
     panel.expect("board:/#")
     panel.press("ls /dev/mmcblk0; tty; cat /run/board/runlevel", "Enter")
     panel.expect("No such file", "/dev/pts/0", "N 5")
+    panel.press("sdcardctl pa", "Tab", "lo", "Tab", "Enter")
+    panel.expect("\n/media/sdcard/logger\n")
     panel.resize(100, 30)
     panel.press("exit", "Enter")
     lines = panel.expect(EMPTY_SLOT, "State       NO_CARD").splitlines()

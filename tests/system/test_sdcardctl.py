@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 from board import MOUNT_POINT, Board, Card, Process, State
-from client import CLIENT, COMPLETION, install_client
+from board.client import CLIENT, COMPLETION, install_client
 from steps import eject, expect_mounted, press_until_eject, start_with_mounted_card
 
 _, _, USAGE, NOT_RUNNING, NOT_PERMITTED, UNKNOWN_DIRECTORY, TIMED_OUT, NO_BUS, BAD_CONFIGURATION = range(9)

@@ -2,11 +2,11 @@
 
 from pathlib import Path
 
-from board import Board
+from .board import Board
 
 CLIENT = "/usr/bin/sdcardctl"
 COMPLETION = "/usr/share/bash-completion/completions/sdcardctl"
-SOURCE = Path(__file__).resolve().parents[2] / "sdcardctl"
+SOURCE = Path(__file__).resolve().parent.parent / "sdcardctl"
 
 
 def install_client(board: Board, program: Path | None) -> None:
