@@ -121,7 +121,7 @@ def test_the_interface_files_describe_what_the_service_offers(board):
     assert init(board, "stop").returncode == 0
 
 
-@pytest.mark.parametrize("page", ["sdcardctl.1", "sdcardd.8"])
+@pytest.mark.parametrize("page", ["sdcardctl.1", "sdcardd.8", "tavo-sdcard.config.xml.5"])
 def test_there_is_a_manual_page(board, page):
     result = board.run("man", "--local-file", "--warnings", f"/usr/share/man/man{page[-1]}/{page}.gz", check=True)
     assert "SYNOPSIS" in result.stdout

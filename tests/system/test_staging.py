@@ -1,10 +1,8 @@
 """cmake --install into a staging directory, as the makers of images and packages call it."""
 
-import os
-import subprocess
-from pathlib import Path
-
 import pytest
+
+from staging import stage
 
 pytestmark = pytest.mark.virtual
 
@@ -23,19 +21,12 @@ BELOW_PREFIX = {
     "share/doc/sdcardd/examples/restrict-card-mount",
     "share/doc/sdcardd/examples/tavo-sdcard.trackconfig.console.xml",
     "share/doc/sdcardd/examples/tavo.SDCard1-group.conf.in",
-    "share/man/man1/sdcardctl.1", "share/man/man8/sdcardd.8",
+    "share/man/man1/sdcardctl.1", "share/man/man5/tavo-sdcard.config.xml.5", "share/man/man8/sdcardd.8",
 }
 PROGRAMS = {
     "/usr/bin/sdcardctl", "/usr/sbin/sdcardd", "/usr/share/doc/sdcardd/examples/restrict-card-mount",
     "/etc/init.d/sdcardd", "/lib/udev/tavo-sdcard-hotplug", "/opt/tavo/bin/tavo-create-sdcardFS.sh",
 }
-
-
-def stage(program: Path, directory: Path, prefix: str) -> dict[str, Path]:
-    """Installs a build, and returns what there is then by its path on the device."""
-    subprocess.run(["cmake", "--install", str(program.parents[1]), "--prefix", prefix], check=True,
-                   capture_output=True, env=os.environ | {"DESTDIR": str(directory)})
-    return {f"/{path.relative_to(directory)}": path for path in directory.rglob("*") if not path.is_dir()}
 
 
 @pytest.mark.parametrize("prefix", ["/usr", "/usr/local"])
