@@ -4,7 +4,7 @@ import statistics
 import subprocess
 import tempfile
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 
 
@@ -49,11 +49,19 @@ def median(runs: list[Run]) -> Run:
 
 def compare(ours: Command, theirs: Command, rounds: int, prepare: Callable[[], object]) -> Comparison:
     """Runs two commands in turn, each after @p prepare, which is not timed. The commands are made after it."""
-    pairs = []
+    return compare_all(ours, [theirs], rounds, prepare)[0]
+
+
+def compare_all(ours: Command, peers: Sequence[Command], rounds: int,
+                prepare: Callable[[], object]) -> list[Comparison]:
+    """Like compare(), with several peers that run in turn."""
+    laps = []
     for _ in range(rounds):
-        prepare()
-        first = measure(ours())
-        prepare()
-        pairs.append((first, measure(theirs())))
-    return Comparison(median([a for a, _ in pairs]), median([b for _, b in pairs]),
-                      statistics.median(a.wall / b.wall for a, b in pairs))
+        lap = []
+        for command in (ours, *peers):
+            prepare()
+            lap.append(measure(command()))
+        laps.append(lap)
+    own = median([lap[0] for lap in laps])
+    return [Comparison(own, median([lap[i] for lap in laps]), statistics.median(lap[0].wall / lap[i].wall for lap in laps))
+            for i in range(1, len(peers) + 1)]

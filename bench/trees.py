@@ -101,6 +101,11 @@ class CardImage:
         self._mount(self.copy)
         self.tree.stat()
 
+    def mount_warm_copy(self) -> None:
+        """Mounts a copy that may be changed, with its status records cached."""
+        self.mount_fresh_copy()
+        subprocess.run(["find", self.tree, "-printf", "%C@"], check=True, stdout=subprocess.DEVNULL)
+
     def unmount(self) -> None:
         """Unmounts what is mounted."""
         while os.path.ismount(self.mount_point):

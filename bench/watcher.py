@@ -6,7 +6,7 @@ import time
 from collections.abc import Iterator
 from pathlib import Path
 
-from .paired import Command, compare
+from .paired import Command, compare, compare_all
 from .table import Row
 from .trees import FILE_SIZE, SHARES, CardImage
 
@@ -77,31 +77,30 @@ class WatcherBench:
         subprocess.run(["sh", "-c", f"{listing} >{victims}"], check=True)
         name = f"delete {share:.0%} of {image.files:,} files"
 
-        def expect_deleted() -> None:
-            left = sum(len(names) for _, _, names in os.walk(tree))
-            if abs(image.files - count - left) > 0:
-                raise RuntimeError(f"{name}: {left} files are left")
-
-        image.mount_fresh_copy()
-        subprocess.run(ours(), check=True)
-        expect_deleted()
-
-        pipeline = ["sh", "-c", f"{listing} | xargs -0 rm"]
-        yield Row(name, "find | sort | head | xargs rm",
-                  compare(ours, lambda: pipeline, self.rounds, image.mount_fresh_copy),
-                  PIPELINE_GOAL if share == SHARES[0] else None)
-        yield Row(name, "xargs rm of the same list",
-                  compare(ours, lambda: ["xargs", "-0", "-a", str(victims), "rm"], self.rounds,
-                          image.mount_fresh_copy), DELETE_GOAL)
-
         def by_age() -> list[str]:
             rules = image.template.with_suffix(".tmpfiles")
             age = int((time.time() - image.cuts[share]) * 1000)
             rules.write_text(f"e {tree} - - - c:{age}ms\n")
             return ["systemd-tmpfiles", "--clean", str(rules)]
 
-        image.mount_fresh_copy()
-        subprocess.run(by_age(), check=True)
-        expect_deleted()
-        yield Row(name, "systemd-tmpfiles --clean", compare(ours, by_age, self.rounds, image.mount_fresh_copy))
+        pipeline: Command = lambda: ["sh", "-c", f"{listing} | xargs -0 rm"]
+        peers: dict[str, Command] = {
+            "find | sort | head | xargs rm": pipeline,
+            "xargs rm of the same list": lambda: ["xargs", "-0", "-a", str(victims), "rm"],
+            "systemd-tmpfiles --clean": by_age,
+        }
+        for command in (ours, *peers.values()):
+            image.mount_fresh_copy()
+            subprocess.run(command(), check=True)
+            left = sum(len(names) for _, _, names in os.walk(tree))
+            if image.files - count != left:
+                raise RuntimeError(f"{name}: {left} files are left by {command()[0]}")
+
+        goals = [PIPELINE_GOAL if share == SHARES[0] else None, DELETE_GOAL, None]
+        results = compare_all(ours, list(peers.values()), self.rounds, image.mount_warm_copy)
+        for peer, result, goal in zip(peers, results, goals):
+            yield Row(name + ", warm", peer, result, goal)
+        if share == SHARES[0]:
+            yield Row(name + ", cold", "find | sort | head | xargs rm",
+                      compare(ours, pipeline, self.rounds, image.mount_fresh_copy))
         victims.unlink()
