@@ -93,7 +93,9 @@ bool readSymlinkNode(const ITCXMLNode& node, const QString& parentPath, Listener
     symlink.path = parentPath + "/" + symlink.name;
     symlink.target = QString::fromLatin1(target);
     const QDir linkDir(QFileInfo(symlink.path).path());
-    symlink.absoluteTarget = QFileInfo(linkDir, symlink.target).absoluteFilePath();
+    symlink.absoluteTarget = QDir::isAbsolutePath(symlink.target)
+                                 ? symlink.target
+                                 : QFileInfo(linkDir, symlink.target).absoluteFilePath();
     listener.onSymlink(node, symlink);
     return true;
 }

@@ -76,17 +76,17 @@ DirInfo::Ids DirInfo::ownerIds() const
 
 qint64 DirInfo::allottedBytes(quint64 cardBytes) const
 {
-    // Shares are not checked when they are read: one that is no sensible number must not end in an
-    // undefined conversion.
+    // Shares are not checked when they are read: one that is no sensible number must end neither in
+    // an undefined conversion nor in a limit that deletes everything.
     constexpr qreal kLimit = 9223372036854775808.0;
     const qreal bytes = static_cast<qreal>(cardBytes) * size;
-    if (bytes >= kLimit) {
+    if (bytes >= kLimit || std::isnan(bytes)) {
         return std::numeric_limits<qint64>::max();
     }
     if (bytes <= -kLimit) {
         return std::numeric_limits<qint64>::min();
     }
-    return std::isnan(bytes) ? 0 : static_cast<qint64>(bytes);
+    return static_cast<qint64>(bytes);
 }
 
 ConfigHandler::ConfigHandler()
@@ -111,7 +111,8 @@ bool ConfigHandler::setup()
     }
 
     if (const char* const mountPoint = root.getAttribute(ConfigReading::kMountPointAttribute)) {
-        mMountPoint = QString::fromUtf8(mountPoint);
+        // As the mount table writes it, where it is looked for.
+        mMountPoint = QDir::cleanPath(QString::fromUtf8(mountPoint));
     }
     if (const char* const devicePath = root.getAttribute(ConfigReading::kDevicePathAttribute)) {
         mDevicePath = QString::fromUtf8(devicePath);

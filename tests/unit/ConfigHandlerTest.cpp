@@ -239,6 +239,7 @@ void ConfigHandlerTest::link_targets_are_kept_and_resolved_data()
     QTest::newRow("sibling") << QByteArray("new") << "/logs/new";
     QTest::newRow("above") << QByteArray("../csv") << "/csv";
     QTest::newRow("absolute") << QByteArray("/var/log") << "/var/log";
+    QTest::newRow("absolute and not clean") << QByteArray("/var//log/../x") << "/var//log/../x";
 }
 
 void ConfigHandlerTest::link_targets_are_kept_and_resolved()

@@ -98,8 +98,8 @@ void DirInfoTest::the_allotted_bytes_are_a_share_of_the_card_data()
     QTest::newRow("far below zero") << -1e308 << quint64{1000} << kMin;
     QTest::newRow("infinite") << kInfinity << quint64{1000} << kMax;
     QTest::newRow("negative infinite") << -kInfinity << quint64{1000} << kMin;
-    QTest::newRow("infinite share of nothing") << kInfinity << quint64{0} << qint64{0};
-    QTest::newRow("not a number") << std::nan("") << quint64{1000} << qint64{0};
+    QTest::newRow("infinite share of nothing") << kInfinity << quint64{0} << kMax;
+    QTest::newRow("not a number") << std::nan("") << quint64{1000} << kMax;
     QTest::newRow("just beyond") << 1.0 << quint64{0x8000000000000000} << kMax;
     QTest::newRow("largest that fits")
         << 1.0 << quint64{0x7ffffffffffffc00} << qint64{0x7ffffffffffffc00};
