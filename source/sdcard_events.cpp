@@ -4,6 +4,7 @@
 
 #include <QFile>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,6 +36,12 @@ void Sdcard::registerSignalHandler()
         const QByteArray why = tavoutil::systemErrorText(errno);
         TRACK_ERROR(logger(), "Can't create socket pair (" + why + ")");
         return;
+    }
+    // Nobody reads the socket: once it is full, a blocking write would never return.
+    // And no tool that is started may inherit it.
+    for (const int fd : mSignalFd) {
+        ::fcntl(fd, F_SETFL, O_NONBLOCK);
+        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
     mSignalNotifier = new QSocketNotifier(mSignalFd[1], QSocketNotifier::Read, &mMachine);
 

@@ -29,6 +29,8 @@ private Q_SLOTS:
     void both_signals_are_handled_alike();
     void a_signal_becomes_one_byte_that_is_never_read();
     void the_handler_leaves_errno_alone();
+    void signals_beyond_what_the_socket_holds_do_not_block();
+    void no_tool_inherits_the_bridge();
     void a_signal_that_comes_after_the_end_is_ignored();
     void the_destructor_gives_everything_back();
     void without_a_socket_pair_there_is_no_bridge();
@@ -107,6 +109,36 @@ void SdcardSignalsTest::the_handler_leaves_errno_alone()
     const int afterwards = errno;
     ::sigaction(SIGPIPE, &previous, nullptr);
     QCOMPARE(afterwards, ENOTTY);
+}
+
+void SdcardSignalsTest::signals_beyond_what_the_socket_holds_do_not_block()
+{
+    ControllerDevice device(mBus);
+    device.startIn("corrupted");
+    auto* const handler = actionOf(SIGTERM).sa_handler;
+    for (int i = 0; i < 1'000'000; ++i) {
+        handler(SIGTERM);
+    }
+}
+
+void SdcardSignalsTest::no_tool_inherits_the_bridge()
+{
+    const auto isInherited = [](int fd) {
+        const int flags = ::fcntl(fd, F_GETFD);
+        return flags >= 0 && (flags & FD_CLOEXEC) == 0;
+    };
+    constexpr int kDescriptors = 256;
+    QVector<int> before;
+    for (int fd = 0; fd < kDescriptors; ++fd) {
+        if (isInherited(fd)) {
+            before.append(fd);
+        }
+    }
+    ControllerDevice device(mBus);
+    device.startIn("corrupted");
+    for (int fd = 0; fd < kDescriptors; ++fd) {
+        QVERIFY(before.contains(fd) || !isInherited(fd));
+    }
 }
 
 void SdcardSignalsTest::a_signal_that_comes_after_the_end_is_ignored()
