@@ -5,16 +5,19 @@
 #include <memory>
 #include <vector>
 
+#include <QDir>
+
 #include <mntent.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include "SdcardDefs.h"
 
-MountedFileSystem::MountedFileSystem(const QString& mountPoint) : mMountPoint(mountPoint.toUtf8())
-{}
+namespace {
 
-bool MountedFileSystem::isMounted() const
+/// Whether @p matches holds for the mount point of any entry of the mount table.
+template <typename Predicate>
+bool isAnyMountPoint(Predicate matches)
 {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> table(
         ::setmntent(SdcardDefs::kMmcMountTable.toUtf8().constData(), "re"), ::endmntent);
@@ -27,11 +30,21 @@ bool MountedFileSystem::isMounted() const
     mntent entry{};
     while (::getmntent_r(table.get(), &entry, line.data(), static_cast<int>(line.size())) !=
            nullptr) {
-        if (mMountPoint == entry.mnt_dir) {
+        if (matches(QByteArray::fromRawData(entry.mnt_dir, qstrlen(entry.mnt_dir)))) {
             return true;
         }
     }
     return false;
+}
+
+} // namespace
+
+MountedFileSystem::MountedFileSystem(const QString& mountPoint) : mMountPoint(mountPoint.toUtf8())
+{}
+
+bool MountedFileSystem::isMounted() const
+{
+    return isAnyMountPoint([this](const QByteArray& point) { return point == mMountPoint; });
 }
 
 std::optional<FileSystemSize> MountedFileSystem::size() const
@@ -50,4 +63,16 @@ bool MountedFileSystem::holds(const QByteArray& path) const
     struct stat entry = {};
     return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 &&
            ::lstat(path.constData(), &entry) == 0 && root.st_dev == entry.st_dev;
+}
+
+bool removeMountPoint(const QString& path)
+{
+    QDir directory(path);
+    if (!directory.exists()) {
+        return true;
+    }
+    const QByteArray real = directory.canonicalPath().toUtf8();
+    const bool isInUse = isAnyMountPoint(
+        [&real](const QByteArray& point) { return point == real || point.startsWith(real + '/'); });
+    return !isInUse && directory.removeRecursively();
 }

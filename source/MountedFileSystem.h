@@ -30,3 +30,8 @@ public:
 private:
     QByteArray mMountPoint;
 };
+
+/// Removes the directory of a mount point with all that it contains, but nothing while a file
+/// system is mounted there or below, however @p path is spelled.
+/// @return whether the directory is gone
+bool removeMountPoint(const QString& path);

@@ -10,6 +10,7 @@
 #include <tavoutil/SystemError.h>
 #include <tavoutil/TrackLog.h>
 
+#include "MountedFileSystem.h"
 #include "SdcardDefs.h"
 #include "fdisk.h"
 #include "sdcard.h"
@@ -26,14 +27,6 @@ constexpr int kCorrectedBits = ThreadMounting::ErrorsCorrected | ThreadMounting:
 bool ensureMountPoint(const QString& mountPoint)
 {
     return QDir().mkpath(mountPoint);
-}
-
-void removeMountPoint(const QString& mountPoint)
-{
-    QDir directory(mountPoint);
-    if (directory.exists()) {
-        directory.removeRecursively();
-    }
 }
 
 // Leaves errno as mount(2) set it.

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 
-#include <QDir>
 #include <QFile>
 #include <QThread>
 
@@ -13,6 +12,7 @@
 #include <tavoutil/SystemError.h>
 #include <tavoutil/TrackLog.h>
 
+#include "MountedFileSystem.h"
 #include "SDCardImpl.h"
 #include "SdcardDefs.h"
 #include "config.h"
@@ -73,8 +73,7 @@ bool Sdcard::umountDevice(const QString& path, bool /*force*/)
         TRACK_ERROR(logger(), "Umount failed: error code '" + why + "'");
         return false;
     }
-    QDir mountPoint(path);
-    return !mountPoint.exists() || mountPoint.removeRecursively();
+    return removeMountPoint(path);
 }
 
 int Sdcard::checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,

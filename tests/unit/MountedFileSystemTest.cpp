@@ -38,6 +38,10 @@ private Q_SLOTS:
     void what_lies_on_the_file_system_is_held_data();
     void what_lies_on_the_file_system_is_held();
     void nothing_is_held_without_a_mount();
+    void a_mount_point_is_removed_with_what_lies_in_it();
+    void a_mount_point_that_is_gone_need_not_be_removed();
+    void nothing_is_removed_as_long_as_a_file_system_is_mounted_data();
+    void nothing_is_removed_as_long_as_a_file_system_is_mounted();
 };
 
 void MountedFileSystemTest::init()
@@ -159,6 +163,51 @@ void MountedFileSystemTest::what_lies_on_the_file_system_is_held()
 void MountedFileSystemTest::nothing_is_held_without_a_mount()
 {
     QVERIFY(!MountedFileSystem(kMountPoint).holds("/media/sdcard"));
+}
+
+void MountedFileSystemTest::a_mount_point_is_removed_with_what_lies_in_it()
+{
+    TestDevice::writeFile(kMountPoint + "/dir/file", "below");
+    QVERIFY(removeMountPoint(kMountPoint));
+    QVERIFY(!QFile::exists(kMountPoint));
+}
+
+void MountedFileSystemTest::a_mount_point_that_is_gone_need_not_be_removed()
+{
+    QVERIFY(removeMountPoint("/media/missing"));
+}
+
+void MountedFileSystemTest::nothing_is_removed_as_long_as_a_file_system_is_mounted_data()
+{
+    QTest::addColumn<QString>("mounted");
+    QTest::addColumn<QString>("removed");
+    QTest::newRow("there") << "/media/sdcard"
+                           << "/media/sdcard";
+    QTest::newRow("there, with a slash at its end") << "/media/sdcard"
+                                                    << "/media/sdcard/";
+    QTest::newRow("there, with two slashes in it") << "/media/sdcard"
+                                                   << "/media//sdcard";
+    QTest::newRow("there, by way of a link") << "/media/sdcard"
+                                             << "/link/sdcard";
+    QTest::newRow("there, with a blank") << "/media/sd card"
+                                         << "/media/sd card";
+    QTest::newRow("below") << "/media/sdcard/inner"
+                           << "/media/sdcard";
+}
+
+void MountedFileSystemTest::nothing_is_removed_as_long_as_a_file_system_is_mounted()
+{
+    QFETCH(const QString, mounted);
+    QFETCH(const QString, removed);
+    QVERIFY(TestDevice::mountTmpfs(mounted, kSize));
+    TestDevice::writeFile(mounted + "/kept", "kept");
+    QCOMPARE(::symlink("/media", "/link"), 0);
+    const bool isGone = removeMountPoint(removed);
+    const QByteArray content = TestDevice::readFile(mounted + "/kept");
+    TestDevice::remove("/link");
+    TestDevice::unmountAll(mounted);
+    QVERIFY(!isGone);
+    QCOMPARE(content, QByteArray("kept"));
 }
 
 TEST_DEVICE_MAIN(MountedFileSystemTest)
