@@ -1,6 +1,5 @@
 // The functions that run once for each file, mount table line or poll, alone.
 
-#include <atomic>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -17,7 +16,7 @@
 
 namespace {
 
-const std::atomic<bool> kNotAbandoned{false};
+const CancellationSource kRuns;
 
 void scanOneDirectory(benchmark::State& state)
 {
@@ -32,7 +31,7 @@ void scanOneDirectory(benchmark::State& state)
     const QByteArray path = QFile::encodeName(dir.path());
     const auto keep = static_cast<DirectoryScan::Keep>(state.range(1));
     for ([[maybe_unused]] auto iteration : state) {
-        DirectoryScan scan(log4cxx::Logger::getRootLogger(), kNotAbandoned);
+        DirectoryScan scan(log4cxx::Logger::getRootLogger(), kRuns.token());
         scan.run(path, DirectoryScan::Extent::WholeTree, keep);
         benchmark::DoNotOptimize(scan.totalSize());
     }

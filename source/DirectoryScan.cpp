@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -15,6 +16,8 @@
 #include "SDCardFileInfo.h"
 
 namespace {
+
+constexpr quint32 kRoot = 0;
 
 constexpr std::size_t kNameBlockSize = 65536;
 
@@ -54,52 +57,73 @@ void DirectoryScan::NameArena::clear()
     mUsed = 0;
 }
 
-DirectoryScan::DirectoryScan(log4cxx::LoggerPtr logger, const std::atomic<bool>& isAbandoned)
-    : mLogger(std::move(logger)), mIsAbandoned(isAbandoned)
+DirectoryScan::DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token)
+    : mLogger(std::move(logger)), mToken(token)
 {}
 
 void DirectoryScan::run(const QByteArray& path, Extent extent, Keep keep)
 {
     mExtent = extent;
     mKeep = keep;
-    mPending.push_back({path, 0});
-    while (!mPending.empty() && !mIsAbandoned) {
-        const Pending next = std::move(mPending.back());
+    mRoot = path;
+    mDirectories.push_back({"", 0, kRoot});
+    mPending.push_back(kRoot);
+    while (!mPending.empty() && !mToken.isCancelled()) {
+        const quint32 next = mPending.back();
         mPending.pop_back();
         scanDirectory(next);
     }
 }
 
-void DirectoryScan::scanDirectory(const Pending& pending)
+QByteArray DirectoryScan::path(quint32 index) const
 {
-    DirectoryHandle handle(pending.path);
+    std::vector<const char*> names;
+    for (quint32 directory = index; directory != kRoot;) {
+        names.push_back(mDirectories[directory].name);
+        directory = mDirectories[directory].parent;
+    }
+    QByteArray path = mRoot;
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        path.append('/').append(*name);
+    }
+    return path;
+}
+
+bool DirectoryScan::isDirectory(quint32 index, const struct stat& status) const
+{
+    return status.st_dev == mDevice && status.st_ino == mDirectories[index].inode;
+}
+
+void DirectoryScan::scanDirectory(quint32 index)
+{
+    const QByteArray path = this->path(index);
+    DirectoryHandle handle(path);
     struct stat status = {};
     if (!handle.isOpen() || ::fstat(handle.fd(), &status) != 0) {
-        reportUnreadable(pending.path);
+        reportUnreadable(path);
         return;
     }
-    if (!mDevice) {
+    if (index == kRoot) {
         mDevice = status.st_dev;
-    } else if (status.st_dev != *mDevice || status.st_ino != pending.inode) {
+        mDirectories[kRoot].inode = status.st_ino;
+    } else if (!isDirectory(index, status)) {
         // Another one has taken its place since it was seen.
-        TRACK_ERROR(mLogger, "fstatat() failed for " + pending.path + ": " +
-                                 tavoutil::systemErrorText(ESTALE));
+        TRACK_ERROR(mLogger,
+                    "fstatat() failed for " + path + ": " + tavoutil::systemErrorText(ESTALE));
         return;
     }
-    mTotalSize += status.st_size;
+    addSize(status.st_size);
 
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(handle.fd()), ::closedir);
     if (!stream) {
         return;
     }
     const int fd = handle.release();
-    if (mKeep == Keep::Files) {
-        mDirectories.push_back({pending.path, status.st_dev, status.st_ino});
-    } else {
+    if (mKeep == Keep::SizesOnly) {
         mNames.clear();
     }
     readEntries(stream.get());
-    measureEntries(fd, pending.path);
+    measureEntries(fd, index, path);
 }
 
 void DirectoryScan::reportUnreadable(const QByteArray& path)
@@ -111,7 +135,7 @@ void DirectoryScan::reportUnreadable(const QByteArray& path)
     } else if (!S_ISDIR(status.st_mode)) {
         TRACK_ERROR(mLogger, "It is not a directory: " + path);
     } else {
-        mTotalSize += status.st_size;
+        addSize(status.st_size);
     }
 }
 
@@ -119,6 +143,9 @@ void DirectoryScan::readEntries(DIR* stream)
 {
     mEntries.clear();
     while (const dirent* const entry = ::readdir(stream)) {
+        if (mToken.isCancelled()) {
+            break;
+        }
         const char* const name = static_cast<const char*>(entry->d_name);
         const bool isDirectory = entry->d_type == DT_DIR;
         if (isDirectory && (mExtent == Extent::OneLevel || isDotOrDotDot(name))) {
@@ -132,10 +159,12 @@ void DirectoryScan::readEntries(DIR* stream)
     }
 }
 
-void DirectoryScan::measureEntries(int fd, const QByteArray& path)
+void DirectoryScan::measureEntries(int fd, quint32 directory, const QByteArray& path)
 {
-    const auto directory = static_cast<quint32>(mDirectories.size() - 1);
     for (const Entry& entry : mEntries) {
+        if (mToken.isCancelled()) {
+            return;
+        }
         struct stat status = {};
         if (::fstatat(fd, entry.name, &status, kStatusFlags) != 0) {
             const QByteArray why = tavoutil::systemErrorText(errno);
@@ -143,15 +172,26 @@ void DirectoryScan::measureEntries(int fd, const QByteArray& path)
             continue;
         }
         if (S_ISDIR(status.st_mode)) {
-            if (mExtent == Extent::WholeTree && status.st_dev == *mDevice &&
+            if (mExtent == Extent::WholeTree && status.st_dev == mDevice &&
                 !isDotOrDotDot(entry.name)) {
-                mPending.push_back({path + '/' + entry.name, status.st_ino});
+                mPending.push_back(static_cast<quint32>(mDirectories.size()));
+                mDirectories.push_back(
+                    {mDirectoryNames.store(entry.name), status.st_ino, directory});
             }
             continue;
         }
-        mTotalSize += status.st_size;
+        addSize(status.st_size);
         if (mKeep == Keep::Files) {
-            mFiles.push_back({changeTimeOf(status), status.st_size, entry.name, directory});
+            mFiles.push_back({changeTimeOf(status), status.st_size, entry.name, directory,
+                              static_cast<quint32>(status.st_ino)});
         }
+    }
+}
+
+void DirectoryScan::addSize(qint64 size)
+{
+    // Sparse files may claim more than there can be.
+    if (__builtin_add_overflow(mTotalSize, size, &mTotalSize)) {
+        mTotalSize = std::numeric_limits<qint64>::max();
     }
 }

@@ -1,22 +1,23 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <optional>
 #include <string_view>
 #include <vector>
 
 #include <QByteArray>
 
 #include <dirent.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <log4cxx/logger.h>
+
+#include "CancellationToken.h"
 
 /// Measures a directory or a whole tree: the apparent sizes of the directories themselves and of
 /// every entry that is not a directory. Links are counted as themselves and never followed, other
 /// file systems are not entered, and names are bytes. Each entry is asked for its status once. The
-/// scan needs one descriptor and no recursion, however deep the tree is.
+/// scan needs one descriptor and no recursion, however deep the tree is, and its memory grows with
+/// the number of entries alone.
 class DirectoryScan
 {
 public:
@@ -27,14 +28,8 @@ public:
         qint64 changeTime; ///< nanoseconds since the epoch
         qint64 size;       ///< bytes
         const char* name;  ///< within its directory; lives as long as the scan
-        quint32 directory; ///< index into directories()
-    };
-
-    struct Directory
-    {
-        QByteArray path;
-        dev_t device;
-        ino_t inode;
+        quint32 directory; ///< index of the directory that holds it
+        quint32 inode;     ///< ext4 has no larger ones; of other file systems the low part
     };
 
     enum class Extent
@@ -50,8 +45,8 @@ public:
 
     /// @param logger receives an error for each entry that cannot be measured, which then counts
     /// nothing
-    /// @param isAbandoned ends the scan early when it becomes true
-    DirectoryScan(log4cxx::LoggerPtr logger, const std::atomic<bool>& isAbandoned);
+    /// @param token ends the scan early when it is cancelled
+    DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token);
 
     /// Scans @p path; to be called once.
     void run(const QByteArray& path, Extent extent, Keep keep);
@@ -60,8 +55,13 @@ public:
     qint64 totalSize() const { return mTotalSize; }
     /// The files, in no particular order; empty unless they were to be kept.
     std::vector<File>& files() { return mFiles; }
-    /// The directories that hold the files.
-    const std::vector<Directory>& directories() const { return mDirectories; }
+    /// How many directories were found, the scanned one among them.
+    std::size_t directoryCount() const { return mDirectories.size(); }
+    /// The path of the directory @p index.
+    QByteArray path(quint32 index) const;
+    /// Whether @p status is that of the directory @p index, and not of another that has taken its
+    /// place.
+    bool isDirectory(quint32 index, const struct stat& status) const;
 
 private:
     struct Entry
@@ -84,27 +84,32 @@ private:
         std::size_t mCapacity = 0;
     };
 
-    /// A directory that has been seen, but not been read yet.
-    struct Pending
+    /// Paths are put together when they are needed: in a deep tree they would take more memory
+    /// than everything else.
+    struct Directory
     {
-        QByteArray path;
+        const char* name; ///< within its parent
         ino_t inode;
+        quint32 parent;
     };
 
-    void scanDirectory(const Pending& pending);
+    void scanDirectory(quint32 index);
     void reportUnreadable(const QByteArray& path);
     void readEntries(DIR* stream);
-    void measureEntries(int fd, const QByteArray& path);
+    void measureEntries(int fd, quint32 directory, const QByteArray& path);
+    void addSize(qint64 size);
 
     log4cxx::LoggerPtr mLogger;
-    const std::atomic<bool>& mIsAbandoned;
+    CancellationToken mToken;
     Extent mExtent = Extent::WholeTree;
     Keep mKeep = Keep::SizesOnly;
-    std::optional<dev_t> mDevice;
+    QByteArray mRoot;
+    dev_t mDevice = 0;
     qint64 mTotalSize = 0;
     std::vector<File> mFiles;
     std::vector<Directory> mDirectories;
-    std::vector<Pending> mPending;
+    std::vector<quint32> mPending;
     std::vector<Entry> mEntries;
     NameArena mNames;
+    NameArena mDirectoryNames;
 };

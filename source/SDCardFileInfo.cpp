@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 #include <QList>
@@ -96,5 +97,12 @@ qint64 SDCardFileInfo::changeTime() const
 
 qint64 changeTimeOf(const struct stat& status)
 {
-    return qint64{status.st_ctim.tv_sec} * kNanosecondsPerSecond + status.st_ctim.tv_nsec;
+    qint64 time = 0;
+    if (__builtin_mul_overflow(qint64{status.st_ctim.tv_sec}, kNanosecondsPerSecond, &time) ||
+        __builtin_add_overflow(time, qint64{status.st_ctim.tv_nsec}, &time)) {
+        // ext4 knows years that nanoseconds in 64 bits do not reach: 1677 to 2262.
+        return status.st_ctim.tv_sec < 0 ? std::numeric_limits<qint64>::min()
+                                         : std::numeric_limits<qint64>::max();
+    }
+    return time;
 }

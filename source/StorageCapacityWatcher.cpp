@@ -3,14 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
-#include <optional>
 #include <vector>
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QMutexLocker>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 
 #include "DirectoryHandle.h"
 #include "DirectoryScan.h"
+#include "FileRemover.h"
 #include "SDCardFileInfo.h"
 #include "config.h"
 
@@ -30,53 +32,10 @@ constexpr int kDefaultIntervalMs = 10800000;
 // What a removed directory counts for, whatever its size was.
 constexpr qint64 kRemovedDirectorySize = 2;
 
-constexpr unsigned long kAbandonedRunMs = 3000;
+constexpr qint64 kAbandonedRunsMs = 3000;
 
 // Entries of an empty directory: "." and "..".
 constexpr int kEmptyDirectoryEntries = 2;
-
-/// Removes files of a scan. Each directory is opened once for a run of its files, and only where it
-/// still is the one that was scanned: a link that has taken its place leads nowhere.
-class FileRemover
-{
-public:
-    explicit FileRemover(const std::vector<DirectoryScan::Directory>& directories)
-        : mDirectories(directories)
-    {}
-
-    /// @return 0 or the error number
-    int remove(const DirectoryScan::File& file)
-    {
-        if (mOpened != file.directory) {
-            open(file.directory);
-        }
-        if (mError != 0) {
-            return mError;
-        }
-        return ::unlinkat(mHandle->fd(), file.name, 0) == 0 ? 0 : errno;
-    }
-
-private:
-    void open(quint32 index)
-    {
-        const DirectoryScan::Directory& directory = mDirectories[index];
-        mOpened = index;
-        mHandle.emplace(directory.path);
-        struct stat status = {};
-        if (!mHandle->isOpen() || ::fstat(mHandle->fd(), &status) != 0) {
-            mError = errno;
-        } else if (status.st_dev != directory.device || status.st_ino != directory.inode) {
-            mError = ESTALE;
-        } else {
-            mError = 0;
-        }
-    }
-
-    const std::vector<DirectoryScan::Directory>& mDirectories;
-    std::optional<quint32> mOpened;
-    std::optional<DirectoryHandle> mHandle;
-    int mError = 0;
-};
 
 bool holdsEntries(const QByteArray& path)
 {
@@ -96,6 +55,29 @@ bool holdsEntries(const QByteArray& path)
     return count > kEmptyDirectoryEntries;
 }
 
+/// Removes the empty directory @p name of @p parent, which must lie on the file system @p device.
+/// @return 0 or the error number
+int removeDirectory(const QByteArray& parent, const char* name, dev_t device)
+{
+    const DirectoryHandle handle(parent.isEmpty() ? QByteArrayLiteral("/") : parent);
+    struct stat status = {};
+    if (!handle.isOpen() || ::fstat(handle.fd(), &status) != 0) {
+        return errno;
+    }
+    if (status.st_dev != device) {
+        return ESTALE;
+    }
+    return ::unlinkat(handle.fd(), name, AT_REMOVEDIR) == 0 ? 0 : errno;
+}
+
+/// The file system that holds the directory @p path; 0 where it cannot be read.
+dev_t deviceOf(const QByteArray& path)
+{
+    const DirectoryHandle handle(path);
+    struct stat status = {};
+    return handle.isOpen() && ::fstat(handle.fd(), &status) == 0 ? status.st_dev : 0;
+}
+
 } // namespace
 
 StorageCapacityWatcher::StorageCapacityWatcher(const ConfigHandler& config)
@@ -105,6 +87,7 @@ StorageCapacityWatcher::StorageCapacityWatcher(const ConfigHandler& config)
     connect(&mTimer, &QTimer::timeout, this,
             &StorageCapacityWatcher::startEnsureDirSizeAllAsThread);
     mTimer.setSingleShot(true);
+    mTimer.setTimerType(Qt::PreciseTimer);
     mTimer.setInterval(kDefaultIntervalMs);
 
     QFile intervalFile(kIntervalFile);
@@ -121,7 +104,7 @@ StorageCapacityWatcher::StorageCapacityWatcher(const ConfigHandler& config)
 
 StorageCapacityWatcher::~StorageCapacityWatcher()
 {
-    mIsAbandoned = true;
+    mRuns.cancelAll();
     for (WorkerThread* const thread : findChildren<WorkerThread*>()) {
         thread->wait();
     }
@@ -168,14 +151,14 @@ bool StorageCapacityWatcher::isWatchDirUsable(const QByteArray& path) const
 
 qint64 StorageCapacityWatcher::dirSizeFlat(const QByteArray& dir) const
 {
-    DirectoryScan scan(logger(), mIsAbandoned);
+    DirectoryScan scan(logger(), mRuns.token());
     scan.run(dir, DirectoryScan::Extent::OneLevel, DirectoryScan::Keep::SizesOnly);
     return scan.totalSize();
 }
 
 qint64 StorageCapacityWatcher::dirSize(const QByteArray& dir) const
 {
-    DirectoryScan scan(logger(), mIsAbandoned);
+    DirectoryScan scan(logger(), mRuns.token());
     scan.run(dir, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::SizesOnly);
     return scan.totalSize();
 }
@@ -183,10 +166,16 @@ qint64 StorageCapacityWatcher::dirSize(const QByteArray& dir) const
 void StorageCapacityWatcher::ensureDirSizeSingle(
     const StorageCapacityWatcher::WatchDir& watchDir) const
 {
-    DirectoryScan scan(logger(), mIsAbandoned);
+    ensureDirSizeSingle(watchDir, mRuns.token());
+}
+
+void StorageCapacityWatcher::ensureDirSizeSingle(const WatchDir& watchDir,
+                                                 CancellationToken token) const
+{
+    DirectoryScan scan(logger(), token);
     scan.run(watchDir.path, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
     qint64 used = scan.totalSize();
-    if (watchDir.maxSize >= used || mIsAbandoned) {
+    if (watchDir.maxSize >= used || token.isCancelled()) {
         return;
     }
     std::vector<DirectoryScan::File>& files = scan.files();
@@ -209,46 +198,48 @@ void StorageCapacityWatcher::ensureDirSizeSingle(
     }
 
     // What was selected stands at the end, the oldest last.
-    const std::vector<DirectoryScan::Directory>& directories = scan.directories();
-    std::vector<bool> isTouched(directories.size(), false);
+    std::vector<bool> isTouched(scan.directoryCount(), false);
     std::vector<quint32> touched;
-    FileRemover remover(directories);
-    for (auto file = files.end(); file != selected && !mIsAbandoned;) {
+    FileRemover remover(scan);
+    for (auto file = files.end(); file != selected && !token.isCancelled();) {
         --file;
         const int error = remover.remove(*file);
         if (error != 0) {
-            TRACK_WARN(logger(), "Cannot remove file " + directories[file->directory].path + "/" +
+            TRACK_WARN(logger(), "Cannot remove file " + scan.path(file->directory) + "/" +
                                      file->name + ": " + tavoutil::systemErrorText(error));
         } else if (!isTouched[file->directory]) {
             isTouched[file->directory] = true;
             touched.push_back(file->directory);
         }
     }
-    if (mIsAbandoned) {
+    if (token.isCancelled()) {
         return;
     }
     for (const quint32 directory : touched) {
-        removeEmptyDirs(watchDir.path, directories[directory].path, used);
+        removeEmptyDirs(watchDir.path, scan.path(directory), used);
     }
 }
 
 void StorageCapacityWatcher::removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir,
                                              qint64& used) const
 {
+    const dev_t device = deviceOf(watchPath);
     QByteArray path = SDCardFileInfo::absolutePath(dir);
     while (path != watchPath && !holdsEntries(path)) {
-        if (::rmdir(path.constData()) != 0) {
-            const QByteArray why = tavoutil::systemErrorText(errno);
-            TRACK_ERROR(logger(), "Cannot remove empty directory " + path + ": " + why);
+        const int slash = path.lastIndexOf('/');
+        const QByteArray parent = path.left(slash);
+        const int error = removeDirectory(parent, path.constData() + slash + 1, device);
+        if (error != 0) {
+            TRACK_ERROR(logger(), "Cannot remove empty directory " + path + ": " +
+                                      tavoutil::systemErrorText(error));
             return;
         }
         used -= kRemovedDirectorySize;
-        const int slash = path.lastIndexOf('/');
-        if (slash <= 0) {
+        if (parent.isEmpty()) {
             TRACK_ERROR(logger(), "Cannot get parent directory of " + path);
             return;
         }
-        path.truncate(slash);
+        path = parent;
     }
 }
 
@@ -258,11 +249,13 @@ QVector<StorageCapacityWatcher::WatchDir> StorageCapacityWatcher::watchDirs() co
     return mWatchDirs;
 }
 
-void StorageCapacityWatcher::enforceOnCard(const WatchDir& watchDir) const
+void StorageCapacityWatcher::enforceOnCard(const WatchDir& watchDir, CancellationToken token) const
 {
-    // The card may have gone since the list was made, and links on it may lead away from it.
-    if (mCard.holds(watchDir.path)) {
-        ensureDirSizeSingle(watchDir);
+    // The card may have gone since the list was made, and links on it may lead away from it. What
+    // does not exist is left to the scan to report.
+    struct stat status = {};
+    if (::lstat(watchDir.path.constData(), &status) != 0 || mCard.holds(watchDir.path)) {
+        ensureDirSizeSingle(watchDir, token);
     } else {
         TRACK_ERROR(logger(), watchDir.path + " is not on the card");
     }
@@ -270,15 +263,15 @@ void StorageCapacityWatcher::enforceOnCard(const WatchDir& watchDir) const
 
 void StorageCapacityWatcher::abandonRuns()
 {
-    mIsAbandoned = true;
+    mRuns.cancelAll();
+    const QDeadlineTimer deadline(kAbandonedRunsMs);
     for (WorkerThread* const thread : findChildren<WorkerThread*>()) {
-        thread->wait(kAbandonedRunMs);
+        thread->wait(deadline);
     }
 }
 
 void StorageCapacityWatcher::storageIsReady()
 {
-    mIsAbandoned = false;
     updateWatchDirs();
     startEnsureDirSizeAllAsThread();
 }
@@ -292,14 +285,19 @@ void StorageCapacityWatcher::storageIsUnmounted()
 
 void StorageCapacityWatcher::ensureDirSizeAll() const
 {
+    ensureDirSizeAll(mRuns.token());
+}
+
+void StorageCapacityWatcher::ensureDirSizeAll(CancellationToken token) const
+{
     if (!mCard.isMounted()) {
         return;
     }
     for (const WatchDir& watchDir : watchDirs()) {
-        if (mIsAbandoned) {
+        if (token.isCancelled()) {
             return;
         }
-        enforceOnCard(watchDir);
+        enforceOnCard(watchDir, token);
     }
 }
 
@@ -314,7 +312,7 @@ bool StorageCapacityWatcher::ensureDirSize(const QString& identifier) const
     }
     for (const WatchDir& watchDir : watchDirs()) {
         if (identifier.toUtf8() == SDCardFileInfo(watchDir.path).baseName()) {
-            enforceOnCard(watchDir);
+            enforceOnCard(watchDir, mRuns.token());
             return true;
         }
     }
@@ -324,7 +322,7 @@ bool StorageCapacityWatcher::ensureDirSize(const QString& identifier) const
 
 void StorageCapacityWatcher::startEnsureDirSizeAllAsThread()
 {
-    auto* const thread = new WorkerThread(this);
+    auto* const thread = new WorkerThread(this, mRuns.token());
     connect(thread, &WorkerThread::done, this, &StorageCapacityWatcher::ensureDirSizeAllDone);
     connect(thread, &QThread::finished, thread, &QObject::deleteLater);
     thread->start(QThread::InheritPriority);
@@ -337,13 +335,14 @@ void StorageCapacityWatcher::ensureDirSizeAllDone()
     }
 }
 
-WorkerThread::WorkerThread(StorageCapacityWatcher* watcher) : QThread(watcher), mWatcher(watcher)
+WorkerThread::WorkerThread(StorageCapacityWatcher* watcher, CancellationToken token)
+    : QThread(watcher), mWatcher(watcher), mToken(token)
 {
     initTrack("WorkerThread");
 }
 
 void WorkerThread::run()
 {
-    mWatcher->ensureDirSizeAll();
+    mWatcher->ensureDirSizeAll(mToken);
     Q_EMIT done();
 }

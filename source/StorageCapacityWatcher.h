@@ -1,7 +1,5 @@
 #pragma once
 
-#include <atomic>
-
 #include <QByteArray>
 #include <QMutex>
 #include <QObject>
@@ -12,6 +10,7 @@
 
 #include <tavoutil/TrackObject.h>
 
+#include "CancellationToken.h"
 #include "MountedFileSystem.h"
 
 class ConfigHandler;
@@ -56,10 +55,11 @@ public:
     /// @param used bytes in use; lowered by what each removed directory counts for
     void removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir, qint64& used) const;
 
-    /// Makes background runs end early and waits for that, at most 3 s. They hold directories of
-    /// the card open, and a card that has been pulled could not be unmounted as long as they do.
-    /// Nothing is deleted any more until the next storageIsReady().
+    /// Makes the background runs that are under way end early, and waits for that, at most 3 s.
+    /// They hold directories of the card open, and it could not be unmounted as long as they do.
     void abandonRuns();
+    /// Enforces every limit while the card is mounted, until @p token is cancelled.
+    void ensureDirSizeAll(CancellationToken token) const;
 
 public Q_SLOTS:
     void storageIsReady();
@@ -75,7 +75,8 @@ public Q_SLOTS:
 
 private:
     QVector<WatchDir> watchDirs() const;
-    void enforceOnCard(const WatchDir& watchDir) const;
+    void enforceOnCard(const WatchDir& watchDir, CancellationToken token) const;
+    void ensureDirSizeSingle(const WatchDir& watchDir, CancellationToken token) const;
 
     const ConfigHandler& mConfig;
     MountedFileSystem mCard;
@@ -83,17 +84,17 @@ private:
     /// Background runs read the list while the main thread may rebuild or clear it.
     mutable QMutex mWatchDirsMutex;
     QVector<WatchDir> mWatchDirs;
-    std::atomic<bool> mIsAbandoned{false};
+    CancellationSource mRuns;
 };
 
-/// One background run of a StorageCapacityWatcher.
+/// One background run of a StorageCapacityWatcher, cancelled by it from its construction on.
 class WorkerThread : public QThread, public TrackObject
 {
     Q_OBJECT
 
 public:
     /// @param watcher also the thread's parent; must outlive the run
-    explicit WorkerThread(StorageCapacityWatcher* watcher);
+    explicit WorkerThread(StorageCapacityWatcher* watcher, CancellationToken token);
 
 Q_SIGNALS:
     void done();
@@ -103,4 +104,5 @@ protected:
 
 private:
     StorageCapacityWatcher* mWatcher;
+    CancellationToken mToken;
 };

@@ -74,6 +74,8 @@ private Q_SLOTS:
     void each_directory_counts_for_2_bytes();
     void a_path_is_normalised_before_it_is_climbed();
     void a_climb_that_comes_to_the_root_is_reported();
+    void nothing_is_removed_off_the_file_system_of_the_watched_directory();
+    void an_empty_directory_with_a_path_of_any_length_is_removed();
     void a_parent_that_cannot_be_removed_ends_the_climb();
     void failures_count_where_their_level_is_off();
 };
@@ -267,11 +269,42 @@ void CapacityRemovalTest::a_climb_that_comes_to_the_root_is_reported()
 {
     createDirectory("/lonely");
     const LogCapture log;
-    QCOMPARE(removeEmptyDirs(kRoot, "/lonely"), qint64{2});
+    QCOMPARE(removeEmptyDirs("/etc", "/lonely"), qint64{2});
     QVERIFY(!exists("/lonely"));
     QCOMPARE(log.messages(LogLevel::Error), QStringList{"Cannot get parent directory of /lonely"});
     QCOMPARE(log.records().at(0).channel, QString("StorageCapacityWatcher"));
     QCOMPARE(log.errorCount(), 1U);
+}
+
+void CapacityRemovalTest::nothing_is_removed_off_the_file_system_of_the_watched_directory()
+{
+    createDirectory("/elsewhere");
+    createDirectory("/elsewhere/inner");
+    createDirectory("/elsewhere/inner/empty");
+    QCOMPARE(::symlink("/elsewhere", kRoot + "/away"), 0);
+    const LogCapture log;
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot + "/away/inner/empty"), qint64{0});
+    QVERIFY(exists("/elsewhere/inner/empty"));
+    TestDevice::remove("/elsewhere");
+    QCOMPARE(log.messages(LogLevel::Error), QStringList{"Cannot remove empty directory " + kRoot +
+                                                        "/away/inner/empty: Stale file handle"});
+}
+
+void CapacityRemovalTest::an_empty_directory_with_a_path_of_any_length_is_removed()
+{
+    const QByteArray name(250, 'x');
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    QByteArray path = kRoot;
+    for (int i = 0; i < 40; ++i) {
+        createDirectory(name);
+        QCOMPARE(::chdir(name.constData()), 0);
+        path += "/" + name;
+    }
+    QCOMPARE(::chdir("/"), 0);
+    const LogCapture log;
+    QCOMPARE(removeEmptyDirs(kRoot, path), qint64{80});
+    QCOMPARE(log.messages(), QStringList());
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
 void CapacityRemovalTest::a_parent_that_cannot_be_removed_ends_the_climb()

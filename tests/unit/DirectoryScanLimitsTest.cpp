@@ -1,4 +1,3 @@
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -45,8 +44,8 @@ struct Outcome
 
 Outcome scanTree()
 {
-    const std::atomic<bool> isAbandoned{false};
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    const CancellationSource runs;
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
     scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
     return {scan.totalSize(), scan.files().size()};
 }
@@ -120,6 +119,7 @@ private Q_SLOTS:
     void no_descriptor_stays_open();
     void a_file_costs_at_most_320_bytes_data();
     void a_file_costs_at_most_320_bytes();
+    void a_level_of_a_deep_tree_costs_as_little_as_a_file();
 };
 
 void DirectoryScanLimitsTest::init()
@@ -227,11 +227,11 @@ void DirectoryScanLimitsTest::no_descriptor_stays_open()
     const int before = openDescriptors();
     for (int i = 0; i < 5; ++i) {
         scanTree();
-        const std::atomic<bool> isAbandoned{false};
-        DirectoryScan missing(log4cxx::Logger::getLogger("scan"), isAbandoned);
+        const CancellationSource runs;
+        DirectoryScan missing(log4cxx::Logger::getLogger("scan"), runs.token());
         missing.run(kRoot + "/missing", DirectoryScan::Extent::WholeTree,
                     DirectoryScan::Keep::Files);
-        DirectoryScan link(log4cxx::Logger::getLogger("scan"), isAbandoned);
+        DirectoryScan link(log4cxx::Logger::getLogger("scan"), runs.token());
         link.run(kRoot + "/link", DirectoryScan::Extent::OneLevel, DirectoryScan::Keep::SizesOnly);
     }
     QCOMPARE(openDescriptors(), before);
@@ -265,6 +265,26 @@ void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
     QVERIFY(peak > 0);
     qInfo("%.1f bytes a file", static_cast<double>(peak) / files);
     QVERIFY2(peak <= qint64{320} * files, qPrintable(QString::number(peak / files)));
+}
+
+void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QSKIP("a sanitizer's own memory is in the figure");
+#endif
+    constexpr int kLevels = 3000;
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    for (int i = 0; i < kLevels; ++i) {
+        // A sibling that waits for its turn at each level.
+        createDirectory("later");
+        createDirectory("x");
+        QCOMPARE(::chdir("x"), 0);
+    }
+    QCOMPARE(::chdir("/"), 0);
+    const qint64 peak = peakOf([] { return scanTree().size > 0; });
+    QVERIFY(peak > 0);
+    constexpr qint64 kLongestPath = 1048576;
+    QVERIFY2(peak <= qint64{320} * 2 * kLevels + kLongestPath, qPrintable(QString::number(peak)));
 }
 
 TEST_DEVICE_MAIN(DirectoryScanLimitsTest)

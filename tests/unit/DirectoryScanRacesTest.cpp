@@ -1,4 +1,3 @@
-#include <atomic>
 #include <functional>
 
 #include <QCoreApplication>
@@ -37,8 +36,8 @@ constexpr qint64 kFileSize = 100;
 QStringList scan()
 {
     const LogCapture log;
-    const std::atomic<bool> isAbandoned{false};
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    const CancellationSource runs;
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
     scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
     return QStringList{QString::number(scan.totalSize())} + log.messages(LogLevel::Error);
 }

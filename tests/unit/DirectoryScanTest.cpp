@@ -1,4 +1,3 @@
-#include <atomic>
 #include <random>
 
 #include <QCoreApplication>
@@ -26,8 +25,8 @@ const QByteArray kRoot = "/media/sdcard/w";
 
 qint64 scanSize(const QByteArray& path, DirectoryScan::Extent extent)
 {
-    const std::atomic<bool> isAbandoned{false};
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    const CancellationSource runs;
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
     scan.run(path, extent, DirectoryScan::Keep::SizesOnly);
     return scan.totalSize();
 }
@@ -45,13 +44,13 @@ qint64 flatSize(const QByteArray& path = kRoot)
 /// "size change-time path" of each file.
 QList<QByteArray> scannedFiles(const QByteArray& path = kRoot)
 {
-    const std::atomic<bool> isAbandoned{false};
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    const CancellationSource runs;
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
     scan.run(path, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
     QList<QByteArray> files;
     for (const DirectoryScan::File& file : scan.files()) {
         files.append(QByteArray::number(file.size) + " " + QByteArray::number(file.changeTime) +
-                     " " + scan.directories().at(file.directory).path + "/" + file.name);
+                     " " + scan.path(file.directory) + "/" + file.name);
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -110,7 +109,8 @@ private Q_SLOTS:
     void a_root_that_cannot_be_measured_is_reported_data();
     void a_root_that_cannot_be_measured_is_reported();
     void a_directory_that_may_not_be_read_counts_as_itself();
-    void an_abandoned_scan_ends();
+    void a_cancelled_scan_ends();
+    void sizes_beyond_64_bits_are_the_largest_number();
 };
 
 void DirectoryScanTest::init()
@@ -306,14 +306,27 @@ void DirectoryScanTest::a_directory_that_may_not_be_read_counts_as_itself()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void DirectoryScanTest::an_abandoned_scan_ends()
+void DirectoryScanTest::a_cancelled_scan_ends()
 {
     createFile(kRoot + "/a", 1000);
-    const std::atomic<bool> isAbandoned{true};
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), isAbandoned);
+    CancellationSource runs;
+    const CancellationToken token = runs.token();
+    runs.cancelAll();
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), token);
     scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
     QCOMPARE(scan.totalSize(), qint64{0});
     QVERIFY(scan.files().empty());
+}
+
+void DirectoryScanTest::sizes_beyond_64_bits_are_the_largest_number()
+{
+    QVERIFY(TestDevice::mountTmpfs(kRoot, 1048576));
+    const qint64 large = std::numeric_limits<qint64>::max() - 4095;
+    createFile(kRoot + "/a", large);
+    createFile(kRoot + "/b", large);
+    const qint64 size = treeSize();
+    TestDevice::unmountAll(kRoot);
+    QCOMPARE(size, std::numeric_limits<qint64>::max());
 }
 
 TEST_DEVICE_MAIN(DirectoryScanTest)

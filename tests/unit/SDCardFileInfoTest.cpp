@@ -1,3 +1,5 @@
+#include <limits>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -41,6 +43,8 @@ private Q_SLOTS:
     void what_does_not_exist_is_invalid_and_logged();
     void a_name_is_bytes();
     void copies_keep_their_base_name();
+    void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do_data();
+    void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do();
 };
 
 void SDCardFileInfoTest::init()
@@ -220,6 +224,35 @@ void SDCardFileInfoTest::copies_keep_their_base_name()
     }
     QCOMPARE(copy.baseName(), "sub");
     QVERIFY(copy.isValid());
+}
+
+void SDCardFileInfoTest::
+    a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do_data()
+{
+    // Seconds are 64 bits wide only where time_t is.
+    QTest::addColumn<qint64>("seconds");
+    QTest::addColumn<qint64>("nanoseconds");
+    QTest::addColumn<qint64>("changeTime");
+    constexpr qint64 kMax = std::numeric_limits<qint64>::max();
+    constexpr qint64 kMin = std::numeric_limits<qint64>::min();
+    QTest::newRow("now") << qint64{1795000000} << qint64{999999999} << qint64{1795000000999999999};
+    QTest::newRow("before the epoch") << qint64{-1} << qint64{999999999} << qint64{-1};
+    if (std::numeric_limits<time_t>::max() > std::numeric_limits<qint32>::max()) {
+        QTest::newRow("last") << kMax / 1000000000 << kMax % 1000000000 << kMax;
+        QTest::newRow("a nanosecond later") << kMax / 1000000000 << kMax % 1000000000 + 1 << kMax;
+        QTest::newRow("the last of ext4") << qint64{0x37fffffff} << qint64{0} << kMax;
+        QTest::newRow("long ago") << qint64{-9300000000} << qint64{0} << kMin;
+    }
+}
+
+void SDCardFileInfoTest::a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do()
+{
+    QFETCH(const qint64, seconds);
+    QFETCH(const qint64, nanoseconds);
+    struct stat status = {};
+    status.st_ctim.tv_sec = static_cast<time_t>(seconds);
+    status.st_ctim.tv_nsec = static_cast<decltype(status.st_ctim.tv_nsec)>(nanoseconds);
+    QTEST(changeTimeOf(status), "changeTime");
 }
 
 TEST_DEVICE_MAIN(SDCardFileInfoTest)
