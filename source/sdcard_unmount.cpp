@@ -8,6 +8,7 @@
 
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <tavoutil/SystemError.h>
 #include <tavoutil/TrackLog.h>
@@ -80,6 +81,8 @@ int Sdcard::checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
                            const eLogLevel& logLevel)
 {
     const bool logsProcesses = logLevel != eLogLevel::Silent;
+    // The service's own runs let go first: they would be taken for somebody else's.
+    mCapacityWatcher.abandonRuns();
     QByteArray output;
     const int exitCode =
         runCMD(kListOpenFilesCmd, {QStringLiteral("-t"), QStringLiteral("-Q"), mountPoint}, output,
@@ -214,6 +217,7 @@ void Sdcard::terminateProcesses(const QString& mountPoint)
 {
     QVector<int> processIds;
     checkOpenFiles(mountPoint, processIds, eLogLevel::Files);
+    processIds.removeAll(::getpid());
     for (const int processId : processIds) {
         TRACK_WARN(logger(), "Shutdown softly process " + QByteArray::number(processId) + " !");
         if (::kill(processId, SIGTERM) != 0) {
@@ -236,6 +240,7 @@ void Sdcard::killProcesses(const QString& mountPoint)
     TRACK_WARN(logger(), "System is rebooting -> shutdown processes (!)");
     QVector<int> processIds;
     checkOpenFiles(mountPoint, processIds, eLogLevel::Silent);
+    processIds.removeAll(::getpid());
     for (const int processId : processIds) {
         if (::kill(processId, SIGKILL) != 0) {
             const QByteArray why = tavoutil::systemErrorText(errno);

@@ -1,6 +1,8 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+#include <unistd.h>
+
 #include "ControllerDevice.h"
 #include "SDCardImpl.h"
 #include "SystemCalls.h"
@@ -21,6 +23,8 @@ private Q_SLOTS:
     void the_soft_path_unmounts_without_lsof();
     void the_hard_path_kills_the_processes();
     void the_hard_path_goes_on_after_a_process_that_is_gone();
+    void the_service_never_signals_itself_data();
+    void the_service_never_signals_itself();
 
 private:
     TestBus mBus;
@@ -192,6 +196,26 @@ void SdcardForcedUnmountTest::the_hard_path_goes_on_after_a_process_that_is_gone
                           kError + "Kill hardly failed: No such process",
                           kError + "Kill hardly failed: No such process",
                           kInfo + "SD Card is successfully unmounted"}));
+}
+
+void SdcardForcedUnmountTest::the_service_never_signals_itself_data()
+{
+    QTest::addColumn<QByteArray>("runlevel");
+    QTest::newRow("soft") << QByteArray("5");
+    QTest::newRow("hard") << QByteArray("6");
+}
+
+void SdcardForcedUnmountTest::the_service_never_signals_itself()
+{
+    QFETCH(const QByteArray, runlevel);
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    QVERIFY(ControllerDevice::mountCard());
+    ToolStandIn::place(ToolStandIn::kRunlevel, "echo N " + runlevel);
+    ToolStandIn::place(ToolStandIn::kLsof, "echo " + QByteArray::number(::getpid()));
+    SystemCalls::reset();
+    controller.forced_unmounting();
+    QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/sdcard 0"});
 }
 
 TEST_DEVICE_MAIN(SdcardForcedUnmountTest)
