@@ -13,13 +13,18 @@ from .bus import BusError
 from .card import Card
 from .emulated import BoardGone, EmulatedBoard, EmulatorError
 from .installation import PLATFORM
-from .names import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE
+from .names import CARD_DEVICE, CARD_INTERFACE, MOUNT_POINT, PARTITION_DEVICE
 from .telling import NotSeen, Teller
 from .virtual_board import VirtualBoard
 from .virtual_machine import MachineError
 
 CARD_MIB = 64
 BUTTON_SECONDS = 7
+LOGGER_DATABASE = "PindleLogger.db"
+PREPARATION_SCRIPT = "/opt/tavo/share/tavo-sdcard/preparing/50-example"
+WATCHED = "csv"
+WATCHED_FILE_BYTES = 1_000_000
+WATCHED_FILES_BEYOND = 3
 INTERRUPTED = 130
 KINDS = {VirtualBoard: "A virtual board", EmulatedBoard: "An emulated 32-bit ARM board"}
 
@@ -49,6 +54,8 @@ def play(kind: type[Board], program: Path) -> None:
         teller.tell("card", _content(board))
         _tell_lights(teller, board)
         teller.tell("memory", f"state {board.property('MemState')}, {board.property('MemLevel')} % used")
+        board.write_file(f"{MOUNT_POINT}/{LOGGER_DATABASE}", "kept\n")
+        teller.tell("logger", f"leaves {LOGGER_DATABASE} at the card's root, as older versions did")
 
         teller.heading("The eject button is held for five seconds")
         board.press_eject_button()
@@ -63,9 +70,18 @@ def play(kind: type[Board], program: Path) -> None:
         teller.heading("The card is taken out, and put in again")
         board.pull()
         teller.until_seen(["signal: CardRemoved", "State: NO_CARD, last transition CARD_REMOVED", "LEDs: OFF"], within=10)
+        board.write_file(PREPARATION_SCRIPT, '#!/bin/sh\necho "$0 is called with $*"\n', 0o755)
         board.insert(card)
-        teller.until_seen(["log: INFO  St:Mounting SD Card Linux Ext4 format is ok", "signal: CardMounted",
-                           "State: MOUNTED, last transition CARD_INSERTED", "LEDs: MOUNTED"], within=60)
+        teller.until_seen(["log: INFO  St:Mounting SD Card Linux Ext4 format is ok",
+                           "log: INFO  St:Preparing Succesffully moved logger database into new location",
+                           f"log: INFO  St:Preparing {PREPARATION_SCRIPT} is called with logger=/logger",
+                           "signal: CardMounted", "State: MOUNTED, last transition CARD_INSERTED", "LEDs: MOUNTED"], within=60)
+        if board.read_file(f"{MOUNT_POINT}/logger/{LOGGER_DATABASE}") != "kept\n":
+            raise NotSeen("the logger's database in its directory")
+        teller.tell("card", _content(board))
+
+        teller.heading(f"More is written to {WATCHED} than its share of the card")
+        _overfill(teller, board)
 
         teller.heading("The service is told to end (SIGTERM)")
         board.service.send_signal()
@@ -79,6 +95,29 @@ def play(kind: type[Board], program: Path) -> None:
     if remains := board.leftovers():
         raise NotSeen("a board that leaves nothing behind: " + "; ".join(remains))
     print("\nEvery step was seen, and nothing is left behind.")
+
+
+def _overfill(teller: Teller, board: Board) -> None:
+    """Writes files until a watched directory is beyond its share, and has the oldest deleted."""
+    share = board.call(CARD_INTERFACE, "GetDirSize", WATCHED)
+    count = share // WATCHED_FILE_BYTES + WATCHED_FILES_BEYOND
+    path = f"{MOUNT_POINT}/{WATCHED}"
+    board.run("sh", "-c", f"for i in $(seq 101 {100 + count}); do truncate -s {WATCHED_FILE_BYTES} {path}/$i.csv && "
+                          "sleep 0.01; done", check=True)
+    written = sorted(board.run("ls", path, check=True).stdout.split())
+    _tell_use(teller, board, share)
+    board.call(CARD_INTERFACE, "EnsureDirSize", WATCHED)
+    left = sorted(board.run("ls", path, check=True).stdout.split())
+    _tell_use(teller, board, share)
+    gone = written[:len(written) - len(left)]
+    if not gone or left != written[len(gone):] or board.call(CARD_INTERFACE, "getDirUsed", WATCHED) >= share:
+        raise NotSeen(f"the oldest files gone, and no more than needed: {written} became {left}")
+    teller.tell(WATCHED, f"the oldest are gone: {' '.join(gone)}")
+
+
+def _tell_use(teller: Teller, board: Board, share: int) -> None:
+    used = board.call(CARD_INTERFACE, "getDirUsed", WATCHED)
+    teller.tell(WATCHED, f"{used / 1e6:.1f} MB of the {share / 1e6:.1f} MB that are its share")
 
 
 def _on_card(board: Board) -> str:
