@@ -4,6 +4,7 @@ A kind of board implements the abstract operations at the end of the class; ever
 on these.
 """
 
+import os
 import shlex
 import signal
 import subprocess
@@ -11,6 +12,7 @@ import threading
 import time
 from abc import ABC, abstractmethod
 from collections.abc import Callable
+from pathlib import Path
 from typing import TypeVar
 
 from . import tools
@@ -19,8 +21,8 @@ from .card import Card
 from .expectations import Expectations
 from .leds import LedPanel
 from .log_records import LogRecord, parse_records
-from .names import (ENVIRONMENT, LOG_FILE, MOUNT_POINT, RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_LOG,
-                    TOOL_CALLS_FILE, State, Transition)
+from .names import (BOARD_DIRECTORY, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION, MOUNT_POINT, RUN_LEVEL_FILE,
+                    SERVICE_PROGRAM, SYSTEM_LOG, TOOL_CALLS_FILE, TRACKING_CONFIGURATION, State, Transition)
 from .process import Process
 
 RUN_SECONDS = 60
@@ -42,6 +44,7 @@ class Board(Expectations, ABC):
 
     # By how much every time that a test allows for something is longer on this kind of board.
     patience = 1
+    _dpkg_options: tuple[str, ...] = ()
 
     def __init__(self) -> None:
         self.services: list[Process] = []  # every start of the service
@@ -241,6 +244,21 @@ class Board(Expectations, ABC):
         """The board's mounts of the card, as /proc/mounts tells them."""
         return [line for line in self.read_file("/proc/mounts").splitlines()
                 if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
+
+    def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
+        """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
+        copy = f"{BOARD_DIRECTORY}/package.deb"
+        self.run("sh", "-c", 'cat >"$1"', "sh", copy, input=Path(package).read_bytes(), check=True)
+        self.write_file("/usr/sbin/policy-rc.d", f"#!/bin/sh\nexit {0 if start else 101}\n", 0o755)
+        self.run("dpkg", *self._dpkg_options, "--install", "--force-confold", copy, check=True)
+
+    def _install_product(self, package: str | os.PathLike, media_config: str | None, track_config: str | None) -> None:
+        self.install_package(package)
+        self.remove_file(TRACKING_CONFIGURATION)
+        if track_config is not None:
+            self.write_file(TRACKING_CONFIGURATION, track_config)
+        if media_config is not None:
+            self.write_file(MEDIA_CONFIGURATION, media_config)
 
     def _remains_on_board(self) -> list[str]:
         own = {str(process.pid) for process in self._started}

@@ -11,8 +11,8 @@ from .installation import RUN_LEVEL_PROGRAM, configuration_files, file, product_
 from .leds import LED_FILES, LED_NAMES, LedPanel
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
-from .names import (BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, MEDIA_CONFIGURATION, RUN_LEVEL_FILE,
-                    SERVICE_PROGRAM, SYSTEM_BUS_SOCKET, TRACKING_CONFIGURATION)
+from .names import (BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, RUN_LEVEL_FILE, SERVICE_PROGRAM,
+                    SYSTEM_BUS_SOCKET)
 from .process import Process
 from .virtual_machine import VirtualMachine
 
@@ -51,22 +51,10 @@ class VirtualBoard(Board):
             self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
             if package is not None:
-                self.install_package(package)
-                self.remove_file(TRACKING_CONFIGURATION)
-                if track_config is not None:
-                    self.write_file(TRACKING_CONFIGURATION, track_config)
-                if media_config is not None:
-                    self.write_file(MEDIA_CONFIGURATION, media_config)
+                self._install_product(package, media_config, track_config)
         except BaseException:
             self._machine.power_off()
             raise
-
-    def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
-        """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
-        copy = f"{BOARD_DIRECTORY}/package.deb"
-        self._machine.path_from_host(copy).write_bytes(Path(package).read_bytes())
-        self.write_file("/usr/sbin/policy-rc.d", f"#!/bin/sh\nexit {0 if start else 101}\n", 0o755)
-        self.run("dpkg", "--install", "--force-confold", copy, check=True)
 
     @property
     def is_open(self) -> bool:

@@ -8,14 +8,15 @@ from pathlib import Path
 from ..board import Board
 from ..bus import BusClient
 from ..card import Card
-from ..installation import configuration_files, file
+from ..installation import RUN_LEVEL_PROGRAM, configuration_files, file
 from ..log_records import TRACKING_CONFIGURATION_TEXT
-from ..names import BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, PARTITION_DEVICE, SYSTEM_BUS_SOCKET
+from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, MEDIA_CONFIGURATION, PARTITION_DEVICE,
+                     SYSTEM_BUS_SOCKET)
 from ..process import Process
 from .emulator import MEMORY_MIB, Emulator
 from .led_panel import EmulatedLedPanel
 from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
-from .snapshot import HOTPLUG_RULE, boot, resume
+from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume
 
 SLOT_SECONDS = 20
 CONTACT_SECONDS = 10
@@ -29,16 +30,20 @@ class EmulatedBoard(Board):
     """See Board. The kernel and the product's hot-plug rule announce cards, as on the device."""
 
     patience = PATIENCE
+    # Its packages are unpacked and not installed: dpkg knows of none of them.
+    _dpkg_options = ("--force-depends",)
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
                  eject_button: bool = True, files: dict[str, str] | None = None,
-                 format_blank_cards: bool = False, memory_mib: int = MEMORY_MIB, cold_start: bool = False) -> None:
+                 format_blank_cards: bool = False, memory_mib: int = MEMORY_MIB, cold_start: bool = False,
+                 package: str | os.PathLike | None = None) -> None:
         """Starts the board, without a card and without the service.
 
         @p program is the service's executable for 32-bit ARM. With @p format_blank_cards the hot-plug
         helper does what it does on the device when it meets a blank card. With @p cold_start the
-        board boots; otherwise it goes on from a snapshot.
+        board boots; otherwise it goes on from a snapshot. A Debian @p package is installed as on the
+        virtual board.
         """
         super().__init__()
         installed = configuration_files(media_config, track_config)
@@ -54,6 +59,9 @@ class EmulatedBoard(Board):
         self._emulator_pid = self._emulator.pid
         try:
             self._set_up(installed, leds, eject_button)
+            if package is not None:
+                self.run("rm", *self._replaced_by_package(), check=True)
+                self._install_product(package, media_config, track_config)
         except BaseException:
             self._switch_off()
             raise
@@ -74,6 +82,10 @@ class EmulatedBoard(Board):
                 self.bus = BusClient(directory + "/bus", self._notify)
             finally:
                 gate.close()
+
+    @staticmethod
+    def _replaced_by_package() -> list[str]:
+        return [path for path in hotplug_and_product_files() if path != RUN_LEVEL_PROGRAM] + [MEDIA_CONFIGURATION]
 
     @property
     def is_open(self) -> bool:

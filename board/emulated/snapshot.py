@@ -110,7 +110,7 @@ def _append_product(directory: Path, disk: Path, program: Path | None) -> None:
         if source.parent in (AGENT, MACHINE):
             shutil.copy(source, agent)
     (agent / "start").rename(agent.parent / "start")
-    for path, entry in _product_files().items():
+    for path, entry in hotplug_and_product_files().items():
         target = product / path.lstrip("/")
         target.parent.mkdir(parents=True, exist_ok=True)
         if "link" in entry:
@@ -130,7 +130,8 @@ def _append_product(directory: Path, disk: Path, program: Path | None) -> None:
                        input=names.encode(), stdout=archive)
 
 
-def _product_files() -> dict[str, dict]:
+def hotplug_and_product_files() -> dict[str, dict]:
+    """The product's own files on a saved board, path to file."""
     return product_files() | {
         HOTPLUG_RULE: file((PLATFORM / "60-tavo-sdcard.rules").read_text()),
         HOTPLUG_HELPER: file((PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755),

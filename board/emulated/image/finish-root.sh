@@ -9,6 +9,10 @@ rm -rf "$root"/usr/share/doc "$root"/usr/share/man "$root"/usr/share/locale "$ro
     "$root"/usr/share/mime "$root"/usr/lib/linux-image-* "$root"/usr/lib/udev/hwdb.d \
     "$root"/var/lib/dpkg "$root"/var/cache/apt "$root"/var/lib/apt
 
+# A package can be installed, as if it were the first.
+mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/triggers"
+: >"$root/var/lib/dpkg/status"
+
 # The kernel's modules that the board has a use for, with all that these need.
 version=$(ls "$root/usr/lib/modules")
 modules=$root/usr/lib/modules/$version
