@@ -1,6 +1,7 @@
 """What the board's LED files say, told whenever someone has written to one of them."""
 
 import ctypes
+import errno
 import os
 import time
 
@@ -44,8 +45,10 @@ class Lights:
             try:
                 with open(f"{directory}/{attribute}", encoding="ascii") as file:
                     values[attribute] = int(file.read())
-            except FileNotFoundError:
-                continue
+            except OSError as problem:
+                # A trigger takes its files away with it, also from under whoever has opened one.
+                if problem.errno not in (errno.ENOENT, errno.ENODEV):
+                    raise
         with open(f"{directory}/trigger", encoding="ascii") as file:
             values["trigger"] = file.read().split("[", 1)[1].split("]", 1)[0]
         return values
