@@ -1,5 +1,6 @@
 """A board with the device's processor, kernel and MMC host, in an emulator."""
 
+import base64
 import os
 import tempfile
 import time
@@ -161,7 +162,7 @@ class EmulatedBoard(Board):
             remote = RemoteProgram(self._link, number, output, errors, status_pipe.fileno())
         try:
             answer = self._link.ask("start", remote.receive, number, arguments=command, environment=environment,
-                                    user=user, standard_input=standard_input.decode("latin-1"))
+                                    user=user, standard_input=base64.b64encode(standard_input).decode())
         except BaseException:
             remote.close()
             raise

@@ -5,6 +5,7 @@ bears the same one, and so does everything that the request brings about later: 
 end, the bytes of a connection.
 """
 
+import base64
 import json
 import os
 import selectors
@@ -80,7 +81,7 @@ class Agent:
     def _do_start(self, number: int, arguments: list[str], environment: dict[str, str], user: str | None,
                   standard_input: str) -> dict:
         given = os.memfd_create("stdin")
-        os.write(given, standard_input.encode("latin-1"))
+        os.write(given, base64.b64decode(standard_input))
         os.lseek(given, 0, os.SEEK_SET)
         pipes = [os.pipe2(os.O_CLOEXEC) for _ in range(3)]
         writers = [writer for _, writer in pipes]

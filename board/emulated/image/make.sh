@@ -9,11 +9,11 @@ image=$cache/image
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
 
 "$here/../../../cmake/armhf-root.sh" "$root" --hook "$here/finish-root.sh" \
-    base-files base-passwd dash coreutils sed grep findutils mawk debianutils procps psmisc \
+    base-files base-passwd libc-bin dash coreutils sed grep findutils mawk debianutils procps psmisc \
     mount util-linux bsdutils fdisk e2fsprogs dosfstools lsof sysvinit-core kmod udev \
-    dbus dbus-daemon dbus-bin python3 busybox-static linux-image-armmp \
-    dpkg diffutils libc-bin tar perl-base init-system-helpers sysvinit-utils \
-    libqt5core5a libqt5dbus5 liblog4cxx15 libfdisk1 libexpat1
+    dbus dbus-daemon dbus-bin python3 bash strace socat busybox-static linux-image-armmp \
+    dpkg diffutils tar perl-base init-system-helpers sysvinit-utils \
+    libqt5core5a libqt5dbus5 libqt5test5 liblog4cxx15 libfdisk1 libexpat1
 
 made_from=$(cat "$root/made-from" "$0" "$here/init" | sha256sum; qemu-system-arm --version | head -n 1)
 if [ "$(cat "$image/made-from" 2>/dev/null)" = "$made_from" ]; then
