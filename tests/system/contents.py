@@ -6,7 +6,7 @@ import struct
 from dataclasses import dataclass
 from pathlib import Path
 
-from board import MOUNT_POINT, VirtualBoard
+from board import MOUNT_POINT, Board
 
 FS_IOC_SETFLAGS = 0x40086602
 FS_IMMUTABLE_FL = 0x10
@@ -23,23 +23,28 @@ class Entry:
 
 
 class Contents:
-    """The card of a board, through the board's own eyes but with the test's own calls."""
+    """The card of a board, through the board's own eyes; most of it with the test's own calls, on a virtual one."""
 
-    def __init__(self, board: VirtualBoard) -> None:
-        self.root = Path(f"/proc/{board.host_pid}/root{MOUNT_POINT}")
+    def __init__(self, board: Board) -> None:
+        self._board = board
+
+    @property
+    def root(self) -> Path:
+        """Where a virtual board's card is found from here."""
+        return Path(f"/proc/{self._board.host_pid}/root{MOUNT_POINT}")
 
     def path(self, name: str | bytes) -> bytes:
         """Where something on the card is found from here."""
         return os.path.join(os.fsencode(self.root), os.fsencode(name))
 
     def file_system(self) -> os.statvfs_result:
-        """The card's size and use."""
-        return os.statvfs(self.root)
+        """The card's size and use; on any board."""
+        values = self._board.run("stat", "-f", "-c", "%s %S %b %f %a", MOUNT_POINT, check=True).stdout.split()
+        return os.statvfs_result((*map(int, values), 0, 0, 0, 0, 0))
 
-    def fill(self, name: str | bytes, size: int) -> None:
-        """Writes a file of zeros that takes its room on the card."""
-        with open(self.path(name), "wb") as file:
-            os.posix_fallocate(file.fileno(), 0, size)
+    def fill(self, name: str, size: int) -> None:
+        """Writes a file of zeros that takes its room on the card; on any board."""
+        self._board.run("fallocate", "-l", str(size), f"{MOUNT_POINT}/{name}", check=True)
 
     def write(self, name: str | bytes, size: int = 0) -> None:
         """Makes a file of so many bytes, which are all holes, with its directories."""

@@ -10,6 +10,8 @@ from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, 
 from contents import Contents
 from steps import eject, expect_mounted, messages, take_out
 
+pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
+
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024
 PERCENT = 10

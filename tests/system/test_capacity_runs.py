@@ -10,6 +10,8 @@ from capacity import WATCHER, assert_well_chosen, enforce, limit_of, start_with_
 from contents import Contents
 from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
 
+pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
+
 PERCENT = 10
 FILES = 150
 FILE_SIZE = 60_000

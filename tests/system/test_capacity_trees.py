@@ -13,6 +13,8 @@ from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, 
 from contents import Contents, set_immutable
 from steps import messages
 
+pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
+
 MIB = 1024 * 1024
 PERCENT = 10
 CONFIGURATION = f"""

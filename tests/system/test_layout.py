@@ -9,6 +9,8 @@ from board import MOUNT_POINT, Card
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
+
 WARNING = "Cannot apply sdcard layout"
 CONFIGURATION = """
 <sdcard>

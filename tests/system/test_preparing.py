@@ -8,6 +8,8 @@ from board import MOUNT_POINT, Card, LedPattern, State
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
+
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 CALLS = "/run/board/calls"
 DOUBLED = f"csv{MOUNT_POINT}/csv"
