@@ -1,0 +1,105 @@
+"""Cards that lose contact or power at the worst moment, with the kernel's own answers to that."""
+
+import pytest
+
+from board import MOUNT_POINT, Card, State, Transition
+from steps import eject, expect_mounted, start_with_mounted_card
+
+pytestmark = pytest.mark.emulated
+
+SMALL = 8192
+
+
+def expect_nothing_stuck(board):
+    """Nobody waits for a card that is gone, and nothing of it is mounted."""
+    def waiting():
+        states = board.run("ps", "-e", "-o", "stat=,args=", check=True).stdout.splitlines()
+        return [line for line in states if line.startswith("D")]
+    board.expect("no process in an uninterruptible wait", lambda: waiting() == [])
+    assert board.mounts() == []
+
+
+def test_a_card_pulled_while_it_is_written_is_mounted_again_when_the_kernel_sees_it_again(board):
+    card = start_with_mounted_card(board)
+    board.run("sh", "-c", f"echo kept >{MOUNT_POINT}/export/kept && sync", check=True)
+    writer = board.start("dd", "if=/dev/zero", f"of={MOUNT_POINT}/export/data", "bs=64k", "oflag=sync")
+    board.expect("it writes", lambda: board.run("test", "-s", f"{MOUNT_POINT}/export/data").returncode == 0)
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    board.expect_transition(Transition.CARD_REMOVED)
+    assert writer.wait(60) != 0
+    expect_nothing_stuck(board)
+    board.insert(card)
+    expect_mounted(board)
+    assert board.read_file(f"{MOUNT_POINT}/export/kept") == "kept\n"
+    eject(board)
+
+
+def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(make_board, program):
+    names = [f"d{number}" for number in range(300)]
+    layout = "<sdcard>" + "".join(f'<dir size="0">{name}</dir>' for name in names) + "</sdcard>"
+    board = make_board(program=program, media_config=layout)
+    card = Card.formatted()
+    board.insert(card)
+    waiting = board.start("sh", "-c", f"until [ -e {MOUNT_POINT}/{names[0]} ]; do :; done; ls {MOUNT_POINT}; echo seen")
+    board.start_service(wait=False)
+    board.expect("the layout is being made", lambda: "seen" in waiting.output)
+    board.cut_power()
+    assert len(waiting.output.split()) < len(names), "the layout was complete already"
+    again = make_board(program=program, media_config=layout)
+    start_with_mounted_card(again, card)
+    found = again.run("ls", MOUNT_POINT, check=True).stdout.split()
+    assert set(names) <= set(found)
+    eject(again)
+
+
+def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_within_its_limits(make_board, program,
+                                                                                            tmp_path):
+    # 1500 files of 8 KiB are 12 MB; a tenth of the card is about 5 MB.
+    layout = '<sdcard><dir size="10" capacitywatch="true">csv</dir></sdcard>'
+    csv = f"{MOUNT_POINT}/csv"
+    (tmp_path / "csv").mkdir()
+    for number in range(1500):
+        (tmp_path / "csv" / f"{number:04}").write_bytes(bytes(SMALL))
+    board = make_board(program=program, media_config=layout)
+    card = Card.formatted(content=tmp_path)
+    board.insert(card)
+    waiting = board.start("sh", "-c", f"until [ -e {csv}/0000 ]; do sleep 0.1; done; cd {csv}; set -- *; "
+                                      "until [ $# -lt 1490 ]; do set -- *; done; echo removing")
+    start_with_mounted_card(board, card)
+    board.run("sh", "-c", f"echo precious >{csv}/precious && sync", check=True)
+    asked = board.start("dbus-send", "--system", "--dest=tavo.SDCard1", "/tavo/sdcard",
+                        "tavo.SDCard1.EnsureDirSize", "string:csv")
+    board.expect("files are being removed", lambda: "removing" in waiting.output)
+    board.cut_power()
+    assert asked.exit_status is not None
+    again = make_board(program=program, media_config=layout)
+    start_with_mounted_card(again, card)
+    again.call("tavo.SDCard1", "EnsureDirSize", "csv")
+    limit = again.call("tavo.SDCard1", "GetDirSize", "csv")
+    used = again.call("tavo.SDCard1", "getDirUsed", "csv")
+    assert limit * 0.9 < used <= limit
+    assert again.read_file(f"{csv}/precious") == "precious\n"
+    eject(again)
+
+
+def test_a_board_with_128_mib_brings_100000_files_within_their_limit(make_board, program, tmp_path):
+    files = 100_000
+    layout = '<sdcard><dir size="20" capacitywatch="true">csv</dir></sdcard>'
+    for directory in range(100):
+        (tmp_path / "csv" / str(directory)).mkdir(parents=True)
+        for number in range(files // 100):
+            (tmp_path / "csv" / str(directory) / str(number)).write_bytes(b"x" * 1024)
+    card = Card.formatted(500, content=tmp_path)
+    board = make_board(program=program, media_config=layout, memory_mib=128)
+    start_with_mounted_card(board, card)
+    limit = board.call("tavo.SDCard1", "GetDirSize", "csv")
+    assert limit < files * 1024
+    board.start("dbus-send", "--system", "--dest=tavo.SDCard1", "--print-reply", "--reply-timeout=600000",
+                "/tavo/sdcard", "tavo.SDCard1.EnsureDirSize", "string:csv").wait(600)
+    used = board.call("tavo.SDCard1", "getDirUsed", "csv")
+    assert limit * 0.9 < used <= limit
+    peak_kib = int(board.run("sh", "-c", f"grep VmHWM /proc/{board.service.pid}/status", check=True).stdout.split()[1])
+    assert peak_kib < 64 * 1024
+    assert "Out of memory" not in board.kernel_messages()
+    eject(board)
