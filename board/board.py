@@ -311,6 +311,23 @@ class Board(Expectations, ABC):
     def close(self) -> None:
         """Switches the board off. Nothing of it remains; closing twice does nothing."""
 
+    @property
+    @abstractmethod
+    def is_powered(self) -> bool:
+        """Whether the open board still runs."""
+
+    @abstractmethod
+    def open_terminal(self, command: str) -> int:
+        """Leaves this terminal to a command (sh) on the board until that ends; returns an exit status."""
+
+    @abstractmethod
+    def card_counters(self) -> str:
+        """Something that changes whenever the card is read or written; empty while the slot is."""
+
+    @abstractmethod
+    def log_size(self) -> int:
+        """How long the service's log is by now: any number that changes with it."""
+
     @abstractmethod
     def _start(self, command: list[str], environment: dict[str, str], user: str | None,
                standard_input: bytes) -> Process:

@@ -1,6 +1,7 @@
 """A board on this machine's own kernel, in namespaces of its own."""
 
 import os
+import subprocess
 import weakref
 from pathlib import Path
 
@@ -11,8 +12,8 @@ from .installation import RUN_LEVEL_PROGRAM, configuration_files, file, product_
 from .leds import LED_FILES, LED_NAMES, LedPanel
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
-from .names import (BOARD_DIRECTORY, EJECT_BUTTON, LED_DIRECTORY, RUN_LEVEL_FILE, SERVICE_PROGRAM,
-                    SYSTEM_BUS_SOCKET)
+from .names import (BOARD_DIRECTORY, CARD_DEVICE, EJECT_BUTTON, ENVIRONMENT, LED_DIRECTORY, LOG_FILE,
+                    RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET)
 from .process import Process
 from .virtual_machine import VirtualMachine
 
@@ -72,6 +73,32 @@ class VirtualBoard(Board):
         self.led_panel.close()
         self._machine.power_off()
         self._machine = None
+
+    @property
+    def is_powered(self) -> bool:
+        try:
+            return os.readlink(f"/proc/{self.host_pid}/ns/pid") == self.namespace
+        except OSError:
+            return False
+
+    def open_terminal(self, command: str) -> int:
+        # script(1) gives it a terminal of the board's own: with jobs, and with Ctrl-C for them alone.
+        shell = ["nsenter", "--target", str(self.host_pid), "--mount", "--pid", "--root", "--wdns=/",
+                 "script", "--quiet", "--return", "--command", command, "/dev/null"]
+        return subprocess.call(shell, env=ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")})
+
+    def card_counters(self) -> str:
+        try:
+            device = self._machine.path_from_host(CARD_DEVICE).stat().st_rdev
+            return Path(f"/sys/dev/block/{os.major(device)}:{os.minor(device)}/stat").read_text()
+        except OSError:
+            return ""
+
+    def log_size(self) -> int:
+        try:
+            return self._machine.path_from_host(LOG_FILE).stat().st_size
+        except FileNotFoundError:
+            return 0
 
     def _start(self, command: list[str], environment: dict[str, str], user: str | None,
                standard_input: bytes) -> Process:

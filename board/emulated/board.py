@@ -2,22 +2,25 @@
 
 import base64
 import os
+import socket
 import tempfile
-import time
+from contextlib import contextmanager
 from pathlib import Path
+from typing import Iterator
 
 from ..board import Board
 from ..bus import BusClient
 from ..card import Card
 from ..installation import RUN_LEVEL_PROGRAM, configuration_files, file
 from ..log_records import TRACKING_CONFIGURATION_TEXT
-from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, MEDIA_CONFIGURATION, PARTITION_DEVICE,
-                     SYSTEM_BUS_SOCKET)
+from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION,
+                     PARTITION_DEVICE, SYSTEM_BUS_SOCKET)
 from ..process import Process
 from .emulator import MEMORY_MIB, Emulator
 from .led_panel import EmulatedLedPanel
 from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
 from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume
+from .terminal import relay_terminal
 
 SLOT_SECONDS = 20
 CONTACT_SECONDS = 10
@@ -25,6 +28,7 @@ PATIENCE = 4
 # Stands in the hot-plug rule's place where a test announces cards itself.
 MASKED_RULE = "/run/udev/rules.d/" + Path(HOTPLUG_RULE).name
 HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
+TERMINAL_SOCKET = "/run/board/terminal"
 
 
 class EmulatedBoard(Board):
@@ -77,10 +81,16 @@ class EmulatedBoard(Board):
             self.run("rm", "-r", *absent, check=True)
         self.run("sh", "-c", "echo 1 >/sys/bus/pci/rescan; modprobe sdhci-pci", check=True)
         self._await_on_board("[ -e /sys/class/mmc_host/mmc0 ]", SLOT_SECONDS, "the card slot's driver")
+        with self._gate_to(SYSTEM_BUS_SOCKET) as path:
+            self.bus = BusClient(path, self._notify)
+
+    @contextmanager
+    def _gate_to(self, board_path: str) -> Iterator[str]:
+        """A socket of this machine that leads to one of the board's; connections outlive the gate."""
         with tempfile.TemporaryDirectory(prefix="sdcardd-board-") as directory:
-            gate = SocketGate(self._link, SYSTEM_BUS_SOCKET, directory + "/bus")
+            gate = SocketGate(self._link, board_path, directory + "/socket")
             try:
-                self.bus = BusClient(directory + "/bus", self._notify)
+                yield directory + "/socket"
             finally:
                 gate.close()
 
@@ -106,6 +116,28 @@ class EmulatedBoard(Board):
     def cut_power(self) -> None:
         """Ends everything at once, whatever is being written. The card keeps what has reached it."""
         self.close()
+
+    @property
+    def is_powered(self) -> bool:
+        return self._emulator.running
+
+    def open_terminal(self, command: str) -> int:
+        size = os.get_terminal_size()
+        environment = ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")}
+        shell = f"stty rows {size.lines} cols {size.columns}; {command}"
+        terminal = self._start(["socat", f"UNIX-LISTEN:{TERMINAL_SOCKET}",
+                                f"SYSTEM:'{shell}',pty,setsid,ctty,stderr,sane"], environment, None, b"")
+        self._await_on_board(f"[ -S {TERMINAL_SOCKET} ]", CONTACT_SECONDS, "the terminal")
+        with self._gate_to(TERMINAL_SOCKET) as path, socket.socket(socket.AF_UNIX) as connection:
+            connection.connect(path)
+            relay_terminal(connection)
+        return terminal.wait()
+
+    def card_counters(self) -> str:
+        return self._emulator.card_counters() if self.card is not None else ""
+
+    def log_size(self) -> int:
+        return len(self._board_file(LOG_FILE))
 
     def lights(self) -> dict[str, bool]:
         """Which LED really shines at this moment."""

@@ -3,6 +3,7 @@
 import json
 import socket
 import subprocess
+import threading
 from pathlib import Path
 
 # The general-purpose controller that the LEDs (outputs 0 and 1) and the button (input 4) are wired to.
@@ -45,6 +46,7 @@ class Emulator:
             end.close()
         monitor.settimeout(COMMAND_SECONDS)
         self._pins.settimeout(COMMAND_SECONDS)
+        self._conversation = threading.Lock()
         self._monitor_socket = monitor
         self._monitor = monitor.makefile("rw", encoding="utf-8")
         try:
@@ -77,14 +79,15 @@ class Emulator:
     def execute(self, command: str, **arguments: object) -> object:
         """Executes a command of the machine protocol. Raises EmulatorError."""
         try:
-            self._monitor.write(json.dumps({"execute": command, "arguments": arguments}) + "\n")
-            self._monitor.flush()
-            while True:
-                reply = self._receive()
-                if "return" in reply:
-                    return reply["return"]
-                if "error" in reply:
-                    raise EmulatorError(f"{command}: {reply['error']['desc']}")
+            with self._conversation:
+                self._monitor.write(json.dumps({"execute": command, "arguments": arguments}) + "\n")
+                self._monitor.flush()
+                while True:
+                    reply = self._receive()
+                    if "return" in reply:
+                        return reply["return"]
+                    if "error" in reply:
+                        raise EmulatorError(f"{command}: {reply['error']['desc']}")
         except OSError as problem:
             raise EmulatorError(f"{command}: {problem}") from problem
 
@@ -103,6 +106,12 @@ class Emulator:
         answer = self.monitor(f"eject -f {SLOT}")
         if answer.strip():
             raise EmulatorError(answer.strip())
+
+    def card_counters(self) -> str:
+        """What the slot has read and written so far."""
+        devices = self.execute("query-blockstats")
+        counters = next(device["stats"] for device in devices if device["device"] == SLOT)
+        return f"{counters['rd_bytes']} {counters['wr_bytes']}"
 
     def lights(self) -> dict[str, bool]:
         """Which LED has current on its pin at this moment."""

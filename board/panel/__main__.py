@@ -1,4 +1,4 @@
-"""The virtual board in a terminal: python3 -m board.panel PROGRAM
+"""A board in a terminal: python3 -m board.panel [--emulated] PROGRAM
 
 Ends with status 0 when the user quits and nothing is left behind.
 """
@@ -13,7 +13,9 @@ from pathlib import Path
 
 import urwid
 
+from ..board import Board
 from ..client import install_client
+from ..emulated import EmulatedBoard, EmulatorError
 from ..names import MEDIA_CONFIGURATION
 from ..shell import open_shell
 from ..virtual_board import VirtualBoard
@@ -34,7 +36,7 @@ ENDING_SIGNALS = (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
 class Panel:
     """The screen, the keys and the threads behind them, for one board."""
 
-    def __init__(self, board: VirtualBoard) -> None:
+    def __init__(self, board: Board) -> None:
         """Starts to watch the board."""
         directories = watched_directories(board.read_file(MEDIA_CONFIGURATION))
         self.model = Model(directories)
@@ -42,7 +44,7 @@ class Panel:
         self._changes = Changes()
         self.hands = Hands(board, self._changes)
         self._observer = Observer(board, directories, self._changes)
-        self._activity = CardActivity(board.host_pid)
+        self._activity = CardActivity(board)
         self._view = View(len(directories))
         screen = urwid.raw_display.Screen()
         screen.set_terminal_properties(colors=colours_of_terminal())
@@ -118,14 +120,15 @@ def main() -> int:
     try:
         with kept_terminal():
             print("The board is being switched on ...")
-            program = Path(sys.argv[1])
-            with VirtualBoard(program=program) as board:
+            kind = EmulatedBoard if "--emulated" in sys.argv[1:-1] else VirtualBoard
+            program = Path(sys.argv[-1])
+            with kind(program=program) as board:
                 install_client(board, program)
                 Panel(board).run()
     except BoardGone as problem:
         print(f"The panel has lost its board: {problem}.", file=sys.stderr)
         return 1
-    except (MachineError, OSError) as problem:
+    except (MachineError, EmulatorError, OSError) as problem:
         print(f"The board cannot be switched on: {problem}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:

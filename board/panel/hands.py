@@ -6,10 +6,10 @@ import time
 from collections.abc import Callable
 from dataclasses import dataclass
 
+from ..board import Board
 from ..card import Card
 from ..names import CARD_INTERFACE, State
 from ..process import Process
-from ..virtual_board import VirtualBoard
 from .model import REBOOT_RUN_LEVEL, Changes, Model
 from .workers import Lane
 
@@ -38,7 +38,7 @@ TWO_PARTITIONS_CARD = CardKind("a card with two partitions", Card.two_partitions
 class Hands:
     """Acts on a board and tells what was done."""
 
-    def __init__(self, board: VirtualBoard, changes: Changes) -> None:
+    def __init__(self, board: Board, changes: Changes) -> None:
         self._board = board
         self._changes = changes
         self._own_card: Card | None = None

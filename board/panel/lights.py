@@ -1,11 +1,9 @@
 """How the board's LEDs look at a moment."""
 
-import os
 from dataclasses import replace
-from pathlib import Path
 
+from ..board import Board
 from ..leds import Led
-from ..names import CARD_DEVICE
 
 CARD_ACTIVITY_TRIGGER = "mmc0"
 
@@ -43,19 +41,11 @@ class Lamp:
 class CardActivity:
     """Sees whether the card in a board's slot was read or written."""
 
-    def __init__(self, host_pid: int) -> None:
-        """@p host_pid is the board's first process."""
-        self._device = Path(f"/proc/{host_pid}/root{CARD_DEVICE}")
+    def __init__(self, board: Board) -> None:
+        self._board = board
         self._counters = ""
 
     def seen(self) -> bool:
         """Whether there was any since the last call; never while the slot is empty."""
-        before, self._counters = self._counters, self._read()
+        before, self._counters = self._counters, self._board.card_counters()
         return before not in ("", self._counters)
-
-    def _read(self) -> str:
-        try:
-            device = self._device.stat().st_rdev
-            return Path(f"/sys/dev/block/{os.major(device)}:{os.minor(device)}/stat").read_text()
-        except OSError:
-            return ""

@@ -1,14 +1,12 @@
 """Watches a board for the panel."""
 
-import os
 import time
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
+from ..board import Board
 from ..bus import BusError, Signal
 from ..log_records import LogRecord
-from ..names import CARD_INTERFACE, LOG_FILE, MemState, State, Transition
-from ..virtual_board import VirtualBoard
+from ..names import CARD_INTERFACE, MemState, State, Transition
 from .model import Changes, Model, Properties, time_of_day
 from .workers import Repeater
 
@@ -26,13 +24,11 @@ class BoardGone(Exception):
 class Observer:
     """Hands everything that changes on a board to the panel."""
 
-    def __init__(self, board: VirtualBoard, directories: list[str], changes: Changes) -> None:
+    def __init__(self, board: Board, directories: list[str], changes: Changes) -> None:
         """Starts to watch; @p directories are the identifiers of those to ask for their use."""
         self._board = board
         self._directories = directories
         self._changes = changes
-        self._host_pid = board.host_pid
-        self._log = Path(f"/proc/{self._host_pid}/root{LOG_FILE}")
         self._log_bytes = 0
         self._signals = self._records = self._services = 0
         self._service_ended = True
@@ -58,12 +54,8 @@ class Observer:
         self._see_holder()
 
     def _see_board(self) -> None:
-        try:
-            if os.readlink(f"/proc/{self._host_pid}/ns/pid") == self._board.namespace:
-                return
-        except OSError:
-            pass
-        raise BoardGone("the board's first process has gone")
+        if not self._board.is_powered:
+            raise BoardGone("the board's first process has gone")
 
     def _new_signals(self) -> Iterator[News]:
         offset = time.time() - time.monotonic()
@@ -72,10 +64,7 @@ class Observer:
             yield _of_signal(signal, time_of_day(signal.time + offset))
 
     def _new_records(self) -> Iterator[News]:
-        try:
-            size = self._log.stat().st_size
-        except FileNotFoundError:
-            return
+        size = self._board.log_size()
         if size == self._log_bytes:
             return
         self._log_bytes = size
