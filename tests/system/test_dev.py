@@ -29,7 +29,7 @@ def test_help_lists_the_commands_that_exist():
         assert f"./dev {command}" in result.stdout
 
 
-@pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"]])
+@pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"]])
 def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
     result = dev(*arguments)
     assert result.returncode == 2
