@@ -1,4 +1,4 @@
-"""The service's own pace beside the same work done by hand, on virtual boards."""
+"""The service's own pace beside the same work done by hand, on a board."""
 
 import re
 import statistics
@@ -7,7 +7,7 @@ from collections.abc import Iterator
 from datetime import datetime
 from pathlib import Path
 
-from board import Card, State, VirtualBoard
+from board import Board, Card, State, VirtualBoard
 from board.names import (CARD_DEVICE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE)
 
 from .paired import Comparison, Run
@@ -42,28 +42,29 @@ TIMED = 'started=$(date +%s%N); {}\nended=$(date +%s%N); echo $((ended - started
 class LifeBench:
     """Needs the service's program and the directory of the built bench programs."""
 
-    def __init__(self, service: Path, programs: Path, rounds: int) -> None:
+    def __init__(self, service: Path, programs: Path, rounds: int, kind: type[Board] = VirtualBoard) -> None:
         self.service, self.idle_service, self.rounds = service, programs / "idle_service", rounds
+        self.kind = kind
 
     def start_up(self) -> Iterator[Row]:
         """From the start of the process to the bus name, and what it costs to wait."""
         pairs = [(self._start(self.service), self._start(self.idle_service)) for _ in range(self.rounds)]
-        yield Row("start-up to the bus name", "empty Qt service", _compared(pairs))
+        yield Row("start-up to the bus name", "empty Qt service", compared(pairs))
         ours, theirs = self._idle(self.service, with_card=True), self._idle(self.idle_service, with_card=False)
-        yield Row("resident while mounted and idle", "empty Qt service", _compared([(ours[0], theirs[0])]))
+        yield Row("resident while mounted and idle", "empty Qt service", compared([(ours[0], theirs[0])]))
         wake_ups = max(0.0, ours[1] - BUTTON_POLLS_A_SECOND)
         yield Row.of_ratio(f"wake-ups a second while mounted and idle, the button poll aside: {wake_ups:.1f}",
                            f"empty Qt service: {theirs[1]:.1f}", wake_ups / max(theirs[1], 0.1))
 
     def _start(self, program: Path) -> Run:
-        with VirtualBoard(program=program) as board:
+        with self.kind(program=program) as board:
             started = time.perf_counter()
             process = board.start_service()
             wall = time.perf_counter() - started
             return Run(wall, _resident_mib(board, process.pid))
 
     def _idle(self, program: Path, with_card: bool) -> tuple[Run, float]:
-        with VirtualBoard(program=program) as board:
+        with self.kind(program=program) as board:
             process = board.start_service()
             if with_card:
                 board.insert(Card.formatted(size_mib=CARD_MIB))
@@ -78,7 +79,7 @@ class LifeBench:
         """From the end of the insert delay to CardMounted, and from closed files to CardUnmounted."""
         mounts, unmounts = [], []
         for _ in range(self.rounds):
-            with VirtualBoard(program=self.service) as board:
+            with self.kind(program=self.service) as board:
                 board.start_service()
                 card = Card.formatted(size_mib=CARD_MIB)
                 board.insert(card, announce=False)
@@ -92,14 +93,14 @@ class LifeBench:
                 unmounts.append(_unmount_seconds(board))
                 board.stop_service()
                 by_hand = board.run("sh", "-c", TIMED.format(MOUNT_BY_HAND), check=True)
-                mounts.append((Run(ours, float("nan")), _nanoseconds(by_hand.stdout)))
+                mounts.append((Run(ours, float("nan")), nanoseconds(by_hand.stdout)))
                 by_hand = board.run("sh", "-c", TIMED.format(f"umount {MOUNT_POINT}"), check=True)
-                unmounts[-1] = (unmounts[-1], _nanoseconds(by_hand.stdout))
-        yield Row("insert delay over to CardMounted", "the same tools in a shell script", _compared(mounts), MOUNT_GOAL)
-        yield Row("FILES_CLOSED to CardUnmounted", "umount alone", _compared(unmounts))
+                unmounts[-1] = (unmounts[-1], nanoseconds(by_hand.stdout))
+        yield Row("insert delay over to CardMounted", "the same tools in a shell script", compared(mounts), MOUNT_GOAL)
+        yield Row("FILES_CLOSED to CardUnmounted", "umount alone", compared(unmounts))
 
 
-def _unmount_seconds(board: VirtualBoard) -> Run:
+def _unmount_seconds(board: Board) -> Run:
     # The record of the closed files is the last thing before the unmounting, the one of the success
     # follows its signal.
     moments = {}
@@ -111,11 +112,13 @@ def _unmount_seconds(board: VirtualBoard) -> Run:
     return Run(max(unmounted - closed, 0.001), float("nan"))
 
 
-def _nanoseconds(text: str) -> Run:
+def nanoseconds(text: str) -> Run:
+    """The run that a command around which TIMED was put tells."""
     return Run(int(text.split()[-1]) / 1e9, float("nan"))
 
 
-def _compared(pairs: list[tuple[Run, Run]]) -> Comparison:
+def compared(pairs: list[tuple[Run, Run]]) -> Comparison:
+    """Medians of both, and of their ratios; of the memory's where there are no times."""
     def median(side: int) -> Run:
         return Run(statistics.median(pair[side].wall for pair in pairs),
                    statistics.median(pair[side].peak_mib for pair in pairs))
@@ -126,10 +129,10 @@ def _compared(pairs: list[tuple[Run, Run]]) -> Comparison:
     return Comparison(ours, theirs, statistics.median(a.wall / b.wall for a, b in pairs))
 
 
-def _resident_mib(board: VirtualBoard, pid: int) -> float:
+def _resident_mib(board: Board, pid: int) -> float:
     return int(re.search(r"VmRSS:\s+(\d+)", board.read_file(f"/proc/{pid}/status")).group(1)) / 1024
 
 
-def _switches(board: VirtualBoard, pid: int) -> int:
+def _switches(board: Board, pid: int) -> int:
     status = board.run("sh", "-c", f"cat /proc/{pid}/task/*/status", check=True).stdout
     return sum(map(int, re.findall(r"^voluntary_ctxt_switches:\s+(\d+)", status, re.MULTILINE)))

@@ -1,0 +1,83 @@
+"""The service on the emulated board beside the same tools run by hand there: python3 -m bench.target BUILD"""
+
+import sys
+import time
+from collections.abc import Iterator
+from pathlib import Path
+
+from board import Board, Card, State
+from board.emulated import EmulatedBoard
+from board.names import MOUNT_POINT, PARTITION_DEVICE
+
+from .life import CARD_MIB, MOUNT_BY_HAND, TIMED, LifeBench, compared, nanoseconds
+from .paired import Run
+from .table import Row, as_markdown
+
+ROUNDS = 5
+WAIT_SECONDS = 60
+AFTER_CONTACT = f"until [ -b {PARTITION_DEVICE} ]; do sleep 0.02; done; {MOUNT_BY_HAND}"
+TAKE_BACK = f"lsof -t -Q {MOUNT_POINT} || :; umount {MOUNT_POINT}"
+
+
+class TargetBench(LifeBench):
+    """What the device's user waits for."""
+
+    def contact_and_button(self) -> Iterator[Row]:
+        """From the card's contact to its use, and from the button to the moment when it may be taken out."""
+        mounts, unmounts = [], []
+        with self.kind(program=self.service) as board:
+            board.start_service()
+            card = Card.formatted(size_mib=CARD_MIB)
+            for _ in range(self.rounds):
+                ours = _by_service(board, card)
+                board.stop_service()
+                theirs = _by_hand(board, card)
+                board.start_service()
+                mounts.append((ours[0], theirs[0]))
+                unmounts.append((ours[1], theirs[1]))
+        yield Row("contact to CardMounted, with 1 s of insert delay", "the same tools in a shell script", compared(mounts))
+        yield Row("EjectPressed to CardUnmounted", "lsof and umount", compared(unmounts))
+
+
+def _by_service(board: Board, card: Card) -> tuple[Run, Run]:
+    seen = len(board.signals)
+    contact = time.monotonic()
+    board.insert(card)
+    mounted = board.expect_signal("CardMounted", after=seen, within=WAIT_SECONDS)
+    board.press_eject_button()
+    pressed = board.expect_signal("EjectPressed", after=seen, within=WAIT_SECONDS)
+    board.release_eject_button()
+    unmounted = board.expect_signal("CardUnmounted", after=seen, within=WAIT_SECONDS)
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    return _run(mounted.time - contact), _run(unmounted.time - pressed.time)
+
+
+def _by_hand(board: Board, card: Card) -> tuple[Run, Run]:
+    script = board.start("sh", "-c", AFTER_CONTACT)
+    contact = time.monotonic()
+    board.insert(card, announce=False)
+    script.wait(WAIT_SECONDS)
+    mounted = _run(time.monotonic() - contact)
+    unmounted = nanoseconds(board.run("sh", "-c", TIMED.format(TAKE_BACK), check=True).stdout)
+    board.pull(announce=False)
+    return mounted, unmounted
+
+
+def _run(seconds: float) -> Run:
+    return Run(seconds, float("nan"))
+
+
+def main() -> int:
+    build = Path(sys.argv[1])
+    bench = TargetBench(build / "source" / "sdcardd", build / "bench", ROUNDS, EmulatedBoard)
+    rows = []
+    for row in (*bench.start_up(), *bench.contact_and_button()):
+        print("measured:", "; ".join(filter(None, row.cells())), file=sys.stderr, flush=True)
+        rows.append(row)
+    print("\n" + as_markdown(rows))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
