@@ -52,6 +52,9 @@ StateMounting::StateMounting(const ConfigHandler& config)
       mWorker(new ThreadMounting(config, this))
 {
     mRunning->addTransition(new WorkerFinishedTransition(mWorker, mFinished));
+    // Not on this state's own entry, where nobody listens yet: a worker may end at once.
+    connect(mRunning, &QState::entered, mWorker,
+            [this] { mWorker->start(QThread::InheritPriority); });
     setInitialState(mRunning);
     qRegisterMetaType<StateMounting::eTransitionChangeSignalType>(
         "StateMounting::eTransitionChangeSignalType");
@@ -85,11 +88,6 @@ void StateMounting::emitTransitionChangeSignal()
         Q_EMIT MOUNT_CORRUPT();
         break;
     }
-}
-
-void StateMounting::onEntry(QEvent* /*event*/)
-{
-    mWorker->start(QThread::InheritPriority);
 }
 
 void StateMounting::onExit(QEvent* /*event*/)

@@ -54,7 +54,6 @@ public Q_SLOTS:
     void emitTransitionChangeSignal();
 
 protected:
-    void onEntry(QEvent* event) override;
     void onExit(QEvent* event) override;
 
 private:

@@ -43,16 +43,14 @@ StatePreparing::StatePreparing(const ConfigHandler& config)
       mWorker(new ThreadPreparing(config, this))
 {
     mRunning->addTransition(new WorkerFinishedTransition(mWorker, mFinished));
+    // Not on this state's own entry, where nobody listens yet: a worker may end at once.
+    connect(mRunning, &QState::entered, mWorker,
+            [this] { mWorker->start(QThread::InheritPriority); });
     setInitialState(mRunning);
     connect(this, &QState::finished, this, &StatePreparing::MOUNT_SUCCESS);
 }
 
 StatePreparing::~StatePreparing() = default;
-
-void StatePreparing::onEntry(QEvent* /*event*/)
-{
-    mWorker->start(QThread::InheritPriority);
-}
 
 void StatePreparing::onExit(QEvent* /*event*/)
 {

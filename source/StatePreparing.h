@@ -27,7 +27,6 @@ Q_SIGNALS:
     void MOUNT_SUCCESS();
 
 protected:
-    void onEntry(QEvent* event) override;
     void onExit(QEvent* event) override;
 
 private:

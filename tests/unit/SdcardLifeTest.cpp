@@ -1,7 +1,10 @@
 #include <csignal>
 
 #include <QFile>
+#include <QState>
+#include <QStateMachine>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 
 #include "CardImage.h"
@@ -17,6 +20,7 @@ class SdcardLifeTest : public QObject
 
 private Q_SLOTS:
     void each_signal_goes_out_with_these_properties();
+    void workers_that_end_at_once_take_the_card_on();
     void an_ejected_card_that_stays_in_the_slot_is_mounted_again();
     void an_eject_is_given_up_where_files_stay_open();
     void a_termination_ends_processes_that_keep_files_open();
@@ -49,6 +53,22 @@ void SdcardLifeTest::each_signal_goes_out_with_these_properties()
                  "MemLevelChanged 0: State 4, IsMounted 0",
                  "MemStateChanged 1: State 4, IsMounted 0", "SD_REMOVE: State 4, IsMounted 0",
                  "REMOVE_DEVICE: State 1, IsMounted 0", "CardRemoved: State 1, IsMounted 0"}));
+}
+
+void SdcardLifeTest::workers_that_end_at_once_take_the_card_on()
+{
+    ControllerDevice device(mBus);
+    QVERIFY(CardImage::createPartition());
+    const QStateMachine& machine = ControllerProbe::machine(device.construct());
+    for (QThread* const worker : machine.findChildren<QThread*>()) {
+        const auto* const state = qobject_cast<const QState*>(worker->parent());
+        const auto waitForEnd = [worker] {
+            worker->wait();
+        };
+        connect(state, &QState::entered, worker, waitForEnd);
+        connect(state->initialState(), &QAbstractState::entered, worker, waitForEnd);
+    }
+    QVERIFY(device.waitForState("mounted"));
 }
 
 void SdcardLifeTest::an_ejected_card_that_stays_in_the_slot_is_mounted_again()
