@@ -85,7 +85,7 @@ QVector<TransitionRow> transitionsOf(Sdcard& controller)
 /// The lines between the fences of the page's state diagram, without indentation.
 QStringList documentedPicture()
 {
-    const QString page = QString::fromUtf8(TestDevice::readFile(ARCHITECTURE_PAGE));
+    const QString page = QString::fromUtf8(TestDevice::readFile(":/architecture.md"));
     const QString begin = "```mermaid\nstateDiagram-v2\n";
     QStringList lines;
     for (const QString& line : page.section(begin, 1, 1).section("```", 0, 0).split('\n')) {
