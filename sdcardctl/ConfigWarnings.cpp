@@ -100,7 +100,7 @@ void warnOfShare(const CheckedDir& dir, Warnings& warnings)
     }
     QString message = "the share of " + quoted(dir.info.name) + " is " +
                       QString::number(dir.percent) + " %; it has to be a number above 0";
-    if (dir.info.capacitywatch && !(dir.percent > 0)) {
+    if (dir.info.capacitywatch && dir.percent <= 0) {
         message += QStringLiteral(", or every file in this watched directory is deleted");
     }
     warnings.add(dir.node, message);

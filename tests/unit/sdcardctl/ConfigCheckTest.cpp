@@ -161,6 +161,8 @@ void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of_data()
     row("watched share of nothing", "<dir size='0' capacitywatch='true'>a</dir>",
         "the share of 'a' is 0 %; it has to be a number above 0, or every file in this watched "
         "directory is deleted");
+    row("watched share that is no number", "<dir size='nan' capacitywatch='true'>a</dir>",
+        "the share of 'a' is nan %; it has to be a number above 0");
     row("doubled identifier", "<dir size='1'>a<dir size='1'>b</dir></dir>\n<dir size='1'>b</dir>",
         "the identifier 'b' means the directory of line 1; this one cannot be asked for");
     row("link in a directory's place", "<dir size='1'>a</dir><symlink target='/etc'>a</symlink>",
