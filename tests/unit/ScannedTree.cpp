@@ -55,6 +55,18 @@ void ScannedTree::createFilesInOrder(const QList<QByteArray>& paths, qint64 size
     }
 }
 
+void ScannedTree::createNames(const QByteArray& file, const QByteArray& directory, int count,
+                              int nameLength)
+{
+    for (int i = 0; i < count; ++i) {
+        const QByteArray name =
+            directory + "/" + QByteArray::number(i).rightJustified(nameLength, '0');
+        if (::link(file.constData(), name.constData()) != 0) {
+            qFatal("cannot create %s", name.constData());
+        }
+    }
+}
+
 void ScannedTree::awaitNextChangeTime()
 {
     // Change times come from the coarse clock, but may be ahead of it where one was looked at.

@@ -21,6 +21,9 @@ void createDirectory(const QByteArray& path);
 void createFile(const QByteArray& path, qint64 size = 0);
 /// Creates files of @p size bytes one after the other, each with a later change time.
 void createFilesInOrder(const QList<QByteArray>& paths, qint64 size);
+/// Gives @p file as many more names in @p directory, each of @p nameLength bytes: quicker than as
+/// many files.
+void createNames(const QByteArray& file, const QByteArray& directory, int count, int nameLength);
 /// Returns when what is created from now on has a later change time.
 void awaitNextChangeTime();
 
