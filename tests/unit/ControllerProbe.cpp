@@ -1,35 +1,18 @@
 #include "ControllerProbe.h"
 
+#include "ExposedMember.h"
 #include "sdcard.h"
 
-namespace {
-
-// Naming a private member in an explicit instantiation is allowed, and so the service needs no door
-// for its tests.
-template <typename Tag, auto Member>
-struct Exposed
-{
-    friend constexpr auto memberOf(Tag /*tag*/) { return Member; }
-};
-
-#define EXPOSE(Tag, member)                                                                        \
-    struct Tag                                                                                     \
-    {};                                                                                            \
-    constexpr auto memberOf(Tag);                                                                  \
-    template struct Exposed<Tag, &Sdcard::member>
-
-EXPOSE(Machine, mMachine);
-EXPOSE(StateTimer, mStateTimer);
-EXPOSE(OpenFilesTimer, mOpenFilesTimer);
-EXPOSE(MemoryTimer, mMemoryTimer);
-EXPOSE(InsertDelayTimer, mInsertDelayTimer);
-EXPOSE(EjectPollTimer, mEjectPollTimer);
-EXPOSE(FsBirthTime, mFsBirthTime);
-EXPOSE(EjectPressCount, mEjectPressCount);
-EXPOSE(OpenFilesChecks, mOpenFilesChecks);
-EXPOSE(WriteLed, writeLed);
-
-} // namespace
+EXPOSE_MEMBER(Machine, Sdcard, mMachine);
+EXPOSE_MEMBER(StateTimer, Sdcard, mStateTimer);
+EXPOSE_MEMBER(OpenFilesTimer, Sdcard, mOpenFilesTimer);
+EXPOSE_MEMBER(MemoryTimer, Sdcard, mMemoryTimer);
+EXPOSE_MEMBER(InsertDelayTimer, Sdcard, mInsertDelayTimer);
+EXPOSE_MEMBER(EjectPollTimer, Sdcard, mEjectPollTimer);
+EXPOSE_MEMBER(FsBirthTime, Sdcard, mFsBirthTime);
+EXPOSE_MEMBER(EjectPressCount, Sdcard, mEjectPressCount);
+EXPOSE_MEMBER(OpenFilesChecks, Sdcard, mOpenFilesChecks);
+EXPOSE_MEMBER(WriteLed, Sdcard, writeLed);
 
 QStateMachine& ControllerProbe::machine(Sdcard& controller)
 {

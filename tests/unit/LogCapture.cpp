@@ -1,8 +1,11 @@
 #include "LogCapture.h"
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include <QTest>
@@ -14,20 +17,15 @@
 
 #include <tavoutil/TrackObject.h>
 
+#include "ExposedMember.h"
+
 // Its class macros name what they need without its namespace.
 using namespace log4cxx;
 
-namespace {
+// log4cxx shows only parts of the signature that a record carries.
+EXPOSE_MEMBER(Signature, spi::LocationInfo, methodName);
 
-// log4cxx shows only parts of the signature that a record carries. Naming a private member in an
-// explicit instantiation is allowed, and so the whole of it can be read.
-constexpr auto signatureMember();
-template <auto Member>
-struct SignatureReader
-{
-    friend constexpr auto signatureMember() { return Member; }
-};
-template struct SignatureReader<&spi::LocationInfo::methodName>;
+namespace {
 
 LogLevel toLogLevel(const LevelPtr& level)
 {
@@ -107,23 +105,54 @@ public:
         return std::exchange(mRecords, {});
     }
 
+    void holdAt(const QString& text)
+    {
+        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        mHoldAt = text;
+        mIsHeld = false;
+    }
+
+    bool waitUntilHeld()
+    {
+        constexpr std::chrono::seconds kPatience(30);
+        std::unique_lock<std::mutex> lock(mRecordsMutex);
+        return mHoldChanged.wait_for(lock, kPatience, [this] { return mIsHeld; });
+    }
+
+    void letGo()
+    {
+        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        mHoldAt.reset();
+        mIsHeld = false;
+        mHoldChanged.notify_all();
+    }
+
 protected:
     void append(const spi::LoggingEventPtr& event, helpers::Pool&) override
     {
         const spi::LocationInfo& location = event->getLocationInformation();
         // Some compilers write a blank before it.
-        const QString signature = QString::fromUtf8(location.*signatureMember()).replace(" &", "&");
+        const QString signature =
+            QString::fromUtf8(location.*memberOf(Signature{})).replace(" &", "&");
         const LogRecord record{toLogLevel(event->getLevel()),
                                QString::fromStdString(event->getLoggerName()),
                                QString::fromUtf8(location.getFileName()), signature,
                                QString::fromStdString(event->getMessage())};
-        const std::lock_guard<std::mutex> lock(mRecordsMutex);
+        std::unique_lock<std::mutex> lock(mRecordsMutex);
         mRecords.append(record);
+        if (mHoldAt == record.message) {
+            mIsHeld = true;
+            mHoldChanged.notify_all();
+            mHoldChanged.wait(lock, [this] { return !mIsHeld; });
+        }
     }
 
 private:
     mutable std::mutex mRecordsMutex;
     QVector<LogRecord> mRecords;
+    std::optional<QString> mHoldAt;
+    bool mIsHeld = false;
+    std::condition_variable mHoldChanged;
 };
 
 QStringList texts(const QVector<LogRecord>& records)
@@ -176,6 +205,7 @@ LogCapture::LogCapture(LogLevel threshold) : d(std::make_unique<Private>())
 
 LogCapture::~LogCapture()
 {
+    letGo();
     const LoggerPtr root = Logger::getRootLogger();
     root->removeAppender(d->appender);
     for (const AppenderPtr& appender : d->formerAppenders) {
@@ -219,6 +249,21 @@ QVector<LogRecord> LogCapture::take()
     d->errorsBefore = TrackObject::sErrorCounter;
     d->fatalsBefore = TrackObject::sFatalCounter;
     return d->appender->take();
+}
+
+void LogCapture::holdAt(const QString& text)
+{
+    d->appender->holdAt(text);
+}
+
+bool LogCapture::waitUntilHeld() const
+{
+    return d->appender->waitUntilHeld();
+}
+
+void LogCapture::letGo()
+{
+    d->appender->letGo();
 }
 
 unsigned int LogCapture::errorCount() const

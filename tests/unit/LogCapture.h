@@ -63,6 +63,13 @@ public:
     /// records(), which then starts anew, as do the counts.
     QVector<LogRecord> take();
 
+    /// Stops the next thread that writes a record of this text, right after it, until letGo() is
+    /// called or the capture ends. What others write meanwhile waits as well.
+    void holdAt(const QString& text);
+    /// Waits until a thread has been stopped; false where none comes for 30 s.
+    bool waitUntilHeld() const;
+    void letGo();
+
     /// By how much TrackObject's counters grew since the construction or the last take().
     unsigned int errorCount() const;
     unsigned int fatalCount() const;

@@ -1,5 +1,6 @@
 #include "LogCapture.h"
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -18,6 +19,7 @@ private Q_SLOTS:
     void levels_below_the_threshold_are_not_written();
     void an_inner_capture_hides_the_outer_one_until_it_ends();
     void records_of_all_threads_are_captured();
+    void a_thread_is_held_at_a_record_until_it_is_let_go();
 };
 
 static log4cxx::LoggerPtr channel()
@@ -99,6 +101,28 @@ void LogCaptureTest::records_of_all_threads_are_captured()
         thread.join();
     }
     QCOMPARE(log.records().size(), kThreads * kRecords);
+}
+
+void LogCaptureTest::a_thread_is_held_at_a_record_until_it_is_let_go()
+{
+    LogCapture log;
+    log.holdAt("here");
+    std::atomic<bool> isBeyond{false};
+    std::thread thread([&isBeyond] {
+        TRACK_INFO(channel(), "before");
+        TRACK_INFO(channel(), "here");
+        isBeyond = true;
+        TRACK_INFO(channel(), "here");
+    });
+    const bool isHeld = log.waitUntilHeld();
+    const bool wasBeyond = isBeyond;
+    const QStringList messages = log.messages();
+    log.letGo();
+    thread.join();
+    QVERIFY(isHeld);
+    QVERIFY(!wasBeyond);
+    QCOMPARE(messages, (QStringList{"before", "here"}));
+    QCOMPARE(log.messages(), (QStringList{"before", "here", "here"}));
 }
 
 QTEST_APPLESS_MAIN(LogCaptureTest)
