@@ -1,0 +1,233 @@
+#include <thread>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTimer>
+
+#include "LogCapture.h"
+#include "ScannedTree.h"
+#include "TestDevice.h"
+#include "WatchedCard.h"
+#include "WatchedRuns.h"
+
+/// Runs in the background.
+class CapacityRunsTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void a_run_leaves_the_event_loop_free();
+    void the_end_of_a_run_is_told_in_the_watchers_thread();
+    void a_run_is_disposed_of_when_it_has_ended();
+    void the_directories_are_brought_within_their_limits_in_their_order();
+    void a_request_during_a_run_is_fulfilled_at_once();
+    void two_runs_at_once_end_well();
+    void destruction_ends_a_run_early();
+    void an_abandoned_run_leaves_the_next_directories();
+    void an_abandoned_run_leaves_the_next_files();
+    void requests_are_fulfilled_after_runs_were_abandoned();
+    void a_run_that_does_not_end_is_waited_for_3_seconds();
+};
+
+void CapacityRunsTest::a_run_leaves_the_event_loop_free()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    WatchedRuns::createFile();
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    QTimer timer;
+    const QSignalSpy timeouts(&timer, &QTimer::timeout);
+    timer.start(0);
+    QTRY_VERIFY_WITH_TIMEOUT(!timeouts.isEmpty(), 30000);
+    QCOMPARE(runs.runs(), 1);
+    QVERIFY(WatchedRuns::fileExists());
+    log.letGo();
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(!WatchedRuns::fileExists());
+}
+
+void CapacityRunsTest::the_end_of_a_run_is_told_in_the_watchers_thread()
+{
+    const LogCapture log;
+    WatchedRuns runs;
+    const CancellationSource source;
+    auto* const worker = new WorkerThread(&runs.watcher(), source.token());
+    QCOMPARE(QString::fromStdString(worker->logger()->getName()), QString("WorkerThread"));
+    QThread* notifiedIn = nullptr;
+    connect(worker, &WorkerThread::done, this,
+            [&notifiedIn] { notifiedIn = QThread::currentThread(); });
+    worker->start();
+    QTRY_VERIFY_WITH_TIMEOUT(notifiedIn != nullptr, 30000);
+    QCOMPARE(notifiedIn, QThread::currentThread());
+    QVERIFY(worker->wait(30000));
+}
+
+void CapacityRunsTest::a_run_is_disposed_of_when_it_has_ended()
+{
+    const LogCapture log;
+    WatchedRuns runs;
+    for (int i = 0; i < 3; ++i) {
+        runs.watcher().startEnsureDirSizeAllAsThread();
+        const QPointer<WorkerThread> worker = runs.watcher().findChild<WorkerThread*>();
+        QVERIFY(!worker.isNull());
+        QVERIFY(runs.waitForEnd());
+        QVERIFY(worker.isNull());
+    }
+}
+
+void CapacityRunsTest::the_directories_are_brought_within_their_limits_in_their_order()
+{
+    const LogCapture log;
+    WatchedRuns runs;
+    runs.watcher().storageIsReady();
+    QVERIFY(runs.waitForEnd());
+    QCOMPARE(log.messages(), (QStringList{WatchedRuns::kReport, WatchedRuns::kSecondReport}));
+    WatchedRuns::createFile();
+    runs.watcher().startEnsureDirSizeAllAsThread();
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(!WatchedRuns::fileExists());
+}
+
+void CapacityRunsTest::a_request_during_a_run_is_fulfilled_at_once()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    WatchedRuns::createFile();
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    QVERIFY(runs.watcher().ensureDirSize("second"));
+    QVERIFY(!WatchedRuns::fileExists());
+    log.letGo();
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(runs.timer().isActive());
+}
+
+void CapacityRunsTest::two_runs_at_once_end_well()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    for (int i = 0; i < 200; ++i) {
+        WatchedRuns::createFile(QByteArray::number(i));
+    }
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    runs.watcher().storageIsReady();
+    QCOMPARE(runs.runs(), 2);
+    log.letGo();
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(runs.timer().isActive());
+    QCOMPARE(ScannedTree::list(WatchedRuns::kSecond).size(), 1);
+    QCOMPARE(log.messages().count(WatchedRuns::kReport), 2);
+}
+
+void CapacityRunsTest::destruction_ends_a_run_early()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    WatchedRuns::createFile();
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    std::thread release([&] {
+        while (!runs.isAbandoned()) {
+            std::this_thread::yield();
+        }
+        log.letGo();
+    });
+    runs.destroyWatcher();
+    release.join();
+    QVERIFY(WatchedRuns::fileExists());
+    QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
+}
+
+void CapacityRunsTest::an_abandoned_run_leaves_the_next_directories()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    WatchedRuns::createFile();
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    std::thread release([&] {
+        while (!runs.isAbandoned()) {
+            std::this_thread::yield();
+        }
+        log.letGo();
+    });
+    runs.watcher().abandonRuns();
+    const bool isFinished = runs.watcher().findChild<WorkerThread*>()->isFinished();
+    release.join();
+    QVERIFY(isFinished);
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(WatchedRuns::fileExists());
+    QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
+}
+
+void CapacityRunsTest::an_abandoned_run_leaves_the_next_files()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    ScannedTree::createDirectory(WatchedRuns::kSecond + "/a");
+    WatchedRuns::createFile("a/1");
+    ScannedTree::awaitNextChangeTime();
+    WatchedRuns::createFile("2");
+    WatchedCard::makeBusy(WatchedRuns::kSecond + "/2");
+    ScannedTree::awaitNextChangeTime();
+    WatchedRuns::createFile("3");
+    log.holdAt("Cannot remove file /media/sdcard/second/2: Device or resource busy");
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    std::thread release([&] {
+        while (!runs.isAbandoned()) {
+            std::this_thread::yield();
+        }
+        log.letGo();
+    });
+    runs.watcher().abandonRuns();
+    release.join();
+    QVERIFY(!WatchedRuns::fileExists("a/1"));
+    QVERIFY(WatchedRuns::fileExists("2"));
+    QVERIFY(WatchedRuns::fileExists("3"));
+    // It has been emptied, but that would be looked at later.
+    QVERIFY(WatchedRuns::fileExists("a"));
+}
+
+void CapacityRunsTest::requests_are_fulfilled_after_runs_were_abandoned()
+{
+    const LogCapture log;
+    WatchedRuns runs;
+    runs.watcher().updateWatchDirs();
+    runs.watcher().abandonRuns();
+    WatchedRuns::createFile();
+    QVERIFY(runs.watcher().ensureDirSize("second"));
+    QVERIFY(!WatchedRuns::fileExists());
+    WatchedRuns::createFile();
+    runs.watcher().storageIsReady();
+    QVERIFY(runs.waitForEnd());
+    QVERIFY(!WatchedRuns::fileExists());
+}
+
+void CapacityRunsTest::a_run_that_does_not_end_is_waited_for_3_seconds()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    log.holdAt(WatchedRuns::kReport);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    QElapsedTimer time;
+    time.start();
+    runs.watcher().abandonRuns();
+    QVERIFY(time.elapsed() >= 2990);
+    log.letGo();
+    QVERIFY(runs.waitForEnd());
+}
+
+TEST_DEVICE_MAIN(CapacityRunsTest)
+#include "CapacityRunsTest.moc"
