@@ -214,6 +214,18 @@ def test_a_stop_that_leaves_the_card_mounted_says_so(board):
     assert not is_mounted(board) and not board.exists(MOUNT_POINT)
 
 
+def test_a_stop_unmounts_the_card_and_nothing_else(board):
+    start(board)
+    for device, directory in (("/dev/mmcblk0p1", "/mnt/own card"), ("/dev/mmcblk00", "/mnt/other"),
+                              ("/dev/mmcblk0boot0", "/mnt/boot")):
+        board.run("mkdir", "-p", directory, check=True)
+        board.run("mount", "-t", "tmpfs", device, directory, check=True)
+    assert init(board, "stop").returncode == 0
+    assert [board.run("mountpoint", "-q", directory).returncode == 0
+            for directory in ("/mnt/own card", "/mnt/other", "/mnt/boot")] == [False, True, True]
+    board.run("umount", "/mnt/other", "/mnt/boot", check=True)
+
+
 @pytest.mark.lasts(42)
 def test_a_shutdown_ends_with_a_clean_card_though_a_program_holds_a_file(board):
     card = Card.formatted()
