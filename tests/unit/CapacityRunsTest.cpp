@@ -1,6 +1,7 @@
 #include <thread>
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QSignalSpy>
@@ -12,6 +13,22 @@
 #include "TestDevice.h"
 #include "WatchedCard.h"
 #include "WatchedRuns.h"
+
+namespace {
+
+// Lets a held run go on as soon as it is not wanted any more, or, if it stays so, after a while.
+std::thread releaseWhenAbandoned(const WatchedRuns& runs, LogCapture& log)
+{
+    return std::thread([&runs, &log] {
+        const QDeadlineTimer deadline(2500);
+        while (!runs.isAbandoned() && !deadline.hasExpired()) {
+            std::this_thread::yield();
+        }
+        log.letGo();
+    });
+}
+
+} // namespace
 
 /// Runs in the background.
 class CapacityRunsTest : public QObject
@@ -56,15 +73,15 @@ void CapacityRunsTest::the_end_of_a_run_is_told_in_the_watchers_thread()
     const LogCapture log;
     WatchedRuns runs;
     const CancellationSource source;
-    auto* const worker = new WorkerThread(&runs.watcher(), source.token());
-    QCOMPARE(QString::fromStdString(worker->logger()->getName()), QString("WorkerThread"));
+    WorkerThread worker(&runs.watcher(), source.token());
+    QCOMPARE(QString::fromStdString(worker.logger()->getName()), QString("WorkerThread"));
     QThread* notifiedIn = nullptr;
-    connect(worker, &WorkerThread::done, this,
+    connect(&worker, &WorkerThread::done, this,
             [&notifiedIn] { notifiedIn = QThread::currentThread(); });
-    worker->start();
+    worker.start();
     QTRY_VERIFY_WITH_TIMEOUT(notifiedIn != nullptr, 30000);
     QCOMPARE(notifiedIn, QThread::currentThread());
-    QVERIFY(worker->wait(30000));
+    QVERIFY(worker.wait(30000));
 }
 
 void CapacityRunsTest::a_run_is_disposed_of_when_it_has_ended()
@@ -135,12 +152,7 @@ void CapacityRunsTest::destruction_ends_a_run_early()
     log.holdAt(WatchedRuns::kReport);
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
-    std::thread release([&] {
-        while (!runs.isAbandoned()) {
-            std::this_thread::yield();
-        }
-        log.letGo();
-    });
+    std::thread release = releaseWhenAbandoned(runs, log);
     runs.destroyWatcher();
     release.join();
     QVERIFY(WatchedRuns::fileExists());
@@ -155,12 +167,7 @@ void CapacityRunsTest::an_abandoned_run_leaves_the_next_directories()
     log.holdAt(WatchedRuns::kReport);
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
-    std::thread release([&] {
-        while (!runs.isAbandoned()) {
-            std::this_thread::yield();
-        }
-        log.letGo();
-    });
+    std::thread release = releaseWhenAbandoned(runs, log);
     runs.watcher().abandonRuns();
     const bool isFinished = runs.watcher().findChild<WorkerThread*>()->isFinished();
     release.join();
@@ -184,12 +191,7 @@ void CapacityRunsTest::an_abandoned_run_leaves_the_next_files()
     log.holdAt("Cannot remove file /media/sdcard/second/2: Device or resource busy");
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
-    std::thread release([&] {
-        while (!runs.isAbandoned()) {
-            std::this_thread::yield();
-        }
-        log.letGo();
-    });
+    std::thread release = releaseWhenAbandoned(runs, log);
     runs.watcher().abandonRuns();
     release.join();
     QVERIFY(!WatchedRuns::fileExists("a/1"));

@@ -8,7 +8,7 @@
 #include "CardImage.h"
 #include "EffectRecorder.h"
 #include "LogCapture.h"
-#include "StateHarness.h"
+#include "MountingHarness.h"
 #include "StateMounting.h"
 #include "SystemCalls.h"
 #include "TestDevice.h"
@@ -26,77 +26,6 @@ const QString kFormatting = QStringLiteral("INFO St:Mounting sdcard: "
                                            "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'...");
 const QString kFormatCall = QStringLiteral("tavo-create-sdcardFS.sh");
 const QString kCheckCall = QStringLiteral("e2fsck -p /card/mmcblk0p1");
-
-ConfigHandler configOfCard()
-{
-    TestDevice::writeFile("/etc/tavo/tavo-sdcard.config.xml",
-                          "<sdcard devicepath='" + CardImage::kPartition.toUtf8() + "'/>");
-    ConfigHandler config;
-    if (!config.setup()) {
-        qFatal("cannot read the configuration");
-    }
-    return config;
-}
-
-/// The state in a machine, and the signals that it emits.
-class Mounting : public QObject
-{
-    Q_OBJECT
-
-public:
-    Mounting() : mConfig(configOfCard()), mState(new StateMounting(mConfig)), mHarness(mState)
-    {
-        const auto note = [this](const char* name) {
-            return [this, name] {
-                mSignals.append(name);
-                mIsInMainThread &= QThread::currentThread() == thread();
-            };
-        };
-        connect(mState, &StateMounting::START_PREPARE, this, note("START_PREPARE"));
-        connect(mState, &StateMounting::MOUNT_SUCCESS, this, note("MOUNT_SUCCESS"));
-        connect(mState, &StateMounting::MOUNT_FAILED, this, note("MOUNT_FAILED"));
-        connect(mState, &StateMounting::MOUNT_CORRUPT, this, note("MOUNT_CORRUPT"));
-        connect(mState, &StateMounting::mountingStateActive, this, note("mountingStateActive"));
-        connect(mState, &StateMounting::newFsBirthDate, this, note("newFsBirthDate"));
-    }
-
-    void enter() { Q_EMIT mHarness.enter(); }
-    void leave()
-    {
-        Q_EMIT mHarness.leave();
-        QVERIFY(QTest::qWaitFor([this] { return !mHarness.isActive(); }, kPatienceMs));
-    }
-    /// Enters the state and waits until it has ended.
-    /// @return the signals emitted
-    QStringList run()
-    {
-        QSignalSpy finished(mState, &QState::finished);
-        enter();
-        if (finished.isEmpty() && !finished.wait(kPatienceMs)) {
-            return {"not finished"};
-        }
-        return mSignals;
-    }
-    bool waitForWorker()
-    {
-        const bool isFinished = worker().wait(kPatienceMs);
-        // What it has sent arrives.
-        QCoreApplication::processEvents();
-        return isFinished;
-    }
-
-    StateMounting& state() { return *mState; }
-    ThreadMounting& worker() { return *mState->findChild<ThreadMounting*>(); }
-    const QStringList& signalNames() const { return mSignals; }
-    bool isInMainThread() const { return mIsInMainThread; }
-
-private:
-    ConfigHandler mConfig;
-    StateMounting* mState;
-    StateHarness mHarness;
-    QStringList mSignals;
-    bool mIsInMainThread = true;
-};
 
 bool waitForCall(const QString& call)
 {
@@ -175,7 +104,7 @@ void StateMountingTest::cleanup()
 
 void StateMountingTest::the_worker_is_named_after_the_state()
 {
-    Mounting state;
+    MountingHarness state;
     QCOMPARE(state.worker().objectName(), QString("St:Mounting"));
     QCOMPARE(QString::fromStdString(state.worker().logger()->getName()), QString("St:Mounting"));
 }
@@ -197,7 +126,7 @@ void StateMountingTest::each_result_has_its_signal()
     QFETCH(const QStringList, signalNames);
     const QMetaEnum results = QMetaEnum::fromType<StateMounting::eTransitionChangeSignalType>();
     QCOMPARE(QString(results.valueToKey(result)), QString(QTest::currentDataTag()));
-    Mounting state;
+    MountingHarness state;
     state.state().setTransitionChangeSignal(
         static_cast<StateMounting::eTransitionChangeSignalType>(result));
     QCOMPARE(state.signalNames(), QStringList());
@@ -210,7 +139,7 @@ void StateMountingTest::each_result_has_its_signal()
 
 void StateMountingTest::results_are_known_to_queued_connections()
 {
-    const Mounting state;
+    const MountingHarness state;
     QVERIFY(QMetaType::type("StateMounting::eTransitionChangeSignalType") !=
             QMetaType::UnknownType);
 }
@@ -221,7 +150,7 @@ void StateMountingTest::a_card_that_is_mounted_already_is_left_as_it_is()
     QVERIFY(TestDevice::mountTmpfs(kCard, 1 << 20));
     pretendMounts();
     CardImage::remove();
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), QStringList{"MOUNT_SUCCESS"});
     QCOMPARE(log.messages(), QStringList());
@@ -231,7 +160,7 @@ void StateMountingTest::a_card_that_is_mounted_already_is_left_as_it_is()
 
 void StateMountingTest::a_card_with_one_linux_partition_is_checked_and_mounted()
 {
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "START_PREPARE"}));
     QVERIFY(state.isInMainThread());
@@ -257,7 +186,7 @@ void StateMountingTest::any_other_layout_is_formatted()
     QFETCH(const std::vector<unsigned char>, types);
     CardImage::writeDisk(types);
     ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "newFsBirthDate", "START_PREPARE"}));
     QCOMPARE(describe(log.records()),
@@ -270,7 +199,7 @@ void StateMountingTest::a_new_file_system_is_announced_with_its_birth()
 {
     CardImage::writeDisk({});
     ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
-    Mounting state;
+    MountingHarness state;
     const QSignalSpy births(&state.state(), &StateMounting::newFsBirthDate);
     const QDateTime before = QDateTime::currentDateTime();
     const LogCapture log;
@@ -284,7 +213,7 @@ void StateMountingTest::a_card_that_needed_no_format_is_told_to_be_right()
 {
     CardImage::writeDisk({});
     ToolStandIn::place(ToolStandIn::kFormatScript, "echo nothing to do");
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "START_PREPARE"}));
     QCOMPARE(describe(log.records()), (QStringList{kInfo + "New SD Card detected", kFormatting,
@@ -310,7 +239,7 @@ void StateMountingTest::a_format_that_fails_ends_the_mounting()
     QFETCH(const unsigned int, errors);
     CardImage::writeDisk({});
     ToolStandIn::place(ToolStandIn::kFormatScript, script);
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "MOUNT_FAILED"}));
     QCOMPARE(describe(log.records()).last(),
@@ -341,7 +270,7 @@ void StateMountingTest::a_card_that_cannot_be_inspected_is_not_formatted()
     if (hasDisk) {
         CardImage::writeBlankDisk();
     }
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "MOUNT_FAILED"}));
     QCOMPARE(describe(log.records()),
@@ -354,7 +283,7 @@ void StateMountingTest::a_card_that_cannot_be_inspected_is_not_formatted()
 void StateMountingTest::a_card_that_cannot_be_mounted_is_corrupt()
 {
     SystemCalls::fail(Call::Mount, EIO);
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "MOUNT_CORRUPT"}));
     QCOMPARE(describe(log.records()), (QStringList{kInfo + "SD Card Linux Ext4 format is ok",
@@ -365,7 +294,7 @@ void StateMountingTest::a_card_that_cannot_be_mounted_is_corrupt()
 void StateMountingTest::a_mount_point_that_cannot_be_used_is_a_failure()
 {
     TestDevice::writeFile(kCard, "content");
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     QCOMPARE(state.run(), (QStringList{"mountingStateActive", "MOUNT_FAILED"}));
     QCOMPARE(describe(log.records()), QStringList{kInfo + "SD Card Linux Ext4 format is ok"});
@@ -378,7 +307,7 @@ void StateMountingTest::a_state_that_is_left_during_the_check_emits_nothing()
     const QString deepCheck = "e2fsck -f -y -v -c /card/mmcblk0p1";
     ToolStandIn::place(ToolStandIn::kE2fsck,
                        "[ $1 = -p ] && exit 4\n" + ToolStandIn::kWait + "exit 0");
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     state.enter();
     QVERIFY(waitForCall(deepCheck));
@@ -395,7 +324,7 @@ void StateMountingTest::a_state_that_is_left_during_the_format_does_not_mount()
 {
     CardImage::writeDisk({});
     ToolStandIn::place(ToolStandIn::kFormatScript, ToolStandIn::kWait + "exit 99");
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     state.enter();
     QVERIFY(waitForCall(kFormatCall));
@@ -414,7 +343,7 @@ void StateMountingTest::a_state_that_is_entered_again_starts_anew()
     QSKIP("the sanitizer takes the stack of a terminated thread for overwritten");
 #endif
     ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
-    Mounting state;
+    MountingHarness state;
     const LogCapture log;
     state.enter();
     QVERIFY(waitForCall(kCheckCall));
@@ -431,7 +360,7 @@ void StateMountingTest::a_state_that_is_entered_again_starts_anew()
 
 void StateMountingTest::a_run_without_a_result_emits_nothing()
 {
-    Mounting state;
+    MountingHarness state;
     QSignalSpy finished(&state.state(), &QState::finished);
     SystemCalls::reset();
     QVERIFY(TestDevice::mountTmpfs(kCard, 1 << 20));

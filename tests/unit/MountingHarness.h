@@ -1,0 +1,83 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QSignalSpy>
+#include <QStringList>
+#include <QTest>
+
+#include "CardImage.h"
+#include "StateHarness.h"
+#include "StateMounting.h"
+#include "TestDevice.h"
+
+/// The mounting of the card of the test, and the signals that the state emits.
+class MountingHarness : public QObject
+{
+public:
+    MountingHarness()
+        : mConfig(configOfCard()), mState(new StateMounting(mConfig)), mHarness(mState)
+    {
+        const auto note = [this](const char* name) {
+            return [this, name] {
+                mSignals.append(name);
+                mIsInMainThread &= QThread::currentThread() == thread();
+            };
+        };
+        connect(mState, &StateMounting::START_PREPARE, this, note("START_PREPARE"));
+        connect(mState, &StateMounting::MOUNT_SUCCESS, this, note("MOUNT_SUCCESS"));
+        connect(mState, &StateMounting::MOUNT_FAILED, this, note("MOUNT_FAILED"));
+        connect(mState, &StateMounting::MOUNT_CORRUPT, this, note("MOUNT_CORRUPT"));
+        connect(mState, &StateMounting::mountingStateActive, this, note("mountingStateActive"));
+        connect(mState, &StateMounting::newFsBirthDate, this, note("newFsBirthDate"));
+    }
+
+    void enter() { Q_EMIT mHarness.enter(); }
+    void leave()
+    {
+        Q_EMIT mHarness.leave();
+        QVERIFY(QTest::qWaitFor([this] { return !mHarness.isActive(); }, kPatienceMs));
+    }
+    /// Enters the state and waits until it has ended.
+    /// @return the signals emitted
+    QStringList run()
+    {
+        QSignalSpy finished(mState, &QState::finished);
+        enter();
+        if (finished.isEmpty() && !finished.wait(kPatienceMs)) {
+            return {"not finished"};
+        }
+        return mSignals;
+    }
+    bool waitForWorker()
+    {
+        const bool isFinished = worker().wait(kPatienceMs);
+        // What it has sent arrives.
+        QCoreApplication::processEvents();
+        return isFinished;
+    }
+
+    StateMounting& state() { return *mState; }
+    ThreadMounting& worker() { return *mState->findChild<ThreadMounting*>(); }
+    const QStringList& signalNames() const { return mSignals; }
+    bool isInMainThread() const { return mIsInMainThread; }
+
+private:
+    static constexpr int kPatienceMs = 30000;
+
+    static ConfigHandler configOfCard()
+    {
+        TestDevice::writeFile("/etc/tavo/tavo-sdcard.config.xml",
+                              "<sdcard devicepath='" + CardImage::kPartition.toUtf8() + "'/>");
+        ConfigHandler config;
+        if (!config.setup()) {
+            qFatal("cannot read the configuration");
+        }
+        return config;
+    }
+
+    ConfigHandler mConfig;
+    StateMounting* mState;
+    StateHarness mHarness;
+    QStringList mSignals;
+    bool mIsInMainThread = true;
+};
