@@ -196,6 +196,10 @@ class Board(Expectations, ABC):
         script = 'mkdir -p "${1%/*}/" && rm -f "$1" && cat >"$1" && chmod "$2" "$1"'
         self.run("sh", "-c", script, "sh", path, f"{mode:o}", input=text, check=True)
 
+    def install_program(self, program: Path, path: str) -> None:
+        """Copies a program of this machine to a path of the board."""
+        self.run("sh", "-c", 'cat >"$1" && chmod 755 "$1"', "sh", path, input=program.read_bytes(), check=True)
+
     def remove_file(self, path: str) -> None:
         """Removes a file or a directory with all that it contains."""
         self.run("rm", "-rf", path, check=True)

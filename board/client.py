@@ -13,6 +13,5 @@ def install_client(board: Board, program: Path | None) -> None:
     """Installs the client that was built with the service's @p program; without one, a package has brought it."""
     if program is None:
         return
-    client = program.parents[1] / "sdcardctl" / "sdcardctl"
-    board.run("sh", "-c", 'cat >"$1" && chmod 755 "$1"', "sh", CLIENT, input=client.read_bytes(), check=True)
+    board.install_program(program.parents[1] / "sdcardctl" / "sdcardctl", CLIENT)
     board.write_file(COMPLETION, (SOURCE / "sdcardctl.bash-completion").read_text())

@@ -19,7 +19,7 @@ from ..process import Process
 from .emulator import MEMORY_MIB, Emulator
 from .led_panel import EmulatedLedPanel
 from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
-from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume
+from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume, strip
 from .terminal import relay_terminal
 
 SLOT_SECONDS = 20
@@ -179,6 +179,10 @@ class EmulatedBoard(Board):
     def report(self) -> str:
         console = self._emulator.console() if self.is_open else ""
         return super().report() + "\nkernel:\n" + "\n".join(console.splitlines()[-30:])
+
+    def install_program(self, program: Path, path: str) -> None:
+        with tempfile.TemporaryDirectory(prefix="sdcardd-board-") as directory:
+            super().install_program(strip(program, Path(directory) / program.name), path)
 
     def _set_hotplug(self, on: bool) -> None:
         change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"

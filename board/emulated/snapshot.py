@@ -102,6 +102,12 @@ def _connect(emulator: Emulator, boot_seconds: float | None) -> Link:
     return link
 
 
+def strip(program: Path, copy: Path) -> Path:
+    """Copies a program of the target without what a debugger needs, which would only fill the board's memory."""
+    subprocess.run(["arm-linux-gnueabihf-strip", "-o", copy, program], check=True)
+    return copy
+
+
 def _append_product(directory: Path, disk: Path, program: Path | None) -> None:
     product = directory / "product"
     agent = product / BOARD_DIRECTORY / "agent"
@@ -121,9 +127,7 @@ def _append_product(directory: Path, disk: Path, program: Path | None) -> None:
     if program is not None:
         target = product / SERVICE_PROGRAM.lstrip("/")
         target.parent.mkdir(parents=True, exist_ok=True)
-        # What a debugger needs would only fill the board's memory.
-        subprocess.run(["arm-linux-gnueabihf-strip", "-o", target, program], check=True)
-        target.chmod(0o755)
+        strip(program, target).chmod(0o755)
     names = "\n".join(str(path.relative_to(directory)) for path in [product, *sorted(product.rglob("*"))])
     with disk.open("ab") as archive:
         subprocess.run(["cpio", "--quiet", "--create", "--format=newc", "--owner=0:0"], check=True, cwd=directory,

@@ -14,8 +14,6 @@ from board import MOUNT_POINT, Board, Card, Process, State
 from board.client import CLIENT, COMPLETION, install_client
 from steps import eject, expect_mounted, press_until_eject, start_with_mounted_card
 
-pytestmark = pytest.mark.virtual  # the client, unstripped, takes minutes to reach the emulated board
-
 _, _, USAGE, NOT_RUNNING, NOT_PERMITTED, UNKNOWN_DIRECTORY, TIMED_OUT, NO_BUS, BAD_CONFIGURATION = range(9)
 EXPECT_SECONDS = 30
 MIB = 1024 * 1024

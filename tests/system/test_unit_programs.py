@@ -1,11 +1,12 @@
 """The unit tests that user-mode emulation cannot carry, on a kernel of the target's own."""
 
 import io
-import subprocess
 import tarfile
 from pathlib import Path
 
 import pytest
+
+from board.emulated.snapshot import strip
 
 pytestmark = pytest.mark.emulated
 
@@ -27,12 +28,6 @@ def programs() -> list[str]:
             if "nor on the emulated board" not in line]
 
 
-def stripped(path: Path, directory: Path) -> Path:
-    copy = directory / path.name
-    subprocess.run(["arm-linux-gnueabihf-strip", "-o", copy, path], check=True)
-    return copy
-
-
 def test_some_tests_are_left_to_the_board():
     assert programs() != []
 
@@ -46,7 +41,7 @@ def test_a_unit_test_program_passes_on_the_target(make_board, tmp_path, name):
     archive = io.BytesIO()
     with tarfile.open(fileobj=archive, mode="w") as tar:
         for program in (name, *STARTED_PROGRAMS):
-            tar.add(stripped(BUILD / program, tmp_path), arcname=str(BUILD / program))
+            tar.add(strip(BUILD / program, tmp_path / Path(program).name), arcname=str(BUILD / program))
         for directory in READ_DIRECTORIES:
             tar.add(ROOT / directory, arcname=str(ROOT / directory))
     board.run("busybox", "tar", "-x", "-C", "/", input=archive.getvalue(), check=True)
