@@ -4,6 +4,7 @@
 #include <QSignalSpy>
 #include <QStringList>
 #include <QTest>
+#include <QVector>
 
 #include "CardImage.h"
 #include "StateHarness.h"
@@ -29,6 +30,8 @@ public:
         connect(mState, &StateMounting::MOUNT_CORRUPT, this, note("MOUNT_CORRUPT"));
         connect(mState, &StateMounting::mountingStateActive, this, note("mountingStateActive"));
         connect(mState, &StateMounting::newFsBirthDate, this, note("newFsBirthDate"));
+        connect(&worker(), &ThreadMounting::setTransitionChangeSignal, this,
+                [this](int result) { mReports.append(result); });
     }
 
     void enter() { Q_EMIT mHarness.enter(); }
@@ -59,6 +62,8 @@ public:
     StateMounting& state() { return *mState; }
     ThreadMounting& worker() { return *mState->findChild<ThreadMounting*>(); }
     const QStringList& signalNames() const { return mSignals; }
+    /// What the worker has reported, whether the state made a signal of it or not.
+    const QVector<int>& reports() const { return mReports; }
     bool isInMainThread() const { return mIsInMainThread; }
 
 private:
@@ -79,5 +84,6 @@ private:
     StateMounting* mState;
     StateHarness mHarness;
     QStringList mSignals;
+    QVector<int> mReports;
     bool mIsInMainThread = true;
 };

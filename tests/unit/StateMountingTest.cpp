@@ -18,7 +18,6 @@ using SystemCalls::Call;
 
 namespace {
 
-constexpr int kPatienceMs = 30000;
 const QString kCard = QStringLiteral("/media/sdcard");
 const QString kInfo = QStringLiteral("INFO St:Mounting StateMounting: ");
 const QString kError = QStringLiteral("ERROR St:Mounting StateMounting: ");
@@ -26,11 +25,6 @@ const QString kFormatting = QStringLiteral("INFO St:Mounting sdcard: "
                                            "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'...");
 const QString kFormatCall = QStringLiteral("tavo-create-sdcardFS.sh");
 const QString kCheckCall = QStringLiteral("e2fsck -p /card/mmcblk0p1");
-
-bool waitForCall(const QString& call)
-{
-    return QTest::qWaitFor([&call] { return ToolStandIn::calls().contains(call); }, kPatienceMs);
-}
 
 // From here on every mount seems to succeed.
 void pretendMounts()
@@ -71,10 +65,6 @@ private Q_SLOTS:
     void a_card_that_cannot_be_inspected_is_not_formatted();
     void a_card_that_cannot_be_mounted_is_corrupt();
     void a_mount_point_that_cannot_be_used_is_a_failure();
-    void a_state_that_is_left_during_the_check_emits_nothing();
-    void a_state_that_is_left_during_the_format_does_not_mount();
-    void a_state_that_is_entered_again_starts_anew();
-    void a_run_without_a_result_emits_nothing();
 };
 
 void StateMountingTest::initTestCase()
@@ -300,76 +290,6 @@ void StateMountingTest::a_mount_point_that_cannot_be_used_is_a_failure()
     QCOMPARE(describe(log.records()), QStringList{kInfo + "SD Card Linux Ext4 format is ok"});
     QCOMPARE(ToolStandIn::takeCalls(), QStringList());
     QCOMPARE(TestDevice::readFile(kCard), QByteArray("content"));
-}
-
-void StateMountingTest::a_state_that_is_left_during_the_check_emits_nothing()
-{
-    const QString deepCheck = "e2fsck -f -y -v -c /card/mmcblk0p1";
-    ToolStandIn::place(ToolStandIn::kE2fsck,
-                       "[ $1 = -p ] && exit 4\n" + ToolStandIn::kWait + "exit 0");
-    MountingHarness state;
-    const LogCapture log;
-    state.enter();
-    QVERIFY(waitForCall(deepCheck));
-    state.leave();
-    QVERIFY(state.worker().isRunning());
-    ToolStandIn::letGo();
-    QVERIFY(state.waitForWorker());
-    // It came to its end.
-    QVERIFY(log.messages().contains("Pass2 check result: 0"));
-    QCOMPARE(state.signalNames(), QStringList{"mountingStateActive"});
-}
-
-void StateMountingTest::a_state_that_is_left_during_the_format_does_not_mount()
-{
-    CardImage::writeDisk({});
-    ToolStandIn::place(ToolStandIn::kFormatScript, ToolStandIn::kWait + "exit 99");
-    MountingHarness state;
-    const LogCapture log;
-    state.enter();
-    QVERIFY(waitForCall(kFormatCall));
-    state.leave();
-    ToolStandIn::letGo();
-    QVERIFY(state.waitForWorker());
-    QCOMPARE(describe(log.records()), (QStringList{kInfo + "New SD Card detected", kFormatting}));
-    QCOMPARE(state.signalNames(), QStringList{"mountingStateActive"});
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList{kFormatCall});
-    QCOMPARE(mountCalls(), QStringList());
-}
-
-void StateMountingTest::a_state_that_is_entered_again_starts_anew()
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    QSKIP("the sanitizer does not understand how a thread is terminated");
-#endif
-    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
-    MountingHarness state;
-    const LogCapture log;
-    state.enter();
-    QVERIFY(waitForCall(kCheckCall));
-    ToolStandIn::takeCalls();
-    state.leave();
-    state.enter();
-    QVERIFY(waitForCall(kCheckCall));
-    QCoreApplication::processEvents();
-    QCOMPARE(state.signalNames(), (QStringList{"mountingStateActive", "mountingStateActive"}));
-    ToolStandIn::letGo();
-    QTRY_COMPARE_WITH_TIMEOUT(state.signalNames().size(), 3, kPatienceMs);
-    QCOMPARE(state.signalNames().last(), QString("START_PREPARE"));
-}
-
-void StateMountingTest::a_run_without_a_result_emits_nothing()
-{
-    MountingHarness state;
-    QSignalSpy finished(&state.state(), &QState::finished);
-    SystemCalls::reset();
-    QVERIFY(TestDevice::mountTmpfs(kCard, 1 << 20));
-    pretendMounts();
-    // In the place of what the worker reports.
-    disconnect(&state.worker(), &ThreadMounting::setTransitionChangeSignal, nullptr, nullptr);
-    state.enter();
-    QVERIFY(!finished.isEmpty() || finished.wait(kPatienceMs));
-    QCOMPARE(state.signalNames(), QStringList());
 }
 
 TEST_DEVICE_MAIN(StateMountingTest)
