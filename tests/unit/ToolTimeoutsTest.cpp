@@ -1,0 +1,118 @@
+#include <QSignalSpy>
+#include <QTest>
+
+#include "CardConfig.h"
+#include "CardImage.h"
+#include "ControllerDevice.h"
+#include "MountingHarness.h"
+#include "ProcessWaits.h"
+#include "StateHarness.h"
+#include "StatePreparing.h"
+#include "SystemCalls.h"
+#include "TestDevice.h"
+#include "ToolStandIn.h"
+
+using SystemCalls::Call;
+
+namespace {
+
+constexpr int kPatienceMs = 30000;
+
+QStringList waitsFor(const QString& command, int timeoutMs)
+{
+    return {command + ": start 30000", command + ": end " + QString::number(timeoutMs)};
+}
+
+} // namespace
+
+/// How long each of the service's programs may take.
+class ToolTimeoutsTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanup();
+    void a_card_is_given_time_for_its_format_and_both_checks();
+    void a_card_is_given_the_same_time_for_its_format_at_the_start();
+    void a_preparing_script_is_given_ten_minutes();
+    void the_run_level_is_waited_for_ten_seconds();
+    void both_lists_of_open_files_are_waited_for_ten_seconds();
+
+private:
+    TestBus mBus;
+};
+
+void ToolTimeoutsTest::initTestCase()
+{
+    CardImage::prepareSysfs();
+    ToolStandIn::putFirst();
+}
+
+void ToolTimeoutsTest::cleanup()
+{
+    SystemCalls::reset();
+    CardImage::remove();
+    TestDevice::remove("/media");
+    ProcessWaits::take();
+}
+
+void ToolTimeoutsTest::a_card_is_given_time_for_its_format_and_both_checks()
+{
+    CardImage::writeDisk({});
+    ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
+    ToolStandIn::place(ToolStandIn::kE2fsck, "[ $1 = -p ] && exit 4\nexit 0");
+    SystemCalls::fail(Call::Mount, 0);
+    MountingHarness state;
+    QCOMPARE(state.run().last(), QString("START_PREPARE"));
+    QCOMPARE(ProcessWaits::take(), waitsFor("tavo-create-sdcardFS.sh", 150000) +
+                                       waitsFor("e2fsck -p /card/mmcblk0p1", 300000) +
+                                       waitsFor("e2fsck -f -y -v -c /card/mmcblk0p1", 3600000));
+}
+
+void ToolTimeoutsTest::a_card_is_given_the_same_time_for_its_format_at_the_start()
+{
+    ControllerDevice device(mBus);
+    CardImage::listMmcCard();
+    CardImage::writeDisk({});
+    device.construct();
+    QCOMPARE(ProcessWaits::take(), waitsFor("tavo-create-sdcardFS.sh", 150000));
+}
+
+void ToolTimeoutsTest::a_preparing_script_is_given_ten_minutes()
+{
+    ToolStandIn::place(ControllerDevice::kJobDirectory + "/job", "");
+    const ConfigHandler config =
+        CardConfig::withChildren("<dir size='10'>logger</dir><dir size='10'>csv</dir>");
+    auto* const state = new StatePreparing(config);
+    StateHarness harness(state);
+    QSignalSpy success(state, &StatePreparing::MOUNT_SUCCESS);
+    Q_EMIT harness.enter();
+    QVERIFY(!success.isEmpty() || success.wait(kPatienceMs));
+    TestDevice::remove(ControllerDevice::kJobDirectory);
+    QCOMPARE(ProcessWaits::take(), waitsFor("job logger=/logger csv=/csv", 600000));
+}
+
+void ToolTimeoutsTest::the_run_level_is_waited_for_ten_seconds()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    ProcessWaits::take();
+    controller.cardInsertedTriggered();
+    QCOMPARE(ProcessWaits::take(), waitsFor("runlevel", 10000));
+}
+
+void ToolTimeoutsTest::both_lists_of_open_files_are_waited_for_ten_seconds()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    ToolStandIn::place(ToolStandIn::kLsof, "echo 4194305");
+    ProcessWaits::take();
+    QVector<int> ids;
+    QCOMPARE(controller.checkOpenFiles("/media/sdcard", ids, Sdcard::eLogLevel::Files), 0);
+    QCOMPARE(ProcessWaits::take(),
+             waitsFor("lsof -t -Q /media/sdcard", 10000) + waitsFor("lsof -F -p 4194305", 10000));
+}
+
+TEST_DEVICE_MAIN(ToolTimeoutsTest)
+#include "ToolTimeoutsTest.moc"
