@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <limits>
 
 #include <QCoreApplication>
@@ -18,8 +19,29 @@ namespace {
 const QString kConstructor = QStringLiteral("SDCardFileInfo::SDCardFileInfo(const QByteArray&)");
 const QString kAbsolutePath =
     QStringLiteral("static QByteArray SDCardFileInfo::absolutePath(const QByteArray&)");
+const QString kBaseName = QStringLiteral("const char* SDCardFileInfo::baseName() const");
+
+bool lacksMemory = false;
 
 } // namespace
+
+// The linker's option --wrap leads the service's calls here; it prescribes the names.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" {
+
+char* __real_strdup(const char*);
+
+char* __wrap_strdup(const char* text)
+{
+    if (lacksMemory) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_strdup(text);
+}
+
+} // extern "C"
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 class SDCardFileInfoTest : public QObject
 {
@@ -34,6 +56,7 @@ private Q_SLOTS:
     void without_a_working_directory_a_relative_path_is_a_fatal_error();
     void the_base_name_is_the_last_component_data();
     void the_base_name_is_the_last_component();
+    void without_memory_the_base_name_is_empty_until_it_is_asked_for_again();
     void the_status_is_that_of_the_file();
     void a_directory_is_told_from_a_file();
     void a_dangling_link_counts_as_itself();
@@ -128,6 +151,21 @@ void SDCardFileInfoTest::the_base_name_is_the_last_component()
     const SDCardFileInfo info(path);
     QTEST(QByteArray(info.baseName()), "baseName");
     QTEST(QByteArray(info.baseName()), "baseName");
+}
+
+void SDCardFileInfoTest::without_memory_the_base_name_is_empty_until_it_is_asked_for_again()
+{
+    const SDCardFileInfo info("/w/sub");
+    const LogCapture log;
+    lacksMemory = true;
+    const QByteArray without = info.baseName();
+    lacksMemory = false;
+    QCOMPARE(without, QByteArray());
+    const LogRecord expected{LogLevel::Error, "SDCardFileInfo", "SDCardFileInfo", kBaseName,
+                             "baseName(): strdup: Cannot allocate memory"};
+    QCOMPARE(log.records(), QVector<LogRecord>{expected});
+    QCOMPARE(log.errorCount(), 1U);
+    QCOMPARE(info.baseName(), "sub");
 }
 
 void SDCardFileInfoTest::the_status_is_that_of_the_file()
