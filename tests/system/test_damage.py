@@ -70,6 +70,10 @@ def test_a_card_that_cannot_be_repaired_is_corrupted_until_the_service_is_killed
     assert not board.exists(MOUNT_POINT)
     assert (board.property("MemState"), board.property("MemLevel"), board.property("IsMounted")) == (2, 0, False)
     assert board.call(CARD_INTERFACE, "RefreshMemState") == 2
+    # Whoever waits for the card learns it from the memory state and the state alone.
+    assert ("MemStateChanged", 2) in [(sent.name, *sent.arguments) for sent in board.signals]
+    assert not {"CardCorrupt", "CardMounted", "CardNotMountable"} & set(signal_names(board))
+    assert board.transition is Transition.CARD_INSERTED
 
     board.pull()
     board.expect_transition(Transition.CARD_REMOVED)
