@@ -146,7 +146,7 @@ def _sources() -> list[Path]:
     """All files that a booted board's state depends on, but for the service's program."""
     return [*(path for path in AGENT.iterdir() if path.is_file()), *(MACHINE / name for name in SHARED_WITH_VIRTUAL_BOARD),
             *(path for path in PLATFORM.iterdir() if path.is_file()), Path(__file__).parent / "emulator.py",
-            MACHINE.parent / "installation.py"]
+            *(MACHINE.parent / name for name in ("installation.py", "log_records.py", "names.py")), Path(__file__)]
 
 
 def _cache() -> Path:
