@@ -28,7 +28,10 @@ constexpr int kFailure = 1;
 
 QString applicationVersion()
 {
-    return VersionRecord{QVersionNumber(2, 9, 851), QStringLiteral("yocto"), false, 0}.toString();
+    // The builder's name is part of a text that others compare, whoever builds.
+    return VersionRecord{QVersionNumber::fromString(QStringLiteral(SDCARDD_VERSION)),
+                         QStringLiteral("yocto"), false, 0}
+        .toString();
 }
 
 // Tells the device manager's logger not to hold its events back. Devices without that logger lack
@@ -62,6 +65,7 @@ int serve(QCoreApplication& application, const QCommandLineParser& parser,
 
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected()) {
+        // Qt names the connection "qt_default_system_bus".
         TRACK_FATAL(logger,
                     "Cannot connect to the D-Bus " + bus.name().section('_', 2, 2) + " bus");
         return kFailure;

@@ -7,6 +7,7 @@ import pytest
 from board import State
 from board.log_records import TRACKING_CONFIGURATION_TEXT, parse_records
 from board.names import LOG_FILE, MEDIA_CONFIGURATION, TRACKING_CONFIGURATION
+from conftest import ROOT
 from steps import messages
 
 TRACKING_NAME = "tavo-sdcard.trackconfig.xml"
@@ -29,6 +30,14 @@ def test_the_version_is_printed(board, option):
     assert service.wait() == 0
     assert (service.output, service.errors) == ("sdcardd 2.9.851 by yocto\n", "")
     assert board.records == []
+
+
+def test_the_build_the_package_and_the_changelog_name_the_same_version():
+    build = re.search(r"^project\(sdcardd VERSION (\S+) ", (ROOT / "CMakeLists.txt").read_text(), re.M)
+    package = re.match(r"sdcardd \((\S+)\) ", (ROOT / "debian/changelog").read_text())
+    told = re.search(r"^## (\d\S*),", (ROOT / "CHANGELOG.md").read_text(), re.M)
+    assert build and package and told
+    assert build[1] == package[1] == told[1]
 
 
 @pytest.mark.parametrize("option", ["--help", "-h"])
