@@ -16,6 +16,7 @@ from dataclasses import dataclass
 from enum import Enum
 from pathlib import Path
 
+CARD_ACTIVITY_TRIGGER = "mmc0"
 LED_NAMES = ("mmc-red", "mmc-green")
 LED_FILES = {"brightness": "0\n", "trigger": "none\n", "delay_on": "0\n", "delay_off": "0\n"}
 DEFAULT_BLINK_MS = 500
@@ -72,7 +73,7 @@ class Led:
 def pattern_of(red: Led, green: Led) -> LedPattern:
     """The pattern that two LEDs show together."""
     if green.shows == "off":
-        return {"off": LedPattern.OFF, "mmc0": LedPattern.MOUNTED,
+        return {"off": LedPattern.OFF, CARD_ACTIVITY_TRIGGER: LedPattern.MOUNTED,
                 "blinks 100/100 ms": LedPattern.BUSY}.get(red.shows, LedPattern.UNKNOWN)
     if red.shows == "off":
         if green.shows == "on":

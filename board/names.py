@@ -10,6 +10,7 @@ CONTROLLER_INTERFACE = "tavo.SDCardController1"
 SERVICE_PROGRAM = "/usr/sbin/sdcardd"
 MEDIA_CONFIGURATION = "/etc/tavo/tavo-sdcard.config.xml"
 TRACKING_CONFIGURATION = "/etc/tavo/tavo-sdcard.trackconfig.xml"
+E2FSCK = "/usr/sbin/e2fsck"
 FORMAT_SCRIPT = "/opt/tavo/bin/tavo-create-sdcardFS.sh"
 BUS_POLICY = "/usr/share/dbus-1/system.d/tavo.SDCard1.conf"
 SYSTEM_BUS_SOCKET = "/run/dbus/system_bus_socket"
@@ -59,7 +60,7 @@ class Transition(IntEnum):
     CARD_CORRUPT = 6
     UNMOUNT_FAILED = 7
     FILES_CLOSED = 8
-    TIMEOUT = 9
+    TIMED_OUT = 9
 
 
 class MemState(IntEnum):

@@ -3,9 +3,7 @@
 from dataclasses import replace
 
 from ..board import Board
-from ..leds import Led
-
-CARD_ACTIVITY_TRIGGER = "mmc0"
+from ..leds import CARD_ACTIVITY_TRIGGER, Led
 
 
 class Lamp:

@@ -5,12 +5,11 @@ import time
 import pytest
 
 from board import MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State, Transition
-from board.names import CARD_DEVICE, FORMAT_SCRIPT
+from board.names import CARD_DEVICE, E2FSCK, FORMAT_SCRIPT
 from steps import (START_RECORDS, eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card,
                    take_out)
 
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
-E2FSCK = "/usr/sbin/e2fsck"
 COARSE = 0.05  # of its time, by which a timer of the service may be early
 
 

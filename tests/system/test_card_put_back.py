@@ -1,9 +1,9 @@
 """A card that comes back before the work on it has ended."""
 
 from board import Card, State
+from board.names import E2FSCK
 from steps import eject, expect_mounted
 
-E2FSCK = "/usr/sbin/e2fsck"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 
 

@@ -23,7 +23,7 @@ def test_a_file_held_open_for_40_seconds_keeps_the_card_mounted(board):
     board.expect_leds(LedPattern.BUSY)
     expect_mounted(board, within=8)
     assert 38 < time.monotonic() - pressed < 42.5
-    assert board.transition is Transition.TIMEOUT
+    assert board.transition is Transition.TIMED_OUT
     board.expect_leds(LedPattern.MOUNTED)
     assert signal_names(board, signals) == ["CardMounted"]
     assert board.property("IsMounted") is True
@@ -46,7 +46,7 @@ def test_a_card_left_in_the_slot_is_mounted_again_after_20_seconds(board):
     expect_mounted(board, within=8)
     mounted = board.expect_signal("CardMounted", after=signals)
     assert 19 <= mounted.time - unmounted.time < 22
-    assert board.transition is Transition.TIMEOUT
+    assert board.transition is Transition.TIMED_OUT
     assert board.property("IsMounted") is True
     assert len(board.mounts()) == 1
     board.expect_leds(LedPattern.MOUNTED)
@@ -116,7 +116,7 @@ def test_a_missing_lsof_counts_as_files_still_open(board):
     press_until_eject(board)
     board.expect_state_for(State.CLOSING_FILES, 36)
     expect_mounted(board, within=8)
-    assert board.transition is Transition.TIMEOUT
+    assert board.transition is Transition.TIMED_OUT
     assert messages(board, "ERROR")[:2] == ["Starting command failed (exitstatus:0)",
                                             "Invoke of 'lsof' utility failed with exit code -1"]
     board.run("ln", "-s", "/usr/bin/lsof", LSOF, check=True)

@@ -8,14 +8,13 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
-from board.names import (BOARD_DIRECTORY, MEDIA_CONFIGURATION, SERVICE_NAME, SERVICE_PROGRAM,
+from board.names import (BOARD_DIRECTORY, E2FSCK, MEDIA_CONFIGURATION, SERVICE_NAME, SERVICE_PROGRAM,
                          TRACKING_CONFIGURATION)
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]
 INIT_SCRIPT = "/etc/init.d/sdcardd"
 LOG = "/var/log/tavo-sdcard.log"
 RUNNING, NOT_RUNNING = 0, 3
-E2FSCK = "/usr/sbin/e2fsck"
 
 
 def init(board, action, within=60):

@@ -4,10 +4,9 @@ import signal
 import time
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
-from board.names import FORMAT_SCRIPT
+from board.names import E2FSCK, FORMAT_SCRIPT
 from steps import eject, expect_mounted, start_with_mounted_card
 
-E2FSCK = "/usr/sbin/e2fsck"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 
 

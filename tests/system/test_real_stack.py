@@ -5,11 +5,11 @@ import time
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State
+from board.names import E2FSCK
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
 pytestmark = pytest.mark.emulated
 
-E2FSCK = "/usr/sbin/e2fsck"
 MIB = 1024 * 1024
 
 

@@ -6,11 +6,11 @@ import time
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, State
+from board.names import E2FSCK
 from systemd_system import SystemdSystem
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]
 UNIT = "sdcardd.service"
-E2FSCK = "/usr/sbin/e2fsck"
 # The board's cards are loop devices, which the unit does not let the service open.
 DEVICES = "[Service]\nDeviceAllow=block-loop rw\nDeviceAllow=block-blkext rw\n"
 HOLD_FILE = ("import signal, sys, time\n"

@@ -6,9 +6,9 @@ import time
 import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
+from board.names import E2FSCK
 from steps import eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card
 
-E2FSCK = "/usr/sbin/e2fsck"
 LSOF = "/usr/sbin/lsof"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 both_signals = pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP], ids=["SIGTERM", "SIGHUP"])
