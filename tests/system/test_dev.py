@@ -25,11 +25,12 @@ def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
 def test_help_lists_the_commands_that_exist():
     result = dev("help")
     assert result.returncode == 0
-    for command in ("run", "board", "test", "emulate", "shell", "build", "help"):
+    for command in ("run", "board", "test", "emulate", "shell", "build", "package", "bench", "lint", "help"):
         assert f"./dev {command}" in result.stdout
 
 
-@pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"]])
+@pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"],
+                                       ["lint", "--nonsense"]])
 def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
     result = dev(*arguments)
     assert result.returncode == 2
