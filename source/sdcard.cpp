@@ -131,7 +131,9 @@ void Sdcard::addTransitions()
 
     // Missing on purpose: a corrupted card keeps its state until the process ends, so nothing
     // leaves corrupted; and a request to terminate waits until mounting and preparing are done. The
-    // signal's byte is never read, so that the notifier is still active then.
+    // signal's byte is never read, so that the notifier is still active then. By it, too, a
+    // terminating state is left after its own unmount: UMOUNT_SUCCESS says that nothing was
+    // mounted.
     // clang-format off
     const std::vector<TransitionRow> rows = {
         {mNoSdCardState,                   this,            SIGNAL(SD_INSERT()),      mMountingState},

@@ -106,6 +106,14 @@ def test_the_commands_in_the_documents_exist(program):
         assert not unknown, f"{program_name} {' '.join(words)}"
 
 
+def test_every_time_that_the_table_names_stands_where_it_says():
+    table = (ROOT / "docs/architecture.md").read_text().split("\n## Times")[1].split("\n## ")[0]
+    named = re.findall(r"\| `([\w.]+)`: (.*) \|$", table, re.MULTILINE)
+    assert len(named) > 15
+    assert [(file, name) for file, names in named for name in re.findall(r"`(\w+)`", names)
+            if not re.search(rf"\b{name} = ", (ROOT / "source" / file).read_text())] == []
+
+
 # Log records
 
 def literals(code: str) -> list[str]:
