@@ -34,7 +34,7 @@ public:
 
     enum class Extent
     {
-        OneLevel,
+        OneLevel, ///< for StorageCapacityWatcher::dirSizeFlat()
         WholeTree
     };
     enum class Keep

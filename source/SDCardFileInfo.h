@@ -28,6 +28,7 @@ public:
     /// The owner's permission bits, whoever asks.
     bool isOwnerReadable() const { return (mStatus.st_mode & S_IRUSR) != 0; }
     bool isOwnerWritable() const { return (mStatus.st_mode & S_IWUSR) != 0; }
+    // The next two are part of the published interface; the scan asks the kernel by itself.
     /// Apparent size in bytes.
     qint64 size() const { return mStatus.st_size; }
     /// Time of the last status change in nanoseconds since the epoch.

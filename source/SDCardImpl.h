@@ -43,6 +43,7 @@ public:
     void setMemLevel(int level);
     /// Emits MemStateChanged where the state differs from the present one.
     void setMemState(int state);
+    /// Part of the published interface; the service gives the mount point to the constructor.
     void setMountPoint(const QString& mountPoint) { mMountPoint = mountPoint; }
     void setState(int state) { mState = state; }
     void setTransition(int transition) { mTransition = transition; }

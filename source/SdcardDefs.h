@@ -12,7 +12,8 @@ inline constexpr int kMmcFormatTimeoutMs = 150000;
 inline constexpr int kMmcFormatNotNeeded = 0;
 inline constexpr int kMmcFormatCreated = 99;
 
-/// File-system types of a removable card and of built-in flash.
+/// File-system types of a removable card and of built-in flash: two names that are part of the
+/// published interface, of one value on this device.
 inline const QString kMmcFsTypeSd = QStringLiteral("ext4");
 inline const QString kMmcFsTypeEmmc = QStringLiteral("ext4");
 

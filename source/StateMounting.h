@@ -107,8 +107,7 @@ protected:
 private:
     /// Sees to it that the card carries one Linux partition.
     /// @return 0 where it does, 99 where it has been formatted now, otherwise the code of the
-    /// failure;
-    ///         nothing after a stop request
+    /// failure; nothing after a stop request
     std::optional<int> ensureLinuxPartition();
     StateMounting* owningState() const;
 

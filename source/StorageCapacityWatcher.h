@@ -43,14 +43,15 @@ public:
     /// it.
     bool isWatchDirUsable(const QByteArray& path) const;
 
-    /// Bytes (apparent size) of the directory itself and of the files directly in it.
+    /// Bytes (apparent size) of the directory itself and of the files directly in it. Part of the
+    /// published interface; the service itself measures whole trees.
     qint64 dirSizeFlat(const QByteArray& dir) const;
     /// Bytes (apparent size) of the directory and of everything below it.
     qint64 dirSize(const QByteArray& dir) const;
 
     /// Deletes the oldest files of one directory until it is below its limit, and the directories
     /// that have become empty by it.
-    void ensureDirSizeSingle(const StorageCapacityWatcher::WatchDir& watchDir) const;
+    void ensureDirSizeSingle(const WatchDir& watchDir) const;
     /// Removes @p dir and its parents up to, not including, @p watchPath as far as they are empty.
     /// @param used bytes in use; lowered by what each removed directory counts for
     void removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir, qint64& used) const;

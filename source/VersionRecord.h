@@ -3,7 +3,8 @@
 #include <QString>
 #include <QVersionNumber>
 
-/// What a build is called.
+/// What a build is called. `modified` and `external` are for builders other than the release's,
+/// which leaves them at their defaults.
 struct VersionRecord
 {
     QVersionNumber number;

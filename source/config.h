@@ -50,8 +50,9 @@ struct SymlinkInfo
     QString name;   ///< its file name
     QString path;   ///< relative to the mount point, beginning with "/"
     QString target; ///< what the link contains, as configured
-    QString
-        absoluteTarget; ///< the target seen from the link's directory, relative to the mount point
+    /// The target seen from the link's directory, relative to the mount point. For callers of the
+    /// published interface; the service itself has no use for it.
+    QString absoluteTarget;
 };
 
 /// The media configuration: where the card is mounted and how it is laid out. Read-only after
@@ -81,7 +82,7 @@ public:
     const QVector<SymlinkInfo>& symlinks() const { return mSymlinks; }
     /// One "name=path" for each directory.
     const QStringList& dirEntries() const { return mDirEntries; }
-    /// One "name=path" for each link.
+    /// One "name=path" for each link; kept for callers, as dirEntries() for links.
     const QStringList& symlinkEntries() const { return mSymlinkEntries; }
 
     /// Path, relative to the mount point, of the first directory named @p id, else of the first
@@ -89,12 +90,14 @@ public:
     QString getDirPath(const QString& id) const;
     /// Bytes allotted to the first directory named @p id; 0 when there is none or no mounted card.
     qint64 getDirSize(const QString& id) const;
-    /// Bytes that the first directory named @p id and all below it occupy (apparent sizes); for an
-    /// empty
-    /// @p id the bytes used on the card. 0 when there is none or no mounted card.
+    /// Bytes that the first directory named @p id and all below it occupy (apparent sizes); where
+    /// @p id is empty, the bytes used on the card. 0 when there is none or no mounted card.
     qint64 getDirUsed(const QString& id) const;
     /// Whether the kernel lists a card in the first MMC slot.
     bool hasMmcDevice() const;
+
+    // The next three are the published way to read a piece of a configuration; setup() goes through
+    // the first, the other two are kept for callers.
 
     /// Reads the children of one element.
     /// @param parentPath path of the element's directory; empty for the root

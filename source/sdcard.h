@@ -31,6 +31,10 @@ class StatePreparing;
 
 /// The controller of the card's life: a state machine, the timers that bound its states, the
 /// sources of its events, and the bus object that shows it. Lives on the main thread.
+///
+/// sdcard.cpp holds the machine and what its states do on entry; sdcard_events.cpp the signal
+/// bridge, the button, hot plug and the trigger slots; sdcard_unmount.cpp the mount table, open
+/// files and unmounting; sdcard_leds.cpp the LEDs and the look at the hardware at the start.
 class Sdcard : public QObject, public TrackObject, public SdcardInterface
 {
     Q_OBJECT
@@ -82,10 +86,11 @@ public:
 
     /// Looks the mount point up in the mount table as plain text: the first line that contains it
     /// decides, and "rw" or "ro" anywhere in that line.
+    /// @param logger without effect, kept for callers
     static MountState getMountState(const log4cxx::LoggerPtr& logger, const QString& mountPoint);
 
     /// Unmounts @p path and removes the mount point directory.
-    /// @param force without effect: the forced path ends the processes first instead
+    /// @param force without effect, kept for callers: the forced path ends the processes first
     /// @return false when it could not be unmounted or the directory not be removed
     bool umountDevice(const QString& path, bool force);
 
@@ -115,6 +120,7 @@ Q_SIGNALS:
     void SD_EJECT();
     void FILES_CLOSED();
 
+    // The order of signals and slots is published.
 public Q_SLOTS:
     void checkMemState() override;
     void addBlockDevice();
@@ -132,10 +138,11 @@ public Q_SLOTS:
     void cardInsertedTriggered();
     void cardRemovedTriggered();
     void cardEjectTriggered();
+    // These three never run: see the signals. What is to follow a mount belongs into mounted().
     void mountSuccessTriggered();
     void mountFailedTriggered();
     void mountCorruptTriggered();
-    void umountSuccessTriggered();
+    void umountSuccessTriggered(); ///< nothing is left to do; kept for the published meta-object
     void unmountFailedTriggered();
     void filesClosedTriggered();
     void timeoutTriggered();
@@ -196,7 +203,7 @@ private:
     QDateTime mFsBirthTime;
     QTimer mStateTimer;
     QTimer mOpenFilesTimer;
-    quint32 mOpenFilesChecks = 0;
+    quint32 mOpenFilesChecks = 0; ///< how often the present wait has looked; tests read it
     QTimer mMemoryTimer;
     QTimer mInsertDelayTimer;
     QTimer mEjectPollTimer;
