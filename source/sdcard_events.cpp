@@ -171,6 +171,8 @@ void Sdcard::cardRemovedTriggered()
     if (getMountState(logger(), mountPoint) == MountState::ReadWrite) {
         TRACK_INFO(logger(), "Force unmount device (if not already)");
         mCapacityWatcher.abandonRuns();
+        // Its limits are not those of the next card.
+        mCapacityWatcher.storageIsUnmounted();
         umountDevice(mountPoint, true);
     }
 }

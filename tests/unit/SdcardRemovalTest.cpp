@@ -25,6 +25,7 @@ private Q_SLOTS:
     void a_removed_card_that_is_mounted_read_only_is_left();
     void a_card_of_a_failed_forced_unmount_is_gone_all_the_same();
     void a_pulled_card_is_unmounted_and_gone();
+    void the_limits_of_a_pulled_card_are_forgotten();
     void a_format_while_mounting_sets_the_birth_time();
 
 private:
@@ -163,6 +164,17 @@ void SdcardRemovalTest::a_pulled_card_is_unmounted_and_gone()
              Sdcard::MountState::NotMounted);
     QCOMPARE(device.effects().takeProperties().last(),
              QString("CardRemoved: State 1, IsMounted 0"));
+}
+
+void SdcardRemovalTest::the_limits_of_a_pulled_card_are_forgotten()
+{
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.startIn("mounted");
+    QVERIFY(controller.ensureDirSize("csv"));
+    controller.cardRemovedTriggered();
+    // The next card, before it is ready.
+    QVERIFY(ControllerDevice::mountCard());
+    QVERIFY(!controller.ensureDirSize("csv"));
 }
 
 void SdcardRemovalTest::a_format_while_mounting_sets_the_birth_time()
