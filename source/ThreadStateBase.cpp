@@ -10,7 +10,13 @@ constexpr unsigned long kTerminationWaitMs = 3000;
 
 } // namespace
 
-ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent) {}
+ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent)
+{
+    connect(
+        this, &QThread::finished, this, [this] { ++mEnds; }, Qt::DirectConnection);
+    connect(
+        this, &QThread::finished, this, [this] { ++mEndsTold; }, Qt::QueuedConnection);
+}
 
 ThreadStateBase::~ThreadStateBase()
 {
@@ -60,7 +66,8 @@ void ThreadStateBase::terminateIfRunning()
     }
 }
 
-WorkerFinishedTransition::WorkerFinishedTransition(const QThread* worker, QAbstractState* target)
+WorkerFinishedTransition::WorkerFinishedTransition(const ThreadStateBase* worker,
+                                                   QAbstractState* target)
     : QSignalTransition(worker, &QThread::finished), mWorker(worker)
 {
     setTargetState(target);
@@ -68,5 +75,5 @@ WorkerFinishedTransition::WorkerFinishedTransition(const QThread* worker, QAbstr
 
 bool WorkerFinishedTransition::eventTest(QEvent* event)
 {
-    return QSignalTransition::eventTest(event) && mWorker->isFinished();
+    return QSignalTransition::eventTest(event) && mWorker->isEndTold();
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include <QMutex>
 #include <QSignalTransition>
 #include <QThread>
@@ -32,22 +34,29 @@ public:
     /// Ends a run wherever it is, and waits up to 3000 ms for it to be gone.
     void terminateIfRunning();
 
+    /// Whether the latest run has finished and the object's thread has been told so: what is told
+    /// before that is the end of an earlier run.
+    bool isEndTold() const { return isFinished() && mEndsTold == mEnds; }
+
 private:
     mutable QMutex mStopMutex;
     bool mStopRequested = false;
+    std::atomic<quint32> mEnds{0};
+    quint32 mEndsTold = 0;
 };
 
 /// Leads out of a state's running child when its worker has finished.
 class WorkerFinishedTransition : public QSignalTransition
 {
 public:
-    WorkerFinishedTransition(const QThread* worker, QAbstractState* target);
+    WorkerFinishedTransition(const ThreadStateBase* worker, QAbstractState* target);
 
 protected:
     /// The notice of a run that was terminated on re-entry arrives when the next one is under way
-    /// already; it must not pass for the end of that.
+    /// or has ended already; it must not pass for the end of that, whose result may not have come
+    /// yet.
     bool eventTest(QEvent* event) override;
 
 private:
-    const QThread* mWorker;
+    const ThreadStateBase* mWorker;
 };

@@ -120,6 +120,7 @@ private Q_SLOTS:
     void termination_without_a_run_does_nothing();
     void a_finished_run_leads_out_of_its_state();
     void the_notice_of_a_run_before_does_not_lead_out_of_the_state();
+    void a_state_is_left_only_when_the_latest_run_has_been_told_to_be_over();
 
 Q_SIGNALS:
     void again();
@@ -289,6 +290,45 @@ void ThreadStateBaseTest::the_notice_of_a_run_before_does_not_lead_out_of_the_st
     mayEnd.release();
     QVERIFY(isRunning);
     QTRY_VERIFY_WITH_TIMEOUT(machine.configuration().contains(finished), kPatienceMs);
+}
+
+void ThreadStateBaseTest::a_state_is_left_only_when_the_latest_run_has_been_told_to_be_over()
+{
+#ifdef __SANITIZE_THREAD__
+    QSKIP("the sanitizer does not understand how a thread is terminated");
+#endif
+    QSemaphore started;
+    std::atomic<int> runs{0};
+    ThreadOfThreads worker([&] {
+        if (++runs == 1) {
+            started.release();
+            goOn();
+        }
+    });
+    QStateMachine machine;
+    auto* const running = new QState(&machine);
+    auto* const finished = new QFinalState(&machine);
+    running->addTransition(new WorkerFinishedTransition(&worker, finished));
+    running->addTransition(this, &ThreadStateBaseTest::again, running);
+    int told = 0;
+    connect(
+        &worker, &QThread::finished, this, [&told] { ++told; }, Qt::QueuedConnection);
+    int toldWhenLeft = 0;
+    connect(finished, &QState::entered, this, [&] { toldWhenLeft = told; });
+    int entries = 0;
+    connect(running, &QState::entered, [&] {
+        worker.start(QThread::InheritPriority);
+        if (++entries == 2) {
+            // Now the ends of both runs are waiting to be told.
+            worker.wait(kPatienceMs);
+        }
+    });
+    machine.setInitialState(running);
+    machine.start();
+    QTRY_COMPARE_WITH_TIMEOUT(started.available(), 1, kPatienceMs);
+    Q_EMIT again();
+    QTRY_VERIFY_WITH_TIMEOUT(machine.configuration().contains(finished), kPatienceMs);
+    QCOMPARE(toldWhenLeft, 2);
 }
 
 QTEST_GUILESS_MAIN(ThreadStateBaseTest)
