@@ -15,14 +15,15 @@
 
 namespace {
 
-/// Whether @p matches holds for the mount point of any entry of the mount table.
+/// Whether @p matches holds for the mount point of any entry of the mount table; nothing where the
+/// table cannot be read.
 template <typename Predicate>
-bool isAnyMountPoint(Predicate matches)
+std::optional<bool> isAnyMountPoint(Predicate matches)
 {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> table(
         ::setmntent(SdcardDefs::kMmcMountTable.toUtf8().constData(), "re"), ::endmntent);
     if (!table) {
-        return false;
+        return std::nullopt;
     }
     // Device and mount point may each be PATH_MAX bytes, of which every one may be an octal escape.
     static constexpr std::size_t kLineSize = 2 * 4 * 4096 + 1024;
@@ -44,7 +45,8 @@ MountedFileSystem::MountedFileSystem(const QString& mountPoint) : mMountPoint(mo
 
 bool MountedFileSystem::isMounted() const
 {
-    return isAnyMountPoint([this](const QByteArray& point) { return point == mMountPoint; });
+    return isAnyMountPoint([this](const QByteArray& point) { return point == mMountPoint; })
+        .value_or(false);
 }
 
 std::optional<FileSystemSize> MountedFileSystem::size() const
@@ -72,7 +74,7 @@ bool removeMountPoint(const QString& path)
         return true;
     }
     const QByteArray real = directory.canonicalPath().toUtf8();
-    const bool isInUse = isAnyMountPoint(
+    const std::optional<bool> isInUse = isAnyMountPoint(
         [&real](const QByteArray& point) { return point == real || point.startsWith(real + '/'); });
-    return !isInUse && directory.removeRecursively();
+    return !isInUse.value_or(true) && directory.removeRecursively();
 }

@@ -42,6 +42,7 @@ private Q_SLOTS:
     void a_mount_point_that_is_gone_need_not_be_removed();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted_data();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted();
+    void nothing_is_removed_where_the_mount_table_cannot_be_read();
 };
 
 void MountedFileSystemTest::init()
@@ -208,6 +209,16 @@ void MountedFileSystemTest::nothing_is_removed_as_long_as_a_file_system_is_mount
     TestDevice::unmountAll(mounted);
     QVERIFY(!isGone);
     QCOMPARE(content, QByteArray("kept"));
+}
+
+void MountedFileSystemTest::nothing_is_removed_where_the_mount_table_cannot_be_read()
+{
+    TestDevice::writeFile(kMountPoint + "/kept", "kept");
+    QVERIFY(TestDevice::mountTmpfs("/proc", kMegabyte));
+    const bool isGone = removeMountPoint(kMountPoint);
+    TestDevice::unmountAll("/proc");
+    QVERIFY(!isGone);
+    QCOMPARE(TestDevice::readFile(kMountPoint + "/kept"), QByteArray("kept"));
 }
 
 TEST_DEVICE_MAIN(MountedFileSystemTest)
