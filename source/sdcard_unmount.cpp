@@ -229,6 +229,7 @@ void Sdcard::terminateProcesses(const QString& mountPoint)
         QThread::usleep(kSoftKillPollUs);
         processIds.clear();
         checkOpenFiles(mountPoint, processIds, eLogLevel::Silent);
+        processIds.removeAll(::getpid());
         if (processIds.isEmpty()) {
             break;
         }
