@@ -6,8 +6,8 @@
 #include "DirectoryScan.h"
 
 /// Removes files of a scan. Each directory is opened once for a run of its files. What has taken
-/// the place of a scanned directory or file meanwhile stays: a link may lead anywhere, and a new
-/// file is not the old one of its name.
+/// the place of a scanned directory or file meanwhile stays, as far as its inode tells: a link may
+/// lead anywhere, and a new file is not the old one of its name.
 class FileRemover
 {
 public:

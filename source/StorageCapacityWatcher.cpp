@@ -212,9 +212,7 @@ void StorageCapacityWatcher::ensureDirSizeSingle(const WatchDir& watchDir,
             touched.push_back(file->directory);
         }
     }
-    if (token.isCancelled()) {
-        return;
-    }
+    // Also after a cancelled removal: no later run comes back to them.
     for (const quint32 directory : touched) {
         removeEmptyDirs(watchDir.path, scan.path(directory), used);
     }

@@ -77,7 +77,7 @@ DirInfo::Ids DirInfo::ownerIds() const
 qint64 DirInfo::allottedBytes(quint64 cardBytes) const
 {
     // Shares are not checked when they are read: one that is no sensible number must end neither in
-    // an undefined conversion nor in a limit that deletes everything.
+    // an undefined conversion nor, where it is no number, in a limit that deletes everything.
     constexpr qreal kLimit = 9223372036854775808.0;
     const qreal bytes = static_cast<qreal>(cardBytes) * size;
     if (bytes >= kLimit || std::isnan(bytes)) {

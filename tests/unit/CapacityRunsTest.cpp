@@ -197,8 +197,8 @@ void CapacityRunsTest::an_abandoned_run_leaves_the_next_files()
     QVERIFY(!WatchedRuns::fileExists("a/1"));
     QVERIFY(WatchedRuns::fileExists("2"));
     QVERIFY(WatchedRuns::fileExists("3"));
-    // It has been emptied, but that would be looked at later.
-    QVERIFY(WatchedRuns::fileExists("a"));
+    // No later run would come back to the directory that has been emptied.
+    QVERIFY(!WatchedRuns::fileExists("a"));
 }
 
 void CapacityRunsTest::requests_are_fulfilled_after_runs_were_abandoned()
