@@ -55,7 +55,9 @@ def test_a_closed_board_leaves_nothing_even_with_the_card_mounted_and_in_use(mak
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
 def test_nothing_is_left_when_the_process_that_owns_the_board_dies(number):
-    script = (f"import sys, time; sys.path.insert(0, {str(ROOT)!r})\n"
+    # A shell in whose background the tests run has had the interruption ignored.
+    script = (f"import signal, sys, time; sys.path.insert(0, {str(ROOT)!r})\n"
+              "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
               "from board import Card, VirtualBoard\n"
               "board = VirtualBoard(); board.insert(Card.formatted())\n"
               f"board.run('sh', '-c', {MOUNT_COMMAND!r}, check=True)\n"
