@@ -6,7 +6,6 @@ import subprocess
 import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
-from pathlib import Path
 
 import pytest
 
@@ -14,10 +13,10 @@ from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, 
 from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
+from conftest import ROOT
 
 pytestmark = pytest.mark.virtual
 
-ROOT = Path(__file__).resolve().parents[2]
 MOUNT_COMMAND = f"mkdir {MOUNT_POINT} && mount -t ext4 {PARTITION_DEVICE} {MOUNT_POINT}"
 
 

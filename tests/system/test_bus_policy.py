@@ -2,15 +2,14 @@
 
 import json
 import xml.etree.ElementTree as ElementTree
-from pathlib import Path
 
 import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, VirtualBoard
 from board.names import OBJECT_PATH, SERVICE_NAME
+from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # the probe is a Python program
-ROOT = Path(__file__).resolve().parents[2]
 PROPERTIES = "org.freedesktop.DBus.Properties"
 INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
 PEER = "org.freedesktop.DBus.Peer"

@@ -2,11 +2,11 @@
 
 import re
 import subprocess
-from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
+from conftest import ROOT
+
 # An init is recommended only: a device has one.
 NAMES_IN_TEXT = re.compile(r"[a-z0-9][a-z0-9+.-]+")
 

@@ -5,9 +5,9 @@ from pathlib import Path
 
 import pytest
 
-pytestmark = pytest.mark.virtual
+from conftest import ROOT
 
-ROOT = Path(__file__).resolve().parents[2]
+pytestmark = pytest.mark.virtual
 
 
 def dev(*arguments: str) -> subprocess.CompletedProcess:

@@ -3,17 +3,16 @@
 import shutil
 import subprocess
 import time
-from pathlib import Path
 
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, Process, VirtualBoard
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
+from conftest import ROOT
 
 NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
-ROOT = Path(__file__).resolve().parents[2]
 
 
 MAKE_FILE_SYSTEM = '"$ORIGINAL" "$@"'

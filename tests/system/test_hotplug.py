@@ -2,15 +2,15 @@
 
 import subprocess
 import time
-from pathlib import Path
 
 import pytest
 
 from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, VirtualBoard
+from conftest import ROOT
 
 pytestmark = pytest.mark.virtual
 
-PLATFORM = Path(__file__).resolve().parents[2] / "platform"
+PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 SETTINGS = "/etc/default/tavo-sdcard"
 EVENT_SECONDS = 1

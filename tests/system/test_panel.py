@@ -12,11 +12,11 @@ import pytest
 
 from board.card import NAME_PREFIX
 from board.leftovers import remains_on_host
+from conftest import ROOT
 from terminal import Terminal
 
 pytestmark = pytest.mark.virtual
 
-ROOT = Path(__file__).resolve().parents[2]
 PANEL = ["/usr/bin/python3", "-B", "-m", "board.panel"]
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/", "LC_ALL": "C.UTF-8", "PYTHONPATH": str(ROOT)}
 EMPTY_SLOT = "▸ The slot is empty: put a card in (i)."

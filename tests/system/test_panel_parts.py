@@ -1,7 +1,6 @@
 """What the board in a terminal shows, without a terminal."""
 
 import itertools
-from pathlib import Path
 from xml.etree import ElementTree
 
 import pytest
@@ -18,10 +17,10 @@ from board.panel.model import (BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Chan
 from board.panel.observer import plain
 from board.panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
 from board.panel.view import MIN_COLUMNS, PALETTE
+from conftest import ROOT
 
 pytestmark = pytest.mark.virtual
 
-ROOT = Path(__file__).resolve().parents[2]
 CARD_COLUMNS = 48
 KINDS = [OWN_CARD, BLANK_CARD, DAMAGED_CARD, TWO_PARTITIONS_CARD]
 

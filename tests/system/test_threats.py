@@ -9,12 +9,12 @@ import pytest
 
 from board import CARD_INTERFACE, MOUNT_POINT, Card
 from board.names import FORMAT_SCRIPT, OBJECT_PATH, SERVICE_NAME
+from conftest import ROOT
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card
 
 pytestmark = pytest.mark.virtual
 
-ROOT = Path(__file__).resolve().parents[2]
 PLATFORM = ROOT / "platform"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SHIPPED_CONFIGURATION = (PLATFORM / "tavo-sdcard.config.xml").read_text()

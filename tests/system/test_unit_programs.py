@@ -7,10 +7,10 @@ from pathlib import Path
 import pytest
 
 from board.emulated.snapshot import strip
+from conftest import ROOT
 
 pytestmark = pytest.mark.emulated
 
-ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "armhf"
 # What the tests find by the names that things have where they were built.
 STARTED_PROGRAMS = ("tests/unit/crashing_program", "tests/unit/tracking_program", "sdcardctl/sdcardctl")
