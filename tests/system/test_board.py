@@ -1,6 +1,7 @@
 """The virtual board itself: what it promises to the tests that stand on it."""
 
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -10,6 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, VirtualBoard
+from board.emulated import snapshot
 from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
@@ -248,3 +250,16 @@ def test_a_board_can_be_without_leds_and_button(make_board):
     assert not board.exists(LED_DIRECTORY)
     assert not board.exists(EJECT_BUTTON)
     assert board.led_panel.pattern is LedPattern.OFF
+
+
+def test_a_snapshot_is_made_anew_when_a_module_changes_that_says_what_is_installed():
+    package = ROOT / "board"
+    modules = {package / "installation.py"}
+    while True:
+        imported = {package / f"{name}.py" for module in modules
+                    for name in re.findall(r"^from \.(\w+) import", module.read_text(), re.M)}
+        if imported <= modules:
+            break
+        modules |= imported
+    assert package / "names.py" in modules
+    assert modules | {package / "emulated" / "snapshot.py"} <= {source.resolve() for source in snapshot._sources()}

@@ -8,7 +8,7 @@ import pytest
 from board import CARD_INTERFACE, MOUNT_POINT, State, Transition
 from capacity import WATCHER, assert_well_chosen, enforce, limit_of, start_with_watched_card
 from contents import Contents
-from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
+from steps import expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
 
 pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
 

@@ -2,7 +2,7 @@
 
 import pytest
 
-from board import CARD_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, Card, State
+from board import CARD_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, Card
 from steps import eject, expect_mounted, take_out
 
 pytestmark = pytest.mark.package

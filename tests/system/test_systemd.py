@@ -1,6 +1,5 @@
 """The installed package with systemd in charge, its unit's hardening in force."""
 
-import signal
 import time
 
 import pytest
