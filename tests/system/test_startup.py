@@ -6,7 +6,7 @@ import pytest
 
 from board import State
 from board.log_records import TRACKING_CONFIGURATION_TEXT, parse_records
-from board.names import LOG_FILE, MEDIA_CONFIGURATION, TRACKING_CONFIGURATION
+from board.names import BUS_POLICY, LOG_FILE, MEDIA_CONFIGURATION, TRACKING_CONFIGURATION
 from conftest import ROOT
 from steps import messages
 
@@ -182,12 +182,23 @@ def test_a_second_service_ends_and_leaves_the_first_one_alone(board):
     records = board.records[before:]
     assert [(record.level, record.channel) for record in records[-3:]] == [
         ("ERROR", "sdcard"), ("ERROR", "sdcard"), ("INFO", "sdcard")]
-    refused, failed, ending = [record.message for record in records[-3:]]
-    assert refused == "Connect to dbus failed"
-    assert failed.startswith("Could not start D-Bus service: ")
-    assert ending == TERMINATING + "1"
+    # The bus does not call a name that is taken an error.
+    assert [record.message for record in records[-3:]] == [
+        "Connect to dbus failed", "Could not start D-Bus service: ", TERMINATING + "1"]
     assert board.state is State.NO_CARD
     assert board.stop_service() == 0
+
+
+def test_a_bus_that_refuses_the_name_ends_the_service_with_the_reason(board):
+    board.remove_file(BUS_POLICY)
+    board.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+              "org.freedesktop.DBus.ReloadConfig", check=True)
+    assert_fails(board, "")
+    refused, failed, ending = board.records[-3:]
+    assert (refused.message, ending.message) == ("Connect to dbus failed", TERMINATING + "1")
+    assert (failed.level, failed.channel, failed.source) == ("ERROR", "sdcard", "main")
+    assert re.fullmatch(r'Could not start D-Bus service: Connection ":1\.\d+" is not allowed to own the service '
+                        r'"tavo\.SDCard1" due to security policies in the configuration file', failed.message)
 
 
 def test_the_bus_knows_the_name_only_while_the_service_runs(board):
