@@ -1,5 +1,6 @@
 """The front door and the summary of the tests."""
 
+import re
 import subprocess
 from pathlib import Path
 
@@ -25,8 +26,9 @@ def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
 def test_help_lists_the_commands_that_exist():
     result = dev("help")
     assert result.returncode == 0
-    for command in ("run", "board", "test", "emulate", "shell", "build", "package", "bench", "lint", "help"):
-        assert f"./dev {command}" in result.stdout
+    commands = re.search(r"^    (.+)\) \"command_\$1\"", (ROOT / "dev").read_text(), re.MULTILINE)[1].split(" | ")
+    assert {"run", "test", "build"} <= set(commands)
+    assert set(re.findall(r"\./dev ([a-z]+)\b", result.stdout)) == {*commands, "help"}
 
 
 @pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"],

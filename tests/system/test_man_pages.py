@@ -27,7 +27,7 @@ def test_the_service_page_tells_every_option_file_and_member(program, tmp_path):
 
     members = [f"*{member.get('name')}*" for file in sorted((ROOT / "source/dbus").glob("*.xml"))
                for member in ElementTree.parse(file).iter() if member.tag in ("method", "signal", "property")]
-    assert len(members) == 22
+    assert len(members) >= 22
     assert [word for word in options + files + members if word not in page] == []
 
 
@@ -37,7 +37,7 @@ def test_the_configuration_page_tells_every_element_and_attribute():
     space = "{http://www.w3.org/2001/XMLSchema}"
     elements = [f"## The element {element.get('name')}" for element in schema.iter(space + "element")]
     attributes = [attribute for attribute in schema.iter(space + "attribute")]
-    assert len(elements) == 3 and len(attributes) == 7
+    assert len(elements) >= 3 and len(attributes) >= 7
     assert [heading for heading in elements if heading not in page] == []
     for attribute in attributes:
         entry = re.search(rf"^\*{attribute.get('name')}\*=(.*?)\n\n?(?=\S)", page, re.DOTALL | re.MULTILINE)
