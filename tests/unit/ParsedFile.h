@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QByteArray>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <tavoutil/XMLDomParser.h>
+
+/// A file with a document, and the parser that reads it.
+class ParsedFile
+{
+protected:
+    /// @return the file's name
+    QByteArray write(const QByteArray& content)
+    {
+        QFile file(mDirectory.filePath("test.xml"));
+        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()) {
+            qFatal("cannot write %s", qPrintable(file.fileName()));
+        }
+        return file.fileName().toUtf8();
+    }
+
+    ITCXMLNode parse(const QByteArray& content)
+    {
+        return mParser.parseFile(write(content).constData(), "sdcard", mResults);
+    }
+
+    QTemporaryDir mDirectory;
+    IXMLDomParser mParser;
+    ITCXMLResults mResults;
+};
