@@ -77,7 +77,7 @@ def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
 
 @pytest.fixture
 def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator[Callable[..., Board]]:
-    """Makes boards, and checks each after the test: no crash, and nothing left behind."""
+    """Makes boards, and checks each after the test: no crash, and nothing left behind unless by a service killed."""
     kind = BOARDS[request.config.getoption("--board")]
     boards: list[Board] = []
 
@@ -105,17 +105,22 @@ def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator
 
 
 def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
-    """Ends what still runs on a board; says what should not be there then. @p may_stay: the card may stay mounted."""
+    """Ends what still runs on a board; says what should not be there then.
+
+    A service that a signal has ended could not clean up, and one that did not start has not touched
+    the card. @p may_stay: the card may stay mounted.
+    """
     if board.service is None:
         return []
     for process in board.started:
         process.stop(signal.SIGKILL)
     if board.service.running and board.stop_service() != 0:
         return [f"the service ended with {board.service.exit_status}"]
-    if board.service.exit_status != 0 or may_stay:
+    status = board.service.exit_status
+    if status < 0 or may_stay:
         return []
     problems = board.leftovers()
-    card = board.card
+    card = board.card if status == 0 else None
     if not problems and card is not None and [partition.kind for partition in card.partitions()] == ["83"]:
         check = board.fsck(card)
         if not card.is_clean():
