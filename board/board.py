@@ -16,7 +16,7 @@ from pathlib import Path
 from typing import TypeVar
 
 from . import tools
-from .bus import BusClient, Signal
+from .bus import BusClient, BusError, Signal
 from .card import Card
 from .expectations import Expectations
 from .leds import LedPanel
@@ -101,16 +101,23 @@ class Board(Expectations, ABC):
     def start_service(self, *options: str, wait: bool = True, environment: dict[str, str] | None = None) -> Process:
         """Starts the service with the given options.
 
-        With @p wait it returns when the service can be reached over the bus or has ended.
+        With @p wait it returns when the service has begun its work or has ended.
         """
         variables = ENVIRONMENT | SANITIZER_ENVIRONMENT | (environment or {})
         self.services.append(self._start([SERVICE_PROGRAM, *options], variables, None, b""))
         deadline = time.monotonic() + SERVICE_START_SECONDS * self.patience
-        while wait and self.service.running and not self.bus.has_service():
+        while wait and self.service.running and not (self.bus.has_service() and self._has_begun()):
             if time.monotonic() > deadline:
                 raise TimeoutError(f"the service is not on the bus after {SERVICE_START_SECONDS} s{self.report()}")
             time.sleep(POLL_SECONDS)
         return self.service
+
+    def _has_begun(self) -> bool:
+        # The name is there a moment before the object, and that a moment before the state machine.
+        try:
+            return self.state is not State.UNKNOWN
+        except BusError:
+            return False
 
     def stop_service(self, number: int = signal.SIGTERM, within: float = 60) -> int:
         """Sends a signal to the service, waits for its end and returns its exit status."""

@@ -30,3 +30,16 @@ if(SDCARDD_FUZZ)
     target_compile_options(project_options INTERFACE -fsanitize=fuzzer-no-link)
     target_link_options(project_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+
+# asan_default_options(target options): what a program starts with where it is built with
+# AddressSanitizer.
+function(asan_default_options target options)
+    if(SDCARDD_SANITIZE MATCHES address)
+        set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}_asan_options.cpp)
+        file(CONFIGURE OUTPUT ${source} CONTENT [[
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options() { return "@options@"; }
+]] @ONLY)
+        target_sources(${target} PRIVATE ${source})
+    endif()
+endfunction()

@@ -216,7 +216,8 @@ void MountedFileSystemTest::nothing_is_removed_where_the_mount_table_cannot_be_r
     TestDevice::writeFile(kMountPoint + "/kept", "kept");
     QVERIFY(TestDevice::mountTmpfs("/proc", kMegabyte));
     const bool isGone = removeMountPoint(kMountPoint);
-    TestDevice::unmountAll("/proc");
+    // Only this one: the other below it is needed.
+    QCOMPARE(::umount("/proc"), 0);
     QVERIFY(!isGone);
     QCOMPARE(TestDevice::readFile(kMountPoint + "/kept"), QByteArray("kept"));
 }
