@@ -19,6 +19,7 @@ def published(board):
     return State(properties["State"]), Transition(properties["Transition"]), properties["IsMounted"]
 
 
+@pytest.mark.virtual  # its moments are over too soon, and the kernel adds events of its own
 def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
     board.replace_tool(E2FSCK, 'sleep 1; exec "$ORIGINAL" "$@"')
     board.start_service()
@@ -155,6 +156,7 @@ def test_a_button_held_on_after_the_eject_does_not_eject_twice(board):
     assert board.state is State.UNMOUNTED
 
 
+@pytest.mark.virtual  # a pin always has a level
 def test_an_unreadable_level_of_the_button_counts_neither_as_pressed_nor_as_released(board):
     start_with_mounted_card(board)
     board.press_eject_button()
@@ -217,6 +219,7 @@ def test_a_card_with_two_partitions_is_made_ready(board):
     assert [partition.kind for partition in card.partitions()] == ["83"]
 
 
+@pytest.mark.virtual  # three seconds are over too soon
 @pytest.mark.parametrize("fresh, pause", [(True, 0.2), (False, 3.2)], ids=["an echo", "the user"])
 def test_only_within_three_seconds_of_a_format_a_removal_is_an_echo(board, fresh, pause):
     card = Card.as_bought()
@@ -256,6 +259,7 @@ def test_a_card_without_a_partition_cannot_be_mounted(board, make):
     assert board.stop_service() == 0
 
 
+@pytest.mark.virtual  # a kernel that sees the table change takes the partition away
 def test_a_card_whose_partition_table_cannot_be_read_cannot_be_mounted(board):
     board.replace_tool(FORMAT_SCRIPT)
     board.start_service()
