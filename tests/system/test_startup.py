@@ -94,6 +94,7 @@ def test_a_tracking_file_that_is_named_is_used_in_place_of_the_default_one(board
     other = LOG_FILE + "-other"
     board.write_file("/etc/other.xml", TRACKING_CONFIGURATION_TEXT.replace(LOG_FILE, other))
     board.start_service("--track", "/etc/other.xml")
+    board.expect_state(State.NO_CARD)
     board.stop_service()
     assert board.records == []
     assert parse_records(board.read_file(other))[-1].message == TERMINATING + "0"
