@@ -247,6 +247,11 @@ class EmulatedBoard(Board):
         self._files[path] = known + b"".join(received)
         return self._files[path].decode(errors="replace")
 
+    def _remains_on_board(self) -> list[str]:
+        # The hot-plug rule's program may still be at work on the last event.
+        self.run("udevadm", "settle", check=True)
+        return super()._remains_on_board()
+
     def _is_system_process(self, parent: str, arguments: str) -> bool:
         # The kernel's own threads are the children of process 2 (and of process 0, as that one is).
         return (parent in ("0", "2") or super()._is_system_process(parent, arguments)
