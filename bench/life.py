@@ -59,13 +59,13 @@ class LifeBench:
     def _start(self, program: Path) -> Run:
         with self.kind(program=program) as board:
             started = time.perf_counter()
-            process = board.start_service()
+            process = board.start_service(name_only=True)
             wall = time.perf_counter() - started
             return Run(wall, _resident_mib(board, process.pid))
 
     def _idle(self, program: Path, with_card: bool) -> tuple[Run, float]:
         with self.kind(program=program) as board:
-            process = board.start_service()
+            process = board.start_service(name_only=True)
             if with_card:
                 board.insert(Card.formatted(size_mib=CARD_MIB))
                 board.expect_state(State.MOUNTED, within=30)

@@ -98,15 +98,17 @@ class Board(Expectations, ABC):
 
     # The service
 
-    def start_service(self, *options: str, wait: bool = True, environment: dict[str, str] | None = None) -> Process:
+    def start_service(self, *options: str, wait: bool = True, name_only: bool = False,
+                      environment: dict[str, str] | None = None) -> Process:
         """Starts the service with the given options.
 
-        With @p wait it returns when the service has begun its work or has ended.
+        With @p wait it returns when the service has begun its work, or only has its name on the bus, or has
+        ended.
         """
         variables = ENVIRONMENT | SANITIZER_ENVIRONMENT | (environment or {})
         self.services.append(self._start([SERVICE_PROGRAM, *options], variables, None, b""))
         deadline = time.monotonic() + SERVICE_START_SECONDS * self.patience
-        while wait and self.service.running and not (self.bus.has_service() and self._has_begun()):
+        while wait and self.service.running and not (self.bus.has_service() and (name_only or self._has_begun())):
             if time.monotonic() > deadline:
                 raise TimeoutError(f"the service is not on the bus after {SERVICE_START_SECONDS} s{self.report()}")
             time.sleep(POLL_SECONDS)
