@@ -3,7 +3,7 @@
 import os
 from collections.abc import Iterable
 
-from board import CARD_INTERFACE, MOUNT_POINT, Card, VirtualBoard
+from board import CARD_INTERFACE, MOUNT_POINT, Card, State, VirtualBoard
 from contents import Contents, Entry
 from steps import start_with_mounted_card
 
@@ -15,12 +15,17 @@ def start_with_watched_card(board: VirtualBoard, card: Card | None = None) -> Ca
     """Starts the service with a card and waits until the run that follows the mount is over."""
     card = start_with_mounted_card(board, card)
     board.expect_signal("CardMounted")
-    board.expect("the end of the run", lambda: RUN_THREAD not in _threads(board))
+    assert board.state is State.MOUNTED  # an answer: all that follows the signal at once has been begun
+    board.expect("the end of the run", lambda: not _is_running(board))
     return card
 
 
-def _threads(board: VirtualBoard) -> list[str]:
-    return board.run("sh", "-c", f"cat /proc/{board.service.pid}/task/*/comm").stdout.split()
+def _is_running(board: VirtualBoard) -> bool:
+    """Whether a run's thread exists; a new one still bears the program's name."""
+    pid = board.service.pid
+    names = board.run("sh", "-c", f"cd /proc/{pid}/task && grep '' */comm").stdout.split()
+    return any(name.endswith(f":{RUN_THREAD}") or (name.endswith(":sdcardd") and name != f"{pid}/comm:sdcardd")
+               for name in names)
 
 
 def limit_of(contents: Contents, *percent: float) -> int:
