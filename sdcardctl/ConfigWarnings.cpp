@@ -61,8 +61,21 @@ bool hasControlCharacter(const QString& text)
     });
 }
 
+// Attributes with a prefix belong to editors and schemas.
+void warnOfUnknownAttributes(const ITCXMLNode& node, Warnings& warnings)
+{
+    for (int i = 0; i < node.nAttribute(); ++i) {
+        const char* const name = node.getAttributeName(i);
+        const bool isForeign = std::strchr(name, ':') != nullptr || std::strcmp(name, "xmlns") == 0;
+        if (!isForeign && !ConfigReading::isKnownAttribute(node.getName(), name)) {
+            warnings.add(node, "the attribute " + quoted(QString::fromUtf8(name)) + " is ignored");
+        }
+    }
+}
+
 void warnOfRoot(const ITCXMLNode& root, Warnings& warnings)
 {
+    warnOfUnknownAttributes(root, warnings);
     for (const char* const name :
          {ConfigReading::kMountPointAttribute, ConfigReading::kDevicePathAttribute}) {
         const char* const value = root.getAttribute(name);
@@ -130,6 +143,7 @@ void warnOfSums(const QVector<CheckedDir>& dirs, Warnings& warnings)
 
 void warnOfAttributes(const CheckedDir& dir, Warnings& warnings)
 {
+    warnOfUnknownAttributes(dir.node, warnings);
     const char* const watch = dir.node.getAttribute(ConfigReading::kCapacityWatchAttribute);
     if (watch != nullptr && !dir.info.capacitywatch && std::strcmp(watch, "false") != 0) {
         warnings.add(dir.node, "'capacitywatch' is " + quoted(QString::fromUtf8(watch)) +
@@ -195,6 +209,7 @@ void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
     }
     for (const CheckedSymlink& symlink : config.symlinks) {
         warnOfName(symlink.node, symlink.info.name, warnings);
+        warnOfUnknownAttributes(symlink.node, warnings);
         if (symlink.node.nChildNode() > 0) {
             warnings.add(symlink.node, QStringLiteral("elements inside a link are ignored"));
         }

@@ -1,7 +1,10 @@
 #include "ConfigReading.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <QDir>
 #include <QFileInfo>
@@ -14,7 +17,24 @@ namespace {
 
 constexpr qreal kPercent = 0.01;
 
+constexpr std::array<std::pair<const char*, const char*>, 7> kAttributes = {{
+    {kRootElement, kMountPointAttribute},
+    {kRootElement, kDevicePathAttribute},
+    {kDirElement, kSizeAttribute},
+    {kDirElement, kCapacityWatchAttribute},
+    {kDirElement, kModeAttribute},
+    {kDirElement, kOwnerAttribute},
+    {kSymlinkElement, kTargetAttribute},
+}};
+
 } // namespace
+
+bool isKnownAttribute(const char* element, const char* attribute)
+{
+    return std::any_of(kAttributes.begin(), kAttributes.end(), [&](const auto& known) {
+        return std::strcmp(known.first, element) == 0 && std::strcmp(known.second, attribute) == 0;
+    });
+}
 
 bool readChildNodes(const ITCXMLNode& node, const QString& parentPath, qreal parentSize,
                     Listener& listener)
@@ -25,9 +45,9 @@ bool readChildNodes(const ITCXMLNode& node, const QString& parentPath, qreal par
         bool readOn = false;
         if (name == nullptr) {
             readOn = listener.onProblem(child, "Node with no name found");
-        } else if (std::strcmp(name, "dir") == 0) {
+        } else if (std::strcmp(name, kDirElement) == 0) {
             readOn = readDirNode(child, parentPath, parentSize, listener);
-        } else if (std::strcmp(name, "symlink") == 0) {
+        } else if (std::strcmp(name, kSymlinkElement) == 0) {
             readOn = readSymlinkNode(child, parentPath, listener);
         } else {
             readOn = listener.onProblem(child, QByteArray("Unsupported node '") + name + "' found");
@@ -46,7 +66,7 @@ bool readDirNode(const ITCXMLNode& node, const QString& parentPath, qreal parent
     if (text == nullptr && !listener.onProblem(node, "Content of node 'dir' not definied")) {
         return false;
     }
-    const char* const size = node.getAttribute("size");
+    const char* const size = node.getAttribute(kSizeAttribute);
     if (size == nullptr && !listener.onProblem(node, "Attribute 'size' of node 'dir' not found")) {
         return false;
     }
@@ -66,8 +86,8 @@ bool readDirNode(const ITCXMLNode& node, const QString& parentPath, qreal parent
     dir.path = parentPath + "/" + dir.name;
     dir.size = parentSize * kPercent * percent;
     dir.capacitywatch = attribute(kCapacityWatchAttribute) == "true";
-    dir.mode = attribute("mode");
-    dir.owner = attribute("owner");
+    dir.mode = attribute(kModeAttribute);
+    dir.owner = attribute(kOwnerAttribute);
     if (text != nullptr && isNumber) {
         listener.onDir(node, dir, percent);
     }
@@ -80,7 +100,7 @@ bool readSymlinkNode(const ITCXMLNode& node, const QString& parentPath, Listener
     if (text == nullptr && !listener.onProblem(node, "Content of node 'symlink' not definied")) {
         return false;
     }
-    const char* const target = node.getAttribute("target");
+    const char* const target = node.getAttribute(kTargetAttribute);
     if (target == nullptr) {
         return listener.onProblem(node, "Attribute 'target' of node 'symlink' not found");
     }

@@ -15,7 +15,13 @@ namespace ConfigReading {
 constexpr const char* kRootElement = "sdcard";
 constexpr const char* kMountPointAttribute = "mountpoint";
 constexpr const char* kDevicePathAttribute = "devicepath";
+constexpr const char* kDirElement = "dir";
+constexpr const char* kSizeAttribute = "size";
 constexpr const char* kCapacityWatchAttribute = "capacitywatch";
+constexpr const char* kModeAttribute = "mode";
+constexpr const char* kOwnerAttribute = "owner";
+constexpr const char* kSymlinkElement = "symlink";
+constexpr const char* kTargetAttribute = "target";
 
 /// Is told of all that is read, in document order.
 class Listener
@@ -35,6 +41,9 @@ public:
     virtual void onDir(const ITCXMLNode& node, const DirInfo& dir, qreal percent) = 0;
     virtual void onSymlink(const ITCXMLNode& node, const SymlinkInfo& symlink) = 0;
 };
+
+/// Whether the attribute means anything in elements of this name; others are ignored.
+bool isKnownAttribute(const char* element, const char* attribute);
 
 /// Reads the children of one element.
 /// @param parentPath path of the element's directory; empty for the root

@@ -63,6 +63,20 @@ const char* ITCXMLNode::getAttribute(const char* name) const
     return nullptr;
 }
 
+int ITCXMLNode::nAttribute() const
+{
+    return isEmpty() ? 0 : static_cast<int>(mDocument->elements[mElement].attributeCount);
+}
+
+const char* ITCXMLNode::getAttributeName(int index) const
+{
+    if (index < 0 || index >= nAttribute()) {
+        return nullptr;
+    }
+    const std::size_t first = mDocument->elements[mElement].firstAttribute;
+    return mDocument->textAt(mDocument->attributes[first + static_cast<std::uint32_t>(index)].name);
+}
+
 int ITCXMLNode::nChildNode() const
 {
     return isEmpty() ? 0 : static_cast<int>(mDocument->elements[mElement].childCount);

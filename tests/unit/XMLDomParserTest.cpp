@@ -19,6 +19,7 @@ private Q_SLOTS:
     void text_is_joined_and_loses_the_white_space_around_it_data();
     void text_is_joined_and_loses_the_white_space_around_it();
     void attributes_are_found_by_name();
+    void attributes_are_listed_in_the_order_of_the_document();
     void names_texts_and_attributes_are_utf8();
     void other_encodings_are_converted_to_utf8();
     void elements_know_their_line_and_column();
@@ -89,6 +90,8 @@ void XMLDomParserTest::the_empty_node_has_nothing()
     QCOMPARE(node.getName(), nullptr);
     QCOMPARE(node.getText(), nullptr);
     QCOMPARE(node.getAttribute("size"), nullptr);
+    QCOMPARE(node.nAttribute(), 0);
+    QCOMPARE(node.getAttributeName(0), nullptr);
     QCOMPARE(node.nChildNode(), 0);
     QVERIFY(node.getChildNode(0).isEmpty());
     QCOMPARE(node.line(), 0);
@@ -130,6 +133,18 @@ void XMLDomParserTest::attributes_are_found_by_name()
     QCOMPARE(root.getAttribute("d"), "<\n");
     QCOMPARE(root.getAttribute("A"), nullptr);
     QCOMPARE(root.getAttribute(""), nullptr);
+}
+
+void XMLDomParserTest::attributes_are_listed_in_the_order_of_the_document()
+{
+    const ITCXMLNode root = parse("<sdcard z='1' a='2'><dir m='3'/></sdcard>");
+    QCOMPARE(root.nAttribute(), 2);
+    QCOMPARE(root.getAttributeName(0), "z");
+    QCOMPARE(root.getAttributeName(1), "a");
+    QCOMPARE(root.getAttributeName(-1), nullptr);
+    QCOMPARE(root.getAttributeName(2), nullptr);
+    QCOMPARE(root.getChildNode(0).nAttribute(), 1);
+    QCOMPARE(root.getChildNode(0).getAttributeName(0), "m");
 }
 
 void XMLDomParserTest::names_texts_and_attributes_are_utf8()

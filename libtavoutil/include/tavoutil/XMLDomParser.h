@@ -21,6 +21,10 @@ public:
     const char* getText() const;
     /// The value of the attribute, or null when the element has no such attribute.
     const char* getAttribute(const char* name) const;
+    /// The number of attributes.
+    int nAttribute() const;
+    /// The name of the attribute at @p index (from 0, in document order); null outside the range.
+    const char* getAttributeName(int index) const;
     /// The number of child elements.
     int nChildNode() const;
     /// The child element at @p index (from 0, in document order); the empty node outside the range.

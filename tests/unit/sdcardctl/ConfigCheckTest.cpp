@@ -23,6 +23,7 @@ private Q_SLOTS:
     void a_missing_file_gives_an_error_without_a_place();
     void what_parses_but_is_wrong_is_warned_of_data();
     void what_parses_but_is_wrong_is_warned_of();
+    void an_unknown_attribute_of_the_root_is_warned_of();
     void what_looks_odd_but_works_is_not_warned_of_data();
     void what_looks_odd_but_works_is_not_warned_of();
     void the_program_prints_one_line_for_each_finding();
@@ -197,6 +198,10 @@ void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of_data()
     row("link to itself", "<symlink target='a'>a</symlink>", "the target 'a' leads in a circle");
     row("element inside a link", "<symlink target='/etc'>a<dir size='1'>b</dir></symlink>",
         "elements inside a link are ignored");
+    row("misspelt attribute", "<dir size='1' capacitywach='true'>a</dir>",
+        "the attribute 'capacitywach' is ignored");
+    row("attribute of another element", "<symlink target='/etc' mode='0755'>a</symlink>",
+        "the attribute 'mode' is ignored");
     row("target beyond ASCII", "<dir size='1'>a</dir><symlink target='\xC3\xA4/../a'>b</symlink>",
         "the target holds characters beyond ASCII, which get another form on the card");
 }
@@ -214,6 +219,16 @@ void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of()
     }
     QVERIFY2(messages.contains(warning), qPrintable(messages.join('\n')));
     QVERIFY2(messages.size() == 1, qPrintable(messages.join('\n')));
+}
+
+void ConfigCheckTest::an_unknown_attribute_of_the_root_is_warned_of()
+{
+    QCOMPARE(findingsIn("<sdcard size='1' mountPoint='/a'/>"),
+             (QStringList{"1:1 warning: the attribute 'size' is ignored",
+                          "1:1 warning: the attribute 'mountPoint' is ignored"}));
+    QCOMPARE(findingsIn("<sdcard xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
+                        "xsi:noNamespaceSchemaLocation='tavo-sdcard.config.xsd'/>"),
+             QStringList());
 }
 
 void ConfigCheckTest::what_looks_odd_but_works_is_not_warned_of_data()
