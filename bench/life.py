@@ -80,14 +80,14 @@ class LifeBench:
         mounts, unmounts = [], []
         for _ in range(self.rounds):
             with self.kind(program=self.service) as board:
-                board.start_service()
                 card = Card.formatted(size_mib=CARD_MIB)
+                _lay_out(board, card)
+                board.start_service()
                 board.insert(card, announce=False)
                 called = time.monotonic()
                 board.call(CONTROLLER_INTERFACE, "InsertCard")
                 mounted = board.expect_signal("CardMounted", within=30)
                 ours = mounted.time - called - INSERT_DELAY_SECONDS
-                # The same table and layout; the service's own layout is on the card by now.
                 board.hold_eject_button()
                 board.expect_state(State.UNMOUNTED, within=30)
                 unmounts.append(_unmount_seconds(board))
@@ -98,6 +98,13 @@ class LifeBench:
                 unmounts[-1] = (unmounts[-1], nanoseconds(by_hand.stdout))
         yield Row("insert delay over to CardMounted", "the same tools in a shell script", compared(mounts), MOUNT_GOAL)
         yield Row("FILES_CLOSED to CardUnmounted", "umount alone", compared(unmounts))
+
+
+def _lay_out(board: Board, card: Card) -> None:
+    # Neither side is to make the directories that the other one finds.
+    board.insert(card, announce=False)
+    board.run("sh", "-c", f"{MOUNT_BY_HAND}\numount {MOUNT_POINT}", check=True)
+    board.pull(announce=False)
 
 
 def _unmount_seconds(board: Board) -> Run:
