@@ -34,7 +34,8 @@ class StatePreparing;
 ///
 /// sdcard.cpp holds the machine and what its states do on entry; sdcard_events.cpp the signal
 /// bridge, the button, hot plug and the trigger slots; sdcard_unmount.cpp the mount table, open
-/// files and unmounting; sdcard_leds.cpp the LEDs and the look at the hardware at the start.
+/// files and unmounting; sdcard_leds.cpp the LEDs; sdcard_hardware.cpp the look at the card at the
+/// start.
 class Sdcard : public QObject, public TrackObject, public SdcardInterface
 {
     Q_OBJECT
