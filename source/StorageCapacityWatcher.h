@@ -17,6 +17,10 @@ class ConfigHandler;
 
 /// Keeps the watched directories of the card within their shares by deleting their oldest files:
 /// once when the card has become ready, then at an interval after each run, and on demand.
+///
+/// startEnsureDirSizeAllAsThread(), which the timer calls too, starts a WorkerThread; that goes
+/// through ensureDirSizeAll() to ensureDirSizeSingle(), once for each limit. ensureDirSize() is the
+/// same for those who ask, on their own thread.
 class StorageCapacityWatcher : public QObject, public TrackObject
 {
     Q_OBJECT
