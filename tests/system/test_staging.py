@@ -1,7 +1,12 @@
 """cmake --install into a staging directory, as the makers of images and packages call it."""
 
+import os
+import re
+import subprocess
+
 import pytest
 
+from conftest import ROOT
 from staging import stage
 
 pytestmark = pytest.mark.virtual
@@ -17,25 +22,59 @@ BELOW_PREFIX = {
     "bin/sdcardctl", "sbin/sdcardd",
     "share/bash-completion/completions/sdcardctl",
     "share/dbus-1/interfaces/tavo.SDCard1.xml", "share/dbus-1/interfaces/tavo.SDCardController1.xml",
-    "share/dbus-1/system.d/tavo.SDCard1.conf",
     "share/doc/sdcardd/examples/restrict-card-mount",
     "share/doc/sdcardd/examples/tavo-sdcard.trackconfig.console.xml",
     "share/doc/sdcardd/examples/tavo.SDCard1-group.conf.in",
     "share/man/man1/sdcardctl.1", "share/man/man5/tavo-sdcard.config.xml.5", "share/man/man8/sdcardd.8",
 }
+# The stock bus reads policies from these directories and from no others.
+BUS_POLICIES = {"/usr": "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
+                "/usr/local": "/etc/dbus-1/system.d/tavo.SDCard1.conf",
+                "/opt/sdcardd": "/etc/dbus-1/system.d/tavo.SDCard1.conf"}
 PROGRAMS = {
     "/usr/bin/sdcardctl", "/usr/sbin/sdcardd", "/usr/share/doc/sdcardd/examples/restrict-card-mount",
     "/etc/init.d/sdcardd", "/lib/udev/tavo-sdcard-hotplug", "/opt/tavo/bin/tavo-create-sdcardFS.sh",
 }
 
 
-@pytest.mark.parametrize("prefix", ["/usr", "/usr/local"])
+@pytest.mark.parametrize("prefix", BUS_POLICIES)
 def test_a_staged_installation_is_whole_and_nowhere_else(program, tmp_path, prefix):
     staged = stage(program, tmp_path, prefix)
-    assert set(staged) == FIXED | {f"{prefix}/{name}" for name in BELOW_PREFIX}
+    assert set(staged) == FIXED | {BUS_POLICIES[prefix]} | {f"{prefix}/{name}" for name in BELOW_PREFIX}
     assert (tmp_path / "opt/tavo/share/tavo-sdcard/preparing").is_dir()
 
 
 def test_programs_and_only_programs_are_executable(program, tmp_path):
     for place, path in stage(program, tmp_path, "/usr").items():
         assert path.stat().st_mode & 0o7777 == (0o755 if place in PROGRAMS else 0o644), place
+
+
+@pytest.mark.parametrize("prefix", BUS_POLICIES)
+def test_both_inits_start_the_program_where_it_was_installed(program, tmp_path, prefix):
+    staged = stage(program, tmp_path, prefix)
+    unit, script = (staged[place].read_text() for place in ("/lib/systemd/system/sdcardd.service", "/etc/init.d/sdcardd"))
+    places = re.findall(r"^ExecStart=(\S+)", unit, re.M) + re.findall(r"^DAEMON=(\S+)$", script, re.M)
+    assert places == [f"{prefix}/sbin/sdcardd"] * 2
+    assert places[0] in staged
+    assert [line for line in (unit + script).splitlines() if re.search(r"@\w+@", line)] == []
+
+
+def test_both_inits_kill_the_service_after_the_same_time(program, tmp_path):
+    staged = stage(program, tmp_path, "/usr")
+    unit = re.search(r"^TimeoutStopSec=(\d+)s$", staged["/lib/systemd/system/sdcardd.service"].read_text(), re.M)
+    script = re.search(r"^STOP_SECONDS=(\d+)$", staged["/etc/init.d/sdcardd"].read_text(), re.M)
+    assert unit[1] == script[1]
+
+
+def test_an_installer_may_choose_a_group_a_place_for_the_policy_and_the_link_to_lsof(tmp_path):
+    build, target = tmp_path / "build", tmp_path / "target"
+    subprocess.run(["cmake", "-G", "Ninja", "-S", ROOT, "-B", build, "-DBUILD_TESTING=OFF", "-DSDCARDD_LSOF_LINK=ON",
+                    "-DSDCARDD_CONTROL_GROUP=adm", "-DSDCARDD_BUS_POLICY_DIR=/usr/lib/policies"],
+                   check=True, capture_output=True)
+    # As the rest needs a build, which has its tests above.
+    subprocess.run(["cmake", "-DCMAKE_INSTALL_PREFIX=/usr", "-P", build / "platform/install.cmake"], check=True,
+                   capture_output=True, env=os.environ | {"DESTDIR": str(target)})
+    policies = target / "usr/lib/policies"
+    assert {path.name for path in policies.iterdir()} == {"tavo.SDCard1.conf", "tavo.SDCard1-group.conf"}
+    assert '<policy group="adm">' in (policies / "tavo.SDCard1-group.conf").read_text()
+    assert os.readlink(target / "usr/sbin/lsof") == "../bin/lsof"
