@@ -7,14 +7,24 @@ import pytest
 
 from conftest import ROOT
 
-# An init is recommended only: a device has one.
 NAMES_IN_TEXT = re.compile(r"[a-z0-9][a-z0-9+.-]+")
 
 
-def table() -> dict[str, str]:
-    """The version that the list gives for each package."""
+# What relations name: the bus, pkg-config, debhelper's version, an init, the init functions of old.
+STANDS_FOR = {"default-dbus-system-bus": "dbus", "dbus-system-bus": "dbus", "pkgconf": "pkg-config",
+              "debhelper-compat": "debhelper", "systemd-sysv": "systemd", "lsb-base": "sysvinit-utils"}
+DEPENDED_ON, RECOMMENDED, TO_BUILD, TO_TEST = (
+    "On the device. The package depends on", "It recommends these", "To build and to package", "To test")
+
+
+def table(*beginnings: str) -> dict[str, str]:
+    """The version that the list gives for each package; of the tables whose paragraphs begin so, or of all."""
+    text = (ROOT / "README.md").read_text().split("## Dependencies")[1]
+    parts = re.split(r"\n\n(?=[A-Z])", text)
+    chosen = [part for part in parts if part.startswith(beginnings or "")]
+    assert len(chosen) == (len(beginnings) or len(parts))
     versions: dict[str, str] = {}
-    for line in (ROOT / "README.md").read_text().split("## Dependencies")[1].splitlines():
+    for line in "\n".join(chosen).splitlines():
         cells = [cell.strip() for cell in line.strip("|").split("|")]
         if len(cells) == 4 and NAMES_IN_TEXT.fullmatch(cells[0].split(",")[0].split(" or ")[0]):
             names, numbers = re.split(r", | or ", cells[0]), cells[1].split(", ")
@@ -36,16 +46,30 @@ def test_every_package_that_dev_installs_is_listed():
     assert [name for name in packages if name not in table()] == []
 
 
-def test_every_package_that_the_package_asks_for_is_listed():
-    control = (ROOT / "debian/control").read_text()
-    relations = re.findall(r"^(?:Build-Depends|Depends|Recommends):\n((?: .*\n)+)", control, re.M)
-    assert len(relations) == 3
-    first_choices = [re.split(r"[ |(]", line.strip().rstrip(","))[0] for line in "".join(relations).splitlines()]
-    # Names that stand for others: of the bus, of pkg-config, of debhelper's version, of the first init.
-    stands_for = {"default-dbus-system-bus": "dbus", "pkgconf": "pkg-config", "debhelper-compat": "debhelper",
-                  "systemd-sysv": "systemd"}
-    asked_for = [stands_for.get(name, name) for name in first_choices if not name.startswith("$")]
-    assert [name for name in asked_for if name not in table()] == []
+def asked_for(relation: str) -> set[str]:
+    """All that a relation of the package names, alternatives as well."""
+    found = re.search(rf"^{relation}:\n((?: .*\n)+)", (ROOT / "debian/control").read_text(), re.M)[1]
+    names = {choice.split()[0] for choice in re.split(r"[,|]", found) if choice.strip()}
+    return {STANDS_FOR.get(name, name) for name in names if not name.startswith("$")}
+
+
+def is_essential(package: str) -> bool:
+    return subprocess.run(["dpkg-query", "--show", "--showformat=${Essential}", package], check=True,
+                          capture_output=True, text=True).stdout == "yes"
+
+
+def test_the_package_asks_for_what_is_listed_for_the_device_and_for_nothing_else():
+    assert asked_for("Recommends") == set(table(RECOMMENDED))
+    listed = {name for name in table(DEPENDED_ON) if not name.startswith("lib")}
+    left_out = listed - asked_for("Depends")
+    assert asked_for("Depends") | left_out == listed
+    assert [name for name in left_out if not is_essential(name)] == []
+
+
+def test_what_is_listed_for_building_and_testing_is_asked_for():
+    assert asked_for("Build-Depends") <= set(table(TO_BUILD))
+    wanted = asked_for("Build-Depends") | set(packages_of_dev())
+    assert [name for name in table(TO_BUILD, TO_TEST) if name not in wanted] == []
 
 
 def test_the_versions_are_those_of_this_release():
@@ -62,9 +86,9 @@ def test_the_versions_are_those_of_this_release():
 
 
 @pytest.mark.package
-def test_every_library_that_the_package_depends_on_is_listed(package):
+def test_the_libraries_that_the_package_depends_on_are_those_listed(package):
     depends = subprocess.run(["dpkg-deb", "--field", str(package), "Depends"], check=True, capture_output=True,
                              text=True).stdout
-    libraries = [name for name in re.findall(r"\blib[a-z0-9+.-]+", depends)]
+    libraries = set(re.findall(r"\blib[a-z0-9+.-]+", depends))
     assert len(libraries) >= 7
-    assert [name for name in libraries if name not in table()] == []
+    assert libraries == {name for name in table(DEPENDED_ON) if name.startswith("lib")}
