@@ -61,8 +61,16 @@ def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
 def test_the_summary_tells_what_was_not_asked_for(tmp_path):
     (tmp_path / "unit.xml").write_text("<testsuite><testcase name='a'/></testsuite>")
     result = subprocess.run(["/usr/bin/python3", str(ROOT / "tests" / "summary.py"), str(tmp_path), "unit", "--",
-                             "the rest was not asked for"], capture_output=True, text=True)
-    assert result.stdout.splitlines()[-3:] == ["  unit tests: 1", "  the rest was not asked for", "1 passed, 0 failed"]
+                             "one was not asked for", "nor was two"], capture_output=True, text=True)
+    assert result.stdout.splitlines()[-4:] == ["  unit tests: 1", "  one was not asked for", "  nor was two",
+                                               "1 passed, 0 failed"]
+
+
+def test_the_summary_of_the_tests_names_the_commands_for_the_others():
+    function = re.search(r"^command_test\(\) \{\n(.*?)^\}", (ROOT / "dev").read_text(), re.DOTALL | re.M)[1]
+    notes = re.findall(r'"the (.*) (?:was|were) not asked for: (.*)"', function)
+    assert notes == [("emulated board", "sudo ./dev test --emulated"),
+                     ("installed package", "sudo ./dev package --test")]
 
 
 @pytest.mark.parametrize("unit, line", [
