@@ -42,6 +42,8 @@ Board_ = TypeVar("Board_", bound="Board")
 class Board(Expectations, ABC):
     """A device with a card slot, two LEDs, an eject button and a system bus. Use it in a with statement."""
 
+    # As one speaks of it: a "virtual" board.
+    kind: str
     # By how much every time that a test allows for something is longer on this kind of board.
     patience = 1
     _dpkg_options: tuple[str, ...] = ()

@@ -21,6 +21,8 @@ from .virtual_machine import VirtualMachine
 class VirtualBoard(Board):
     """See Board. Several boards run side by side without knowing of each other."""
 
+    kind = "virtual"
+
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
                  eject_button: bool = True, files: dict[str, str] | None = None,

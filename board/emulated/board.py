@@ -34,6 +34,7 @@ TERMINAL_SOCKET = "/run/board/terminal"
 class EmulatedBoard(Board):
     """See Board. The kernel and the product's hot-plug rule announce cards, as on the device."""
 
+    kind = "emulated"
     patience = PATIENCE
     # Its packages are unpacked and not installed: dpkg knows of none of them.
     _dpkg_options = ("--force-depends",)

@@ -39,7 +39,7 @@ class Panel:
     def __init__(self, board: Board) -> None:
         """Starts to watch the board."""
         directories = watched_directories(board.read_file(MEDIA_CONFIGURATION))
-        self.model = Model(directories)
+        self.model = Model(directories, board.kind)
         self._board = board
         self._changes = Changes()
         self.hands = Hands(board, self._changes)

@@ -81,7 +81,7 @@ def _gauge(attribute: str, share: float, width: int) -> Markup:
 
 def header(model: Model, width: int) -> str:
     """The title line."""
-    left = " The virtual board"
+    left = f" The {model.board_kind} board"
     right = f"the service {model.service}, run level {model.run_level} "
     return left + right.rjust(width - len(left))
 

@@ -98,8 +98,9 @@ class Button:
 class Model:
     """The whole board as the panel knows it. Used by one thread; see Changes."""
 
-    def __init__(self, directories: list[str]) -> None:
-        """@p directories are the identifiers of the watched directories."""
+    def __init__(self, directories: list[str], board_kind: str) -> None:
+        """@p directories are the identifiers of the watched directories; see Board.kind."""
+        self.board_kind = board_kind
         self.lamps = {name: Lamp() for name in LED_NAMES}
         self.card_active = False
         self.button = Button()

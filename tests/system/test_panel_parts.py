@@ -5,7 +5,8 @@ from xml.etree import ElementTree
 
 import pytest
 
-from board import State
+from board import Board, State, VirtualBoard
+from board.emulated import EmulatedBoard
 from board.leds import LED_NAMES, Led
 from board.names import MemState, Transition
 from board.panel import drawing
@@ -27,7 +28,7 @@ KINDS = [OWN_CARD, BLANK_CARD, DAMAGED_CARD, TWO_PARTITIONS_CARD]
 
 @pytest.fixture
 def model() -> Model:
-    return Model(["logger", "csv"])
+    return Model(["logger", "csv"], VirtualBoard.kind)
 
 
 def text_of(markup: drawing.Markup) -> str:
@@ -37,6 +38,14 @@ def text_of(markup: drawing.Markup) -> str:
 def in_state(model: Model, state: State, level: int = 0) -> Model:
     model.properties = Properties(state, Transition.NONE, MemState.NO_CARD, level)
     return model
+
+
+@pytest.mark.parametrize("board, title", [(VirtualBoard, " The virtual board "),
+                                          (EmulatedBoard, " The emulated board ")])
+def test_the_title_says_which_kind_of_board_it_is(board: type[Board], title: str):
+    line = drawing.header(Model([], board.kind), 80)
+    assert line.startswith(title)
+    assert len(line) == 80
 
 
 def test_a_lamp_with_a_timer_blinks_in_the_intervals_of_its_files():
