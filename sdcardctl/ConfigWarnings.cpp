@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <QHash>
+#include <QSet>
 
 #include <grp.h>
 #include <pwd.h>
@@ -171,15 +172,22 @@ void warnOfAttributes(const CheckedDir& dir, Warnings& warnings)
 void warnOfDoubles(const CheckedConfig& config, Warnings& warnings)
 {
     QHash<QString, ITCXMLNode> identifiers;
+    QSet<QString> watched;
     QHash<QString, ITCXMLNode> paths;
     for (const CheckedDir& dir : config.dirs) {
-        const auto first = identifiers.constFind(dir.info.name);
+        const QString& name = dir.info.name;
+        const auto first = identifiers.constFind(name);
         if (first != identifiers.constEnd()) {
-            warnings.add(dir.node, "the identifier " + quoted(dir.info.name) +
-                                       " means the directory of " + placeOf(*first) +
-                                       "; this one cannot be asked for");
+            const bool isEnsured = dir.info.capacitywatch && !watched.contains(name);
+            warnings.add(dir.node, "the identifier " + quoted(name) + " means the directory of " +
+                                       placeOf(*first) + "; this one " +
+                                       (isEnsured ? "is meant by EnsureDirSize alone"
+                                                  : "cannot be asked for"));
         } else {
-            identifiers.insert(dir.info.name, dir.node);
+            identifiers.insert(name, dir.node);
+        }
+        if (dir.info.capacitywatch) {
+            watched.insert(name);
         }
         if (!paths.contains(dir.info.path)) {
             paths.insert(dir.info.path, dir.node);

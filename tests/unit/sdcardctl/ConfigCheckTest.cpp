@@ -166,6 +166,14 @@ void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of_data()
         "the share of 'a' is nan %; it has to be a number above 0");
     row("doubled identifier", "<dir size='1'>a<dir size='1'>b</dir></dir>\n<dir size='1'>b</dir>",
         "the identifier 'b' means the directory of line 1; this one cannot be asked for");
+    row("doubled identifier of which the second directory is watched",
+        "<dir size='1'>a<dir size='1'>b</dir></dir>\n<dir size='1' capacitywatch='true'>b</dir>",
+        "the identifier 'b' means the directory of line 1; this one is meant by EnsureDirSize "
+        "alone");
+    row("doubled identifier of which both directories are watched",
+        "<dir size='1'>a<dir size='1' capacitywatch='true'>b</dir></dir>\n"
+        "<dir size='1' capacitywatch='true'>b</dir>",
+        "the identifier 'b' means the directory of line 1; this one cannot be asked for");
     row("link in a directory's place", "<dir size='1'>a</dir><symlink target='/etc'>a</symlink>",
         "'/a' is the place of line 1 already");
     row("slash in a name", "<dir size='1'>a/b</dir>",
