@@ -182,6 +182,11 @@ void ConfigAgreementTest::check_and_service_agree_on_a_file_data()
     row("size nan", "<sdcard><dir size='nan'>a</dir></sdcard>");
     row("size out of range", "<sdcard><dir size='1e999'>a</dir></sdcard>");
     row("size in hexadecimal", "<sdcard><dir size='0x10'>a</dir></sdcard>");
+    row("size with an exponent", "<sdcard><dir size='1e1'>a</dir></sdcard>");
+    row("mode of one digit", "<sdcard><dir size='1' mode='7'>a</dir></sdcard>");
+    row("mode with zeros before it", "<sdcard><dir size='1' mode='00755'>a</dir></sdcard>");
+    row("mode empty", "<sdcard><dir size='1' mode=''>a</dir></sdcard>");
+    row("owner empty", "<sdcard><dir size='1' owner=''>a</dir></sdcard>");
     row("target missing", "<sdcard><symlink>a</symlink></sdcard>");
     row("target empty", "<sdcard><symlink target=''>a</symlink></sdcard>");
     row("link name missing", "<sdcard><symlink target='a'/></sdcard>");

@@ -2,6 +2,9 @@
 
 #include <QDir>
 #include <QProcess>
+#include <QTemporaryFile>
+
+#include "ConfigCheck.h"
 
 class ConfigSchemaTest : public QObject
 {
@@ -14,6 +17,8 @@ private Q_SLOTS:
     void good_content_is_valid();
     void bad_content_is_invalid_data();
     void bad_content_is_invalid();
+    void schema_and_check_agree_on_a_value_data();
+    void schema_and_check_agree_on_a_value();
 };
 
 namespace {
@@ -87,7 +92,7 @@ void ConfigSchemaTest::bad_content_is_invalid_data()
                  "<dir size='1' capacitywatch='TRUE'>a</dir>",
                  "<dir size='1' mode='8'>a</dir>",
                  "<dir size='1' mode='0789'>a</dir>",
-                 "<dir size='1' owner=''>a</dir>",
+                 "<dir size='1' owner='a:b:c'>a</dir>",
                  "<dir size='1' sizes='1'>a</dir>",
                  "<Dir size='1'>a</Dir>",
                  "<symlink>a</symlink>",
@@ -104,6 +109,40 @@ void ConfigSchemaTest::bad_content_is_invalid()
 {
     QFETCH(const QByteArray, content);
     QCOMPARE(validate("-", content), kInvalid);
+}
+
+void ConfigSchemaTest::schema_and_check_agree_on_a_value_data()
+{
+    QTest::addColumn<QByteArray>("attributes");
+    QTest::addColumn<bool>("isGood");
+    const auto rows = [](const char* attributes, const QByteArrayList& values, bool isGood) {
+        for (const QByteArray& value : values) {
+            const QByteArray text = attributes + ("='" + value) + "'";
+            QTest::newRow(text.constData()) << text << isGood;
+        }
+    };
+    rows("size", {"12.5", ".5", "5.", "+5", " 15 ", "1e1", "1E-3", "100"}, true);
+    rows("size", {"", "0", "0e1", "-1", "1e3", "100.1", "1,5", "15%", "0x10", "nan", "NaN", "inf"},
+         false);
+    rows("size='1' mode", {"", "0", "7", "55", "755", "0755", "00755", "0000002775", "7777"}, true);
+    rows("size='1' mode", {"8", "0789", "10755", "77777", "0o755", "rwx", " 755", "+755", "-1"},
+         false);
+    rows("size='1' owner", {"", "root", "root:root", ":root", "root:", ":"}, true);
+    rows("size='1' owner", {"root:root:root"}, false);
+    rows("size='1' capacitywatch", {"true", "false"}, true);
+    rows("size='1' capacitywatch", {"", "TRUE", "1", " true"}, false);
+}
+
+void ConfigSchemaTest::schema_and_check_agree_on_a_value()
+{
+    QFETCH(const QByteArray, attributes);
+    QFETCH(const bool, isGood);
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    file.write("<sdcard><dir " + attributes + ">a</dir></sdcard>");
+    QVERIFY(file.flush());
+    QCOMPARE(validate(file.fileName()), isGood ? kValid : kInvalid);
+    QCOMPARE(sdcardctl::checkConfig(file.fileName()).isEmpty(), isGood);
 }
 
 QTEST_APPLESS_MAIN(ConfigSchemaTest)
