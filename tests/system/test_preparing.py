@@ -135,6 +135,15 @@ def test_without_a_doubled_path_nothing_is_said_of_csv_files(board, tmp_path):
     assert len(preparation_records(board)) == 1
 
 
+def test_moved_csv_files_replace_others_and_what_is_not_moved_goes_with_the_doubled_path(board, tmp_path):
+    write(tmp_path, {f"{DOUBLED}/2024/a.csv": "old", f"{DOUBLED}/2024/.b.csv": "b", f"{DOUBLED}/c.csv": "c",
+                     "csv/a.csv": "new"})
+    start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    assert sorted(path.name for path in (Contents(board).root / "csv").iterdir()) == ["a.csv"]
+    assert texts(board, "csv/a.csv") == ["old"]
+    assert preparation_records(board)[-1] == ("INFO", "Succesffully removed old csv directory")
+
+
 def test_csv_files_that_cannot_be_moved_stay(board, tmp_path):
     write(tmp_path, {f"{DOUBLED}/2024/a.csv": "old", "csv/a.csv/in-its-place": "new"})
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
