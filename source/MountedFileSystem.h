@@ -32,6 +32,7 @@ private:
 };
 
 /// Removes the directory of a mount point with all that it contains, but nothing while a file
-/// system is mounted there or below, however @p path is spelled.
+/// system is mounted there or below, however @p path is spelled, or where the mount table, which
+/// would tell, cannot be read.
 /// @return whether the directory is gone
 bool removeMountPoint(const QString& path);

@@ -94,7 +94,9 @@ public:
 
     /// Brings @p device to be mounted read-write at @p mountPoint, checking its file system before.
     /// @param corrupt set to true where the file system was checked and still cannot be mounted
-    /// @return false on failure, which leaves no mount point directory
+    /// @return false on failure. The mount point directory is then removed, but not where it is
+    /// still mounted (read-only, or with an entry of the mount table that is unclear) or the table
+    /// cannot be read; what stands in its place and is no directory stays as well
     bool mountDevice(const QString& device, const QString& mountPoint, const QString& fsType,
                      bool& corrupt) const;
 

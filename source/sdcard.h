@@ -34,8 +34,8 @@ class StatePreparing;
 ///
 /// sdcard.cpp holds the machine and what its states do on entry; sdcard_events.cpp the signal
 /// bridge, the button, hot plug and the trigger slots; sdcard_unmount.cpp the mount table, open
-/// files and unmounting; sdcard_leds.cpp the LEDs; sdcard_hardware.cpp the look at the card at the
-/// start.
+/// files and unmounting; sdcard_command.cpp the running of programs; sdcard_memory.cpp how full the
+/// card is; sdcard_leds.cpp the LEDs; sdcard_hardware.cpp the look at the card at the start.
 class Sdcard : public QObject, public TrackObject, public SdcardInterface
 {
     Q_OBJECT
@@ -95,7 +95,8 @@ public:
     /// @return false when it could not be unmounted or the directory not be removed
     bool umountDevice(const QString& path, bool force);
 
-    /// Finds the processes that hold files below @p mountPoint open.
+    /// Finds the processes that hold files below @p mountPoint open. Before that it makes the
+    /// capacity runs end, and waits up to 3 s for them.
     /// @param processIds the ids found are appended
     /// @return 0, or -1 when they cannot be found out
     int checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
