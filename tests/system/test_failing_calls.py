@@ -1,5 +1,6 @@
 """Start-ups in which a call fails that does not fail on a device: a library before the system's sees to that."""
 
+import re
 import subprocess
 
 import pytest
@@ -63,6 +64,9 @@ def test_without_a_signal_handler_the_service_does_not_start(board, start_with):
     assert (service.output, service.errors) == (
         "", "Abort. Cannot install signal handler, see systemlog for details.\n")
     assert board.records == []
+    # After the time and the name that the C library puts before it.
+    entry = re.compile(r"<27>.* sdcardd: sdcardd: cannot install the crash handler: Too many open files")
+    board.expect("the reason in the system log", lambda: any(map(entry.fullmatch, board.system_log)))
 
 
 def test_an_exception_that_nothing_handles_ends_the_service_with_a_record(board, start_with):

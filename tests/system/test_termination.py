@@ -1,5 +1,6 @@
 """Ending the service: SIGTERM and SIGHUP in every phase of the card's life."""
 
+import re
 import signal
 import time
 
@@ -20,6 +21,21 @@ def test_the_service_ends_at_once_without_a_card(board, number):
     board.expect_state(State.NO_CARD)
     assert board.stop_service(number, within=2) == 0
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
+
+
+@pytest.mark.crashes
+def test_a_crash_ends_the_service_with_a_report_under_its_name_in_the_system_log(board):
+    board.start_service()
+    board.expect_state(State.NO_CARD)
+    assert board.stop_service(signal.SIGSEGV, within=5) == -signal.SIGSEGV
+    prefix = f"<26>sdcardd[{board.service.pid}]: "
+
+    def report():
+        return [entry.removeprefix(prefix) for entry in board.system_log if entry.startswith(prefix)]
+    board.expect("a backtrace", lambda: len(report()) > 1)
+    first, *backtrace = report()
+    assert re.fullmatch(r"Crash: SIGSEGV sent by process \d+, thread \d+", first), first
+    assert all(entry.startswith(f"#{number} 0x") for number, entry in enumerate(backtrace)), backtrace
 
 
 @both_signals
