@@ -146,11 +146,11 @@ def test_a_media_configuration_that_is_named_is_used_in_place_of_the_default_one
 def test_a_faulty_media_configuration_ends_the_service(make_board, program, text, complaint):
     board = make_board(program=program, media_config=text)
     assert_fails(board, "")
-    assert [(record.level, record.channel, record.message) for record in board.records[1:]] == [
-        ("ERROR", "config", complaint),
-        ("ERROR", "config", "Could not parse child nodes in file '/etc/tavo/tavo-sdcard.config.xml'"),
-        ("ERROR", "sdcard", "Could not setup configuration handler"),
-        ("INFO", "sdcard", TERMINATING + "1")]
+    assert [(record.level, record.channel, record.source, record.message) for record in board.records[1:]] == [
+        ("ERROR", "config", "config", complaint),
+        ("ERROR", "config", "config", "Could not parse child nodes in file '/etc/tavo/tavo-sdcard.config.xml'"),
+        ("ERROR", "sdcard", "main", "Could not setup configuration handler"),
+        ("INFO", "sdcard", "main", TERMINATING + "1")]
 
 
 @pytest.mark.parametrize("text", [None, "", "<sdcard>", "<other/>"], ids=["missing", "empty", "unclosed", "other root"])
@@ -163,14 +163,16 @@ def test_a_media_configuration_that_cannot_be_parsed_ends_the_service(board, tex
     complaint, *rest = board.records[1:]
     assert (complaint.level, complaint.channel) == ("ERROR", "config")
     assert re.fullmatch(r"Could not parse file : /etc/tavo/tavo-sdcard\.config\.xml \S.*", complaint.message)
-    assert [record.message for record in rest] == ["Could not setup configuration handler", TERMINATING + "1"]
+    assert [(record.level, record.channel, record.source, record.message) for record in rest] == [
+        ("ERROR", "sdcard", "main", "Could not setup configuration handler"),
+        ("INFO", "sdcard", "main", TERMINATING + "1")]
 
 
 def test_a_missing_bus_ends_the_service(board):
     assert_fails(board, "", environment=NO_BUS)
-    assert [(record.level, record.channel, record.message) for record in board.records[-2:]] == [
-        ("FATAL", "sdcard", "Cannot connect to the D-Bus system bus"),
-        ("INFO", "sdcard", TERMINATING + "1")]
+    assert [(record.level, record.channel, record.source, record.message) for record in board.records[-2:]] == [
+        ("FATAL", "sdcard", "main", "Cannot connect to the D-Bus system bus"),
+        ("INFO", "sdcard", "main", TERMINATING + "1")]
 
 
 def test_a_second_service_ends_and_leaves_the_first_one_alone(board):
