@@ -195,6 +195,7 @@ void SdcardSignalsTest::the_destructor_gives_everything_back()
     device.construct();
     QVERIFY(actionOf(SIGHUP).sa_handler != hupBefore.sa_handler);
     const auto readEnd = static_cast<int>(notifierOf(device.controller())->socket());
+    const int readEndHeldOpen = ::dup(readEnd);
 
     struct sigaction crash = {};
     crash.sa_handler = [](int /*signalNumber*/) {
@@ -206,6 +207,10 @@ void SdcardSignalsTest::the_destructor_gives_everything_back()
     QVERIFY(actionOf(SIGTERM).sa_handler == termBefore.sa_handler);
     QVERIFY(actionOf(SIGSEGV).sa_handler == SIG_DFL);
     QCOMPARE(::fcntl(readEnd, F_GETFD), -1);
+    // The end of the data: nothing has the other end open.
+    char byte = 0;
+    QCOMPARE(::recv(readEndHeldOpen, &byte, 1, MSG_DONTWAIT), ssize_t{0});
+    ::close(readEndHeldOpen);
 }
 
 void SdcardSignalsTest::without_a_socket_pair_there_is_no_bridge()
