@@ -1,6 +1,10 @@
+#include <cerrno>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QTest>
+
+#include <unistd.h>
 
 #include "ConfigFileLookup.h"
 #include "TestDevice.h"
@@ -12,6 +16,8 @@ const QString kFirst = QStringLiteral("/etc/tavo");
 const QString kSecond = QStringLiteral("/opt/tavo/share/tavo-core/defaults");
 const QString kHome = QStringLiteral("/home/lookup/config");
 const QString kSystem = QStringLiteral("/home/lookup/system");
+
+bool lacksProc = false;
 
 struct Lookup
 {
@@ -39,6 +45,24 @@ QString path(const QString& directory)
 
 } // namespace
 
+// The linker's option --wrap leads the service's calls here; it prescribes the names.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" {
+
+ssize_t __real_readlink(const char*, char*, size_t);
+
+ssize_t __wrap_readlink(const char* path, char* buffer, size_t size)
+{
+    if (lacksProc) {
+        errno = ENOENT;
+        return -1;
+    }
+    return __real_readlink(path, buffer, size);
+}
+
+} // extern "C"
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
 class ConfigFileLookupTest : public QObject
 {
     Q_OBJECT
@@ -47,6 +71,7 @@ private Q_SLOTS:
     void init();
     void the_search_directories_stand_in_their_order();
     void a_directory_that_is_listed_twice_keeps_its_first_place();
+    void an_unknown_directory_of_the_program_is_left_out();
     void the_first_directory_with_the_file_wins_data();
     void the_first_directory_with_the_file_wins();
     void the_file_that_the_option_names_wins();
@@ -77,6 +102,14 @@ void ConfigFileLookupTest::a_directory_that_is_listed_twice_keeps_its_first_plac
     QCOMPARE(
         ConfigFileLookup::searchDirectories(),
         (QStringList{kFirst, kSecond, QCoreApplication::applicationDirPath(), kHome, kSystem}));
+}
+
+void ConfigFileLookupTest::an_unknown_directory_of_the_program_is_left_out()
+{
+    lacksProc = true;
+    const QStringList directories = ConfigFileLookup::searchDirectories();
+    lacksProc = false;
+    QCOMPARE(directories, (QStringList{kFirst, kSecond, kHome, kSystem}));
 }
 
 void ConfigFileLookupTest::the_first_directory_with_the_file_wins_data()
