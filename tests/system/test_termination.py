@@ -180,6 +180,22 @@ def test_a_signal_while_mounting_takes_effect_when_the_card_is_mounted(board, nu
     assert card.is_clean()
 
 
+def test_a_signal_while_a_pulled_card_is_still_checked_ends_the_check(board):
+    board.replace_tool(E2FSCK, "echo $$ >/run/board/check\nexec sleep 1000")
+    board.start_service()
+    board.insert(Card.formatted())
+    board.expect("e2fsck runs", lambda: board.tool_calls("e2fsck") and board.exists("/run/board/check"))
+    check = board.read_file("/run/board/check").strip()
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    assert board.exists(f"/proc/{check}")
+    assert board.stop_service(within=5) == 0
+    board.expect("no check runs", lambda: not board.exists(f"/proc/{check}"), within=2)
+    # Its thread was ended before it could do so.
+    board.run("rmdir", MOUNT_POINT, check=True)
+    assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
+
+
 def test_a_signal_while_a_script_prepares_the_card_takes_effect_afterwards(board):
     board.write_file(f"{JOBS}/10-slow", "#!/bin/sh\n: >/run/board/started\nsleep 2\n: >/run/board/ended\n", 0o755)
     card = Card.formatted()

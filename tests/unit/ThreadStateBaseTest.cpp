@@ -35,6 +35,30 @@ private:
     std::function<void()> mWork;
 };
 
+/// A worker that leaves its end to the base: once started, its run uses nothing of it.
+class ThreadWithoutEnd : public ThreadStateBase, public TrackObject
+{
+    Q_OBJECT
+
+public:
+    explicit ThreadWithoutEnd(QSemaphore& started) : ThreadStateBase(nullptr), mStarted(started)
+    {
+        setupTrackAndThreadName(*this);
+    }
+
+protected:
+    void run() override
+    {
+        mStarted.release();
+        for (;;) {
+            ::pause();
+        }
+    }
+
+private:
+    QSemaphore& mStarted;
+};
+
 /// Its name does not say what it is.
 class WorkerOfThreads : public ThreadStateBase, public TrackObject
 {
@@ -221,10 +245,7 @@ void ThreadStateBaseTest::destruction_ends_a_run()
     QSemaphore started;
     std::atomic<bool> isFinished{false};
     {
-        ThreadOfThreads worker([&started] {
-            started.release();
-            goOn();
-        });
+        ThreadWithoutEnd worker(started);
         connect(
             &worker, &QThread::finished, &worker, [&isFinished] { isFinished = true; },
             Qt::DirectConnection);
