@@ -1,6 +1,5 @@
 #include <QAbstractTransition>
 #include <QFinalState>
-#include <QMetaMethod>
 #include <QSignalTransition>
 #include <QSocketNotifier>
 #include <QStateMachine>
@@ -9,6 +8,7 @@
 
 #include "ControllerDevice.h"
 #include "ControllerProbe.h"
+#include "MetaMethods.h"
 #include "StateMounting.h"
 #include "StatePreparing.h"
 #include "TestDevice.h"
@@ -94,19 +94,6 @@ QStringList documentedPicture()
         }
     }
     return lines;
-}
-
-/// The class's own methods of one kind, in the order of the meta-object.
-QStringList methodsOf(const QMetaObject& type, QMetaMethod::MethodType kind)
-{
-    QStringList methods;
-    for (int index = type.methodOffset(); index < type.methodCount(); ++index) {
-        const QMetaMethod method = type.method(index);
-        if (method.methodType() == kind) {
-            methods.append(QString::fromLatin1(method.methodSignature()));
-        }
-    }
-    return methods;
 }
 
 } // namespace
