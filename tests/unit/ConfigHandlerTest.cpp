@@ -44,6 +44,7 @@ private Q_SLOTS:
     void the_root_names_the_mount_point_and_the_device_in_utf8();
     void another_file_can_be_read();
     void directories_and_links_stand_in_document_order();
+    void elements_inside_of_a_link_are_ignored();
     void all_attributes_of_a_directory_are_kept();
     void only_the_word_true_switches_watching_on_data();
     void only_the_word_true_switches_watching_on();
@@ -126,6 +127,14 @@ void ConfigHandlerTest::directories_and_links_stand_in_document_order()
              (QStringList{"deep=/logs/old/deep", "current=/logs/current", "top=/top"}));
     QCOMPARE(pathsOf(config), (QStringList{"/logs", "/logs/old", "/csv", "/logs/old/deep",
                                            "/logs/current", "/top"}));
+}
+
+void ConfigHandlerTest::elements_inside_of_a_link_are_ignored()
+{
+    const ConfigHandler config = CardConfig::withChildren(
+        "<symlink target='t'>link<dir size='1'>a</dir><symlink target='u'>b</symlink><file/>"
+        "</symlink><dir size='1'>after</dir>");
+    QCOMPARE(pathsOf(config), (QStringList{"/after", "/link"}));
 }
 
 void ConfigHandlerTest::all_attributes_of_a_directory_are_kept()
