@@ -1,3 +1,4 @@
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -23,6 +24,18 @@ QStringList waitsFor(const QString& command, int timeoutMs)
     return {command + ": start 30000", command + ": end " + QString::number(timeoutMs)};
 }
 
+// Prepares a card with directories for the logger and for values.
+bool prepare()
+{
+    const ConfigHandler config =
+        CardConfig::withChildren("<dir size='10'>logger</dir><dir size='10'>csv</dir>");
+    auto* const state = new StatePreparing(config);
+    StateHarness harness(state);
+    QSignalSpy success(state, &StatePreparing::MOUNT_SUCCESS);
+    Q_EMIT harness.enter();
+    return !success.isEmpty() || success.wait(kPatienceMs);
+}
+
 } // namespace
 
 /// How long each of the service's programs may take.
@@ -35,6 +48,7 @@ private Q_SLOTS:
     void cleanup();
     void a_card_is_given_time_for_its_format_and_both_checks();
     void a_card_is_given_the_same_time_for_its_format_at_the_start();
+    void a_relocation_is_given_all_the_time_it_takes();
     void a_preparing_script_is_given_ten_minutes();
     void the_run_level_is_waited_for_ten_seconds();
     void both_lists_of_open_files_are_waited_for_ten_seconds();
@@ -79,16 +93,21 @@ void ToolTimeoutsTest::a_card_is_given_the_same_time_for_its_format_at_the_start
     QCOMPARE(ProcessWaits::take(), waitsFor("tavo-create-sdcardFS.sh", 150000));
 }
 
+void ToolTimeoutsTest::a_relocation_is_given_all_the_time_it_takes()
+{
+    TestDevice::writeFile("/media/sdcard/PindleLogger.db", "database");
+    TestDevice::writeFile("/media/sdcard/csv/media/sdcard/csv/day/file", "values");
+    QVERIFY(prepare());
+    QCOMPARE(TestDevice::readFile("/media/sdcard/logger/PindleLogger.db"), QByteArray("database"));
+    QCOMPARE(TestDevice::readFile("/media/sdcard/csv/file"), QByteArray("values"));
+    const QRegularExpression limited(": (start|end) (?!-1$)");
+    QCOMPARE(ProcessWaits::take().filter(limited), QStringList());
+}
+
 void ToolTimeoutsTest::a_preparing_script_is_given_ten_minutes()
 {
     ToolStandIn::place(ControllerDevice::kJobDirectory + "/job", "");
-    const ConfigHandler config =
-        CardConfig::withChildren("<dir size='10'>logger</dir><dir size='10'>csv</dir>");
-    auto* const state = new StatePreparing(config);
-    StateHarness harness(state);
-    QSignalSpy success(state, &StatePreparing::MOUNT_SUCCESS);
-    Q_EMIT harness.enter();
-    QVERIFY(!success.isEmpty() || success.wait(kPatienceMs));
+    QVERIFY(prepare());
     TestDevice::remove(ControllerDevice::kJobDirectory);
     QCOMPARE(ProcessWaits::take(), waitsFor("job logger=/logger csv=/csv", 600000));
 }
