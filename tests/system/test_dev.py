@@ -10,6 +10,16 @@ from conftest import ROOT
 
 pytestmark = pytest.mark.virtual
 
+# Runs a command in a mount namespace in which the first directory's programs come before the
+# machine's own, and in which the machine otherwise is as a further script says.
+ELSEWHERE = r"""
+mount -t overlay -o "lowerdir=$1:/usr/sbin" none /usr/sbin && eval "$2" || exit 125
+shift 2
+exec "$@"
+"""
+# All packages are there; the build that would follow is not, and no module either.
+COMPLETE = {"dpkg-query": "echo installed", "cmake": "exit 9", "modprobe": "exit 1"}
+
 
 def dev(*arguments: str) -> subprocess.CompletedProcess:
     return subprocess.run([str(ROOT / "dev"), *arguments], capture_output=True, text=True)
@@ -46,6 +56,66 @@ def test_a_missing_root_is_told_in_one_line(command):
     result = subprocess.run(["bash", "-c", script, "dev", command], capture_output=True, text=True, user=65534, cwd="/")
     assert result.returncode == 1
     assert result.stderr == f"dev: '{command}' needs root, for namespaces and loop devices: sudo ./dev {command}\n"
+
+
+@pytest.fixture
+def refusal(tmp_path):
+    """Has ./dev refuse a command on a machine that differs from this one; gives its words on standard error."""
+    def words_of(*command, stand_ins={}, difference=":"):
+        programs = tmp_path / "programs"
+        programs.mkdir()
+        for name, body in (COMPLETE | stand_ins).items():
+            (programs / name).write_text(f"#!/bin/sh\n{body}\n")
+            (programs / name).chmod(0o755)
+        result = subprocess.run(["unshare", "--mount", "sh", "-c", ELSEWHERE, "sh", str(programs), difference,
+                                 *(command or [str(ROOT / "dev"), "run"])], capture_output=True, text=True)
+        assert result.returncode == 1, result.stdout + result.stderr
+        return result.stderr
+    return words_of
+
+
+def test_missing_loop_devices_are_told_in_one_line(refusal):
+    # The null device, to which output is sent, is the only one left.
+    difference = "mount -t tmpfs none /dev && mknod -m 666 /dev/null c 1 3"
+    assert refusal(difference=difference) == (
+        "dev: this kernel offers no loop devices (/dev/loop-control is missing)\n")
+
+
+def test_unusable_loop_devices_are_told_in_one_line(refusal):
+    assert refusal(stand_ins={"losetup": '[ "$1" != --find ] || exit 1'}) == (
+        "dev: loop devices cannot be used here (losetup --find fails)\n")
+
+
+@pytest.mark.parametrize("missing, present", [("ext4", "overlay"), ("overlay", "ext4")])
+def test_a_missing_file_system_is_told_in_one_line(refusal, tmp_path, missing, present):
+    known = tmp_path / "filesystems"
+    # As a part of another name it does not count.
+    known.write_text(f"nodev\tproc\n\t{present}\n\tx{missing}\n")
+    assert refusal(difference=f"mount --bind '{known}' /proc/filesystems") == (
+        f"dev: this kernel has no {missing} file system\n")
+
+
+def test_namespaces_that_cannot_be_made_are_told_in_one_line(refusal):
+    assert refusal(stand_ins={"unshare": "echo refused >&2; exit 1"}) == (
+        "dev: namespaces cannot be made here (a container without privileges?)\n")
+
+
+PARTLY_INSTALLED = 'for package do :; done; case $package in strace | tmux) exit 1 ;; esac; echo installed'
+
+
+def test_packages_that_cannot_be_installed_are_told_in_one_line(refusal, tmp_path):
+    calls = tmp_path / "calls"
+    assert refusal(stand_ins={"dpkg-query": PARTLY_INSTALLED, "apt-get": f'echo "$@" >>"{calls}"; exit 100'}) == (
+        "dev: these packages cannot be installed (no network?): strace tmux\n")
+    assert calls.read_text().splitlines() == ["install -y -q --no-install-recommends strace tmux", "update -q"]
+
+
+def test_packages_that_only_root_can_install_are_told_in_one_line(refusal):
+    # As text, since the tree itself may be closed to other users.
+    command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--reset-env",
+               "bash", "-c", (ROOT / "dev").read_text(), "dev", "build"]
+    assert refusal(*command, stand_ins={"dpkg-query": PARTLY_INSTALLED, "apt-get": "echo called >&2"}) == (
+        "dev: packages are missing; as root: apt-get install strace tmux\n")
 
 
 def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
