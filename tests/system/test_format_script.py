@@ -1,6 +1,5 @@
 """The format script on a board, run as the service runs it: without arguments."""
 
-import shutil
 import subprocess
 import time
 
@@ -221,10 +220,3 @@ def test_a_card_pulled_while_the_file_system_is_made_ends_the_script_at_once(bar
     bare_board.write_file("/run/board/go-on", "")
     assert formatting.wait(within=5) == FAILED
     assert formatting.errors
-
-
-def test_the_script_is_clean_for_shellcheck():
-    assert shutil.which("shellcheck"), "shellcheck is missing: sudo ./dev test installs it"
-    result = subprocess.run(["shellcheck", str(ROOT / "platform" / "tavo-create-sdcardFS.sh")],
-                            capture_output=True, text=True)
-    assert (result.returncode, result.stdout) == (0, "")

@@ -1,6 +1,5 @@
 """The helper of udev's rule on a board, called as udev calls it."""
 
-import subprocess
 import time
 
 import pytest
@@ -275,9 +274,3 @@ def test_the_rule_runs_the_helper_for_block_devices_that_come_and_go(bare_board)
         assert what_runs(action, "/sys/block/loop0") == ["RUN 'tavo-sdcard-hotplug'"]
         assert what_runs(action, "/sys/class/net/lo") == []
     assert what_runs("change", "/sys/block/loop0") == []
-
-
-@pytest.mark.parametrize("script", ["tavo-sdcard-hotplug", "sdcardd.init.in"])
-def test_the_scripts_are_clean_for_shellcheck(script):
-    result = subprocess.run(["shellcheck", str(PLATFORM / script)], capture_output=True, text=True)
-    assert (result.returncode, result.stdout) == (0, "")
