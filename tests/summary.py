@@ -3,7 +3,8 @@
     summary.py DIRECTORY SUITE... [-- NOTE...]
 
 Each suite has left its results in DIRECTORY/SUITE.xml (JUnit). A unit test program counts as many
-tests as it tells itself to have run. Each note is a line of its own: what was not asked for.
+tests as it tells itself to have run; one that its suite cannot run counts none and is told apart.
+Each note is a line of its own: what was not asked for.
 """
 
 import re
@@ -22,6 +23,7 @@ class Counts:
     passed: int = 0
     failed: int = 0
     skipped: int = 0
+    disabled_programs: int = 0
     failures: list[str] = field(default_factory=list)
 
 
@@ -42,6 +44,9 @@ def read_suite(path: Path) -> Counts:
 
 
 def _count(case: ElementTree.Element, counts: Counts) -> None:
+    if case.get("status") == "disabled":
+        counts.disabled_programs += 1
+        return
     totals = QTEST_TOTALS.findall(case.findtext("system-out") or "")
     passed, failed, skipped = (sum(int(total[index]) for total in totals) for index in range(3))
     broken = case.find("failure") is not None or case.find("error") is not None
@@ -64,7 +69,8 @@ def main() -> int:
     suites = {name: read_suite(directory / f"{name}.xml") for name in names}
     print("\nSummary")
     for name, counts in suites.items():
-        print(f"  {name} tests: {counts.passed + counts.failed + counts.skipped}")
+        left_out = f", and {counts.disabled_programs} programs not run" if counts.disabled_programs else ""
+        print(f"  {name} tests: {counts.passed + counts.failed + counts.skipped}{left_out}")
         for failure in counts.failures:
             print(f"    failed: {failure}")
     for note in notes:

@@ -42,8 +42,9 @@ def test_help_lists_the_commands_that_exist():
 
 
 @pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"],
-                                       ["lint", "--nonsense"]])
-def test_what_does_not_exist_is_answered_in_one_line_with_status_2(arguments):
+                                       ["lint", "--nonsense"], ["test", "--unit", "--system"],
+                                       ["test", "--unit", "-k", "life"], ["test", "--emulated", "--asan"]])
+def test_what_cannot_be_done_is_answered_in_one_line_with_status_2(arguments):
     result = dev(*arguments)
     assert result.returncode == 2
     assert len(result.stderr.splitlines()) == 1
@@ -126,6 +127,20 @@ def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
         system="<testcase name='c'/><testcase name='d'><skipped/></testcase>")
     assert result.returncode == 0
     assert result.stdout.splitlines()[-1] == "7 passed, 0 failed, 2 skipped"
+
+
+def test_a_program_that_its_suite_cannot_run_counts_no_test(tmp_path):
+    result = summarise(
+        tmp_path,
+        unit="<testcase name='a'><system-out>Totals: 5 passed, 0 failed, 0 skipped, 0 blacklisted, 3ms"
+             "</system-out></testcase>" + 2 * "<testcase name='b' status='disabled'><system-out>Disabled</system-out>"
+             "</testcase>")
+    assert result.stdout.splitlines()[-2:] == ["  unit tests: 5, and 2 programs not run", "5 passed, 0 failed"]
+
+
+def test_a_suite_that_ran_no_program_at_all_fails(tmp_path):
+    result = summarise(tmp_path, unit="<testcase name='a' status='disabled'/>")
+    assert result.returncode == 1
 
 
 def test_the_summary_tells_what_was_not_asked_for(tmp_path):
