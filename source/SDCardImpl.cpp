@@ -107,10 +107,14 @@ int SDCardImpl::RefreshMemState()
 
 void SDCardImpl::InsertCard()
 {
-    Q_EMIT CardInserted();
+    if (controller() != nullptr) {
+        Q_EMIT CardInserted();
+    }
 }
 
 void SDCardImpl::RemoveCard()
 {
-    Q_EMIT CardRemoved();
+    if (controller() != nullptr) {
+        Q_EMIT CardRemoved();
+    }
 }

@@ -300,7 +300,8 @@ void SDCardImplTest::the_memory_state_is_refreshed_before_it_is_told()
 
 void SDCardImplTest::insertion_and_removal_are_announced()
 {
-    SDCardImpl service("/media/sdcard", nullptr);
+    Controller controller;
+    SDCardImpl service("/media/sdcard", &controller);
     const QSignalSpy inserted(&service, &SDCardImpl::CardInserted);
     const QSignalSpy removed(&service, &SDCardImpl::CardRemoved);
     service.InsertCard();
@@ -324,6 +325,8 @@ void SDCardImplTest::without_a_controller_the_answers_are_empty()
     QObject parent;
     SDCardImpl service("/media/sdcard", hasParent ? &parent : nullptr);
     service.setMemState(2);
+    const QSignalSpy inserted(&service, &SDCardImpl::CardInserted);
+    const QSignalSpy removed(&service, &SDCardImpl::CardRemoved);
     const LogCapture log;
     QCOMPARE(service.GetDirPath("logs"), QString());
     QCOMPARE(service.GetDirSize("logs"), qint64{0});
@@ -331,6 +334,9 @@ void SDCardImplTest::without_a_controller_the_answers_are_empty()
     QCOMPARE(service.getDirUsed("logs"), qint64{0});
     QCOMPARE(service.getDirUsed(""), qint64{0});
     QCOMPARE(service.RefreshMemState(), 2);
+    service.InsertCard();
+    service.RemoveCard();
+    QCOMPARE(inserted.size() + removed.size(), 0);
     service.EnsureDirSize("csv");
     QCOMPARE(log.messages(), QStringList());
     QCOMPARE(log.errorCount(), 0U);
