@@ -92,7 +92,7 @@ void StateMounting::emitTransitionChangeSignal()
 
 void StateMounting::onExit(QEvent* /*event*/)
 {
-    if (mWorker->isRunning()) {
+    if (mWorker->isUnderWay()) {
         mWorker->requestStop();
     }
 }

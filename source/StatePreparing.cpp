@@ -54,7 +54,7 @@ StatePreparing::~StatePreparing() = default;
 
 void StatePreparing::onExit(QEvent* /*event*/)
 {
-    if (mWorker->isRunning()) {
+    if (mWorker->isUnderWay()) {
         mWorker->requestStop();
     }
 }

@@ -1,6 +1,7 @@
 #include "ThreadStateBase.h"
 
 #include <cstring>
+#include <utility>
 
 #include <QMutexLocker>
 
@@ -14,8 +15,7 @@ ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent)
 {
     connect(
         this, &QThread::finished, this, [this] { ++mEnds; }, Qt::DirectConnection);
-    connect(
-        this, &QThread::finished, this, [this] { ++mEndsTold; }, Qt::QueuedConnection);
+    connect(this, &QThread::finished, this, &ThreadStateBase::noticeEnd, Qt::QueuedConnection);
 }
 
 ThreadStateBase::~ThreadStateBase()
@@ -43,11 +43,24 @@ void ThreadStateBase::start(QThread::Priority priority)
         const QMutexLocker locker(&mStopMutex);
         mStopRequested = false;
     }
-    QThread::start(priority);
+    if (isRunning()) {
+        mPriorityOfNextRun = priority;
+    } else {
+        QThread::start(priority);
+    }
+}
+
+void ThreadStateBase::noticeEnd()
+{
+    ++mEndsTold;
+    if (mPriorityOfNextRun && !isRunning()) {
+        QThread::start(*std::exchange(mPriorityOfNextRun, std::nullopt));
+    }
 }
 
 void ThreadStateBase::requestStop()
 {
+    mPriorityOfNextRun.reset();
     const QMutexLocker locker(&mStopMutex);
     mStopRequested = true;
 }

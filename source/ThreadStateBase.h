@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 
 #include <QMutex>
 #include <QSignalTransition>
@@ -24,10 +25,13 @@ public:
     /// with "Thread".
     void setupTrackAndThreadName(TrackObject& track);
 
-    /// Starts a run with a cleared stop request; a run that still goes on is terminated first.
+    /// Starts a run with a cleared stop request; a run that still goes on is terminated first. One
+    /// that cannot be, because the kernel holds it, is waited for without blocking.
     void start(QThread::Priority priority);
+    /// Whether a run goes on, or will as soon as an earlier one has gone.
+    bool isUnderWay() const { return isRunning() || mPriorityOfNextRun; }
 
-    /// Asks the run to end at its next check.
+    /// Asks the run to end at its next check; one that has not begun yet does not begin.
     void requestStop();
     bool isStopRequested() const;
 
@@ -39,10 +43,13 @@ public:
     bool isEndTold() const { return isFinished() && mEndsTold == mEnds; }
 
 private:
+    void noticeEnd();
+
     mutable QMutex mStopMutex;
     bool mStopRequested = false;
     std::atomic<quint32> mEnds{0};
     quint32 mEndsTold = 0;
+    std::optional<QThread::Priority> mPriorityOfNextRun;
 };
 
 /// Leads out of a state's running child when its worker has finished.

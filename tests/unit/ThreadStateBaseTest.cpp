@@ -4,6 +4,7 @@
 #include <functional>
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFinalState>
 #include <QSemaphore>
 #include <QStateMachine>
@@ -27,6 +28,9 @@ public:
         setupTrackAndThreadName(*this);
     }
     ~ThreadOfThreads() override { terminateIfRunning(); }
+
+    /// Keeps the thread that calls it from being terminated.
+    static void hold() { setTerminationEnabled(false); }
 
 protected:
     void run() override { mWork(); }
@@ -91,6 +95,30 @@ void goOn()
     }
 }
 
+/// A worker that cannot be terminated, as one that the kernel holds, until it may end.
+struct HeldWorker
+{
+    HeldWorker()
+        : worker([this] {
+              ThreadOfThreads::hold();
+              hasBegun.release();
+              mayEnd.acquire();
+          })
+    {}
+    HeldWorker(const HeldWorker&) = delete;
+    HeldWorker& operator=(const HeldWorker&) = delete;
+    ~HeldWorker()
+    {
+        mayEnd.release(2);
+        worker.requestStop();
+        worker.wait();
+    }
+
+    QSemaphore hasBegun;
+    QSemaphore mayEnd;
+    ThreadOfThreads worker;
+};
+
 struct Death
 {
     int signal;
@@ -140,6 +168,9 @@ private Q_SLOTS:
     void a_stop_request_is_seen_by_the_run();
     void a_start_clears_the_stop_request();
     void a_start_ends_a_run_that_still_goes_on();
+    void a_run_that_cannot_be_ended_is_waited_for_3_seconds();
+    void the_next_run_begins_when_one_that_could_not_be_ended_has_gone();
+    void a_run_that_is_no_longer_wanted_does_not_begin();
     void destruction_ends_a_run();
     void termination_without_a_run_does_nothing();
     void a_finished_run_leads_out_of_its_state();
@@ -235,6 +266,59 @@ void ThreadStateBaseTest::a_start_ends_a_run_that_still_goes_on()
     QVERIFY(worker.wait(kPatienceMs));
     QCOMPARE(runs.load(), 2);
     QVERIFY(!worker.isStopRequested());
+}
+
+void ThreadStateBaseTest::a_run_that_cannot_be_ended_is_waited_for_3_seconds()
+{
+    HeldWorker held;
+    held.worker.start(QThread::InheritPriority);
+    QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
+    QElapsedTimer watch;
+    watch.start();
+    held.worker.terminateIfRunning();
+    QVERIFY2(watch.elapsed() >= 2900 && watch.elapsed() < 10000,
+             qPrintable(QString::number(watch.elapsed())));
+    QVERIFY(held.worker.isRunning());
+}
+
+void ThreadStateBaseTest::the_next_run_begins_when_one_that_could_not_be_ended_has_gone()
+{
+    HeldWorker held;
+    QStateMachine machine;
+    auto* const running = new QState(&machine);
+    auto* const finished = new QFinalState(&machine);
+    running->addTransition(new WorkerFinishedTransition(&held.worker, finished));
+    running->addTransition(this, &ThreadStateBaseTest::again, running);
+    connect(running, &QState::entered, [&held] { held.worker.start(QThread::InheritPriority); });
+    machine.setInitialState(running);
+    machine.start();
+    QTRY_COMPARE_WITH_TIMEOUT(held.hasBegun.available(), 1, kPatienceMs);
+    Q_EMIT again();
+    QCoreApplication::processEvents();
+    QCOMPARE(held.hasBegun.available(), 1);
+    QVERIFY(held.worker.isUnderWay());
+    // Its end is not that of the run that was asked for.
+    held.mayEnd.release();
+    QTRY_COMPARE_WITH_TIMEOUT(held.hasBegun.available(), 2, kPatienceMs);
+    QVERIFY(!held.worker.isStopRequested());
+    QVERIFY(machine.configuration().contains(running));
+    held.mayEnd.release();
+    QTRY_VERIFY_WITH_TIMEOUT(machine.configuration().contains(finished), kPatienceMs);
+}
+
+void ThreadStateBaseTest::a_run_that_is_no_longer_wanted_does_not_begin()
+{
+    HeldWorker held;
+    held.worker.start(QThread::InheritPriority);
+    QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
+    held.worker.start(QThread::InheritPriority);
+    held.mayEnd.release();
+    QVERIFY(held.worker.wait(kPatienceMs));
+    QVERIFY(held.worker.isUnderWay());
+    held.worker.requestStop();
+    QVERIFY(!held.worker.isUnderWay());
+    QCoreApplication::processEvents();
+    QVERIFY(!held.hasBegun.tryAcquire(2));
 }
 
 void ThreadStateBaseTest::destruction_ends_a_run()
