@@ -167,12 +167,12 @@ void Sdcard::cardRemovedTriggered()
     }
     mStateTimer.stop();
     setTransition(Transition::CardRemoved);
+    mCapacityWatcher.abandonRuns();
+    // Its limits are not those of the next card.
+    mCapacityWatcher.storageIsUnmounted();
     const QString& mountPoint = mConfig.mountPoint();
     if (getMountState(logger(), mountPoint) == MountState::ReadWrite) {
         TRACK_INFO(logger(), "Force unmount device (if not already)");
-        mCapacityWatcher.abandonRuns();
-        // Its limits are not those of the next card.
-        mCapacityWatcher.storageIsUnmounted();
         umountDevice(mountPoint, true);
     }
 }

@@ -3,6 +3,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include <sys/mount.h>
+
 #include "ControllerDevice.h"
 #include "ControllerProbe.h"
 #include "SDCardImpl.h"
@@ -25,6 +27,7 @@ private Q_SLOTS:
     void a_removed_card_that_is_mounted_read_only_is_left();
     void a_card_of_a_failed_forced_unmount_is_gone_all_the_same();
     void a_pulled_card_is_unmounted_and_gone();
+    void the_limits_of_a_pulled_card_are_forgotten_data();
     void the_limits_of_a_pulled_card_are_forgotten();
     void a_format_while_mounting_sets_the_birth_time();
 
@@ -166,12 +169,24 @@ void SdcardRemovalTest::a_pulled_card_is_unmounted_and_gone()
              QString("CardRemoved: State 1, IsMounted 0"));
 }
 
+void SdcardRemovalTest::the_limits_of_a_pulled_card_are_forgotten_data()
+{
+    QTest::addColumn<unsigned long>("flags");
+    QTest::newRow("sound") << 0UL;
+    // As the kernel makes it when the journal cannot be written any more.
+    QTest::newRow("read-only") << static_cast<unsigned long>(MS_RDONLY);
+}
+
 void SdcardRemovalTest::the_limits_of_a_pulled_card_are_forgotten()
 {
+    QFETCH(const unsigned long, flags);
     ControllerDevice device(mBus);
     Sdcard& controller = device.startIn("mounted");
     QVERIFY(controller.ensureDirSize("csv"));
+    const QByteArray mountPoint = ControllerDevice::kMountPoint.toUtf8();
+    QCOMPARE(::mount(nullptr, mountPoint, nullptr, MS_REMOUNT | flags, nullptr), 0);
     controller.cardRemovedTriggered();
+    TestDevice::unmountAll(ControllerDevice::kMountPoint);
     // The next card, before it is ready.
     QVERIFY(ControllerDevice::mountCard());
     QVERIFY(!controller.ensureDirSize("csv"));
