@@ -61,8 +61,10 @@ DirectoryScan::DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token)
     : mLogger(std::move(logger)), mToken(token)
 {}
 
-void DirectoryScan::run(const QByteArray& path, Extent extent, Keep keep)
+void DirectoryScan::run(const QByteArray& path, Extent extent, Keep keep,
+                        std::optional<dev_t> device)
 {
+    mExpectedDevice = device;
     mExtent = extent;
     mKeep = keep;
     mRoot = path;
@@ -104,6 +106,10 @@ void DirectoryScan::scanDirectory(quint32 index)
         return;
     }
     if (index == kRoot) {
+        mIsElsewhere = mExpectedDevice && *mExpectedDevice != status.st_dev;
+        if (mIsElsewhere) {
+            return;
+        }
         mDevice = status.st_dev;
         mDirectories[kRoot].inode = status.st_ino;
     } else if (!isDirectory(index, status)) {

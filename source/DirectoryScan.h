@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -49,7 +50,10 @@ public:
     DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token);
 
     /// Scans @p path; to be called once.
-    void run(const QByteArray& path, Extent extent, Keep keep);
+    /// @param device the file system that it must lie on, or it is not scanned; any without it
+    void run(const QByteArray& path, Extent extent, Keep keep, std::optional<dev_t> device = {});
+    /// Whether @p path was found on another file system than the given one.
+    bool isElsewhere() const { return mIsElsewhere; }
 
     /// Bytes in all.
     qint64 totalSize() const { return mTotalSize; }
@@ -57,6 +61,8 @@ public:
     std::vector<File>& files() { return mFiles; }
     /// How many directories were found, the scanned one among them.
     std::size_t directoryCount() const { return mDirectories.size(); }
+    /// The directory that holds the directory @p index; the scanned one for itself.
+    quint32 parent(quint32 index) const { return mDirectories[index].parent; }
     /// The path of the directory @p index.
     QByteArray path(quint32 index) const;
     /// Whether @p status is that of the directory @p index, and not of another that has taken its
@@ -104,6 +110,8 @@ private:
     Extent mExtent = Extent::WholeTree;
     Keep mKeep = Keep::SizesOnly;
     QByteArray mRoot;
+    std::optional<dev_t> mExpectedDevice;
+    bool mIsElsewhere = false;
     dev_t mDevice = 0;
     qint64 mTotalSize = 0;
     std::vector<File> mFiles;

@@ -59,12 +59,10 @@ std::optional<FileSystemSize> MountedFileSystem::size() const
     return FileSystemSize{status.f_blocks * fragment, status.f_bfree * fragment};
 }
 
-bool MountedFileSystem::holds(const QByteArray& path) const
+dev_t MountedFileSystem::device() const
 {
     struct stat root = {};
-    struct stat entry = {};
-    return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 &&
-           ::lstat(path.constData(), &entry) == 0 && root.st_dev == entry.st_dev;
+    return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 ? root.st_dev : 0;
 }
 
 bool removeMountPoint(const QString& path)

@@ -5,6 +5,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <sys/types.h>
+
 /// Bytes of a file system. Free bytes include those reserved for the superuser.
 struct FileSystemSize
 {
@@ -23,9 +25,8 @@ public:
     bool isMounted() const;
     /// The size of the file system; nothing when none is mounted or it cannot be asked.
     std::optional<FileSystemSize> size() const;
-    /// Whether @p path, itself and not what it links to, lies on the file system that is mounted
-    /// here.
-    bool holds(const QByteArray& path) const;
+    /// The device number of what is mounted; 0, which no file bears, when nothing is.
+    dev_t device() const;
 
 private:
     QByteArray mMountPoint;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <optional>
+
 #include <QByteArray>
 #include <QMutex>
 #include <QObject>
@@ -7,6 +10,8 @@
 #include <QThread>
 #include <QTimer>
 #include <QVector>
+
+#include <sys/stat.h>
 
 #include <tavoutil/TrackObject.h>
 
@@ -20,7 +25,8 @@ class ConfigHandler;
 ///
 /// startEnsureDirSizeAllAsThread(), which the timer calls too, starts a WorkerThread; that goes
 /// through ensureDirSizeAll() to ensureDirSizeSingle(), once for each limit. ensureDirSize() is the
-/// same for those who ask, on their own thread.
+/// same for those who ask, on their own thread. What is deleted, and how, stands in
+/// StorageCapacityWatcher_removal.cpp.
 class StorageCapacityWatcher : public QObject, public TrackObject
 {
     Q_OBJECT
@@ -80,8 +86,16 @@ public Q_SLOTS:
 
 private:
     QVector<WatchDir> watchDirs() const;
-    void enforceOnCard(const WatchDir& watchDir, CancellationToken token) const;
-    void ensureDirSizeSingle(const WatchDir& watchDir, CancellationToken token) const;
+    /// Whether a directory is the one out of which an emptied one may be removed.
+    using ParentCheck = std::function<bool(const struct stat&)>;
+
+    /// @param device the file system on which the directory must lie, as configured directories
+    /// must lie on the card: it may have gone since the list was made, and links may lead away
+    void ensureDirSizeSingle(const WatchDir& watchDir, CancellationToken token,
+                             std::optional<dev_t> device) const;
+    /// @param hasFailed set where a directory that was empty is still there
+    void removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir, qint64& used,
+                         const ParentCheck& isExpectedParent, bool& hasFailed) const;
 
     const ConfigHandler& mConfig;
     MountedFileSystem mCard;

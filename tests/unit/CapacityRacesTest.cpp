@@ -11,8 +11,10 @@
 
 #include <log4cxx/logger.h>
 
+#include "CardConfig.h"
 #include "LogCapture.h"
 #include "ScannedTree.h"
+#include "StorageCapacityWatcher.h"
 #include "TestDevice.h"
 #include "TracedProcess.h"
 #include "WatchedCard.h"
@@ -85,6 +87,8 @@ private Q_SLOTS:
     void a_file_that_became_a_directory_stays();
     void a_directory_that_was_filled_again_stays();
     void a_directory_that_became_a_link_stays();
+    void directories_of_another_tree_stay();
+    void a_path_that_leads_off_the_card_when_it_is_opened_is_left();
     void a_file_is_asked_for_its_status_once_and_a_chosen_one_again_before_it_goes();
     void a_directory_is_not_opened_for_each_of_its_files();
 };
@@ -204,6 +208,57 @@ void CapacityRacesTest::a_directory_that_became_a_link_stays()
              QStringList{"Cannot remove empty directory /media/sdcard/w/a/b: Not a directory"});
     QVERIFY(exists(kDir));
     QVERIFY(exists(kOutside + "/empty"));
+}
+
+void CapacityRacesTest::directories_of_another_tree_stay()
+{
+    createDirectory(kOutside + "/a");
+    createDirectory(kOutside + "/a/b");
+    const TracedProcess traced(enforceNothing, [](const TracedProcess::Call& call) {
+        static bool isRemoved = false;
+        isRemoved = isRemoved || (call.number == SYS_unlinkat && call.text(1) == "2");
+        if (isRemoved && call.number == SYS_openat && call.text(1) == kRoot + "/a") {
+            move(kRoot, "/media/sdcard/away");
+            QCOMPARE(::symlink(kOutside, kRoot), 0);
+        }
+    });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(traced.output(),
+             QStringList{"Cannot remove empty directory /media/sdcard/w/a/b: Stale file handle"});
+    QVERIFY(exists(kOutside + "/a/b"));
+    QVERIFY(exists("/media/sdcard/away/a/b"));
+}
+
+void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left()
+{
+    const QByteArray elsewhere = "/elsewhere";
+    createDirectory(elsewhere);
+    createDirectory(elsewhere + "/b");
+    createFile(elsewhere + "/b/1", 10);
+    const ConfigHandler config =
+        CardConfig::withChildren("<dir size='50'>w<dir size='50'>a<dir size='0' "
+                                 "capacitywatch='true'>b</dir></dir></dir>");
+    int opened = 0;
+    const TracedProcess traced(
+        [&config] {
+            StorageCapacityWatcher watcher(config);
+            watcher.updateWatchDirs();
+            const LogCapture log;
+            watcher.ensureDirSizeAll();
+            return log.messages();
+        },
+        [&](const TracedProcess::Call& call) {
+            if (call.number == SYS_openat && call.text(1) == kDir && ++opened == 1) {
+                move(kRoot + "/a", "/media/sdcard/away");
+                QCOMPARE(::symlink(elsewhere, kRoot + "/a"), 0);
+            }
+        });
+    QVERIFY(traced.isFinished());
+    QCOMPARE(opened, 1);
+    QCOMPARE(traced.output(), QStringList{"/media/sdcard/w/a/b is not on the card"});
+    QVERIFY(exists(elsewhere + "/b/1"));
+    QVERIFY(exists("/media/sdcard/away/b/1"));
+    TestDevice::remove(elsewhere);
 }
 
 void CapacityRacesTest::a_file_is_asked_for_its_status_once_and_a_chosen_one_again_before_it_goes()

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QSignalSpy>
@@ -28,6 +29,35 @@ std::thread releaseWhenAbandoned(const WatchedRuns& runs, LogCapture& log)
     });
 }
 
+const QString kCannotRemoveA =
+    QStringLiteral("Cannot remove empty directory /media/sdcard/second/a: Device or resource busy");
+
+// Has all files of the second directory removed but one, at which the run is abandoned.
+void abandonAtLastFile(WatchedRuns& runs, LogCapture& log)
+{
+    WatchedRuns::createFile("last");
+    WatchedCard::makeBusy(WatchedRuns::kSecond + "/last");
+    log.holdAt("Cannot remove file /media/sdcard/second/last: Device or resource busy");
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    std::thread release = releaseWhenAbandoned(runs, log);
+    runs.watcher().abandonRuns();
+    release.join();
+}
+
+// What this process has open on the card.
+QStringList openOnCard()
+{
+    QStringList open;
+    for (const QFileInfo& descriptor :
+         QDir("/proc/self/fd").entryInfoList(QDir::Files | QDir::Dirs)) {
+        if (descriptor.symLinkTarget().startsWith(WatchedCard::kMountPoint)) {
+            open.append(descriptor.symLinkTarget());
+        }
+    }
+    return open;
+}
+
 } // namespace
 
 /// Runs in the background.
@@ -45,6 +75,9 @@ private Q_SLOTS:
     void destruction_ends_a_run_early();
     void an_abandoned_run_leaves_the_next_directories();
     void an_abandoned_run_leaves_the_next_files();
+    void an_abandoned_run_tidies_up_100_directories();
+    void an_abandoned_run_tidies_up_until_something_fails();
+    void a_run_that_tidies_up_holds_no_directory_open();
     void requests_are_fulfilled_after_runs_were_abandoned();
     void a_run_that_does_not_end_is_waited_for_3_seconds();
 };
@@ -199,6 +232,52 @@ void CapacityRunsTest::an_abandoned_run_leaves_the_next_files()
     QVERIFY(WatchedRuns::fileExists("3"));
     // No later run would come back to the directory that has been emptied.
     QVERIFY(!WatchedRuns::fileExists("a"));
+}
+
+void CapacityRunsTest::an_abandoned_run_tidies_up_100_directories()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    for (int i = 0; i < 120; ++i) {
+        const QByteArray name = "dir " + QByteArray::number(i);
+        ScannedTree::createDirectory(WatchedRuns::kSecond + "/" + name);
+        WatchedRuns::createFile(name + "/file");
+    }
+    ScannedTree::awaitNextChangeTime();
+    abandonAtLastFile(runs, log);
+    QCOMPARE(ScannedTree::list(WatchedRuns::kSecond).size(), 1 + 20 + 1);
+}
+
+void CapacityRunsTest::an_abandoned_run_tidies_up_until_something_fails()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    for (const QByteArray name : {"a", "b"}) {
+        ScannedTree::createDirectory(WatchedRuns::kSecond + "/" + name);
+        WatchedRuns::createFile(name + "/file");
+        ScannedTree::awaitNextChangeTime();
+    }
+    WatchedCard::makeBusy(WatchedRuns::kSecond + "/a");
+    abandonAtLastFile(runs, log);
+    QCOMPARE(log.messages().last(), kCannotRemoveA);
+    QVERIFY(WatchedRuns::fileExists("b"));
+    QVERIFY(!WatchedRuns::fileExists("b/file"));
+}
+
+void CapacityRunsTest::a_run_that_tidies_up_holds_no_directory_open()
+{
+    LogCapture log;
+    WatchedRuns runs;
+    ScannedTree::createDirectory(WatchedRuns::kSecond + "/a");
+    WatchedRuns::createFile("a/file");
+    WatchedCard::makeBusy(WatchedRuns::kSecond + "/a");
+    log.holdAt(kCannotRemoveA);
+    runs.watcher().storageIsReady();
+    QVERIFY(log.waitUntilHeld());
+    const QStringList open = openOnCard();
+    log.letGo();
+    QVERIFY(runs.waitForEnd());
+    QCOMPARE(open, QStringList());
 }
 
 void CapacityRunsTest::requests_are_fulfilled_after_runs_were_abandoned()
