@@ -31,7 +31,8 @@ std::optional<bool> isAnyMountPoint(Predicate matches)
     mntent entry{};
     while (::getmntent_r(table.get(), &entry, line.data(), static_cast<int>(line.size())) !=
            nullptr) {
-        if (matches(QByteArray::fromRawData(entry.mnt_dir, qstrlen(entry.mnt_dir)))) {
+        if (matches(
+                QByteArray::fromRawData(entry.mnt_dir, static_cast<int>(qstrlen(entry.mnt_dir))))) {
             return true;
         }
     }
