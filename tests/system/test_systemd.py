@@ -1,5 +1,6 @@
 """The installed package with systemd in charge, its unit's hardening in force."""
 
+import re
 import time
 
 import pytest
@@ -17,6 +18,29 @@ HOLD_FILE = ("import signal, sys, time\n"
              "held = open(sys.argv[1], 'a')\n"
              "time.sleep(100000)\n")
 EXPOSURE_LIMIT = 5.0
+# How the unit has the service run; all its other directives take rights away.
+RUNNING = {"Type", "BusName", "EnvironmentFile", "ExecStart", "Restart", "RestartSec", "TimeoutStartSec",
+           "TimeoutStopSec", "KillMode"}
+HARDENING = {
+    "CapabilityBoundingSet": "CAP_SYS_ADMIN CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE CAP_DAC_READ_SEARCH "
+                             "CAP_SYS_PTRACE CAP_KILL CAP_SETUID CAP_SETGID",
+    "DeviceAllow": "block-mmc rw",
+    "DevicePolicy": "closed",
+    "IPAddressDeny": "any",
+    "KeyringMode": "private",
+    "LockPersonality": "yes",
+    "MemoryDenyWriteExecute": "yes",
+    "NoNewPrivileges": "yes",
+    "ProtectClock": "yes",
+    "ProtectHostname": "yes",
+    "RestrictAddressFamilies": "AF_UNIX AF_NETLINK",
+    "RestrictNamespaces": "yes",
+    "RestrictRealtime": "yes",
+    "SystemCallArchitectures": "native",
+    "SystemCallErrorNumber": "EPERM",
+    "SystemCallFilter": "@system-service @mount",
+    "UMask": "0022",
+}
 
 
 @pytest.fixture
@@ -45,6 +69,7 @@ def test_the_service_starts_with_the_system_and_mounts_for_everyone(systemd_boar
         assert system.show(UNIT, "ActiveState") == "active"
         pid = system.show(UNIT, "MainPID")
         assert system.run("readlink", f"/proc/{pid}/ns/mnt").stdout == system.run("readlink", "/proc/1/ns/mnt").stdout
+        assert {"NoNewPrivs:\t1", "Seccomp:\t2"} <= set(system.run("cat", f"/proc/{pid}/status").stdout.splitlines())
         assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in system.run(
             "systemd-run", "--quiet", "--wait", "--pipe", "cat", "/proc/mounts").stdout
         system.run("systemctl", "stop", UNIT)
@@ -163,3 +188,11 @@ def test_the_unit_has_no_flaw(board):
     exposure = board.run("systemd-analyze", "security", "--offline=yes", f"--threshold={EXPOSURE_LIMIT * 10:.0f}",
                          f"/lib/systemd/system/{UNIT}")
     assert exposure.returncode == 0, exposure.stdout
+
+
+def test_the_unit_takes_these_rights_away(board):
+    directives = {}
+    section = board.read_file(f"/lib/systemd/system/{UNIT}").partition("[Service]\n")[2].partition("\n[")[0]
+    for name, value in re.findall(r"^(\w+)=(.*)$", section, re.M):
+        directives[name] = f"{directives[name]} {value}" if name in directives else value
+    assert {name: value for name, value in directives.items() if name not in RUNNING} == HARDENING
