@@ -76,7 +76,7 @@ def test_a_purged_package_leaves_no_service_and_no_rule(board):
     board.run("dpkg", "--purge", "sdcardd", check=True)
     board.expect("the name is free", lambda: not board.bus.has_service())
     found = board.run("find", "/etc", "/lib/udev", "/lib/systemd", "/usr/sbin", "/usr/share/dbus-1", "/opt/tavo/bin",
-                      "-name", "*sdcard*").stdout
+                      "-iname", "*sdcard*").stdout
     assert [path for path in found.split() if not path.startswith("/etc/tavo")] == []
 
 
