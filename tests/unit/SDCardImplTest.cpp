@@ -4,13 +4,12 @@
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QDBusPendingReply>
-#include <QMetaProperty>
+#include <QMetaMethod>
 #include <QSignalSpy>
 #include <QTest>
 
 #include "EffectRecorder.h"
 #include "LogCapture.h"
-#include "MetaMethods.h"
 #include "SDCardImpl.h"
 #include "SdcardInterface.h"
 #include "TestBus.h"
@@ -79,9 +78,6 @@ class SDCardImplTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void the_signals_have_this_order();
-    void these_methods_can_be_called_by_name();
-    void these_properties_can_be_read_by_name();
     void properties_begin_with_nothing_and_show_what_was_set();
     void memory_signals_tell_differences_only();
     void other_properties_change_in_silence();
@@ -101,45 +97,6 @@ private Q_SLOTS:
     void errors_reach_the_caller_on_the_bus();
     void signals_reach_the_bus();
 };
-
-void SDCardImplTest::the_signals_have_this_order()
-{
-    QCOMPARE(methodsOf(SDCardImpl::staticMetaObject, QMetaMethod::Signal),
-             (QStringList{"CardCorrupt()", "CardInserted()", "CardMounted()", "CardUnmounted()",
-                          "CardNotMountable()", "CardRemoved()", "EjectPressed()",
-                          "MemLevelChanged(int)", "MemStateChanged(int)"}));
-}
-
-void SDCardImplTest::these_methods_can_be_called_by_name()
-{
-    const QMetaObject& type = SDCardImpl::staticMetaObject;
-    QStringList methods;
-    for (const QString& method : methodsOf(type, QMetaMethod::Method)) {
-        const int index = type.indexOfMethod(method.toLatin1());
-        methods.append(QString::fromLatin1(type.method(index).typeName()) + " " + method);
-    }
-    QCOMPARE(methods,
-             (QStringList{"void EnsureDirSize(QString)", "QString GetDirPath(QString)",
-                          "qlonglong GetDirSize(QString)", "qlonglong getDirUsed(QString)",
-                          "int RefreshMemState()", "void InsertCard()", "void RemoveCard()"}));
-    QCOMPARE(methodsOf(type, QMetaMethod::Slot), QStringList());
-}
-
-void SDCardImplTest::these_properties_can_be_read_by_name()
-{
-    const QMetaObject& type = SDCardImpl::staticMetaObject;
-    QStringList properties;
-    for (int i = type.propertyOffset(); i < type.propertyCount(); ++i) {
-        const QMetaProperty property = type.property(i);
-        QVERIFY(!property.isWritable());
-        properties.append(QString("%1 %2 %3")
-                              .arg(property.typeName(), property.name(),
-                                   QString::fromLatin1(property.notifySignal().methodSignature())));
-    }
-    QCOMPARE(properties, (QStringList{"bool IsMounted ", "int MemLevel MemLevelChanged(int)",
-                                      "int MemState MemStateChanged(int)", "QString MountPoint ",
-                                      "int State ", "int Transition "}));
-}
 
 void SDCardImplTest::properties_begin_with_nothing_and_show_what_was_set()
 {
