@@ -19,6 +19,7 @@ def rows(build: Path, full: bool, sections: list[str]) -> Iterator[Row]:
     """Measures everything, row by row."""
     watcher = WatcherBench(build / "bench", rounds=5 if full else 3)
     if "scan" in sections:
+        yield from watcher.start()
         for files in (10_000, 100_000, 1_000_000) if full else (10_000, 100_000):
             for shape in ("tenths", "flat", "deep"):
                 yield from watcher.scan(shape, files)

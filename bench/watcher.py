@@ -2,6 +2,7 @@
 
 import os
 import subprocess
+import tempfile
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -14,6 +15,7 @@ SCAN_GOAL = 1.0
 PIPELINE_GOAL = 0.5   # at the smallest share
 DELETE_GOAL = 1.25
 GROWTH_GOAL = 1.25
+START_ROUNDS = 21
 
 
 class WatcherBench:
@@ -23,6 +25,13 @@ class WatcherBench:
         self.tool = str(programs / "watcher_tool")
         self.rounds = rounds
         self.seconds_per_file: dict[tuple[str, int], float] = {}
+
+    def start(self) -> Iterator[Row]:
+        """What the tool takes before it scans: a running service has that behind it."""
+        with tempfile.TemporaryDirectory() as empty:
+            result = compare(lambda: [self.tool, "size", empty], lambda: ["du", "-s", "--apparent-size", empty],
+                             START_ROUNDS, lambda: None)
+        yield Row("scan an empty directory: the start alone", "du", result)
 
     def scan(self, shape: str, files: int) -> Iterator[Row]:
         """Measures a whole tree, with its status records cached and not."""
