@@ -29,6 +29,7 @@ PATIENCE = 4
 MASKED_RULE = "/run/udev/rules.d/" + Path(HOTPLUG_RULE).name
 HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
 TERMINAL_SOCKET = "/run/board/terminal"
+CARD_STATISTICS = f"/sys/class/block/{Path(CARD_DEVICE).name}/stat"
 
 
 class EmulatedBoard(Board):
@@ -135,7 +136,15 @@ class EmulatedBoard(Board):
         return terminal.wait()
 
     def card_counters(self) -> str:
-        return self._emulator.card_counters() if self.card is not None else ""
+        # The emulator itself does not count what a card of this kind reads and writes.
+        try:
+            return self._read(CARD_STATISTICS, 0)[0].decode()
+        except (OSError, BoardGone):
+            return ""
+
+    def slow_card_down(self, bytes_per_second: int) -> None:
+        """Makes the card in the slot a slow one, until it is pulled."""
+        self._emulator.slow_card_down(bytes_per_second)
 
     def log_size(self) -> int:
         return len(self._board_file(LOG_FILE))
@@ -232,21 +241,26 @@ class EmulatedBoard(Board):
     def _board_file(self, path: str) -> str:
         assert path.startswith(BOARD_DIRECTORY)
         known = self._files.get(path, b"")
-        received: list[bytes] = []
-        number = self._link.new_number()
         try:
-            answer = self._link.ask("read", lambda _, data: received.append(data), number, path=path, offset=len(known))
-            if answer["size"] < len(known):
-                known = b""
-                received.clear()
-                self._link.ask("read", lambda _, data: received.append(data), number, path=path, offset=0)
+            more, size = self._read(path, len(known))
+            if size < len(known):
+                known, more = b"", self._read(path, 0)[0]
         except FileNotFoundError:
             return ""
         except BoardGone:
             return known.decode(errors="replace")
-        self._link.forget(number)
-        self._files[path] = known + b"".join(received)
+        self._files[path] = known + more
         return self._files[path].decode(errors="replace")
+
+    def _read(self, path: str, offset: int) -> tuple[bytes, int]:
+        """What stands in a file from an offset on, and its size. Raises OSError, BoardGone."""
+        received: list[bytes] = []
+        number = self._link.new_number()
+        try:
+            answer = self._link.ask("read", lambda _, data: received.append(data), number, path=path, offset=offset)
+        finally:
+            self._link.forget(number)
+        return b"".join(received), answer["size"]
 
     def _remains_on_board(self) -> list[str]:
         # The hot-plug rule's program may still be at work on the last event.

@@ -107,11 +107,10 @@ class Emulator:
         if answer.strip():
             raise EmulatorError(answer.strip())
 
-    def card_counters(self) -> str:
-        """What the slot has read and written so far."""
-        devices = self.execute("query-blockstats")
-        counters = next(device["stats"] for device in devices if device["device"] == SLOT)
-        return f"{counters['rd_bytes']} {counters['wr_bytes']}"
+    def slow_card_down(self, bytes_per_second: int) -> None:
+        """Lets the card in the slot read and write no faster. Raises EmulatorError."""
+        unlimited = dict.fromkeys(("bps_rd", "bps_wr", "iops", "iops_rd", "iops_wr"), 0)
+        self.execute("block_set_io_throttle", device=SLOT, bps=bytes_per_second, **unlimited)
 
     def lights(self) -> dict[str, bool]:
         """Which LED has current on its pin at this moment."""

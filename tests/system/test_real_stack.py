@@ -85,6 +85,18 @@ def test_the_red_led_shows_at_its_pin_that_the_card_is_busy(board):
     board.expect("the card at rest", lambda: not any(red for _, red, _ in watch_lights(board, 1)))
 
 
+def test_the_boards_counters_change_when_the_card_is_read_and_only_then(bare_board):
+    assert bare_board.card_counters() == ""
+    bare_board.insert(Card.formatted())
+    bare_board.run("udevadm", "settle", check=True)
+    at_rest = bare_board.card_counters()
+    assert bare_board.card_counters() == at_rest != ""
+    bare_board.run("dd", f"if={CARD_DEVICE}", "of=/dev/null", "iflag=direct", "count=1", check=True)
+    assert bare_board.card_counters() != at_rest
+    bare_board.pull()
+    assert bare_board.card_counters() == ""
+
+
 def test_a_different_card_put_in_is_mounted_in_the_first_ones_place(board):
     start_with_mounted_card(board)
     board.write_file(f"{MOUNT_POINT}/export/first", "")
