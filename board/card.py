@@ -123,6 +123,11 @@ class Card:
                 os.pwrite(twin._image, data, position)
                 position += len(data)
 
+    @property
+    def stored(self) -> int:
+        """How many bytes the image takes: it grows with every place that is written to for the first time."""
+        return os.fstat(self._image).st_blocks * SECTOR_BYTES
+
     def read(self, offset: int, size: int) -> bytes:
         """Bytes of the image."""
         return os.pread(self._image, size, offset)

@@ -161,7 +161,7 @@ class EmulatedBoard(Board):
         """As on any board; but the announcement comes from the board's own hot-plug rule.
 
         That rule knows nothing of a card without a first partition: such a card is announced from here,
-        unless @p announce is None.
+        unless @p announce is None. Without a service the rule is through with the card on return.
         """
         has_partition = any(partition.number == 1 for partition in card.partitions())
         if announce is False:
@@ -170,7 +170,10 @@ class EmulatedBoard(Board):
         self.card = card
         if announce is False:
             self._set_hotplug(True)
-        elif announce and not has_partition and self.bus.has_service():
+        elif not self.bus.has_service():
+            # Or a service that is started next would still be told.
+            self.run("udevadm", "settle", check=True)
+        elif announce and not has_partition:
             self.bus.announce_insertion()
 
     def pull(self, announce: bool = True) -> None:

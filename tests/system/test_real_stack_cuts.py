@@ -7,9 +7,6 @@ from steps import eject, expect_mounted, start_with_mounted_card
 
 pytestmark = pytest.mark.emulated
 
-SMALL = 8192
-
-
 def expect_nothing_stuck(board):
     """Nobody waits for a card that is gone, and nothing of it is mounted."""
     def waiting():
@@ -17,6 +14,13 @@ def expect_nothing_stuck(board):
         return [line for line in states if line.startswith("D")]
     board.expect("no process in an uninterruptible wait", lambda: waiting() == [])
     assert board.mounts() == []
+
+
+def after_replay(card):
+    """What a card will be once its journal has been replayed."""
+    copy = card.copy()
+    copy.run_tool("e2fsck", "-p", copy.path + f"?offset={copy.partitions()[0].offset}", check=False)
+    return copy
 
 
 def test_a_card_pulled_while_it_is_written_is_mounted_again_when_the_kernel_sees_it_again(board):
@@ -55,24 +59,27 @@ def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(
 
 def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_within_its_limits(make_board, program,
                                                                                             tmp_path):
-    # 1500 files of 8 KiB are 12 MB; a tenth of the card is about 5 MB.
-    layout = '<sdcard><dir size="10" capacitywatch="true">csv</dir></sdcard>'
+    # A fifth of the card are 11 MB: 8000 files of 1 KiB may stay, until one of 9 MB comes to them.
+    layout = '<sdcard><dir size="20" capacitywatch="true">csv</dir></sdcard>'
     csv = f"{MOUNT_POINT}/csv"
+    files = 8000
     (tmp_path / "csv").mkdir()
-    for number in range(1500):
-        (tmp_path / "csv" / f"{number:04}").write_bytes(bytes(SMALL))
+    for number in range(files):
+        (tmp_path / "csv" / f"{number:04}").write_bytes(bytes(1024))
     board = make_board(program=program, media_config=layout)
-    card = Card.formatted(content=tmp_path)
-    board.insert(card)
-    waiting = board.start("sh", "-c", f"until [ -e {csv}/0000 ]; do sleep 0.1; done; cd {csv}; set -- *; "
-                                      "until [ $# -lt 1490 ]; do set -- *; done; echo removing")
-    start_with_mounted_card(board, card)
-    board.run("sh", "-c", f"echo precious >{csv}/precious && sync", check=True)
-    asked = board.start("dbus-send", "--system", "--dest=tavo.SDCard1", "/tavo/sdcard",
-                        "tavo.SDCard1.EnsureDirSize", "string:csv")
-    board.expect("files are being removed", lambda: "removing" in waiting.output)
+    card = start_with_mounted_card(board, Card.formatted(content=tmp_path))
+    assert len(board.run("ls", csv, check=True).stdout.split()) == files
+    board.run("sh", "-c", f"echo precious >{csv}/precious && fallocate -l 9000000 {csv}/new && sync", check=True)
+    removed = board.start("sh", "-c", f"inodes() {{ stat -f -c %d {MOUNT_POINT}; }}; free=$(inodes); echo watching; "
+                                      'until [ "$(inodes)" -gt "$free" ]; do :; done; sync; echo some')
+    board.expect("the watch", lambda: "watching" in removed.output)
+    board.start("dbus-send", "--system", "--type=method_call", "--dest=tavo.SDCard1", "/tavo/sdcard",
+                "tavo.SDCard1.EnsureDirSize", "string:csv")
+    board.expect("files are being removed", lambda: "some" in removed.output)
     board.cut_power()
-    assert asked.exit_status is not None
+    left = len(after_replay(card).list_files("/csv"))
+    # About 6000 of them have to go.
+    assert files - 5500 < left < files + 2, "no file was removed yet, or all of them were"
     again = make_board(program=program, media_config=layout)
     start_with_mounted_card(again, card)
     again.call("tavo.SDCard1", "EnsureDirSize", "csv")
@@ -80,6 +87,7 @@ def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_withi
     used = again.call("tavo.SDCard1", "getDirUsed", "csv")
     assert limit * 0.9 < used <= limit
     assert again.read_file(f"{csv}/precious") == "precious\n"
+    assert again.exists(f"{csv}/new")
     eject(again)
 
 
