@@ -230,6 +230,8 @@ def test_keys_that_can_do_nothing_now_say_why(panel):
 def test_one_can_look_back_at_what_happened_and_return_to_the_end(panel):
     for _ in range(20):
         panel.press("p")
+    # More than the log shows at once: before that there is nothing to look back at.
+    panel.expect_match(r"(.* panel  There is no card to pull.*\n){7}")
     panel.press(*(["Up"] * 40))
     panel.expect("INFO   sdcard: Starting")
     panel.press("r")
