@@ -273,7 +273,7 @@ class EmulatedBoard(Board):
     def _is_system_process(self, parent: str, arguments: str) -> bool:
         # The kernel's own threads are the children of process 2 (and of process 0, as that one is).
         return (parent in ("0", "2") or super()._is_system_process(parent, arguments)
-                or "udevd" in arguments or arguments == "(udev-worker)")
+                or "udevd" in arguments or arguments.strip("[]") == "(udev-worker)")
 
     def _remains_of_board(self) -> list[str]:
         return [f"emulator {self._emulator_pid}"] if Path(f"/proc/{self._emulator_pid}").exists() else []
