@@ -27,22 +27,35 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Without the tests of another kind of board or of the package where there is none; long ones first.
-
-    Side by side with all others these cost no time.
-    """
+    """Without the tests of another kind of board or of the package where there is none; in a quick order."""
     others = set(BOARDS) - {config.getoption("--board")}
     if config.getoption("--package") is None:
         others.add("package")
     left_out = [item for item in items if any(item.get_closest_marker(name) for name in others)]
     if left_out:
         config.hook.pytest_deselected(items=left_out)
-        items[:] = [item for item in items if item not in left_out]
+    items[:] = in_quick_order([item for item in items if item not in left_out], _is_emulated(config))
 
+
+def in_quick_order(items: list[pytest.Item], spread: bool) -> list[pytest.Item]:
+    """The long ones first: side by side with all others these cost no time.
+
+    With @p spread they are spread over the first half: an emulator keeps a core busy, and most of the
+    long ones leave it to the others while they wait.
+    """
     def seconds(item: pytest.Item) -> int:
         marker = item.get_closest_marker("lasts")
         return marker.args[0] if marker else 0
-    items.sort(key=seconds, reverse=True)
+    ordered = sorted(items, key=seconds, reverse=True)
+    if not spread:
+        return ordered
+    long_ones = [item for item in ordered if seconds(item)]
+    short_ones = ordered[len(long_ones):]
+    between = len(short_ones) // 2 // max(1, len(long_ones))
+    mixed = []
+    for index, item in enumerate(long_ones):
+        mixed += [item, *short_ones[index * between:(index + 1) * between]]
+    return mixed + short_ones[len(long_ones) * between:]
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -91,6 +91,7 @@ def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_withi
     eject(again)
 
 
+@pytest.mark.lasts(90)
 def test_a_board_with_128_mib_brings_100000_files_within_their_limit(make_board, program, tmp_path):
     files = 100_000
     layout = '<sdcard><dir size="20" capacitywatch="true">csv</dir></sdcard>'
