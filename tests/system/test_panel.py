@@ -185,7 +185,7 @@ def test_the_service_is_ended_and_started_again(panel):
 def test_a_service_that_does_not_end_is_killed_with_the_second_press(panel):
     panel.put_in_own_card()
     panel.press("o")
-    panel.expect("holds a file.")
+    panel.expect_match(r"Process \d+ holds a file\.")
     panel.press("t")
     panel.expect("t  SIGKILL", "State       CLOSING_FILES")
     panel.press("t")
@@ -283,7 +283,7 @@ def test_a_signal_during_the_shell_gives_the_terminal_back(panel):
 def test_a_closed_terminal_ends_the_board(panel):
     panel.put_in_own_card()
     panel.press("o")
-    panel.expect("holds a file.")
+    panel.expect_match(r"Process \d+ holds a file\.")
     traces = panel.traces()
     panel.close()
     expect_nothing_left(*traces)
