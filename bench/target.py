@@ -53,14 +53,15 @@ def _by_service(board: Board, card: Card) -> tuple[Run, Run]:
     return _run(mounted.time - contact), _run(unmounted.time - pressed.time)
 
 
-def _by_hand(board: Board, card: Card) -> tuple[Run, Run]:
-    script = board.start("sh", "-c", AFTER_CONTACT)
-    contact = time.monotonic()
-    board.insert(card, announce=False)
-    script.wait(WAIT_SECONDS)
-    mounted = _run(time.monotonic() - contact)
-    unmounted = nanoseconds(board.run("sh", "-c", TIMED.format(TAKE_BACK), check=True).stdout)
-    board.pull(announce=False)
+def _by_hand(board: EmulatedBoard, card: Card) -> tuple[Run, Run]:
+    with board.unannounced():
+        script = board.start("sh", "-c", AFTER_CONTACT)
+        contact = time.monotonic()
+        board.insert(card, announce=None)
+        script.wait(WAIT_SECONDS)
+        mounted = _run(time.monotonic() - contact)
+        unmounted = nanoseconds(board.run("sh", "-c", TIMED.format(TAKE_BACK), check=True).stdout)
+        board.pull()
     return mounted, unmounted
 
 

@@ -165,12 +165,12 @@ class EmulatedBoard(Board):
         """
         has_partition = any(partition.number == 1 for partition in card.partitions())
         if announce is False:
-            self._set_hotplug(False)
-        self._insert(card)
+            with self.unannounced():
+                self._insert(card)
+        else:
+            self._insert(card)
         self.card = card
-        if announce is False:
-            self._set_hotplug(True)
-        elif not self.bus.has_service():
+        if announce and not self.bus.has_service():
             # Or a service that is started next would still be told.
             self.run("udevadm", "settle", check=True)
         elif announce and not has_partition:
@@ -180,14 +180,23 @@ class EmulatedBoard(Board):
         """As on any board; see insert()."""
         card = self.card
         had_partition = self.exists(PARTITION_DEVICE)
-        if not announce:
-            self._set_hotplug(False)
-        self._pull()
+        if announce:
+            self._pull()
+        else:
+            with self.unannounced():
+                self._pull()
         self.card = None
-        if not announce:
-            self._set_hotplug(True)
-        elif card is not None and not had_partition and self.bus.has_service():
+        if announce and card is not None and not had_partition and self.bus.has_service():
             self.bus.announce_removal()
+
+    @contextmanager
+    def unannounced(self) -> Iterator[None]:
+        """Keeps the hot-plug rule from announcing the cards that come and go meanwhile."""
+        self._set_hotplug(False)
+        try:
+            yield
+        finally:
+            self._set_hotplug(True)
 
     def report(self) -> str:
         console = self._emulator.console() if self.is_open else ""
