@@ -100,6 +100,8 @@ class Emulator:
         answer = self.monitor(f"change {SLOT} {image} raw {'read-only' if read_only else 'read-write'}")
         if answer.strip():
             raise EmulatorError(answer.strip())
+        # The slot remembers how slow the last card was.
+        self.slow_card_down(0)
 
     def pull(self) -> None:
         """Takes the card out of the slot."""
@@ -108,7 +110,7 @@ class Emulator:
             raise EmulatorError(answer.strip())
 
     def slow_card_down(self, bytes_per_second: int) -> None:
-        """Lets the card in the slot read and write no faster. Raises EmulatorError."""
+        """Lets the card in the slot read and write no faster; 0 is no limit. Raises EmulatorError."""
         unlimited = dict.fromkeys(("bps_rd", "bps_wr", "iops", "iops_rd", "iops_wr"), 0)
         self.execute("block_set_io_throttle", device=SLOT, bps=bytes_per_second, **unlimited)
 

@@ -1,11 +1,16 @@
 """Cards that lose contact or power at the worst moment, with the kernel's own answers to that."""
 
+import signal
+
 import pytest
 
 from board import MOUNT_POINT, Card, State, Transition
-from steps import eject, expect_mounted, start_with_mounted_card
+from board.names import E2FSCK, FORMAT_SCRIPT
+from steps import MOUNT_SECONDS, eject, expect_mounted, messages, start_with_mounted_card
 
 pytestmark = pytest.mark.emulated
+
+KIB, MIB = 1024, 1024 * 1024
 
 def expect_nothing_stuck(board):
     """Nobody waits for a card that is gone, and nothing of it is mounted."""
@@ -36,6 +41,53 @@ def test_a_card_pulled_while_it_is_written_is_mounted_again_when_the_kernel_sees
     board.insert(card)
     expect_mounted(board)
     assert board.read_file(f"{MOUNT_POINT}/export/kept") == "kept\n"
+    eject(board)
+
+
+def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the_latest(board):
+    board.replace_tool(E2FSCK)
+    card = Card.damaged(32)
+    board.insert(card)
+    board.slow_card_down(256 * KIB)
+    board.start_service()
+    # It reads the whole card, for two minutes then.
+    board.expect("the full check", lambda: len(board.tool_calls("e2fsck")) == 2, within=MOUNT_SECONDS)
+    at_start = board.card_counters()
+    board.expect("e2fsck reads", lambda: board.card_counters() != at_start)
+    board.pull()
+    # The mount that follows the check fails, and mostly before the hot-plug rule has told of the removal;
+    # a corrupted card is one until the service ends.
+    board.expect("the service gives up", lambda: board.state in (State.NO_CARD, State.CORRUPTED), MOUNT_SECONDS)
+    board.expect("the end of e2fsck", lambda: board.run("pgrep", "-f", "e2fsck -f -y").returncode == 1, within=30)
+    assert "I/O error" in board.kernel_messages()
+    board.expect_signal("CardRemoved")
+    expect_nothing_stuck(board)
+    if board.state is State.CORRUPTED:
+        assert board.stop_service(signal.SIGKILL) == -signal.SIGKILL
+        board.insert(card)
+        board.start_service()
+    else:
+        board.insert(card)
+    expect_mounted(board)
+    eject(board)
+
+
+def test_a_card_pulled_while_mke2fs_writes_it_is_formatted_when_it_comes_back(board):
+    card = Card.as_bought(512)
+    board.insert(card)
+    board.slow_card_down(2 * MIB)
+    before = card.stored
+    board.start_service()
+    board.expect("mke2fs writes", lambda: card.stored > before + MIB, within=MOUNT_SECONDS)
+    board.pull()
+    board.expect_state(State.NO_CARD, within=MOUNT_SECONDS)
+    assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"
+    board.expect("the script has ended", lambda: board.run("pgrep", "-f", FORMAT_SCRIPT).returncode == 1)
+    assert "Input/output error" in "".join(messages(board, "ERROR", "St:Mounting"))
+    expect_nothing_stuck(board)
+    board.insert(card)
+    expect_mounted(board)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
     eject(board)
 
 
