@@ -12,6 +12,10 @@ option(SDCARDD_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 add_library(project_options INTERFACE)
 target_compile_options(project_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    # Without it a crash's backtrace ends at the first function that throws nothing.
+    target_compile_options(project_options INTERFACE -funwind-tables)
+endif()
 # The target is a 32-bit machine: cards are larger than 2 GiB, and files on them are newer than 2038.
 # The libraries know the short time_t only, so none is passed to them.
 target_compile_definitions(project_options INTERFACE

@@ -25,6 +25,8 @@
 
 #include <tavoutil/SystemError.h>
 
+#include "InterruptedBacktrace.h"
+
 namespace {
 
 struct CrashSignal
@@ -150,10 +152,21 @@ void reportSignal(int number, const siginfo_t& info)
     line.send();
 }
 
-void reportBacktrace()
+int takeBacktrace(const void* context, std::array<void*, kMaxFrames>& frames)
+{
+#ifdef __arm__
+    return interruptedBacktrace(static_cast<const ucontext_t*>(context)->uc_mcontext, frames.data(),
+                                kMaxFrames);
+#else
+    static_cast<void>(context);
+    return backtrace(frames.data(), kMaxFrames);
+#endif
+}
+
+void reportBacktrace(const void* context)
 {
     std::array<void*, kMaxFrames> frames{};
-    const int count = backtrace(frames.data(), kMaxFrames);
+    const int count = takeBacktrace(context, frames);
     for (int i = 0; i < count; ++i) {
         void* const address = frames.at(static_cast<std::size_t>(i));
         ReportLine line;
@@ -182,7 +195,7 @@ void passOn(int number, siginfo_t* info)
     }
 }
 
-void handleCrash(int number, siginfo_t* info, void* /*context*/)
+void handleCrash(int number, siginfo_t* info, void* context)
 {
     if (sCrashed.test_and_set()) {
         // Another thread is reporting its crash and will end the process.
@@ -191,7 +204,7 @@ void handleCrash(int number, siginfo_t* info, void* /*context*/)
         }
     }
     reportSignal(number, *info);
-    reportBacktrace();
+    reportBacktrace(context);
     passOn(number, info);
 }
 

@@ -235,7 +235,12 @@ void SignalHandlerTest::a_crash_is_reported_to_the_system_log_data()
     QTest::newRow("null") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x0" + thread;
     QTest::newRow("address") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x123" + thread;
     QTest::newRow("abort") << SIGABRT << "^Crash: SIGABRT raised by the program itself" + thread;
+#ifdef __arm__
+    // The processor divides by zero without a word; the compiler's library raises the signal.
+    QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE raised by the program itself" + thread;
+#else
     QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE" + anywhere;
+#endif
     QTest::newRow("illegal") << SIGILL << "^Crash: SIGILL" + anywhere;
     QTest::newRow("bus") << SIGBUS << "^Crash: SIGBUS" + anywhere;
     QTest::newRow("overflow") << SIGSEGV << "^Crash: SIGSEGV" + anywhere;
