@@ -12,12 +12,13 @@ from .table import Row, as_markdown
 from .trees import forget
 from .watcher import WatcherBench
 
+WATCHER_ROUNDS, LIFE_ROUNDS = 3, 9
 SECTIONS = ("scan", "enforce", "life", "functions")
 
 
 def rows(build: Path, full: bool, sections: list[str]) -> Iterator[Row]:
     """Measures everything, row by row."""
-    watcher = WatcherBench(build / "bench", rounds=5 if full else 3)
+    watcher = WatcherBench(build / "bench", WATCHER_ROUNDS)
     if "scan" in sections:
         yield from watcher.start()
         for files in (10_000, 100_000, 1_000_000) if full else (10_000, 100_000):
@@ -28,7 +29,7 @@ def rows(build: Path, full: bool, sections: list[str]) -> Iterator[Row]:
         for files in (100_000, 1_000_000) if full else (100_000,):
             yield from watcher.enforce(files)
     if "life" in sections:
-        life = LifeBench(build / "source" / "sdcardd", build / "bench", rounds=9 if full else 5)
+        life = LifeBench(build / "source" / "sdcardd", build / "bench", LIFE_ROUNDS)
         yield from life.start_up()
         yield from life.mount_and_unmount()
 
