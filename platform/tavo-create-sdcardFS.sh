@@ -25,15 +25,15 @@ fail() {
     exit 1
 }
 
-# Prints "major:minor" of a device node.
+# Prints "major:minor" of a device node; fails without a word when the node has just gone.
 device_number() {
-    stat --dereference --format='%Hr:%Lr' "$1"
+    stat --dereference --format='%Hr:%Lr' "$1" 2>/dev/null
 }
 
 is_mounted() {
     while read -r _ _ number _; do
         for known in "$sysfs"/dev "$sysfs"/*/dev; do
-            [ -r "$known" ] && [ "$(cat "$known")" = "$number" ] && return 0
+            [ -r "$known" ] && [ "$(cat "$known" 2>/dev/null)" = "$number" ] && return 0
         done
     done </proc/self/mountinfo
     return 1
@@ -76,6 +76,7 @@ announce_partition() {
     esac
     while [ "$tries" -lt "$NODE_TRIES" ]; do
         if [ -b "$partition" ]; then
+            # The kernel may just be taking the node away, to make it anew.
             entry=/sys/dev/block/$(device_number "$partition")
             [ "$(cat "$entry/../dev" "$entry/start" "$entry/size" 2>/dev/null)" = "$expected" ] && return 0
         fi
@@ -99,7 +100,7 @@ fi
 
 card=$(readlink --canonicalize "$CARD_DEVICE") || fail "$CARD_DEVICE cannot be resolved"
 [ -b "$card" ] || fail "$CARD_DEVICE is not a block device (no card in the slot?)"
-number_of_card=$(device_number "$card")
+number_of_card=$(device_number "$card") || fail "$card is gone"
 sysfs=/sys/dev/block/$number_of_card
 [ -d "$sysfs" ] || fail "$card is gone"
 [ ! -e "$sysfs/partition" ] || fail "$card is a partition, not a card"
@@ -119,8 +120,9 @@ if has_expected_table && has_ext4; then
     exit 0
 fi
 
-[ "$(cat "$sysfs/ro")" = 0 ] || fail "$card is write-protected"
-sectors=$(cat "$sysfs/size") || fail "$card is gone"
+protected=$(cat "$sysfs/ro" 2>/dev/null) || fail "$card is gone"
+[ "$protected" = 0 ] || fail "$card is write-protected"
+sectors=$(cat "$sysfs/size" 2>/dev/null) || fail "$card is gone"
 [ "$sectors" -ge "$SMALLEST_SECTORS" ] || fail "$card is too small ($sectors sectors)"
 
 # The table comes last: until it stands, a card that was pulled still looks foreign and is formatted

@@ -62,6 +62,25 @@ def test_a_foreign_card_is_made_ready_to_mount(bare_board, make):
     assert_ready(bare_board, card)
 
 
+def test_a_node_that_goes_and_comes_again_is_waited_for_without_a_word(bare_board):
+    card = Card.as_bought()
+    bare_board.insert(card)
+    gone = f"mkdir /run/board/asked 2>/dev/null && {{ echo \"stat: cannot statx '{PARTITION_DEVICE}'\" >&2; exit 1; }}"
+    bare_board.replace_tool("/usr/bin/stat", f'case "$*" in *{PARTITION_DEVICE}) {gone} ;; esac; exec "$ORIGINAL" "$@"')
+    result = format_card(bare_board)
+    assert bare_board.exists("/run/board/asked")
+    assert (result.returncode, result.stderr) == (MADE_FILE_SYSTEM, "")
+    assert_ready(bare_board, card)
+
+
+def test_a_card_that_goes_before_it_is_looked_at_is_told_in_one_line(bare_board):
+    bare_board.insert(Card.as_bought())
+    bare_board.replace_tool("/usr/bin/stat", f"echo \"stat: cannot statx '{CARD_DEVICE}'\" >&2; exit 1")
+    result = format_card(bare_board)
+    assert (result.returncode, result.stderr.splitlines()) == (
+        FAILED, [f"tavo-create-sdcardFS.sh: {CARD_DEVICE} is gone"])
+
+
 def test_a_ready_card_is_left_as_it_is(bare_board):
     card = Card.formatted()
     before = card.read(0, card.size)
