@@ -72,9 +72,14 @@ def test_an_installer_may_choose_a_group_a_place_for_the_policy_and_the_link_to_
                     "-DSDCARDD_CONTROL_GROUP=adm", "-DSDCARDD_BUS_POLICY_DIR=/usr/lib/policies"],
                    check=True, capture_output=True)
     # As the rest needs a build, which has its tests above.
-    subprocess.run(["cmake", "-DCMAKE_INSTALL_PREFIX=/usr", "-P", build / "platform/install.cmake"], check=True,
-                   capture_output=True, env=os.environ | {"DESTDIR": str(target)})
+    install = ["cmake", "-DCMAKE_INSTALL_PREFIX=/usr", "-P", build / "platform/install.cmake"]
+    subprocess.run(install, check=True, capture_output=True, env=os.environ | {"DESTDIR": str(target)})
     policies = target / "usr/lib/policies"
     assert {path.name for path in policies.iterdir()} == {"tavo.SDCard1.conf", "tavo.SDCard1-group.conf"}
     assert '<policy group="adm">' in (policies / "tavo.SDCard1-group.conf").read_text()
-    assert os.readlink(target / "usr/sbin/lsof") == "../bin/lsof"
+    lsof = target / "usr/sbin/lsof"
+    assert os.readlink(lsof) == "../bin/lsof"
+    lsof.unlink()
+    lsof.write_text("another program")
+    subprocess.run(install, check=True, capture_output=True, env=os.environ | {"DESTDIR": str(target)})
+    assert not lsof.is_symlink()
