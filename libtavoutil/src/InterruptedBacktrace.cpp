@@ -2,6 +2,8 @@
 
 #ifdef __arm__
 
+#include <array>
+
 // Calls backtrace() out of a frame that claims to have been called by whoever had these registers,
 // r4 to r15: the opcode has the unwinder take them all from the stack.
 extern "C" int tavoutilBacktraceFrom(const unsigned long* registers, void** frames, int maxFrames);

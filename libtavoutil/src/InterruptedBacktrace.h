@@ -2,12 +2,10 @@
 
 #ifdef __arm__
 
-#include <array>
-
 #include <sys/ucontext.h>
 
 /// Fills @p frames with the return addresses from the code on that a signal has interrupted, as
-/// backtrace() does from its caller on; the first one is an address in this function. Returns how
+/// backtrace() does from its caller on; the first one is this function's own. Returns how
 /// many there are. Here the unwinder itself does not go on beyond a signal handler.
 int interruptedBacktrace(const mcontext_t& interrupted, void** frames, int maxFrames);
 
