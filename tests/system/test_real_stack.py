@@ -6,7 +6,7 @@ import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State
 from board.names import E2FSCK
-from steps import MOUNT_SECONDS, eject, expect_mounted, messages, start_with_mounted_card, take_out
+from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
 pytestmark = pytest.mark.emulated
 
@@ -130,24 +130,6 @@ def test_a_blank_card_is_never_announced_when_the_installer_wants_it_left_alone(
     board.expect_state_for(State.NO_CARD, 3)
     assert announcements(board) == []
     assert card.partitions() == []
-
-
-def test_a_power_cut_while_the_card_is_formatted_is_made_good_at_the_next_start(board, make_board, program):
-    card = Card.as_bought(512)
-    board.insert(card)
-    # mke2fs has 7 MB to write: three seconds and more.
-    board.slow_card_down(2 * MIB)
-    before = card.stored
-    board.start_service()
-    board.expect("mke2fs writes", lambda: card.stored > before + MIB, within=MOUNT_SECONDS)
-    board.cut_power()
-    assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"
-    again = make_board(program=program)
-    again.insert(card)
-    again.start_service()
-    expect_mounted(again, within=60)
-    assert [partition.kind for partition in card.partitions()] == ["83"]
-    eject(again)
 
 
 def test_a_power_cut_while_files_are_written_loses_none_that_was_synced(board, make_board, program):

@@ -72,13 +72,20 @@ def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the
     eject(board)
 
 
-def test_a_card_pulled_while_mke2fs_writes_it_is_formatted_when_it_comes_back(board):
+def start_formatting(board):
+    """Puts in a card that the service has formatted, and returns when mke2fs has begun to write it."""
     card = Card.as_bought(512)
     board.insert(card)
+    # mke2fs has 7 MB to write: three seconds and more.
     board.slow_card_down(2 * MIB)
     before = card.stored
     board.start_service()
     board.expect("mke2fs writes", lambda: card.stored > before + MIB, within=MOUNT_SECONDS)
+    return card
+
+
+def test_a_card_pulled_while_mke2fs_writes_it_is_formatted_when_it_comes_back(board):
+    card = start_formatting(board)
     board.pull()
     board.expect_state(State.NO_CARD, within=MOUNT_SECONDS)
     assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"
@@ -89,6 +96,18 @@ def test_a_card_pulled_while_mke2fs_writes_it_is_formatted_when_it_comes_back(bo
     expect_mounted(board)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     eject(board)
+
+
+def test_a_power_cut_while_the_card_is_formatted_is_made_good_at_the_next_start(board, make_board, program):
+    card = start_formatting(board)
+    board.cut_power()
+    assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"
+    again = make_board(program=program)
+    again.insert(card)
+    again.start_service()
+    expect_mounted(again, within=60)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    eject(again)
 
 
 def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(make_board, program):
