@@ -81,7 +81,7 @@ class EmulatedBoard(Board):
                                              (f"{BOARD_FILES}/mmc1_eject", eject_button)) if not present]
         if absent:
             self.run("rm", "-r", *absent, check=True)
-        self.run("sh", "-c", "echo 1 >/sys/bus/pci/rescan; modprobe sdhci-pci", check=True)
+        self.run("sh", "-c", "echo 1 >/sys/bus/pci/rescan", check=True)
         self._await_on_board("[ -e /sys/class/mmc_host/mmc0 ]", SLOT_SECONDS, "the card slot's driver")
         with self._gate_to(SYSTEM_BUS_SOCKET) as path:
             self.bus = BusClient(path, self._notify)

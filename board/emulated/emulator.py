@@ -28,7 +28,7 @@ class Emulator:
         self.board_channel, monitor, self._pins = ours
         names = ("board", "monitor", "pins")
         command = ["setpriv", "--pdeathsig", "KILL", "qemu-system-arm",
-                   "-M", "virt,highmem=off,accel=tcg", "-cpu", "cortex-a15", "-smp", "1", "-m", str(memory_mib),
+                   "-M", "virt,highmem=off,accel=tcg", "-cpu", "cortex-a7", "-smp", "1", "-m", str(memory_mib),
                    "-nodefaults", "-display", "none", "-dtb", str(image / "board.dtb"),
                    "-drive", f"if=none,id=root,format=raw,readonly=on,file={image / 'root.ext4'}",
                    "-device", "virtio-blk-pci,drive=root",
