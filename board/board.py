@@ -303,13 +303,16 @@ class Board(Expectations, ABC):
     def _until(self, condition: Callable[[], bool], within: float) -> bool:
         """Waits until a condition holds; asked again after each signal and LED change, else by polling."""
         deadline = time.monotonic() + within * self.patience
+        pause = POLL_SECONDS
         while True:
             if condition():
                 return True
             if time.monotonic() > deadline:
                 return False
             with self.changed:
-                self.changed.wait(POLL_SECONDS)
+                self.changed.wait(pause)
+            # A question costs a slow board time that its service needs.
+            pause = min(1.5 * pause, POLL_SECONDS * self.patience)
 
     def _notify(self) -> None:
         with self.changed:
