@@ -166,15 +166,19 @@ class Board(Expectations, ABC):
         return list(self._started)
 
     def run(self, *command: str, input: str | bytes = "", user: str | None = None, within: float = RUN_SECONDS,
-            check: bool = False) -> subprocess.CompletedProcess:
-        """Runs a program on the board to its end. Raises FileNotFoundError, TimeoutError."""
+            check: bool = False, as_bytes: bool = False) -> subprocess.CompletedProcess:
+        """Runs a program on the board to its end; @p as_bytes: its standard output is no text.
+
+        Raises FileNotFoundError, TimeoutError.
+        """
         process = self._start(list(command), ENVIRONMENT, user, input if isinstance(input, bytes) else input.encode())
         try:
             status = process.wait(within * self.patience)
         except TimeoutError:
             process.stop(signal.SIGKILL)
             raise
-        result = subprocess.CompletedProcess(list(command), status, process.output, process.errors)
+        output = process.output_bytes if as_bytes else process.output
+        result = subprocess.CompletedProcess(list(command), status, output, process.errors)
         if check and status != 0:
             raise AssertionError(f"'{shlex.join(command)}' ended with {status}: {result.stdout}{result.stderr}")
         return result

@@ -59,6 +59,11 @@ class Process:
         return _content(self._output)
 
     @property
+    def output_bytes(self) -> bytes:
+        """The same, whether it is text or not."""
+        return _bytes(self._output)
+
+    @property
     def errors(self) -> str:
         """What it has written to standard error so far."""
         return _content(self._errors)
@@ -106,5 +111,8 @@ def _memory_file(name: str) -> IO[bytes]:
 
 
 def _content(file: IO[bytes]) -> str:
-    size = os.fstat(file.fileno()).st_size
-    return os.pread(file.fileno(), size, 0).decode(errors="replace")
+    return _bytes(file).decode(errors="replace")
+
+
+def _bytes(file: IO[bytes]) -> bytes:
+    return os.pread(file.fileno(), os.fstat(file.fileno()).st_size, 0)

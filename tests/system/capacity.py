@@ -3,7 +3,7 @@
 import os
 from collections.abc import Iterable
 
-from board import CARD_INTERFACE, MOUNT_POINT, Card, State, VirtualBoard
+from board import CARD_INTERFACE, MOUNT_POINT, Board, Card, State
 from contents import Contents, Entry
 from steps import start_with_mounted_card
 
@@ -11,7 +11,7 @@ WATCHER = "StorageCapacityWatcher"
 RUN_THREAD = "WorkerThread"
 
 
-def start_with_watched_card(board: VirtualBoard, card: Card | None = None) -> Card:
+def start_with_watched_card(board: Board, card: Card | None = None) -> Card:
     """Starts the service with a card and waits until the run that follows the mount is over."""
     card = start_with_mounted_card(board, card)
     board.expect_signal("CardMounted")
@@ -20,7 +20,7 @@ def start_with_watched_card(board: VirtualBoard, card: Card | None = None) -> Ca
     return card
 
 
-def _is_running(board: VirtualBoard) -> bool:
+def _is_running(board: Board) -> bool:
     """Whether a run's thread exists; a new one still bears the program's name."""
     pid = board.service.pid
     names = board.run("sh", "-c", f"cd /proc/{pid}/task && grep '' */comm").stdout.split()
@@ -37,7 +37,7 @@ def limit_of(contents: Contents, *percent: float) -> int:
     return int(status.f_blocks * status.f_frsize * share)
 
 
-def enforce(board: VirtualBoard, identifier: str) -> None:
+def enforce(board: Board, identifier: str) -> None:
     """Has the service enforce a directory's share."""
     board.call(CARD_INTERFACE, "EnsureDirSize", identifier)
 

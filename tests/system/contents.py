@@ -1,15 +1,31 @@
-"""A mounted card's contents as the test sees them, and what the service should make of them."""
+"""A mounted card's contents, read and changed by programs of its board."""
 
-import fcntl
 import os
-import struct
+from collections.abc import Iterator
 from dataclasses import dataclass
-from pathlib import Path
 
 from board import MOUNT_POINT, Board
 
-FS_IOC_SETFLAGS = 0x40086602
-FS_IMMUTABLE_FL = 0x10
+KINDS = {b"d": "directory", b"f": "file"}
+NANOSECOND_DIGITS = 9
+
+# Calls functions of os, and these, in turn; a large set of files is not worth a program for each.
+CHANGES = """
+import fcntl, os, sys, time
+def write(path, size=0, data=b''):
+    os.makedirs(os.path.dirname(path) or '.', exist_ok=True)
+    with open(path, 'wb') as file:
+        file.write(data)
+        os.truncate(file.fileno(), size)
+def freeze(path, frozen=True):
+    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    fcntl.ioctl(descriptor, 0x40086602, (0x10 if frozen else 0).to_bytes(4, sys.byteorder))
+    os.close(descriptor)
+own = {'write': write, 'freeze': freeze, 'sleep': time.sleep}
+os.chdir(sys.argv[1])
+for name, *arguments in eval(sys.stdin.buffer.read()):
+    (own.get(name) or getattr(os, name))(*arguments)
+"""
 
 
 @dataclass(frozen=True)
@@ -23,49 +39,37 @@ class Entry:
 
 
 class Contents:
-    """The card of a board, through the board's own eyes; most of it with the test's own calls, on a virtual one."""
+    """The card in a board's slot. All paths are relative to its root."""
 
     def __init__(self, board: Board) -> None:
         self._board = board
 
-    @property
-    def root(self) -> Path:
-        """Where a virtual board's card is found from here."""
-        return Path(f"/proc/{self._board.host_pid}/root{MOUNT_POINT}")
-
-    def path(self, name: str | bytes) -> bytes:
-        """Where something on the card is found from here."""
-        return os.path.join(os.fsencode(self.root), os.fsencode(name))
-
     def file_system(self) -> os.statvfs_result:
-        """The card's size and use; on any board."""
+        """The card's size and use."""
         values = self._board.run("stat", "-f", "-c", "%s %S %b %f %a", MOUNT_POINT, check=True).stdout.split()
         return os.statvfs_result((*map(int, values), 0, 0, 0, 0, 0))
 
     def fill(self, name: str, size: int) -> None:
-        """Writes a file of zeros that takes its room on the card; on any board."""
+        """Writes a file of zeros that takes its room on the card."""
         self._board.run("fallocate", "-l", str(size), f"{MOUNT_POINT}/{name}", check=True)
+
+    def change(self, *steps: tuple) -> None:
+        """Takes steps that follow each other as fast as they can: a function's name and its arguments.
+
+        The functions are those of os, and: write (path, size in bytes, data), which makes a file with
+        its directories, its data cut off at the size or followed by a hole; freeze (path, whether),
+        which keeps everybody from changing or removing a file, or allows it again; sleep (seconds).
+        """
+        self._board.run("/usr/bin/python3", "-I", "-S", "-c", CHANGES, MOUNT_POINT, input=repr(steps), check=True)
 
     def write(self, name: str | bytes, size: int = 0) -> None:
         """Makes a file of so many bytes, which are all holes, with its directories."""
-        path = self.path(name)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "wb") as file:
-            os.truncate(file.fileno(), size)
+        self.change(("write", name, size))
 
     def entries(self, directory: str | bytes) -> list[Entry]:
         """Everything below a directory, and the directory itself with an empty path."""
-        top = self.path(directory)
-        found = [self._entry(top, b"")]
-        pending = [b""]
-        while pending:
-            inner = pending.pop()
-            for name in os.listdir(os.path.join(top, inner)):
-                entry = self._entry(top, os.path.join(inner, name))
-                found.append(entry)
-                if entry.is_directory:
-                    pending.append(entry.path)
-        return found
+        return [Entry(path, int(size), _nanoseconds(changed), kind == b"d")
+                for path, size, changed, kind in self._find(directory, b"%P", b"%s", b"%C@", b"%y")]
 
     def files(self, directory: str | bytes) -> dict[bytes, Entry]:
         """Everything below a directory that is no directory, by its path."""
@@ -75,17 +79,32 @@ class Contents:
         """The bytes that a directory is charged with: its own and those of all that is in it."""
         return sum(entry.size for entry in self.entries(directory))
 
-    @staticmethod
-    def _entry(top: bytes, path: bytes) -> Entry:
-        status = os.lstat(os.path.join(top, path) if path else top)
-        return Entry(path, status.st_size, status.st_ctime_ns, os.path.isdir(os.path.join(top, path))
-                     and not os.path.islink(os.path.join(top, path)))
+    def names(self, directory: str = ".") -> list[str]:
+        """What is in a directory itself, sorted."""
+        return sorted(os.fsdecode(entry.path) for entry in self.entries(directory)
+                      if entry.path and b"/" not in entry.path)
+
+    def described(self) -> dict[str, str | tuple[str, str, str, str]]:
+        """Kind, permissions in octal, owner and group of all files and directories, the text of each link."""
+        found = {}
+        for path, kind, mode, user, group, target in self._find(".", b"%P", b"%y", b"%m", b"%u", b"%g", b"%l"):
+            found[os.fsdecode(path)] = (target.decode() if kind == b"l" else
+                                        (KINDS[kind], mode.decode(), user.decode(), group.decode()))
+        return found
+
+    def text(self, name: str) -> str:
+        """A file's text."""
+        return self._board.read_file(f"{MOUNT_POINT}/{name}")
+
+    def _find(self, directory: str | bytes, *fields: bytes) -> Iterator[tuple[bytes, ...]]:
+        path = os.path.join(MOUNT_POINT, os.fsdecode(directory))
+        result = self._board.run("find", path, "-printf", "".join(os.fsdecode(field) + r"\0" for field in fields),
+                                 as_bytes=True)
+        values = result.stdout.split(b"\0")[:-1]
+        assert values, result.stderr
+        return zip(*(values[index::len(fields)] for index in range(len(fields))))
 
 
-def set_immutable(path: bytes, immutable: bool) -> None:
-    """Makes a file or directory one that nobody may change or remove, or ends that."""
-    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
-    try:
-        fcntl.ioctl(descriptor, FS_IOC_SETFLAGS, struct.pack("i", FS_IMMUTABLE_FL if immutable else 0))
-    finally:
-        os.close(descriptor)
+def _nanoseconds(seconds: bytes) -> int:
+    whole, _, fraction = seconds.partition(b".")
+    return int(whole) * 10 ** NANOSECOND_DIGITS + int(fraction[:NANOSECOND_DIGITS])

@@ -10,10 +10,9 @@ from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, 
 from contents import Contents
 from steps import eject, expect_mounted, messages, take_out
 
-pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
-
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024
+PAUSE = ("sleep", 0.02)  # longer than the file system's clock takes for a step
 PERCENT = 10
 CONFIGURATION = f"""
 <sdcard>
@@ -39,9 +38,8 @@ def contents(board):
 
 def write_in_turn(contents, directory, *sizes):
     """Files 0, 1, 2, ... of these sizes, each younger than the one before."""
-    for number, size in enumerate(sizes):
-        contents.write(f"{directory}/{number}", size)
-        time.sleep(0.02)
+    contents.change(*(step for number, size in enumerate(sizes)
+                      for step in (("write", f"{directory}/{number}", size), PAUSE)))
 
 
 def names(contents, directory):
@@ -64,9 +62,7 @@ def test_the_oldest_files_go_until_the_rest_is_below_the_limit(board, contents):
 
 def test_age_is_the_time_of_the_last_change_of_a_files_status(board, contents):
     write_in_turn(contents, "watched", *[3 * MIB] * 3)
-    os.utime(contents.path("watched/2"), (1, 1))
-    time.sleep(0.02)
-    os.chmod(contents.path("watched/0"), 0o600)
+    contents.change(("utime", "watched/2", (1, 1)), PAUSE, ("chmod", "watched/0", 0o600))
     enforce(board, "watched")
     assert names(contents, "watched") == ["0"]
 
@@ -74,11 +70,12 @@ def test_age_is_the_time_of_the_last_change_of_a_files_status(board, contents):
 def test_a_directory_exactly_at_its_limit_is_left_alone_and_a_byte_more_is_too_much(board, contents):
     limit = limit_of(contents, PERCENT)
     write_in_turn(contents, "watched", 1, MIB)
-    contents.write("watched/last", limit - contents.used("watched"))
+    last_size = limit - contents.used("watched")
+    contents.write("watched/last", last_size)
     assert contents.used("watched") == limit
     enforce(board, "watched")
     assert names(contents, "watched") == ["0", "1", "last"]
-    os.truncate(contents.path("watched/last"), os.path.getsize(contents.path("watched/last")) + 1)
+    contents.change(("truncate", "watched/last", last_size + 1))
     enforce(board, "watched")
     # Without the oldest, the use is exactly at the limit, which is not yet below it.
     assert names(contents, "watched") == ["last"]
@@ -86,25 +83,20 @@ def test_a_directory_exactly_at_its_limit_is_left_alone_and_a_byte_more_is_too_m
 
 def test_directories_count_with_their_own_size(board, contents):
     limit = limit_of(contents, PERCENT)
-    for number in range(20):
-        os.mkdir(contents.path(f"watched/{number}"))
+    contents.change(*(("mkdir", f"watched/{number}") for number in range(20)))
     contents.write("watched/file", limit - contents.used("watched"))
     enforce(board, "watched")
     assert names(contents, "watched") == ["file"]
-    os.mkdir(contents.path("watched/one-more"))
+    contents.change(("mkdir", "watched/one-more"))
     enforce(board, "watched")
     assert names(contents, "watched") == []
-    assert len(os.listdir(contents.path("watched"))) == 21
+    assert len(contents.names("watched")) == 21
 
 
 def test_directories_left_empty_go_with_their_empty_parents(board, contents):
-    contents.write("watched/a/b/c/old", 7 * MIB)
-    contents.write("watched/a/beside", 1)
-    contents.write("watched/d/e/old", 7 * MIB)
-    os.mkdir(contents.path("watched/empty-before"))
-    time.sleep(0.02)
-    contents.write("watched/d/new", 1)
-    os.chmod(contents.path("watched/a/beside"), 0o600)
+    contents.change(("write", "watched/a/b/c/old", 7 * MIB), ("write", "watched/a/beside", 1),
+                    ("write", "watched/d/e/old", 7 * MIB), ("mkdir", "watched/empty-before"), PAUSE,
+                    ("write", "watched/d/new", 1), ("chmod", "watched/a/beside", 0o600))
     before = contents.entries("watched")
     enforce(board, "watched")
     assert_well_chosen(before, contents.entries("watched"), limit_of(contents, PERCENT))
@@ -125,8 +117,7 @@ def test_a_directory_that_only_holds_directories_has_nothing_to_remove(make_boar
     board.expect_record("WARN", WATCHER, warning, source="StorageCapacityWatcher",
                         function="StorageCapacityWatcher::ensureDirSizeSingle")
     contents = Contents(board)
-    os.makedirs(contents.path("none/a/b"))
-    contents.write("none/c/file")
+    contents.change(("makedirs", "none/a/b"), ("write", "none/c/file"))
     enforce(board, "none")
     assert [entry.path for entry in contents.entries("none")] == [b"", b"a", b"a/b"]
     count = watcher_messages(board, "WARN").count(warning)
@@ -169,8 +160,7 @@ def test_of_two_watched_directories_of_one_name_the_first_is_enforced(make_board
         <dir size="50">b<dir size="10" capacitywatch="true">data</dir></dir></sdcard>""")
     start_with_watched_card(board)
     contents = Contents(board)
-    for directory in ("a/data", "b/data"):
-        contents.write(directory + "/file", 30 * MIB)
+    contents.change(*(("write", directory + "/file", 30 * MIB) for directory in ("a/data", "b/data")))
     enforce(board, "data")
     assert (names(contents, "a/data"), names(contents, "b/data")) == ([], ["file"])
 
