@@ -9,6 +9,8 @@ from steps import start_with_mounted_card
 
 WATCHER = "StorageCapacityWatcher"
 RUN_THREAD = "WorkerThread"
+# Between two changes, longer than the file system's clock takes for a step.
+PAUSE = ("sleep", 0.012)
 
 
 def start_with_watched_card(board: Board, card: Card | None = None) -> Card:

@@ -1,6 +1,8 @@
 """A mounted card's contents, read and changed by programs of its board."""
 
+import io
 import os
+import tarfile
 from collections.abc import Iterator
 from dataclasses import dataclass
 
@@ -11,7 +13,8 @@ NANOSECOND_DIGITS = 9
 
 # Calls functions of os, and these, in turn; a large set of files is not worth a program for each.
 CHANGES = """
-import fcntl, os, sys, time
+import fcntl, os, struct, sys, time
+SET_FLAGS, IMMUTABLE = 0x40006602 | struct.calcsize('l') << 16, 0x10
 def write(path, size=0, data=b''):
     os.makedirs(os.path.dirname(path) or '.', exist_ok=True)
     with open(path, 'wb') as file:
@@ -19,7 +22,7 @@ def write(path, size=0, data=b''):
         os.truncate(file.fileno(), size)
 def freeze(path, frozen=True):
     descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
-    fcntl.ioctl(descriptor, 0x40086602, (0x10 if frozen else 0).to_bytes(4, sys.byteorder))
+    fcntl.ioctl(descriptor, SET_FLAGS, struct.pack('i', IMMUTABLE if frozen else 0))
     os.close(descriptor)
 own = {'write': write, 'freeze': freeze, 'sleep': time.sleep}
 os.chdir(sys.argv[1])
@@ -92,9 +95,12 @@ class Contents:
                                         (KINDS[kind], mode.decode(), user.decode(), group.decode()))
         return found
 
-    def text(self, name: str) -> str:
-        """A file's text."""
-        return self._board.read_file(f"{MOUNT_POINT}/{name}")
+    def texts(self, *names: str) -> list[str | None]:
+        """The texts of files; None for one that is missing."""
+        archive = self._board.run("tar", "--create", "--directory", MOUNT_POINT, "--", *names, as_bytes=True).stdout
+        with tarfile.open(fileobj=io.BytesIO(archive)) as files:
+            found = {member.name: files.extractfile(member).read().decode() for member in files}
+        return [found.get(name) for name in names]
 
     def _find(self, directory: str | bytes, *fields: bytes) -> Iterator[tuple[bytes, ...]]:
         path = os.path.join(MOUNT_POINT, os.fsdecode(directory))

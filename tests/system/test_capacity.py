@@ -6,13 +6,12 @@ import time
 import pytest
 
 from board import CARD_INTERFACE, MOUNT_POINT, BusError, Card
-from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
+from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
 from contents import Contents
 from steps import eject, expect_mounted, messages, take_out
 
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024
-PAUSE = ("sleep", 0.02)  # longer than the file system's clock takes for a step
 PERCENT = 10
 CONFIGURATION = f"""
 <sdcard>

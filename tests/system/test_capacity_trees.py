@@ -2,18 +2,14 @@
 
 import os
 import random
-import socket
 import stat
-import time
 
 import pytest
 
 from board import CARD_INTERFACE, Card
-from capacity import WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
-from contents import Contents, set_immutable
+from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
+from contents import Contents
 from steps import messages
-
-pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
 
 MIB = 1024 * 1024
 PERCENT = 10
@@ -66,6 +62,7 @@ class TreeMaker:
         self.files = []
         self.immutable = []
         self.count = 0
+        self.steps = []
 
     def make(self, steps):
         makers = [self.file] * 8 + [self.directory] * 3 + [self.link, self.hard_link, self.fifo, self.socket,
@@ -73,54 +70,58 @@ class TreeMaker:
         for _ in range(steps):
             self.random.choice(makers)()
             if self.random.random() < 0.3:
-                # Longer than the file system's clock takes for a step: not all have one change time.
-                time.sleep(0.012)
+                # Not all have one change time.
+                self.steps.append(PAUSE)
+        self.contents.change(*self.steps)
+
+    def thaw(self):
+        self.contents.change(*(("freeze", path, False) for path in self.immutable))
 
     def new_path(self):
         self.count += 1
         name = self.random.choice([b"%d", b".%d", b"-%d", b"%d\n", b"\xfe%d", b"%d" + b"x" * 200]) % self.count
-        return self.contents.path(os.path.join(self.random.choice(self.directories), name))
+        return os.path.join(self.random.choice(self.directories), name)
 
     def file(self):
         path = self.new_path()
-        with open(path, "wb") as file:
-            file.write(b"x" * self.random.choice([0, 1, 5000]))
-            # Mostly holes, which count like data.
-            os.truncate(file.fileno(), self.random.choice([0, 1, 4096, 100_000, 1_000_000, 2_000_000]))
+        data = b"x" * self.random.choice([0, 1, 5000])
+        # Mostly holes, which count like data.
+        self.steps.append(("write", path, self.random.choice([0, 1, 4096, 100_000, 1_000_000, 2_000_000]), data))
         self.files.append(path)
 
     def directory(self):
         path = self.new_path()
-        os.mkdir(path)
-        self.directories.append(os.path.relpath(path, os.fsencode(self.contents.root)))
+        self.steps.append(("mkdir", path))
+        self.directories.append(path)
 
     def link(self):
-        os.symlink(self.random.choice([b"nowhere", b".", b"..", b"/etc", b"/etc/passwd", b"x" * 500]), self.new_path())
+        target = self.random.choice([b"nowhere", b".", b"..", b"/etc", b"/etc/passwd", b"x" * 500])
+        self.steps.append(("symlink", target, self.new_path()))
 
     def hard_link(self):
         movable = [path for path in self.files if path not in self.immutable]
         if movable:
-            os.link(self.random.choice(movable), self.new_path())
+            self.steps.append(("link", self.random.choice(movable), self.new_path()))
 
     def fifo(self):
-        os.mkfifo(self.new_path())
+        self.steps.append(("mkfifo", self.new_path()))
 
     def socket(self):
-        os.mknod(self.new_path(), stat.S_IFSOCK | 0o600)
+        self.steps.append(("mknod", self.new_path(), stat.S_IFSOCK | 0o600))
 
     def device(self):
-        os.mknod(self.new_path(), stat.S_IFCHR | 0o600, os.makedev(1, 3))
+        self.steps.append(("mknod", self.new_path(), stat.S_IFCHR | 0o600, os.makedev(1, 3)))
 
     def touch(self):
         if self.files:
             path = self.random.choice(self.files)
             if path not in self.immutable:
-                os.chmod(path, self.random.choice([0o000, 0o400, 0o644]))
+                self.steps.append(("chmod", path, self.random.choice([0o000, 0o400, 0o644])))
 
     def freeze(self):
         if self.files:
             path = self.random.choice(self.files)
-            set_immutable(path, True)
+            self.steps.append(("freeze", path))
             self.immutable.append(path)
 
 
@@ -140,8 +141,7 @@ def test_the_choice_in_a_random_tree_is_the_computed_one(board, contents, seed):
     # A directory may have gone together with the last one in it before its own turn comes.
     assert all(message.startswith(f"Cannot remove empty directory {card_path('watched')}/")
                and message.endswith(": No such file or directory") for message in messages(board, "ERROR"))
-    for path in tree.immutable:
-        set_immutable(path, False)
+    tree.thaw()
     # What could not be removed the first time can be now.
     before = contents.entries("watched")
     enforce(board, "watched")
@@ -150,10 +150,8 @@ def test_the_choice_in_a_random_tree_is_the_computed_one(board, contents, seed):
 
 
 def test_names_are_bytes_of_any_kind(board, contents):
-    for name in ODD_NAMES:
-        contents.write(os.path.join(b"watched", name), 1000)
-        contents.write(os.path.join(b"watched/in", name, name), 1000)
-    time.sleep(0.02)
+    contents.change(*(("write", os.path.join(b"watched", name), 1000) for name in ODD_NAMES),
+                    *(("write", os.path.join(b"watched/in", name, name), 1000) for name in ODD_NAMES), PAUSE)
     assert used_by_service(board, "watched") == contents.used("watched")
     contents.write("watched/new", 50 * MIB)
     enforce(board, "watched")
@@ -163,47 +161,39 @@ def test_names_are_bytes_of_any_kind(board, contents):
 
 
 def test_odd_names_of_files_that_are_young_enough_stay(board, contents):
-    contents.write("watched/old", 20 * MIB)
-    time.sleep(0.02)
-    for name in ODD_NAMES:
-        contents.write(os.path.join(b"watched", name), 1000)
+    contents.change(("write", "watched/old", 20 * MIB), PAUSE,
+                    *(("write", os.path.join(b"watched", name), 1000) for name in ODD_NAMES))
     enforce(board, "watched")
     assert contents.files("watched").keys() == set(ODD_NAMES)
 
 
 def test_a_file_that_cannot_be_removed_is_reported_and_the_others_still_go(board, contents):
-    frozen = contents.path(b"watched/sub/fro\xffzen")
-    contents.write("watched/sub/first", 7 * MIB)
-    time.sleep(0.02)
-    contents.write(frozen, 7 * MIB)
-    set_immutable(frozen, True)
-    time.sleep(0.02)
-    contents.write("watched/sub/third", 7 * MIB)
+    frozen = b"watched/sub/fro\xffzen"
+    contents.change(("write", "watched/sub/first", 7 * MIB), PAUSE, ("write", frozen, 7 * MIB), ("freeze", frozen),
+                    PAUSE, ("write", "watched/sub/third", 7 * MIB))
     enforce(board, "watched")
     # The choice rests on the sizes before: nothing goes in the frozen one's place.
     assert contents.files("watched").keys() == {b"sub/fro\xffzen", b"sub/third"}
     warning, = [record for record in board.records if record.level == "WARN"]
     assert (warning.channel, warning.source) == (WATCHER, WATCHER)
     assert warning.message == f"Cannot remove file {card_path('watched/sub')}/fro\ufffdzen: Operation not permitted"
-    set_immutable(frozen, False)
+    contents.change(("freeze", frozen, False))
 
 
 def test_a_directory_that_cannot_be_removed_is_reported(board, contents):
-    contents.write("watched/outer/inner/file", 20 * MIB)
-    set_immutable(contents.path("watched/outer"), True)
+    contents.change(("write", "watched/outer/inner/file", 20 * MIB), ("freeze", "watched/outer"))
     enforce(board, "watched")
     assert sorted(entry.path for entry in contents.entries("watched")) == [b"", b"outer", b"outer/inner"]
     assert messages(board, "ERROR") == [
         f"Cannot remove empty directory {card_path('watched/outer/inner')}: Operation not permitted"]
-    set_immutable(contents.path("watched/outer"), False)
+    contents.change(("freeze", "watched/outer", False))
 
 
 def test_a_link_is_removed_itself_and_never_what_it_leads_to(board, contents):
     board.write_file("/var/precious/file", "precious")
-    contents.write("kept/file", 30 * MIB)
-    for number, target in enumerate(["/var/precious", "/var/precious/file", "../kept", "../kept/file", "nowhere"]):
-        os.symlink(target, contents.path(f"watched/{number}"))
-    time.sleep(0.02)
+    targets = ["/var/precious", "/var/precious/file", "../kept", "../kept/file", "nowhere"]
+    contents.change(("write", "kept/file", 30 * MIB),
+                    *(("symlink", target, f"watched/{number}") for number, target in enumerate(targets)), PAUSE)
     assert used_by_service(board, "watched") == contents.used("watched")
     enforce(board, "watched")
     assert len(contents.files("watched")) == 5
@@ -225,8 +215,7 @@ def test_a_deep_tree_is_counted_and_emptied(board, contents):
 
 
 def test_a_large_directory_is_counted_and_thinned_out(board, contents):
-    for number in range(5000):
-        contents.write(f"watched/many/{number}", 4000)
+    contents.change(*(("write", f"watched/many/{number}", 4000) for number in range(5000)))
     limit = limit_of(contents, PERCENT)
     before = contents.entries("watched")
     assert used_by_service(board, "watched") == sum(entry.size for entry in before)
@@ -235,8 +224,7 @@ def test_a_large_directory_is_counted_and_thinned_out(board, contents):
 
 
 def test_nothing_is_removed_from_another_file_system_mounted_in_a_watched_directory(board, contents):
-    contents.write("watched/old", 20 * MIB)
-    os.mkdir(contents.path("watched/other"))
+    contents.change(("write", "watched/old", 20 * MIB), ("mkdir", "watched/other"))
     inside = card_path("watched/other")
     board.run("mount", "-t", "tmpfs", "other", inside, check=True)
     board.write_file(inside + "/file", "precious")
@@ -263,14 +251,13 @@ def test_nothing_is_removed_where_a_link_on_the_card_leads_out_of_it(board, tmp_
 
 
 def test_a_socket_that_is_listened_on_is_an_entry_like_a_file(board, contents):
-    with socket.socket(socket.AF_UNIX) as listener:
-        os.chdir(contents.path("watched"))
-        try:
-            listener.bind("listener")
-        finally:
-            os.chdir("/")
-        assert used_by_service(board, "watched") == contents.used("watched")
-        time.sleep(0.02)
-        contents.write("watched/new", 30 * MIB)
-        enforce(board, "watched")
-        assert contents.files("watched").keys() == set()
+    listen = ("import socket, time\nlistener = socket.socket(socket.AF_UNIX)\n"
+              f"listener.bind({card_path('watched/listener')!r})\nlistener.listen()\n"
+              "print('listens', flush=True)\ntime.sleep(1000)\n")
+    listener = board.start("/usr/bin/python3", "-I", "-S", "-c", listen)
+    board.expect("the listener", lambda: "listens" in listener.output)
+    assert contents.files("watched").keys() == {b"listener"}
+    assert used_by_service(board, "watched") == contents.used("watched")
+    contents.change(PAUSE, ("write", "watched/new", 30 * MIB))
+    enforce(board, "watched")
+    assert contents.files("watched").keys() == set()

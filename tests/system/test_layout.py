@@ -1,15 +1,12 @@
 """The card's layout: directories with their owners and modes, links, and cards that hold something else there."""
 
 import os
-import stat
 
 import pytest
 
 from board import MOUNT_POINT, Card
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
-
-pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
 
 WARNING = "Cannot apply sdcard layout"
 CONFIGURATION = """
@@ -41,29 +38,14 @@ def card_with(content):
     return Card.formatted(content=content)
 
 
-def described(contents, name):
-    """Kind, mode and owners of a directory entry, or the text of a link."""
-    path = contents.path(name)
-    status = os.lstat(path)
-    if stat.S_ISLNK(status.st_mode):
-        return os.readlink(path)
-    kind = {stat.S_IFDIR: b"directory", stat.S_IFREG: b"file"}[stat.S_IFMT(status.st_mode)].decode()
-    return kind, oct(status.st_mode & 0o7777), status.st_uid, status.st_gid
-
-
 def assert_laid_out(board):
-    daemon, adm, nobody = ids(board, "passwd", "daemon"), ids(board, "group", "adm"), ids(board, "passwd", "nobody")
-    contents = Contents(board)
-    assert described(contents, "logs") == ("directory", "0o750", daemon, adm)
-    assert described(contents, "logs/old") == ("directory", "0o711", nobody, 0)
-    assert described(contents, "data") == ("directory", "0o755", 0, 0)
-    assert described(contents, "logs/last") == b"old"
-    assert described(contents, "elsewhere") == b"/var/elsewhere"
-    assert described(contents, "around") == b"../sdcard/data"
-
-
-def ids(board, database, name):
-    return int(board.run("getent", database, name, check=True).stdout.split(":")[2])
+    found = Contents(board).described()
+    assert found["logs"] == ("directory", "750", "daemon", "adm")
+    assert found["logs/old"] == ("directory", "711", "nobody", "root")
+    assert found["data"] == ("directory", "755", "root", "root")
+    assert found["logs/last"] == "old"
+    assert found["elsewhere"] == "/var/elsewhere"
+    assert found["around"] == "../sdcard/data"
 
 
 def layout_records(board):
@@ -86,7 +68,7 @@ def test_an_empty_card_is_laid_out_with_owners_modes_and_links(board):
     start_with_mounted_card(board)
     assert_laid_out(board)
     assert layout_records(board) == []
-    assert sorted(os.listdir(Contents(board).root)) == ["around", "data", "elsewhere", "logs", "lost+found"]
+    assert Contents(board).names() == ["around", "data", "elsewhere", "logs", "lost+found"]
 
 
 def test_a_card_laid_out_before_is_left_as_it_is(board):
@@ -103,31 +85,30 @@ def test_a_card_laid_out_before_is_left_as_it_is(board):
 def test_a_mode_that_the_creation_mask_has_narrowed_is_corrected_the_next_time(make_board, program):
     board = make_board(program=program, media_config='<sdcard><dir size="1" mode="0777">open</dir></sdcard>')
     card = start_with_mounted_card(board)
-    assert described(Contents(board), "open")[1] == "0o755"
+    assert Contents(board).described()["open"][1] == "755"
     assert layout_records(board) == []
     eject(board)
     take_out(board)
     board.insert(card)
     expect_mounted(board)
-    assert described(Contents(board), "open")[1] == "0o777"
+    assert Contents(board).described()["open"][1] == "777"
     assert layout_records(board) == warnings(f"Correct directory mode '0777' for '{MOUNT_POINT}/open'")
 
 
-@pytest.mark.parametrize("mode, bits", [("8", "0o0"), ("0750x", "0o750"), ("x", "0o0"), ("700", "0o700")])
+@pytest.mark.parametrize("mode, bits", [("8", "0"), ("0750x", "750"), ("x", "0"), ("700", "700")])
 def test_a_mode_ends_at_its_first_character_that_is_not_octal(make_board, program, mode, bits):
     board = make_board(program=program, media_config=f'<sdcard><dir size="1" mode="{mode}">odd</dir></sdcard>')
     start_with_mounted_card(board)
-    assert described(Contents(board), "odd")[1] == bits
+    assert Contents(board).described()["odd"][1] == bits
 
 
 @pytest.mark.parametrize("owner, user, group", [
-    ("nosuchuser", 0, 0), ("daemon:nosuchgroup", "daemon", 0), (":adm", 0, "adm"), ("nosuchuser:adm", 0, "adm"),
-    ("daemon", "daemon", 0), ("daemon:", "daemon", 0)])
+    ("nosuchuser", "root", "root"), ("daemon:nosuchgroup", "daemon", "root"), (":adm", "root", "adm"),
+    ("nosuchuser:adm", "root", "adm"), ("daemon", "daemon", "root"), ("daemon:", "daemon", "root")])
 def test_an_owner_that_is_not_known_is_root(make_board, program, owner, user, group):
     board = make_board(program=program, media_config=f'<sdcard><dir size="1" owner="{owner}">owned</dir></sdcard>')
     start_with_mounted_card(board)
-    assert described(Contents(board), "owned")[2:] == (
-        ids(board, "passwd", user) if user else 0, ids(board, "group", group) if group else 0)
+    assert Contents(board).described()["owned"][2:] == (user, group)
     assert layout_records(board) == []
 
 
@@ -139,12 +120,11 @@ def test_wrong_modes_and_owners_are_corrected(board, content):
     os.chmod(content / "data", 0o2755)
     os.chown(content / "data", 3, 4)
     start_with_mounted_card(board, card_with(content))
-    daemon, adm, nobody = ids(board, "passwd", "daemon"), ids(board, "group", "adm"), ids(board, "passwd", "nobody")
-    contents = Contents(board)
-    assert described(contents, "logs") == ("directory", "0o750", daemon, adm)
-    assert described(contents, "logs/old") == ("directory", "0o711", nobody, 0)
+    found = Contents(board).described()
+    assert found["logs"] == ("directory", "750", "daemon", "adm")
+    assert found["logs/old"] == ("directory", "711", "nobody", "root")
     # Only the nine permission bits are compared; a change of owner keeps a directory's others.
-    assert described(contents, "data") == ("directory", "0o2755", 0, 0)
+    assert found["data"] == ("directory", "2755", "root", "root")
     assert layout_records(board) == warnings(
         f"Correct directory mode '0750' for '{MOUNT_POINT}/logs'",
         f"Correct directory owner 'daemon:adm' for '{MOUNT_POINT}/logs'",
@@ -169,9 +149,10 @@ def test_files_in_the_place_of_links_stay_and_are_reported(board, content):
     (content / "around").write_text("")
     start_with_mounted_card(board, card_with(content))
     contents = Contents(board)
-    assert described(contents, "logs/last")[0] == "directory"
-    assert (contents.root / "elsewhere").read_text() == "mine"
-    assert described(contents, "around")[0] == "file"
+    found = contents.described()
+    assert found["logs/last"][0] == "directory"
+    assert contents.texts("elsewhere") == ["mine"]
+    assert found["around"][0] == "file"
     assert layout_records(board)[-4:] == errors(
         f"Cannot read target of existing symlink '{MOUNT_POINT}/logs/last' (Invalid argument)",
         f"Cannot read target of existing symlink '{MOUNT_POINT}/elsewhere' (Invalid argument)",
@@ -182,11 +163,11 @@ def test_a_file_in_the_place_of_a_directory_gets_its_mode_and_owner_and_stays_a_
     (content / "logs").write_text("mine")
     os.chmod(content / "logs", 0o644)
     start_with_mounted_card(board, card_with(content))
-    daemon, adm = ids(board, "passwd", "daemon"), ids(board, "group", "adm")
     contents = Contents(board)
-    assert described(contents, "logs") == ("file", "0o750", daemon, adm)
-    assert (contents.root / "logs").read_text() == "mine"
-    assert described(contents, "data")[0] == "directory"
+    found = contents.described()
+    assert found["logs"] == ("file", "750", "daemon", "adm")
+    assert contents.texts("logs") == ["mine"]
+    assert found["data"][0] == "directory"
     assert layout_records(board) == warnings(
         f"Correct directory mode '0750' for '{MOUNT_POINT}/logs'",
         f"Correct directory owner 'daemon:adm' for '{MOUNT_POINT}/logs'") + errors(
@@ -198,7 +179,7 @@ def test_a_file_in_the_place_of_a_directory_gets_its_mode_and_owner_and_stays_a_
 def test_a_link_to_nothing_in_the_place_of_a_directory_stays_and_is_reported(board, content):
     (content / "data").symlink_to("nowhere")
     start_with_mounted_card(board, card_with(content))
-    assert described(Contents(board), "data") == b"nowhere"
+    assert Contents(board).described()["data"] == "nowhere"
     assert layout_records(board) == errors(
         f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
         f"Can't set directory owner for '{MOUNT_POINT}/data' (No such file or directory)") + FAILED
@@ -208,9 +189,9 @@ def test_a_link_to_a_directory_in_the_place_of_a_directory_is_accepted_and_its_t
     (content / "elsewhere-on-the-card").mkdir(mode=0o700)
     (content / "data").symlink_to("elsewhere-on-the-card")
     start_with_mounted_card(board, card_with(content))
-    contents = Contents(board)
-    assert described(contents, "data") == b"elsewhere-on-the-card"
-    assert described(contents, "elsewhere-on-the-card") == ("directory", "0o755", 0, 0)
+    found = Contents(board).described()
+    assert found["data"] == "elsewhere-on-the-card"
+    assert found["elsewhere-on-the-card"] == ("directory", "755", "root", "root")
     assert layout_records(board) == warnings(f"Correct directory mode '' for '{MOUNT_POINT}/data'")
 
 
@@ -219,7 +200,7 @@ def test_a_link_that_leads_out_of_the_card_is_followed_for_modes_but_nothing_is_
     board.write_file("/var/precious/last", "precious")
     (content / "logs").symlink_to("/var/precious")
     start_with_mounted_card(board, card_with(content))
-    assert described(Contents(board), "logs") == b"/var/precious"
+    assert Contents(board).described()["logs"] == "/var/precious"
     assert board.run("stat", "-c", "%a %U:%G", "/var/precious").stdout == "750 daemon:adm\n"
     assert board.run("stat", "-c", "%a %U:%G", "/var/precious/old").stdout == "711 nobody:root\n"
     assert board.read_file("/var/precious/last") == "precious"
@@ -231,9 +212,9 @@ def test_links_in_a_circle_are_reported(board, content):
     (content / "data").symlink_to("data")
     (content / "around").symlink_to("around")
     start_with_mounted_card(board, card_with(content))
-    contents = Contents(board)
-    assert described(contents, "data") == b"data"
-    assert described(contents, "around") == b"../sdcard/data"
+    found = Contents(board).described()
+    assert found["data"] == "data"
+    assert found["around"] == "../sdcard/data"
     assert layout_records(board) == errors(
         f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
         f"Can't set directory owner for '{MOUNT_POINT}/data' (Too many levels of symbolic links)") + FAILED
@@ -247,10 +228,11 @@ def test_what_else_is_on_the_card_stays(board, content):
     (content / "data/kept").write_text("2")
     start_with_mounted_card(board, card_with(content))
     contents = Contents(board)
-    assert described(contents, "photos")[1] == "0o700"
-    assert (contents.root / "photos/one").read_text() == "1"
-    assert (contents.root / "data/kept").read_text() == "2"
-    assert described(contents, "link") == b"/nowhere"
+    found = contents.described()
+    assert found["photos"][1] == "700"
+    assert contents.texts("photos/one") == ["1"]
+    assert contents.texts("data/kept") == ["2"]
+    assert found["link"] == "/nowhere"
 
 
 def test_immutable_directories_and_links_are_reported_and_the_rest_is_laid_out(board):
@@ -267,9 +249,10 @@ def test_immutable_directories_and_links_are_reported_and_the_rest_is_laid_out(b
         f"Can't set directory owner 'daemon:adm' for '{daemon}' (Operation not permitted)")
     assert layout_records(board)[-2:] == errors(
         f"Cannot unlink existing symlink '{daemon}/last' (Operation not permitted)") + FAILED
-    assert described(Contents(board), "logs/last") == b"x"
-    assert described(Contents(board), "data")[0] == "directory"
-    assert described(Contents(board), "around") == b"../sdcard/data"
+    found = Contents(board).described()
+    assert found["logs/last"] == "x"
+    assert found["data"][0] == "directory"
+    assert found["around"] == "../sdcard/data"
     board.run("chattr", "-i", daemon, check=True)
 
 

@@ -1,14 +1,10 @@
 """The preparation of a mounted card: the logger's data, misplaced CSV files and the scripts of other packages."""
 
-import os
-
 import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
-
-pytestmark = pytest.mark.virtual  # the card is read and changed from outside the board
 
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 CALLS = "/run/board/calls"
@@ -38,8 +34,7 @@ def write(directory, files):
 
 def texts(board, *names):
     """The texts of files on the card; None for one that is missing."""
-    root = Contents(board).root
-    return [(root / name).read_text() if (root / name).exists() else None for name in names]
+    return Contents(board).texts(*names)
 
 
 def preparation_records(board):
@@ -61,7 +56,7 @@ def test_the_loggers_data_moves_from_the_cards_root_into_its_directory(board, tm
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
     assert texts(board, "logger/PindleLogger.db", "logger/PindleLogger.db-journal", "logger/LoggerFiles/a",
                  "logger/LoggerFiles/b/c") == ["database", "journal", "1", "2"]
-    assert not {"PindleLogger.db", "PindleLogger.db-journal", "LoggerFiles"} & set(os.listdir(Contents(board).root))
+    assert not {"PindleLogger.db", "PindleLogger.db-journal", "LoggerFiles"} & set(Contents(board).names())
     assert preparation_records(board) == [
         ("INFO", f"Logger directory is '{MOUNT_POINT}/logger'"),
         ("INFO", "Succesffully moved logger database into new location"),
@@ -121,7 +116,7 @@ def test_csv_files_below_a_doubled_path_move_to_their_directory(board, tmp_path)
                      "csv/kept.csv": "kept"})
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
     assert texts(board, "csv/a.csv", "csv/b.csv", "csv/deep/c.csv", "csv/kept.csv") == ["a", "b", "c", "kept"]
-    assert not (Contents(board).root / "csv/media").exists()
+    assert "media" not in Contents(board).names("csv")
     old, new = f"{MOUNT_POINT}/{DOUBLED}", f"{MOUNT_POINT}/csv"
     assert preparation_records(board)[1:] == [
         ("INFO", f"move File From {old} to {new}"), ("INFO", "Succesffully moved csv files into new location"),
@@ -139,7 +134,7 @@ def test_moved_csv_files_replace_others_and_what_is_not_moved_goes_with_the_doub
     write(tmp_path, {f"{DOUBLED}/2024/a.csv": "old", f"{DOUBLED}/2024/.b.csv": "b", f"{DOUBLED}/c.csv": "c",
                      "csv/a.csv": "new"})
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
-    assert sorted(path.name for path in (Contents(board).root / "csv").iterdir()) == ["a.csv"]
+    assert Contents(board).names("csv") == ["a.csv"]
     assert texts(board, "csv/a.csv") == ["old"]
     assert preparation_records(board)[-1] == ("INFO", "Succesffully removed old csv directory")
 
@@ -156,7 +151,7 @@ def test_csv_files_that_cannot_be_moved_stay(board, tmp_path):
 def test_an_empty_doubled_path_cannot_be_moved_and_stays(board, tmp_path):
     (tmp_path / DOUBLED).mkdir(parents=True)
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
-    assert (Contents(board).root / DOUBLED).is_dir()
+    assert Contents(board).described()[DOUBLED][0] == "directory"
     assert preparation_records(board)[-1] == ("ERROR", "Failed moveing csv files into new location")
 
 
