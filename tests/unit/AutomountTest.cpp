@@ -100,10 +100,10 @@ void AutomountTest::a_status_is_asked_for_without_a_mount_and_without_following_
     QStringList names;
     QList<quint64> flags;
     const TracedProcess traced(work, [&](const TracedProcess::Call& call) {
-        // The status of an open file is asked for by an empty name.
-        if (call.number == TracedProcess::kFstatat && !call.text(1).isEmpty()) {
-            names.append(QString::fromUtf8(call.text(1)));
-            flags.append(call.arguments[3]);
+        const QByteArray path = call.statusPath();
+        if (!path.isEmpty()) {
+            names.append(QString::fromUtf8(path));
+            flags.append(call.statusFlags());
         }
     });
     QVERIFY(traced.isFinished());

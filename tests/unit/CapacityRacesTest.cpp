@@ -279,8 +279,9 @@ void CapacityRacesTest::a_file_is_asked_for_its_status_once_and_a_chosen_one_aga
             return QStringList();
         },
         [&](const TracedProcess::Call& call) {
-            if (call.number == TracedProcess::kFstatat && !call.text(1).isEmpty()) {
-                ++asked[call.text(1)];
+            const QByteArray path = call.statusPath();
+            if (!path.isEmpty()) {
+                ++asked[path];
             } else if (call.number == SYS_unlinkat && call.arguments[2] == 0) {
                 removed.append(call.text(1));
             }

@@ -42,11 +42,11 @@ QStringList scan()
     return QStringList{QString::number(scan.totalSize())} + log.messages(LogLevel::Error);
 }
 
-/// Scans, and makes a change right before the call that asks for @p name.
-TracedProcess scanDuring(long number, const QByteArray& name, const Change& change)
+/// Scans, and makes a change right before the file is asked for its status.
+TracedProcess scanAndChangeFile(const Change& change)
 {
-    return TracedProcess(scan, [&](const TracedProcess::Call& call) {
-        if (call.number == number && call.text(1) == name) {
+    return TracedProcess(scan, [&change](const TracedProcess::Call& call) {
+        if (call.statusPath() == "file") {
             change();
         }
     });
@@ -128,7 +128,11 @@ void DirectoryScanRacesTest::a_directory_that_is_no_longer_what_was_seen_is_repo
     QFETCH(const Change, change);
     QFETCH(const QString, message);
     const qint64 rest = sizeOf(kRoot) + kFileSize;
-    const TracedProcess traced = scanDuring(SYS_openat, kDir, change);
+    const TracedProcess traced(scan, [&change](const TracedProcess::Call& call) {
+        if (call.number == SYS_openat && call.text(1) == kDir) {
+            change();
+        }
+    });
     QVERIFY(traced.isFinished());
     QCOMPARE(traced.output(), (QStringList{QString::number(rest), message}));
 }
@@ -136,8 +140,7 @@ void DirectoryScanRacesTest::a_directory_that_is_no_longer_what_was_seen_is_repo
 void DirectoryScanRacesTest::a_file_that_vanishes_is_reported()
 {
     const qint64 rest = sizeOf(kRoot) + sizeOf(kDir) + kDirSize;
-    const TracedProcess traced =
-        scanDuring(TracedProcess::kFstatat, "file", [] { QCOMPARE(::unlink(kFile), 0); });
+    const TracedProcess traced = scanAndChangeFile([] { QCOMPARE(::unlink(kFile), 0); });
     QVERIFY(traced.isFinished());
     QCOMPARE(traced.output(),
              (QStringList{
@@ -167,7 +170,7 @@ void DirectoryScanRacesTest::an_entry_counts_as_what_it_is_when_it_is_asked()
     QFETCH(const Change, change);
     QFETCH(const qint64, size);
     const qint64 rest = sizeOf(kRoot) + sizeOf(kDir) + kDirSize;
-    const TracedProcess traced = scanDuring(TracedProcess::kFstatat, "file", change);
+    const TracedProcess traced = scanAndChangeFile(change);
     QVERIFY(traced.isFinished());
     QCOMPARE(traced.output(), QStringList{QString::number(rest + size)});
 }
@@ -182,9 +185,9 @@ void DirectoryScanRacesTest::each_entry_is_asked_for_its_status_once()
     }
     QMap<QByteArray, int> asked;
     const TracedProcess traced(scan, [&asked](const TracedProcess::Call& call) {
-        // Without a path it is an open descriptor's.
-        if (call.number == TracedProcess::kFstatat && !call.text(1).isEmpty()) {
-            ++asked[call.text(1)];
+        const QByteArray path = call.statusPath();
+        if (!path.isEmpty()) {
+            ++asked[path];
         }
     });
     QVERIFY(traced.isFinished());

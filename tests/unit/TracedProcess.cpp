@@ -17,6 +17,15 @@ namespace {
 
 constexpr int kSystemCallStop = SIGTRAP | 0x80;
 
+// What fstatat() becomes. The library takes the other one where a time stamp has more bits than a
+// long.
+#ifdef SYS_newfstatat
+constexpr long kFstatat = SYS_newfstatat;
+#else
+constexpr long kFstatat = SYS_fstatat64;
+#endif
+constexpr long kStatx = SYS_statx;
+
 [[noreturn]] void runChild(const std::function<QStringList()>& work, int outputFile)
 {
     if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 || ::raise(SIGSTOP) != 0) {
@@ -56,6 +65,19 @@ QByteArray TracedProcess::Call::text(int argument) const
         result += piece;
         address += static_cast<quint64>(piece.size());
     }
+}
+
+QByteArray TracedProcess::Call::statusPath() const
+{
+    return number == kFstatat || number == kStatx ? text(1) : QByteArray();
+}
+
+quint64 TracedProcess::Call::statusFlags() const
+{
+    if (number == kStatx) {
+        return arguments[2];
+    }
+    return number == kFstatat ? arguments[3] : 0;
 }
 
 TracedProcess::TracedProcess(const std::function<QStringList()>& work, const Observer& onCall)

@@ -16,13 +16,6 @@
 class TracedProcess
 {
 public:
-    /// The number of fstatat(), which machines name differently.
-#ifdef SYS_newfstatat
-    static constexpr long kFstatat = SYS_newfstatat;
-#else
-    static constexpr long kFstatat = SYS_fstatat64;
-#endif
-
     /// A system call that is about to be made.
     struct Call
     {
@@ -33,6 +26,10 @@ public:
 
         /// The string that an argument points to.
         QByteArray text(int argument) const;
+        /// The path whose status is asked for; empty where none is, or that of an open descriptor.
+        QByteArray statusPath() const;
+        /// The AT_... flags that it is asked for with; 0 where none is.
+        quint64 statusFlags() const;
     };
     using Observer = std::function<void(const Call&)>;
 
@@ -41,19 +38,10 @@ public:
     explicit TracedProcess(const std::function<QStringList()>& work, const Observer& onCall = {});
 
     /// Whether the child came to the end of the work.
-    bool isFinished() const
-    {
-        return mIsFinished;
-    }
-    const QStringList& output() const
-    {
-        return mOutput;
-    }
+    bool isFinished() const { return mIsFinished; }
+    const QStringList& output() const { return mOutput; }
     /// How many calls of @p number there were.
-    int count(long number) const
-    {
-        return mCounts.value(number);
-    }
+    int count(long number) const { return mCounts.value(number); }
     /// How many calls there were in all.
     int total() const;
 

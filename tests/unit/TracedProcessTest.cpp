@@ -10,6 +10,9 @@
 
 #include "TracedProcess.h"
 
+using Work = QStringList (*)();
+Q_DECLARE_METATYPE(Work)
+
 class TracedProcessTest : public QObject
 {
     Q_OBJECT
@@ -19,6 +22,8 @@ private Q_SLOTS:
     void large_outputs_come_back();
     void calls_are_counted_by_their_number();
     void arguments_of_calls_can_be_read();
+    void questions_for_a_status_by_name_are_known_data();
+    void questions_for_a_status_by_name_are_known();
     void what_the_observer_does_comes_before_the_call();
     void work_that_is_killed_is_not_finished();
 };
@@ -70,6 +75,53 @@ void TracedProcessTest::arguments_of_calls_can_be_read()
     QVERIFY(traced.isFinished());
     QCOMPARE(seenPath, path);
     QCOMPARE(seenFlags, quint64{AT_REMOVEDIR});
+}
+
+void TracedProcessTest::questions_for_a_status_by_name_are_known_data()
+{
+    QTest::addColumn<Work>("work");
+    QTest::addColumn<QStringList>("paths");
+    QTest::addColumn<quint64>("flags");
+    const auto byName = [] {
+        struct stat status = {};
+        ::fstatat(AT_FDCWD, "/nowhere", &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+        return QStringList();
+    };
+    const auto extended = [] {
+        struct statx status = {};
+        ::statx(AT_FDCWD, "/nowhere", AT_SYMLINK_NOFOLLOW, STATX_MODE, &status);
+        return QStringList();
+    };
+    const auto ofOpenFile = [] {
+        struct stat status = {};
+        ::fstat(STDERR_FILENO, &status);
+        return QStringList();
+    };
+    const auto otherQuestion = [] {
+        return QStringList{QString::number(::access("/nowhere", F_OK))};
+    };
+    const QStringList nowhere{"/nowhere"};
+    QTest::newRow("fstatat") << Work(byName) << nowhere
+                             << quint64{AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT};
+    QTest::newRow("statx") << Work(extended) << nowhere << quint64{AT_SYMLINK_NOFOLLOW};
+    QTest::newRow("an open file's") << Work(ofOpenFile) << QStringList() << quint64{0};
+    QTest::newRow("not for a status") << Work(otherQuestion) << QStringList() << quint64{0};
+}
+
+void TracedProcessTest::questions_for_a_status_by_name_are_known()
+{
+    QFETCH(const Work, work);
+    QStringList paths;
+    quint64 flags = 0;
+    const TracedProcess traced(work, [&](const TracedProcess::Call& call) {
+        if (!call.statusPath().isEmpty()) {
+            paths.append(call.statusPath());
+            flags = call.statusFlags();
+        }
+    });
+    QVERIFY(traced.isFinished());
+    QTEST(paths, "paths");
+    QTEST(flags, "flags");
 }
 
 void TracedProcessTest::what_the_observer_does_comes_before_the_call()
