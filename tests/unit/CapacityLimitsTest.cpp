@@ -62,10 +62,10 @@ void CapacityLimitsTest::a_file_costs_at_most_320_bytes_data()
     QTest::addColumn<int>("files");
     QTest::addColumn<int>("directories");
     QTest::addColumn<int>("removed");
-    QTest::newRow("few of one huge directory") << 60'000 << 1 << 1'000;
-    QTest::newRow("most of one directory") << 30'000 << 1 << 27'000;
-    QTest::newRow("all of many directories") << 30'000 << 3'000 << 30'000;
-    QTest::newRow("one file in each directory") << 20'000 << 20'000 << 20'000;
+    QTest::newRow("few of one huge directory") << 20'000 << 1 << 300;
+    QTest::newRow("most of one directory") << 10'000 << 1 << 9'000;
+    QTest::newRow("all of many directories") << 10'000 << 1'000 << 10'000;
+    QTest::newRow("one file in each directory") << 6'000 << 6'000 << 6'000;
 }
 
 void CapacityLimitsTest::a_file_costs_at_most_320_bytes()

@@ -96,7 +96,8 @@ void TestDevice::remove(const QString& path)
 bool TestDevice::mountTmpfs(const QString& path, qint64 bytes, bool readOnly)
 {
     QDir().mkpath(path);
-    const QByteArray options = "size=" + QByteArray::number(bytes);
+    // By default the machine's memory limits the number of files too.
+    const QByteArray options = "size=" + QByteArray::number(bytes) + ",nr_inodes=0";
     return ::mount("tmpfs", QFile::encodeName(path).constData(), "tmpfs",
                    readOnly ? static_cast<unsigned long>(MS_RDONLY) : 0UL,
                    options.constData()) == 0;
