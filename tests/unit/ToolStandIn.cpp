@@ -1,6 +1,12 @@
 #include "ToolStandIn.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "TestDevice.h"
 
@@ -8,7 +14,11 @@ namespace {
 
 const QString kBareNameTools = QStringLiteral("/opt/stand-ins");
 const QString kCallsFile = QStringLiteral("/run/stand-ins/calls");
-const QString kReleaseFile = QStringLiteral("/run/stand-ins/release");
+const QString kReleasePipe = QStringLiteral("/run/stand-ins/release");
+constexpr mode_t kPipeMode = 0600;
+
+// Who opens the pipe for reading waits until somebody has it open for writing.
+int releasing = -1;
 
 } // namespace
 
@@ -16,8 +26,7 @@ const QString ToolStandIn::kE2fsck = kBareNameTools + "/e2fsck";
 const QString ToolStandIn::kRunlevel = kBareNameTools + "/runlevel";
 const QString ToolStandIn::kLsof = QStringLiteral("/usr/sbin/lsof");
 const QString ToolStandIn::kFormatScript = QStringLiteral("/opt/tavo/bin/tavo-create-sdcardFS.sh");
-const QByteArray ToolStandIn::kWait =
-    "while [ ! -e " + kReleaseFile.toLatin1() + " ]; do sleep 0.01; done\n";
+const QByteArray ToolStandIn::kWait = ": <" + kReleasePipe.toLatin1() + "\n";
 
 void ToolStandIn::putFirst()
 {
@@ -51,10 +60,19 @@ QStringList ToolStandIn::takeCalls()
 
 void ToolStandIn::letGo()
 {
-    TestDevice::writeFile(kReleaseFile, {});
+    if (releasing < 0) {
+        releasing = ::open(QFile::encodeName(kReleasePipe).constData(), O_RDWR | O_CLOEXEC);
+    }
 }
 
 void ToolStandIn::holdBack()
 {
-    TestDevice::remove(kReleaseFile);
+    if (releasing >= 0) {
+        ::close(releasing);
+        releasing = -1;
+    }
+    if (!QFile::exists(kReleasePipe)) {
+        QDir().mkpath(QFileInfo(kReleasePipe).path());
+        ::mkfifo(QFile::encodeName(kReleasePipe).constData(), kPipeMode);
+    }
 }
