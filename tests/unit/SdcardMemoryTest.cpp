@@ -132,15 +132,15 @@ void SdcardMemoryTest::each_bound_belongs_to_the_class_below_data()
     QTest::addColumn<int>("memState");
     QTest::addColumn<int>("memLevel");
     QTest::newRow("empty") << 0 << 3 << 0;
-    QTest::newRow("20 %") << 2000 << 3 << 20;
-    QTest::newRow("20.01 %") << 2001 << 4 << 21;
-    QTest::newRow("40 %") << 4000 << 4 << 40;
-    QTest::newRow("40.01 %") << 4001 << 5 << 41;
-    QTest::newRow("60 %") << 6000 << 5 << 60;
-    QTest::newRow("60.01 %") << 6001 << 6 << 61;
-    QTest::newRow("80 %") << 8000 << 6 << 80;
-    QTest::newRow("80.01 %") << 8001 << 7 << 81;
-    QTest::newRow("full") << 10000 << 7 << 100;
+    QTest::newRow("20 %") << 200 << 3 << 20;
+    QTest::newRow("20.1 %") << 201 << 4 << 21;
+    QTest::newRow("40 %") << 400 << 4 << 40;
+    QTest::newRow("40.1 %") << 401 << 5 << 41;
+    QTest::newRow("60 %") << 600 << 5 << 60;
+    QTest::newRow("60.1 %") << 601 << 6 << 61;
+    QTest::newRow("80 %") << 800 << 6 << 80;
+    QTest::newRow("80.1 %") << 801 << 7 << 81;
+    QTest::newRow("full") << 1000 << 7 << 100;
 }
 
 void SdcardMemoryTest::each_bound_belongs_to_the_class_below()
@@ -150,7 +150,7 @@ void SdcardMemoryTest::each_bound_belongs_to_the_class_below()
     QFETCH(const int, memLevel);
     ControllerDevice device(mBus);
     Sdcard& controller = device.startIn("mounted");
-    QVERIFY(mountPages(10000, used));
+    QVERIFY(mountPages(1000, used));
     controller.checkMemState();
     QCOMPARE(device.service().memState(), memState);
     QCOMPARE(device.service().memLevel(), memLevel);

@@ -38,6 +38,9 @@ private Q_SLOTS:
     void a_call_that_the_bus_refuses_has_its_own_status();
     void a_service_that_ends_during_a_call_is_told_from_a_slow_one();
     void another_failure_is_told_in_the_services_words();
+
+private:
+    PrivateBus mBus;
 };
 
 namespace {
@@ -63,37 +66,34 @@ public:
 
 void CallCommandsTest::list_prints_the_identifiers_that_the_service_knows()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     service.directories.remove("archive");
-    ProgramRun run({"list", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"list", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("logger\ncsv\n"));
     ProgramRun forPrograms(
-        {"list", "--json", "--bus", bus.address(), "--config", card.configFile()});
+        {"list", "--json", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(forPrograms.status(), 0);
     QCOMPARE(jsonOf(forPrograms.output()), (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
 }
 
 void CallCommandsTest::list_of_watched_directories_leaves_the_others_out()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    ProgramRun run({"list", "--watched", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"list", "--watched", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("logger\n"));
 }
 
 void CallCommandsTest::path_size_and_used_print_the_answer_alone()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     service.directories["logger"].size = 5'000'000'000;
-    const auto printed = [&bus](const QStringList& arguments) {
-        ProgramRun run(arguments + QStringList{"--bus", bus.address()});
+    const auto printed = [this](const QStringList& arguments) {
+        ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
         return run.status() == 0 ? run.output() : "failed: " + run.notes();
     };
     QCOMPARE(printed({"path", "logger"}), QString("/media/sdcard/logger\n"));
@@ -109,16 +109,15 @@ void CallCommandsTest::path_size_and_used_print_the_answer_alone()
 
 void CallCommandsTest::an_answer_of_0_without_a_card_is_explained()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.directories = {{"csv", {"/csv", 0, 0}}};
-    ProgramRun run({"used", "csv", "--bus", bus.address()});
+    ProgramRun run({"used", "csv", "--bus", mBus.address()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("0\n"));
     QCOMPARE(run.notes(), QString("sdcardctl: No card is mounted, so the answer is 0.\n"));
 
     service.card.setIsMounted(true);
-    ProgramRun mounted({"used", "csv", "--bus", bus.address()});
+    ProgramRun mounted({"used", "csv", "--bus", mBus.address()});
     QCOMPARE(mounted.status(), 0);
     QCOMPARE(mounted.notes(), QString());
 }
@@ -134,9 +133,8 @@ void CallCommandsTest::an_unknown_directory_has_its_own_status_data()
 void CallCommandsTest::an_unknown_directory_has_its_own_status()
 {
     QFETCH(const QString, command);
-    const PrivateBus bus;
-    const FakeService service(bus);
-    ProgramRun run({command, "nowhere", "--bus", bus.address()});
+    const FakeService service(mBus);
+    ProgramRun run({command, "nowhere", "--bus", mBus.address()});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
     QCOMPARE(run.output(), QString());
     QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
@@ -145,12 +143,11 @@ void CallCommandsTest::an_unknown_directory_has_its_own_status()
 
 void CallCommandsTest::ensure_without_an_identifier_means_all()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    ProgramRun one({"ensure", "csv", "--bus", bus.address()});
+    ProgramRun one({"ensure", "csv", "--bus", mBus.address()});
     QCOMPARE(one.status(), 0);
-    ProgramRun all({"ensure", "--bus", bus.address()});
+    ProgramRun all({"ensure", "--bus", mBus.address()});
     QCOMPARE(all.status(), 0);
     QCOMPARE(service.ensured, (QStringList{"csv", ""}));
     QCOMPARE(one.output() + all.output(), QString());
@@ -158,13 +155,12 @@ void CallCommandsTest::ensure_without_an_identifier_means_all()
 
 void CallCommandsTest::refresh_prints_the_new_memory_state()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.refreshedMemState = static_cast<int>(MemState::MoreThan80);
-    ProgramRun run({"refresh", "--bus", bus.address()});
+    ProgramRun run({"refresh", "--bus", mBus.address()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("more-than-80-percent\n"));
-    ProgramRun forPrograms({"refresh", "--json", "--bus", bus.address()});
+    ProgramRun forPrograms({"refresh", "--json", "--bus", mBus.address()});
     QCOMPARE(forPrograms.status(), 0);
     QCOMPARE(jsonOf(forPrograms.output()),
              (QJsonObject{{"memState", 7}, {"memStateName", "more-than-80-percent"}}));
@@ -172,14 +168,13 @@ void CallCommandsTest::refresh_prints_the_new_memory_state()
 
 void CallCommandsTest::insert_and_remove_reach_the_service()
 {
-    const PrivateBus bus;
-    const FakeService service(bus);
+    const FakeService service(mBus);
     QStringList events;
     connect(&service.card, &SDCardImpl::CardInserted, this, [&] { events.append("inserted"); });
     connect(&service.card, &SDCardImpl::CardRemoved, this, [&] { events.append("removed"); });
-    ProgramRun insert({"insert", "--bus", bus.address()});
+    ProgramRun insert({"insert", "--bus", mBus.address()});
     QCOMPARE(insert.status(), 0);
-    ProgramRun remove({"remove", "--bus", bus.address()});
+    ProgramRun remove({"remove", "--bus", mBus.address()});
     QCOMPARE(remove.status(), 0);
     QCOMPARE(events, (QStringList{"inserted", "removed"}));
 }
@@ -200,8 +195,7 @@ void CallCommandsTest::a_service_that_does_not_run_has_its_own_status_data()
 void CallCommandsTest::a_service_that_does_not_run_has_its_own_status()
 {
     QFETCH(const QStringList, arguments);
-    const PrivateBus bus;
-    ProgramRun run(arguments + QStringList{"--bus", bus.address()});
+    ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
     QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
     QCOMPARE(run.output(), QString());
@@ -216,11 +210,10 @@ void CallCommandsTest::a_bus_that_cannot_be_reached_has_its_own_status()
 
 void CallCommandsTest::the_bus_is_the_system_bus_by_default()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
+    environment.insert("DBUS_SYSTEM_BUS_ADDRESS", mBus.address());
     ProgramRun run({"path", "csv"}, environment);
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("/media/sdcard/csv\n"));
@@ -247,13 +240,12 @@ void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status()
 
 void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one()
 {
-    const PrivateBus bus;
     const QString name = QStringLiteral("ending service");
-    QDBusConnection service = QDBusConnection::connectToBus(bus.address(), name);
+    QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
     QVERIFY(service.registerService(SDCardImpl::kServiceName));
     SilentObject object;
     QVERIFY(service.registerVirtualObject(SDCardImpl::kObjectPath, &object));
-    ProgramRun run({"path", "csv", "--bus", bus.address()});
+    ProgramRun run({"path", "csv", "--bus", mBus.address()});
     QTRY_VERIFY(object.wasCalled);
     service.unregisterService(SDCardImpl::kServiceName);
     QDBusConnection::disconnectFromBus(name);
@@ -263,14 +255,14 @@ void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one
 
 void CallCommandsTest::another_failure_is_told_in_the_services_words()
 {
-    const PrivateBus bus;
     const QString name = QStringLiteral("service without an object");
-    QDBusConnection service = QDBusConnection::connectToBus(bus.address(), name);
+    QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
     QVERIFY(service.registerService(SDCardImpl::kServiceName));
-    ProgramRun run({"path", "csv", "--bus", bus.address()});
+    ProgramRun run({"path", "csv", "--bus", mBus.address()});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Failure));
     QVERIFY2(run.notes().startsWith("sdcardctl: The service answered: No such object path"),
              qPrintable(run.notes()));
+    service.unregisterService(SDCardImpl::kServiceName);
     QDBusConnection::disconnectFromBus(name);
 }
 

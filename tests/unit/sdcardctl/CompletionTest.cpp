@@ -27,6 +27,9 @@ private Q_SLOTS:
     void every_option_is_offered_where_it_is_taken_data();
     void every_option_is_offered_where_it_is_taken();
     void files_are_offered_for_checks_and_configurations();
+
+private:
+    PrivateBus mBus;
 };
 
 namespace {
@@ -110,24 +113,22 @@ void CompletionTest::path_size_and_used_take_the_directories_of_the_service_data
 void CompletionTest::path_size_and_used_take_the_directories_of_the_service()
 {
     QFETCH(const QString, command);
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    QCOMPARE(completionsOf(withBus(bus, {"--config", card.configFile(), command, ""})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, ""})),
              (QStringList{"logger", "archive", "csv"}));
     service.directories.remove("archive");
-    QCOMPARE(completionsOf(withBus(bus, {"--config", card.configFile(), command, ""})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, ""})),
              (QStringList{"logger", "csv"}));
-    QCOMPARE(completionsOf(withBus(bus, {"--config", card.configFile(), command, "c"})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, "c"})),
              QStringList{"csv"});
 }
 
 void CompletionTest::ensure_takes_watched_directories()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    QCOMPARE(completionsOf(withBus(bus, {"--config", card.configFile(), "ensure", ""})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), "ensure", ""})),
              QStringList{"logger"});
 }
 
@@ -139,25 +140,23 @@ void CompletionTest::identifiers_with_blanks_are_quoted()
     QVERIFY(configuration.open(QIODevice::WriteOnly));
     configuration.write("<sdcard><dir size='1'>old logs</dir></sdcard>");
     configuration.close();
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.directories = {{"old logs", {"/old logs", 0, 0}}};
-    QCOMPARE(completionsOf(withBus(bus, {"--config", file, "path", "old"})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", file, "path", "old"})),
              QStringList{"old\\ logs"});
-    QCOMPARE(completionsOf(withBus(bus, {"--config", file, "path", "old\\ l"})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", file, "path", "old\\ l"})),
              QStringList{"old\\ logs"});
 }
 
 void CompletionTest::addresses_that_bash_breaks_into_words_are_one_word()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     for (const char* const option : {"--bus ", "--bus="}) {
-        const QString line = option + bus.address() + " --config=" + card.configFile() + " path l";
+        const QString line = option + mBus.address() + " --config=" + card.configFile() + " path l";
         QVERIFY(brokenByBash(line).size() > 8);
         QCOMPARE(completionsOf(brokenByBash(line)), QStringList{"logger"});
-        QCOMPARE(completionsOf(brokenByBash(option + bus.address())), QStringList());
+        QCOMPARE(completionsOf(brokenByBash(option + mBus.address())), QStringList());
     }
     QCOMPARE(completionsOf(brokenByBash("--timeout=5 wait cor")), QStringList{"corrupted"});
 }
@@ -170,10 +169,9 @@ void CompletionTest::identifiers_that_bash_breaks_into_words_are_completed_from_
     QVERIFY(configuration.open(QIODevice::WriteOnly));
     configuration.write("<sdcard><dir size='1'>a:b=cd</dir></sdcard>");
     configuration.close();
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.directories = {{"a:b=cd", {"/a:b=cd", 0, 0}}};
-    const QStringList call = withBus(bus, {"--config", file, "path"});
+    const QStringList call = withBus(mBus, {"--config", file, "path"});
     QCOMPARE(completionsOf(call + QStringList{"a"}), QStringList{"a:b=cd"});
     QCOMPARE(completionsOf(call + QStringList{"a", ":", "b"}), QStringList{"b=cd"});
     QCOMPARE(completionsOf(call + QStringList{"a", ":", "b", "=", "c"}), QStringList{"cd"});
@@ -181,8 +179,7 @@ void CompletionTest::identifiers_that_bash_breaks_into_words_are_completed_from_
 
 void CompletionTest::nothing_is_offered_where_no_service_runs()
 {
-    const PrivateBus bus;
-    QCOMPARE(completionsOf(withBus(bus, {"--config", card.configFile(), "path", ""})),
+    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), "path", ""})),
              QStringList());
 }
 

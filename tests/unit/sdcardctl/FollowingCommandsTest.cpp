@@ -38,6 +38,9 @@ private Q_SLOTS:
     void wait_gives_up_after_its_timeout();
     void wait_waits_for_the_service_to_start();
     void wait_refuses_an_unknown_state();
+
+private:
+    PrivateBus mBus;
 };
 
 namespace {
@@ -74,9 +77,8 @@ void FollowingCommandsTest::monitor_shows_each_signal_once_data()
 void FollowingCommandsTest::monitor_shows_each_signal_once()
 {
     QFETCH(const QString, line);
-    const PrivateBus bus;
-    FakeService service(bus);
-    const auto run = startMonitor(bus);
+    FakeService service(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     const int before = eventsOf(*run).size();
     QVERIFY(QMetaObject::invokeMethod(&service.card, line.toLatin1().constData()));
@@ -87,9 +89,8 @@ void FollowingCommandsTest::monitor_shows_each_signal_once()
 
 void FollowingCommandsTest::monitor_shows_the_property_changes_that_go_with_a_signal()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
-    const auto run = startMonitor(bus);
+    FakeService service(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     const int before = eventsOf(*run).size();
     SampleCard::mount(service);
@@ -107,9 +108,8 @@ void FollowingCommandsTest::monitor_shows_the_property_changes_that_go_with_a_si
 
 void FollowingCommandsTest::monitor_shows_a_change_that_no_signal_announces()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
-    const auto run = startMonitor(bus);
+    FakeService service(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     service.card.setState(static_cast<int>(State::Mounting));
     QTRY_VERIFY(eventsOf(*run).endsWith("\n  State: unknown -> mounting\n"));
@@ -117,10 +117,9 @@ void FollowingCommandsTest::monitor_shows_a_change_that_no_signal_announces()
 
 void FollowingCommandsTest::monitor_begins_with_the_present_values()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    const auto run = startMonitor(bus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     QCOMPARE(eventsOf(*run), QString("service is running\n"
                                      "  State: mounted\n"
@@ -133,9 +132,8 @@ void FollowingCommandsTest::monitor_begins_with_the_present_values()
 
 void FollowingCommandsTest::monitor_gives_every_line_its_time()
 {
-    const PrivateBus bus;
-    const FakeService service(bus);
-    const auto run = startMonitor(bus);
+    const FakeService service(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     const QRegularExpression line(R"(^\d\d:\d\d:\d\d\.\d{3}  (  )?\S)");
     const QStringList lines = run->output().trimmed().split('\n');
@@ -147,9 +145,8 @@ void FollowingCommandsTest::monitor_gives_every_line_its_time()
 
 void FollowingCommandsTest::monitor_for_programs_writes_one_object_a_line()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
-    const auto run = startMonitor(bus, {"--json"});
+    FakeService service(mBus);
+    const auto run = startMonitor(mBus, {"--json"});
     QVERIFY(run);
     const int before = run->output().size();
     service.card.setMemLevel(7);
@@ -179,9 +176,8 @@ void FollowingCommandsTest::monitor_ends_with_success_on_a_signal_data()
 void FollowingCommandsTest::monitor_ends_with_success_on_a_signal()
 {
     QFETCH(const int, signal);
-    const PrivateBus bus;
-    const FakeService service(bus);
-    const auto run = startMonitor(bus);
+    const FakeService service(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     ::kill(static_cast<pid_t>(run->pid()), signal);
     QCOMPARE(run->status(), 0);
@@ -190,16 +186,15 @@ void FollowingCommandsTest::monitor_ends_with_success_on_a_signal()
 
 void FollowingCommandsTest::monitor_follows_a_restarted_service()
 {
-    const PrivateBus bus;
-    auto service = std::make_unique<FakeService>(bus);
-    const auto run = startMonitor(bus);
+    auto service = std::make_unique<FakeService>(mBus);
+    const auto run = startMonitor(mBus);
     QVERIFY(run);
     int before = eventsOf(*run).size();
     service.reset();
     QTRY_COMPARE(eventsOf(*run).mid(before), QString("service is not running\n"));
 
     before = eventsOf(*run).size();
-    service = std::make_unique<FakeService>(bus);
+    service = std::make_unique<FakeService>(mBus);
     SampleCard::mount(*service);
     QTRY_VERIFY(eventsOf(*run).mid(before).contains("MountPoint"));
     QVERIFY(eventsOf(*run).mid(before).startsWith("service is running\n"));
@@ -221,10 +216,9 @@ void FollowingCommandsTest::monitor_ends_with_the_bus()
 
 void FollowingCommandsTest::wait_ends_when_the_state_is_reached()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.card.setState(static_cast<int>(State::Mounting));
-    ProgramRun run({"wait", "mounted", "--bus", bus.address()});
+    ProgramRun run({"wait", "mounted", "--bus", mBus.address()});
     QTest::qWait(1000);
     QVERIFY(run.isRunning());
     service.card.setState(static_cast<int>(State::Mounted));
@@ -234,19 +228,17 @@ void FollowingCommandsTest::wait_ends_when_the_state_is_reached()
 
 void FollowingCommandsTest::wait_ends_at_once_in_the_wanted_state()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.card.setState(static_cast<int>(State::NoCard));
-    ProgramRun run({"wait", "no-card", "--timeout", "10", "--bus", bus.address()});
+    ProgramRun run({"wait", "no-card", "--timeout", "10", "--bus", mBus.address()});
     QCOMPARE(run.status(), 0);
 }
 
 void FollowingCommandsTest::wait_gives_up_after_its_timeout()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.card.setState(static_cast<int>(State::ClosingFiles));
-    ProgramRun run({"wait", "unmounted", "--timeout", "0.7", "--bus", bus.address()});
+    ProgramRun run({"wait", "unmounted", "--timeout", "0.7", "--bus", mBus.address()});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::TimedOut));
     QCOMPARE(run.notes(),
              QString("sdcardctl: The card is not unmounted yet; its state is closing-files.\n"));
@@ -254,10 +246,9 @@ void FollowingCommandsTest::wait_gives_up_after_its_timeout()
 
 void FollowingCommandsTest::wait_waits_for_the_service_to_start()
 {
-    const PrivateBus bus;
-    ProgramRun run({"wait", "mounted", "--timeout", "15", "--bus", bus.address()});
+    ProgramRun run({"wait", "mounted", "--timeout", "15", "--bus", mBus.address()});
     QTRY_VERIFY(run.notes().contains("waiting for it to start"));
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     QCOMPARE(run.status(), 0);
 }

@@ -26,6 +26,9 @@ private Q_SLOTS:
     void status_does_not_invent_names_for_values();
     void colours_show_on_a_terminal_only_data();
     void colours_show_on_a_terminal_only();
+
+private:
+    PrivateBus mBus;
 };
 
 namespace {
@@ -36,10 +39,9 @@ const SampleCard card;
 
 void StatusCommandTest::status_shows_the_card_by_names()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    ProgramRun run({"status", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output().section("\n\n", 0, 0), QString("State            mounted\n"
                                                          "Last transition  card-inserted\n"
@@ -51,10 +53,9 @@ void StatusCommandTest::status_shows_the_card_by_names()
 
 void StatusCommandTest::status_shows_each_directory_with_share_use_and_bar()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
-    ProgramRun run({"status", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output().section("\n\n", 1),
              QString("logger       40 %    10.0 MiB of  40.0 MiB  [#####...............]    25 %  "
@@ -67,12 +68,11 @@ void StatusCommandTest::status_shows_each_directory_with_share_use_and_bar()
 
 void StatusCommandTest::status_of_an_unmounted_card_shows_no_use()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.directories = {{"logger", {"/logger", 0, 0}},
                            {"archive", {"/logger/archive", 0, 0}},
                            {"csv", {"/csv", 0, 0}}};
-    ProgramRun run({"status", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QVERIFY2(run.output().contains("Mount point      /media/sdcard (not mounted)\n"),
              qPrintable(run.output()));
@@ -82,11 +82,10 @@ void StatusCommandTest::status_of_an_unmounted_card_shows_no_use()
 
 void StatusCommandTest::status_marks_a_directory_that_the_service_does_not_know()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     service.directories.remove("csv");
-    ProgramRun run({"status", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QVERIFY2(run.output().contains("\ncsv        12.5 %  not known to the service"),
              qPrintable(run.output()));
@@ -94,11 +93,10 @@ void StatusCommandTest::status_marks_a_directory_that_the_service_does_not_know(
 
 void StatusCommandTest::status_for_programs_holds_numbers_and_names()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     service.directories.remove("csv");
-    ProgramRun run({"status", "--json", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--json", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     const QJsonArray directories{
         QJsonObject{{"id", "logger"},
@@ -130,9 +128,8 @@ void StatusCommandTest::status_for_programs_holds_numbers_and_names()
 
 void StatusCommandTest::status_with_a_broken_configuration_still_shows_the_card()
 {
-    const PrivateBus bus;
-    const FakeService service(bus);
-    ProgramRun run({"status", "--bus", bus.address(), "--config", "/nonexistent.xml"});
+    const FakeService service(mBus);
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", "/nonexistent.xml"});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::BadConfiguration));
     QVERIFY(run.output().startsWith("State            unknown\n"));
     QVERIFY2(run.notes().contains("sdcardctl check-config /nonexistent.xml"),
@@ -140,17 +137,16 @@ void StatusCommandTest::status_with_a_broken_configuration_still_shows_the_card(
     QCOMPARE(run.notes().count('\n'), 1);
 
     ProgramRun forPrograms(
-        {"status", "--json", "--bus", bus.address(), "--config", "/nonexistent.xml"});
+        {"status", "--json", "--bus", mBus.address(), "--config", "/nonexistent.xml"});
     QCOMPARE(forPrograms.status(), ProgramRun::number(ExitStatus::BadConfiguration));
     QVERIFY(jsonOf(forPrograms.output()).value("directories").isNull());
 }
 
 void StatusCommandTest::status_does_not_invent_names_for_values()
 {
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     service.card.setState(9);
-    ProgramRun run({"status", "--bus", bus.address(), "--config", card.configFile()});
+    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
     QCOMPARE(run.status(), 0);
     QVERIFY2(run.output().startsWith("State            unrecognised (9)\n"),
              qPrintable(run.output()));
@@ -178,13 +174,12 @@ void StatusCommandTest::colours_show_on_a_terminal_only()
     QFETCH(const QString, noColor);
     QFETCH(const QString, terminal);
     QFETCH(const bool, coloured);
-    const PrivateBus bus;
-    FakeService service(bus);
+    FakeService service(mBus);
     SampleCard::mount(service);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("NO_COLOR", noColor);
     environment.insert("TERM", terminal);
-    const QStringList arguments{"status", "--bus", bus.address(), "--config", card.configFile()};
+    const QStringList arguments{"status", "--bus", mBus.address(), "--config", card.configFile()};
     QString output;
     if (onTerminal) {
         QProcess script;
