@@ -47,6 +47,8 @@ class Board(Expectations, ABC):
     # By how much every time that a test allows for something is longer on this kind of board.
     patience = 1
     _dpkg_options: tuple[str, ...] = ()
+    # What ends (sh) when all that events of the kernel have started has ended.
+    _settle = ":"
 
     def __init__(self) -> None:
         self.services: list[Process] = []  # every start of the service
@@ -261,8 +263,7 @@ class Board(Expectations, ABC):
 
     def mounts(self) -> list[str]:
         """The board's mounts of the card, as /proc/mounts tells them."""
-        return [line for line in self.read_file("/proc/mounts").splitlines()
-                if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
+        return self._card_mounts(self.read_file("/proc/mounts"))
 
     def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
         """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
@@ -281,17 +282,26 @@ class Board(Expectations, ABC):
 
     def _remains_on_board(self) -> list[str]:
         own = {str(process.pid) for process in self._started}
-        listing = self.run("ps", "-e", "-o", "pid=,ppid=,stat=,args=").stdout.splitlines()
+        # In one go, as each program's start takes a slow board its time.
+        look = (f"{self._settle}; ps -e -o pid=,ppid=,stat=,args=; echo; cat /proc/mounts; echo; "
+                f"[ ! -e {MOUNT_POINT} ] || echo {MOUNT_POINT}")
+        processes, mounts, directory = self.run("sh", "-c", look).stdout.split("\n\n")
         remains = []
-        for line in listing:
+        for line in processes.splitlines():
             pid, parent, state, arguments = line.split(None, 3)
-            if pid == "1" or pid in own or parent in own or self._is_system_process(parent, arguments):
+            if (pid == "1" or pid in own or parent in own or arguments == f"sh -c {look}"
+                    or self._is_system_process(parent, arguments)):
                 continue
             remains.append(f"process {pid} ({state}): {arguments}")
-        remains += [f"mount: {line}" for line in self.mounts()]
-        if self.exists(MOUNT_POINT):
-            remains.append(f"directory: {MOUNT_POINT}")
+        remains += [f"mount: {line}" for line in self._card_mounts(mounts)]
+        if directory:
+            remains.append(f"directory: {directory.strip()}")
         return remains
+
+    @staticmethod
+    def _card_mounts(mounts: str) -> list[str]:
+        return [line for line in mounts.splitlines()
+                if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
 
     def _is_system_process(self, _parent: str, arguments: str) -> bool:
         return arguments.startswith(("ps -e", "dbus-daemon "))

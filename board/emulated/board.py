@@ -39,6 +39,8 @@ class EmulatedBoard(Board):
     patience = PATIENCE
     # Its packages are unpacked and not installed: dpkg knows of none of them.
     _dpkg_options = ("--force-depends",)
+    # The hot-plug rule's program may still be at work on the last event.
+    _settle = "udevadm settle"
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
@@ -273,11 +275,6 @@ class EmulatedBoard(Board):
         finally:
             self._link.forget(number)
         return b"".join(received), answer["size"]
-
-    def _remains_on_board(self) -> list[str]:
-        # The hot-plug rule's program may still be at work on the last event.
-        self.run("udevadm", "settle", check=True)
-        return super()._remains_on_board()
 
     def _is_system_process(self, parent: str, arguments: str) -> bool:
         # The kernel's own threads are the children of process 2 (and of process 0, as that one is).

@@ -54,6 +54,17 @@ def test_a_closed_board_leaves_nothing_even_with_the_card_mounted_and_in_use(mak
     assert board.leftovers() == []
 
 
+def test_what_is_left_on_an_open_board_is_told(make_board):
+    with make_board() as board:
+        assert board.leftovers() == []
+        board.insert(Card.formatted())
+        sh(board, MOUNT_COMMAND)
+        board.run("setsid", "--fork", "sleep", "1000")
+        process, mount, directory = board.leftovers()
+        assert process.endswith(": sleep 1000")
+        assert mount.startswith("mount: /dev/mmcblk0p1 ") and directory == f"directory: {MOUNT_POINT}"
+
+
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
 def test_nothing_is_left_when_the_process_that_owns_the_board_dies(number):
     # A shell in whose background the tests run has had the interruption ignored.
