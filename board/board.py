@@ -155,6 +155,10 @@ class Board(Expectations, ABC):
         """Every log record of the service since the board was started."""
         return parse_records(self._board_file(LOG_FILE))
 
+    def lights(self) -> dict[str, bool] | None:
+        """Which LED really shines at this moment; None where the LEDs are only files."""
+        return None
+
     @property
     def system_log(self) -> list[str]:
         """Every entry of the system log since the board was started."""

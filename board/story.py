@@ -5,6 +5,8 @@ Ends with status 0 only if every step was seen.
 
 import sys
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from subprocess import CalledProcessError
 
@@ -12,6 +14,7 @@ from .board import Board
 from .bus import BusError
 from .card import Card
 from .emulated import BoardGone, EmulatedBoard, EmulatorError
+from .emulated.light_watch import LightWatch
 from .installation import PLATFORM
 from .names import CARD_DEVICE, CARD_INTERFACE, MOUNT_POINT, PARTITION_DEVICE
 from .telling import NotSeen, Teller
@@ -32,8 +35,8 @@ KINDS = {VirtualBoard: "A virtual board", EmulatedBoard: "An emulated 32-bit ARM
 def play(kind: type[Board], program: Path) -> None:
     """Plays and tells the story on a board of a kind. Raises NotSeen."""
     console = (PLATFORM / "tavo-sdcard.trackconfig.console.xml").read_text()
-    with kind(program=program, track_config=console) as board:
-        teller = Teller(board)
+    with kind(program=program, track_config=console) as board, _light_watch(board) as lights:
+        teller = Teller(board, lights)
         card = Card.as_bought(CARD_MIB)
 
         print(f"{KINDS[kind]}; it is {time.strftime('%H:%M:%S')}, and times are seconds from now on.")
@@ -48,11 +51,10 @@ def play(kind: type[Board], program: Path) -> None:
                            "log: INFO  St:Mounting New SD Card detected",
                            "log: INFO  St:Mounting SD Card Linux Ext4 format was new initialized",
                            "log: INFO  sdcard      SD Card is successfully mounted",
-                           "signal: CardMounted", "signal: MemStateChanged", "State: MOUNTED", "LEDs: MOUNTED"],
-                          within=60)
+                           "signal: CardMounted", "signal: MemStateChanged", "State: MOUNTED", "LEDs: MOUNTED",
+                           *_light(board, "blinks fast", "off")], within=60)
         teller.tell("card", _on_card(board))
         teller.tell("card", _content(board))
-        _tell_lights(teller, board)
         teller.tell("memory", f"state {board.property('MemState')}, {board.property('MemLevel')} % used")
         board.write_file(f"{MOUNT_POINT}/{LOGGER_DATABASE}", "kept\n")
         teller.tell("logger", f"leaves {LOGGER_DATABASE} at the card's root, as older versions did")
@@ -61,15 +63,16 @@ def play(kind: type[Board], program: Path) -> None:
         board.press_eject_button()
         teller.until_seen(["signal: EjectPressed", "log: INFO  sdcard      SD Card eject trigger received",
                            "log: INFO  sdcard      SD Card is successfully unmounted", "signal: CardUnmounted",
-                           "State: UNMOUNTED, last transition FILES_CLOSED", "LEDs: UNMOUNTED"],
+                           "State: UNMOUNTED, last transition FILES_CLOSED", "LEDs: UNMOUNTED",
+                           *_light(board, "off", "on")],
                           within=BUTTON_SECONDS + 10)
         board.release_eject_button()
-        _tell_lights(teller, board)
         _check(teller, board, card)
 
         teller.heading("The card is taken out, and put in again")
         board.pull()
-        teller.until_seen(["signal: CardRemoved", "State: NO_CARD, last transition CARD_REMOVED", "LEDs: OFF"], within=10)
+        teller.until_seen(["signal: CardRemoved", "State: NO_CARD, last transition CARD_REMOVED", "LEDs: OFF",
+                           *_light(board, "off", "off")], within=10)
         board.write_file(PREPARATION_SCRIPT, '#!/bin/sh\necho "$0 is called with $*"\n', 0o755)
         board.insert(card)
         teller.until_seen(["log: INFO  St:Mounting SD Card Linux Ext4 format is ok",
@@ -95,6 +98,18 @@ def play(kind: type[Board], program: Path) -> None:
     if remains := board.leftovers():
         raise NotSeen("a board that leaves nothing behind: " + "; ".join(remains))
     print("\nEvery step was seen, and nothing is left behind.")
+
+
+@contextmanager
+def _light_watch(board: Board) -> Iterator[LightWatch | None]:
+    if board.lights() is None:
+        yield None
+        return
+    watch = LightWatch(board.lights)
+    try:
+        yield watch
+    finally:
+        watch.close()
 
 
 def _overfill(teller: Teller, board: Board) -> None:
@@ -132,10 +147,9 @@ def _content(board: Board) -> str:
     return f"{MOUNT_POINT} ({used[2]}, {used[0]} of {used[1]} used) holds {' '.join(names)}"
 
 
-def _tell_lights(teller: Teller, board: Board) -> None:
-    """Tells what shines, where there is something that can."""
-    if isinstance(board, EmulatedBoard):
-        teller.tell("pins", ", ".join(f"{led} {'on' if on else 'off'}" for led, on in board.lights().items()))
+def _light(board: Board, red: str, green: str) -> list[str]:
+    """What is to be seen of the LEDs, where there is something that can shine."""
+    return [] if board.lights() is None else [f"pins: mmc-red {red}, mmc-green {green}"]
 
 
 def _check(teller: Teller, board: Board, card: Card) -> None:

@@ -6,6 +6,7 @@ from collections.abc import Callable, Iterable, Iterator
 
 from .board import Board
 from .bus import BusError
+from .emulated.light_watch import LightWatch
 
 POLL_SECONDS = 0.01
 PATIENCE_SECONDS = 2
@@ -18,15 +19,17 @@ class NotSeen(Exception):
 
 
 class Teller:
-    """Follows State, Transition, LEDs, signals and log lines of a board."""
+    """Follows State, Transition, LEDs, signals and log lines of a board; and the light of LEDs that shine."""
 
-    def __init__(self, board: Board) -> None:
+    def __init__(self, board: Board, lights: LightWatch | None = None) -> None:
         self.seen: list[str] = []  # everything told since the last heading, as "subject: words"
         self._board = board
         self._start = time.monotonic()
         self._state = ""
         self._signals = 0
         self._patterns = 0
+        self._lights = lights
+        self._lights_told = 0
         self._log_lines = 0
         self._waiting_shown = False
         self._begun = False
@@ -48,7 +51,8 @@ class Teller:
     def look(self) -> None:
         """Tells everything new, in the order in which it happened."""
         # The slow question first: what the others have told by its answer is then all at hand.
-        news = [*self._new_state(), *self._new_signals(), *self._new_patterns(), *self._new_log_lines()]
+        news = [*self._new_state(), *self._new_signals(), *self._new_patterns(), *self._new_lights(),
+                *self._new_log_lines()]
         for moment, subject, words in sorted(news, key=lambda new: new[0]):
             self.tell(subject, words, moment)
 
@@ -61,6 +65,11 @@ class Teller:
         for moment, pattern in self._board.led_panel.history[self._patterns:]:
             self._patterns += 1
             yield moment, "LEDs", f"{pattern.name}: {pattern.value}"
+
+    def _new_lights(self) -> Iterator[News]:
+        for moment, words in self._lights.news(self._lights_told) if self._lights else ():
+            self._lights_told += 1
+            yield moment, "pins", words
 
     def _new_log_lines(self) -> Iterator[News]:
         service = self._board.service

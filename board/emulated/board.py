@@ -16,7 +16,7 @@ from ..log_records import TRACKING_CONFIGURATION_TEXT
 from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION,
                      PARTITION_DEVICE, SYSTEM_BUS_SOCKET)
 from ..process import Process
-from .emulator import MEMORY_MIB, Emulator
+from .emulator import LED_PINS, MEMORY_MIB, Emulator, EmulatorError
 from .led_panel import EmulatedLedPanel
 from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
 from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume, strip
@@ -152,8 +152,11 @@ class EmulatedBoard(Board):
         return len(self._board_file(LOG_FILE))
 
     def lights(self) -> dict[str, bool]:
-        """Which LED really shines at this moment."""
-        return self._emulator.lights()
+        """Which LED has current on its pin at this moment; none without power."""
+        try:
+            return self._emulator.lights()
+        except EmulatorError:
+            return dict.fromkeys(LED_PINS, False)
 
     def kernel_messages(self) -> str:
         """What the kernel has had to say."""

@@ -82,7 +82,9 @@ class Panel:
         now = time.monotonic()
         for name, lamp in self.model.lamps.items():
             lamp.follow(self._board.led_panel.leds[name], now)
-        self.model.card_active = self._activity.seen()
+        self.model.lights = self._board.lights()
+        if self.model.lights is None:
+            self.model.card_active = self._activity.seen()
         self._changes.apply(self.model)
         if self.model.button.wants_release(now):
             self.hands.release_button()
