@@ -29,6 +29,7 @@ PATIENCE = 4
 MASKED_RULE = "/run/udev/rules.d/" + Path(HOTPLUG_RULE).name
 HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
 TERMINAL_SOCKET = "/run/board/terminal"
+TERMINAL_STATUS = "/run/board/terminal-status"
 CARD_STATISTICS = f"/sys/class/block/{Path(CARD_DEVICE).name}/stat"
 
 
@@ -128,14 +129,15 @@ class EmulatedBoard(Board):
     def open_terminal(self, command: str) -> int:
         size = os.get_terminal_size()
         environment = ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")}
-        shell = f"stty rows {size.lines} cols {size.columns}; {command}"
+        shell = f"stty rows {size.lines} cols {size.columns}; ({command}); echo $? >{TERMINAL_STATUS}"
         terminal = self._start(["socat", f"UNIX-LISTEN:{TERMINAL_SOCKET}",
                                 f"SYSTEM:'{shell}',pty,setsid,ctty,stderr,sane"], environment, None, b"")
         self._await_on_board(f"[ -S {TERMINAL_SOCKET} ]", CONTACT_SECONDS, "the terminal")
         with self._gate_to(TERMINAL_SOCKET) as path, socket.socket(socket.AF_UNIX) as connection:
             connection.connect(path)
             relay_terminal(connection)
-        return terminal.wait()
+        terminal.wait()
+        return int(self.read_file(TERMINAL_STATUS))
 
     def card_counters(self) -> str:
         # The emulator itself does not count what a card of this kind reads and writes.

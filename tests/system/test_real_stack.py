@@ -150,14 +150,28 @@ def test_a_power_cut_while_files_are_written_loses_none_that_was_synced(board, m
 
 
 @pytest.mark.parametrize("gibibytes", [4, 64])
-def test_sizes_of_large_cards_are_right(board, gibibytes):
+def test_sizes_of_large_cards_are_right_and_their_directories_kept_within_their_share(board, gibibytes):
     start_with_mounted_card(board, Card.formatted(gibibytes * 1024))
-    blocks, size = map(int, board.run("stat", "-f", "-c", "%b %S", MOUNT_POINT, check=True).stdout.split())
-    assert blocks * size > gibibytes * 1024 * MIB * 0.9
+    def file_system():
+        return map(int, board.run("stat", "-f", "-c", "%b %f %S", MOUNT_POINT, check=True).stdout.split())
+    blocks, _, size = file_system()
+    total = blocks * size
+    assert total > gibibytes * 1024 * MIB * 0.9
     for name, share in (("csv", 0.3), ("export", 0.2)):
         # The share is a floating-point number in the service as here; one byte may be rounded off.
-        assert abs(board.call("tavo.SDCard1", "GetDirSize", name) - blocks * size * share) <= 1
+        assert abs(board.call("tavo.SDCard1", "GetDirSize", name) - total * share) <= 1
     assert board.property("MemLevel") in (0, 1, 2)
+    # Two fifths of the card, of which the older half has to go; their room is taken and not written.
+    csv = f"{MOUNT_POINT}/csv"
+    for name in ("old", "new"):
+        board.run("fallocate", "-l", str(total // 5), f"{csv}/{name}", check=True)
+    assert 2 * (total // 5) < board.call("tavo.SDCard1", "getDirUsed", "csv") < total // 2
+    blocks, free, _ = file_system()
+    board.call("tavo.SDCard1", "RefreshMemState")
+    assert board.property("MemLevel") == -(-100 * (blocks - free) // blocks) >= 40
+    board.call("tavo.SDCard1", "EnsureDirSize", "csv")
+    assert board.run("ls", csv, check=True).stdout.split() == ["new"]
+    assert total // 5 <= board.call("tavo.SDCard1", "getDirUsed", "csv") < total * 0.3
     eject(board)
 
 

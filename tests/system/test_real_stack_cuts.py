@@ -102,7 +102,7 @@ def test_a_power_cut_while_the_card_is_formatted_is_made_good_at_the_next_start(
     card = start_formatting(board)
     board.cut_power()
     assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"
-    again = make_board(program=program)
+    again = make_board(program=program, cold_start=True)
     again.insert(card)
     again.start_service()
     expect_mounted(again, within=60)
@@ -121,7 +121,7 @@ def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(
     board.expect("the layout is being made", lambda: "seen" in waiting.output)
     board.cut_power()
     assert len(waiting.output.split()) < len(names), "the layout was complete already"
-    again = make_board(program=program, media_config=layout)
+    again = make_board(program=program, media_config=layout, cold_start=True)
     start_with_mounted_card(again, card)
     found = again.run("ls", MOUNT_POINT, check=True).stdout.split()
     assert set(names) <= set(found)
@@ -151,7 +151,7 @@ def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_withi
     left = len(after_replay(card).list_files("/csv"))
     # About 6000 of them have to go.
     assert files - 5500 < left < files + 2, "no file was removed yet, or all of them were"
-    again = make_board(program=program, media_config=layout)
+    again = make_board(program=program, media_config=layout, cold_start=True)
     start_with_mounted_card(again, card)
     again.call("tavo.SDCard1", "EnsureDirSize", "csv")
     limit = again.call("tavo.SDCard1", "GetDirSize", "csv")
