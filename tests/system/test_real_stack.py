@@ -1,6 +1,7 @@
 """What only the device's own kernel and hardware show: the MMC host, the LEDs' pins, the hot-plug events."""
 
 import time
+from statistics import median
 
 import pytest
 
@@ -30,6 +31,12 @@ def watch_lights(board, seconds):
 
 def changes(values):
     return sum(one != other for one, other in zip(values, values[1:]))
+
+
+def lasting(seen):
+    """For how many seconds the red LED was on or off each time, of what watch_lights() has seen."""
+    moments = [now for (_, before, _), (now, red, _) in zip(seen, seen[1:]) if before != red]
+    return [later - earlier for earlier, later in zip(moments, moments[1:])]
 
 
 def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board):
@@ -65,9 +72,9 @@ def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):
     board.insert(Card.formatted())
     board.expect_leds(LedPattern.BUSY)
     seen = watch_lights(board, 4)
-    red = [light for _, light, _ in seen]
-    # 40 half periods of 100 ms; a busy machine may be late with some and miss others.
-    assert 15 <= changes(red) <= 42
+    # 40 half periods; a busy machine may be late with some and miss others.
+    assert 25 <= changes([red for _, red, _ in seen]) <= 42
+    assert median(lasting(seen)) == pytest.approx(0.1, abs=0.015)
     assert not any(green for _, _, green in seen)
     expect_mounted(board)
 
