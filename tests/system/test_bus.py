@@ -271,7 +271,6 @@ def test_only_root_may_change_anything(board, interface, call):
     assert len(board.signals) == signals
 
 
-@pytest.mark.virtual  # the program that asks needs more of Python than the other has
 def test_only_root_may_be_the_service(bare_board):
     program = ("import jeepney, jeepney.io.blocking as io\n"
                "bus = io.open_dbus_connection('SYSTEM')\n"

@@ -42,6 +42,8 @@ done
 echo "messagebus:x:105:105::/nonexistent:/usr/sbin/nologin" >>"$root/etc/passwd"
 echo board >"$root/etc/hostname"
 ln -sf mawk "$root/usr/bin/awk"
+rm -rf "$root/var/run"
+ln -s ../run "$root/var/run"
 rm -f "$root/etc/mtab"
 ln -s ../proc/self/mounts "$root/etc/mtab"
 mkdir -p "$root/proc" "$root/sys" "$root/dev" "$root/run" "$root/tmp" "$root/media" "$root/mnt"

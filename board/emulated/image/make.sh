@@ -14,7 +14,7 @@ PATH=/usr/sbin:/usr/bin:/sbin:/bin
     base-files base-passwd libc-bin dash coreutils sed grep findutils mawk debianutils procps psmisc \
     mount util-linux bsdutils fdisk e2fsprogs dosfstools lsof sysvinit-core kmod udev \
     dbus dbus-daemon dbus-bin python3 bash strace socat busybox-static linux-image-armmp-lpae \
-    dpkg diffutils tar perl-base init-system-helpers sysvinit-utils \
+    python3-jeepney dpkg diffutils tar perl-base init-system-helpers sysvinit-utils \
     libqt5core5a libqt5dbus5 libqt5test5 liblog4cxx15 libfdisk1 libexpat1 libxml2-utils
 
 made_from=$(cat "$root/made-from" "$0" "$here/init" | sha256sum; qemu-system-arm --version | head -n 1)
