@@ -241,8 +241,11 @@ class EmulatedBoard(Board):
             pass
 
     def _insert(self, card: Card) -> None:
-        self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}", card.read_only)
+        self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}")
         self._await_on_board(f"[ -b {CARD_DEVICE} ]", CONTACT_SECONDS, "the card")
+        if card.read_only:
+            # As the driver does for a card whose switch says so; the emulated slot has no contact for that.
+            self.run("blockdev", "--setro", CARD_DEVICE, check=True)
 
     def _pull(self) -> None:
         self._emulator.pull()

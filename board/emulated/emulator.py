@@ -95,9 +95,9 @@ class Emulator:
         """Executes a command of the monitor for people and returns what it prints."""
         return str(self.execute("human-monitor-command", **{"command-line": line}))
 
-    def insert(self, image: str, read_only: bool) -> None:
-        """Puts a card into the slot. Raises EmulatorError."""
-        answer = self.monitor(f"change {SLOT} {image} raw {'read-only' if read_only else 'read-write'}")
+    def insert(self, image: str) -> None:
+        """Puts a card into the slot, which takes no image that may not be written. Raises EmulatorError."""
+        answer = self.monitor(f"change {SLOT} {image} raw read-write")
         if answer.strip():
             raise EmulatorError(answer.strip())
         # The slot remembers how slow the last card was.

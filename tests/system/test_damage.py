@@ -87,7 +87,6 @@ def test_a_card_that_cannot_be_repaired_is_corrupted_until_the_service_is_killed
     assert board.mounts() == []
 
 
-@pytest.mark.virtual  # the emulated slot takes writable cards only
 def test_a_write_protected_card_is_corrupted(board):
     card = Card.formatted()
     card.read_only = True

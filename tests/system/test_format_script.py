@@ -173,7 +173,6 @@ def test_a_card_mounted_where_the_script_cannot_see_it_is_refused(bare_board):
     assert len(card.partitions()) == 2
 
 
-@pytest.mark.virtual  # the emulated slot takes writable cards only
 def test_a_write_protected_card_is_a_failure_with_a_reason(bare_board):
     card = Card.as_bought()
     card.read_only = True
