@@ -5,9 +5,7 @@ import subprocess
 
 import pytest
 
-# The library is built for this machine.
-pytestmark = pytest.mark.virtual
-
+COMPILERS = {"virtual": "g++", "emulated": "arm-linux-gnueabihf-g++"}
 LIBRARY = "/run/failing-calls.so"
 NO_SOCKET = """
 #include <cerrno>
@@ -49,7 +47,7 @@ def start_with(board, tmp_path):
     """Starts the service with a library, given as its source, and waits for its end."""
     def start(source):
         library = tmp_path / "failing-calls.so"
-        command = ["g++", "-x", "c++", "-shared", "-fPIC", "-o", library, "-"]
+        command = [COMPILERS[board.kind], "-x", "c++", "-shared", "-fPIC", "-o", library, "-"]
         subprocess.run(command, input=source, text=True, check=True)
         board.install_program(library, LIBRARY)
         # A sanitizer would refuse to be loaded after the library.
