@@ -1,9 +1,7 @@
 """What a prepared card, a local account and a peer on the bus can and cannot do; docs/security.md tells it in words."""
 
 import json
-import os
 import re
-from pathlib import Path
 
 import pytest
 
@@ -12,8 +10,6 @@ from board.names import FORMAT_SCRIPT, OBJECT_PATH, SERVICE_NAME
 from conftest import ROOT
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card
-
-pytestmark = pytest.mark.virtual
 
 PLATFORM = ROOT / "platform"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
@@ -62,7 +58,7 @@ def test_a_name_on_the_card_is_never_shell_code(shipped, content):
         (content / DOUBLED / "2024").mkdir(parents=True, exist_ok=True)
         (content / DOUBLED / "2024" / name).write_text(name)
     put_in(shipped, content)
-    assert set(os.listdir(Contents(shipped).root / "csv")) == set(names)
+    assert Contents(shipped).names("csv") == sorted(names)
     assert shipped.run("find", "/", "-xdev", "-name", "pwned").stdout == ""
 
 
@@ -76,7 +72,7 @@ def test_what_a_card_links_to_is_never_deleted(shipped, content):
     (content / "logger").symlink_to("/var/linked")
     put_in(shipped, content)
     shipped.call(CARD_INTERFACE, "EnsureDirSize", "csv")
-    assert "large" not in os.listdir(Contents(shipped).root / "csv")
+    assert "large" not in Contents(shipped).names("csv")
     assert shipped.exists("/var/precious/file") and shipped.exists("/var/linked/file")
     assert f"{MOUNT_POINT}/logger is not a directory" in messages(shipped, "ERROR")
 
@@ -95,7 +91,7 @@ def test_a_card_whose_doubled_path_is_a_link_takes_what_lies_below_its_target(sh
     (content / DOUBLED).parent.mkdir(parents=True)
     (content / DOUBLED).symlink_to("/var/precious")
     put_in(shipped, content)
-    assert (Contents(shipped).root / "csv/key").read_text() == "secret"
+    assert Contents(shipped).texts("csv/key") == ["secret"]
     assert not shipped.exists("/var/precious/secrets/key")
 
 
@@ -144,7 +140,7 @@ def setuid_card(content):
 def test_a_set_user_id_program_on_the_card_works_unless_the_mount_is_restricted(shipped, content, restricted):
     if restricted:
         shipped.write_file(f"{JOBS}/restrict-card-mount", (PLATFORM / "restrict-card-mount").read_text(), 0o755)
-    (content / "id").write_bytes(Path("/usr/bin/id").read_bytes())
+    (content / "id").write_bytes(shipped.run("cat", "/usr/bin/id", check=True, as_bytes=True).stdout)
     start_with_mounted_card(shipped, setuid_card(content))
     result = shipped.run("sh", "-c", f"{MOUNT_POINT}/id -u", user="nobody")
     assert (result.stdout == "0\n") is not restricted
@@ -218,9 +214,7 @@ while True:
 
 def test_peers_that_ask_without_end_do_not_keep_a_card_from_being_given_back(shipped):
     start_with_mounted_card(shipped)
-    contents = Contents(shipped)
-    for number in range(2000):
-        contents.write(f"csv/{number}")
+    Contents(shipped).change(*(("write", f"csv/{number}") for number in range(2000)))
     peers = [shipped.start("/usr/bin/python3", "-I", "-c", ASK_WITHOUT_END, user="nobody") for _ in range(3)]
     shipped.expect("all ask", lambda: all("asks" in peer.output for peer in peers))
     eject(shipped, within=PATIENT_SECONDS)
