@@ -11,7 +11,8 @@ import subprocess
 import threading
 import time
 from abc import ABC, abstractmethod
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import TypeVar
 
@@ -79,6 +80,11 @@ class Board(Expectations, ABC):
         self.card = None
         if announce and self.bus.has_service():
             self.bus.announce_removal()
+
+    @contextmanager
+    def unannounced(self) -> Iterator[None]:
+        """Keeps the board itself from announcing the cards that come and go meanwhile."""
+        yield
 
     def fsck(self, card: Card) -> subprocess.CompletedProcess:
         """A full check of a card's first partition that changes nothing."""

@@ -64,6 +64,7 @@ class EmulatedBoard(Board):
         self._program = None if program is None else Path(program).resolve(strict=True)
         self._emulator: Emulator | None = None
         self._files: dict[str, bytes] = {}
+        self._unannounced = 0
         self.led_panel = EmulatedLedPanel(self._notify)
         self._emulator, self._link = start(self._program, memory_mib)
         self._emulator_pid = self._emulator.pid
@@ -198,12 +199,16 @@ class EmulatedBoard(Board):
 
     @contextmanager
     def unannounced(self) -> Iterator[None]:
-        """Keeps the hot-plug rule from announcing the cards that come and go meanwhile."""
-        self._set_hotplug(False)
+        """See Board; here it is the hot-plug rule that announces them, and that is put out of force."""
+        self._unannounced += 1
         try:
+            if self._unannounced == 1:
+                self._set_hotplug(False)
             yield
         finally:
-            self._set_hotplug(True)
+            self._unannounced -= 1
+            if self._unannounced == 0 and self.is_open:
+                self._set_hotplug(True)
 
     def report(self) -> str:
         console = self._emulator.console() if self.is_open else ""
