@@ -54,12 +54,9 @@ def boot(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
 def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
     """The same, gone on with from a snapshot, which is made if need be. Raises EmulatorError."""
     image = make_image()
-    digest = hashlib.sha256(f"{memory_mib} {(image / 'made-from').read_text()}".encode())
-    for path in sorted([*_sources(), *([program] if program else [])]):
-        digest.update(path.name.encode() + path.read_bytes())
     snapshots = _cache() / "snapshots"
     snapshots.mkdir(parents=True, exist_ok=True)
-    state = snapshots / digest.hexdigest()[:16]
+    state = snapshots / state_name(image, program, memory_mib)
     with _locked(_cache() / "snapshots.lock"):
         if not state.exists():
             _save(program, memory_mib, state)
@@ -68,6 +65,15 @@ def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
         os.utime(state)
         emulator = Emulator(image, ["-incoming", f"exec:cat '{state}'"], memory_mib)
     return emulator, _connect(emulator, None)
+
+
+def state_name(image: Path, program: Path | None, memory_mib: int) -> str:
+    """What tells the snapshot of such a board from all others."""
+    # A saved board knows where its files lie, and no two images have them in one place, whatever both were made from.
+    digest = hashlib.sha256(f"{memory_mib} {(image / 'root.ext4').stat().st_mtime_ns}".encode())
+    for path in sorted([*_sources(), *([program] if program else [])]):
+        digest.update(path.name.encode() + path.read_bytes())
+    return digest.hexdigest()[:16]
 
 
 def _save(program: Path | None, memory_mib: int, state: Path) -> None:

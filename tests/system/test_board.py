@@ -17,7 +17,7 @@ from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about the virtual board itself
 
 MOUNT_COMMAND = f"mkdir {MOUNT_POINT} && mount -t ext4 {PARTITION_DEVICE} {MOUNT_POINT}"
 
@@ -274,3 +274,12 @@ def test_a_snapshot_is_made_anew_when_a_module_changes_that_says_what_is_install
         modules |= imported
     assert package / "names.py" in modules
     assert modules | {package / "emulated" / "snapshot.py"} <= {source.resolve() for source in snapshot._sources()}
+
+
+def test_a_snapshot_is_made_anew_for_an_image_made_anew_of_the_same(tmp_path):
+    root = tmp_path / "root.ext4"
+    root.write_text("")
+    first = snapshot.state_name(tmp_path, None, 256)
+    assert snapshot.state_name(tmp_path, None, 256) == first
+    os.utime(root, ns=(1, 1))
+    assert snapshot.state_name(tmp_path, None, 256) != first
