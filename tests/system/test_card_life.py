@@ -19,7 +19,7 @@ def published(board):
     return State(properties["State"]), Transition(properties["Transition"]), properties["IsMounted"]
 
 
-@pytest.mark.virtual  # its moments are over too soon, and the kernel adds events of its own
+@pytest.mark.virtual  # the kernel reports the table that was written with events of its own
 def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
     board.replace_tool(E2FSCK, 'sleep 1; exec "$ORIGINAL" "$@"')
     board.start_service()
@@ -219,7 +219,6 @@ def test_a_card_with_two_partitions_is_made_ready(board):
     assert [partition.kind for partition in card.partitions()] == ["83"]
 
 
-@pytest.mark.virtual  # three seconds are over too soon
 @pytest.mark.parametrize("fresh, pause", [(True, 0.2), (False, 3.2)], ids=["an echo", "the user"])
 def test_only_within_three_seconds_of_a_format_a_removal_is_an_echo(board, fresh, pause):
     card = Card.as_bought()
