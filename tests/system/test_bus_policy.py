@@ -3,6 +3,8 @@
 import json
 import xml.etree.ElementTree as ElementTree
 
+import pytest
+
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, Board
 from board.names import OBJECT_PATH, SERVICE_NAME
 from conftest import ROOT
@@ -95,6 +97,7 @@ def described_members() -> list[str]:
     return names
 
 
+@pytest.mark.virtual  # no board is needed
 def test_the_table_names_every_method_and_property():
     assert [name for name in described_members() if name not in CALLS] == []
 

@@ -8,7 +8,7 @@ import pytest
 
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about the command on this machine
 
 # Runs a command in a mount namespace in which the first directory's programs come before the
 # machine's own, and in which the machine otherwise is as a further script says.

@@ -11,7 +11,7 @@ from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
 from board.names import (BOARD_DIRECTORY, E2FSCK, MEDIA_CONFIGURATION, SERVICE_NAME, SERVICE_PROGRAM,
                          TRACKING_CONFIGURATION)
 
-pytestmark = [pytest.mark.package, pytest.mark.virtual]
+pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
 INIT_SCRIPT = "/etc/init.d/sdcardd"
 LOG = "/var/log/tavo-sdcard.log"
 RUNNING, NOT_RUNNING = 0, 3

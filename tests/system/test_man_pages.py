@@ -9,7 +9,7 @@ import pytest
 from conftest import ROOT
 from staging import stage
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
 
 PAGES = ROOT / "docs" / "man"
 SERVICE_PAGE = PAGES / "sdcardd.8.scd"

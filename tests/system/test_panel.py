@@ -15,7 +15,7 @@ from board.leftovers import remains_on_host
 from conftest import ROOT
 from terminal import Terminal
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # the keys and the screen are the same with any board
 
 PANEL = ["/usr/bin/python3", "-B", "-m", "board.panel"]
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/", "LC_ALL": "C.UTF-8", "PYTHONPATH": str(ROOT)}

@@ -20,7 +20,7 @@ from board.panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
 from board.panel.view import MIN_COLUMNS, PALETTE
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about what is drawn; no board is needed
 
 CARD_COLUMNS = 48
 KINDS = [OWN_CARD, BLANK_CARD, DAMAGED_CARD, TWO_PARTITIONS_CARD]

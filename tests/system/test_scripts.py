@@ -10,7 +10,7 @@ import pytest
 
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
 
 NOT_SOURCES = {".git", "build"}
 SHELL_LINE = re.compile(rb"#! ?/(?:\S*/)?(?:env +)?(?:busybox +)?(?:sh|bash|dash|ash)\b")

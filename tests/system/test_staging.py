@@ -9,7 +9,7 @@ import pytest
 from conftest import ROOT
 from staging import stage
 
-pytestmark = pytest.mark.virtual
+pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
 
 # What the program, the system and its parts look for in these places, whatever the prefix is.
 FIXED = {

@@ -9,7 +9,7 @@ from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, State
 from board.names import E2FSCK
 from systemd_system import SystemdSystem
 
-pytestmark = [pytest.mark.package, pytest.mark.virtual]
+pytestmark = [pytest.mark.package, pytest.mark.virtual]  # the other has no systemd
 UNIT = "sdcardd.service"
 # The board's cards are loop devices, which the unit does not let the service open.
 DEVICES = "[Service]\nDeviceAllow=block-loop rw\nDeviceAllow=block-blkext rw\n"

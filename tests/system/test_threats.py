@@ -273,6 +273,7 @@ def test_a_device_may_refuse_queries_to_all_but_a_group(shipped):
 
 # The document
 
+@pytest.mark.virtual  # no board is needed
 def test_every_test_that_the_document_names_exists():
     names = {name for line in (ROOT / "docs/security.md").read_text().splitlines()
              for name in re.findall(r"`([a-z0-9]+(?:_[a-z0-9]+){2,})`", line)}
