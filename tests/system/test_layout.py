@@ -95,20 +95,26 @@ def test_a_mode_that_the_creation_mask_has_narrowed_is_corrected_the_next_time(m
     assert layout_records(board) == warnings(f"Correct directory mode '0777' for '{MOUNT_POINT}/open'")
 
 
-@pytest.mark.parametrize("mode, bits", [("8", "0"), ("0750x", "750"), ("x", "0"), ("700", "700")])
-def test_a_mode_ends_at_its_first_character_that_is_not_octal(make_board, program, mode, bits):
-    board = make_board(program=program, media_config=f'<sdcard><dir size="1" mode="{mode}">odd</dir></sdcard>')
+def with_directories(make_board, program, attribute, values):
+    """A board whose layout has a directory for each value of an attribute, named after its place among them."""
+    directories = "".join(f'<dir size="1" {attribute}="{value}">{place}</dir>' for place, value in enumerate(values))
+    board = make_board(program=program, media_config=f"<sdcard>{directories}</sdcard>")
     start_with_mounted_card(board)
-    assert Contents(board).described()["odd"][1] == bits
+    return board
 
 
-@pytest.mark.parametrize("owner, user, group", [
-    ("nosuchuser", "root", "root"), ("daemon:nosuchgroup", "daemon", "root"), (":adm", "root", "adm"),
-    ("nosuchuser:adm", "root", "adm"), ("daemon", "daemon", "root"), ("daemon:", "daemon", "root")])
-def test_an_owner_that_is_not_known_is_root(make_board, program, owner, user, group):
-    board = make_board(program=program, media_config=f'<sdcard><dir size="1" owner="{owner}">owned</dir></sdcard>')
-    start_with_mounted_card(board)
-    assert Contents(board).described()["owned"][2:] == (user, group)
+def test_a_mode_ends_at_its_first_character_that_is_not_octal(make_board, program):
+    bits = {"8": "0", "0750x": "750", "x": "0", "700": "700"}
+    found = Contents(with_directories(make_board, program, "mode", bits)).described()
+    assert {mode: found[str(place)][1] for place, mode in enumerate(bits)} == bits
+
+
+def test_an_owner_that_is_not_known_is_root(make_board, program):
+    owners = {"nosuchuser": ("root", "root"), "daemon:nosuchgroup": ("daemon", "root"), ":adm": ("root", "adm"),
+              "nosuchuser:adm": ("root", "adm"), "daemon": ("daemon", "root"), "daemon:": ("daemon", "root")}
+    board = with_directories(make_board, program, "owner", owners)
+    found = Contents(board).described()
+    assert {owner: found[str(place)][2:] for place, owner in enumerate(owners)} == owners
     assert layout_records(board) == []
 
 
