@@ -5,7 +5,7 @@ import time
 from collections.abc import Iterator
 from pathlib import Path
 
-from board import Board, Card, State
+from board import Card, State
 from board.emulated import EmulatedBoard
 from board.names import MOUNT_POINT, PARTITION_DEVICE
 
@@ -15,6 +15,7 @@ from .table import Row, as_markdown
 
 ROUNDS = 5
 WAIT_SECONDS = 60
+LOOK_SECONDS = 0.005
 AFTER_CONTACT = f"until [ -b {PARTITION_DEVICE} ]; do sleep 0.02; done; {MOUNT_BY_HAND}"
 TAKE_BACK = f"lsof -t -Q {MOUNT_POINT} || :; umount {MOUNT_POINT}"
 
@@ -23,7 +24,9 @@ class TargetBench(LifeBench):
     """What the device's user waits for."""
 
     def contact_and_button(self) -> Iterator[Row]:
-        """From the card's contact to its use, and from the button to the moment when it may be taken out."""
+        """From the card's contact to its use, and from the button, let go as soon as the service takes it,
+        to the light that says that the card may be taken out.
+        """
         mounts, unmounts = [], []
         with self.kind(program=self.service) as board:
             board.start_service()
@@ -36,21 +39,26 @@ class TargetBench(LifeBench):
                 mounts.append((ours[0], theirs[0]))
                 unmounts.append((ours[1], theirs[1]))
         yield Row("contact to CardMounted, with 1 s of insert delay", "the same tools in a shell script", compared(mounts))
-        yield Row("EjectPressed to CardUnmounted", "lsof and umount", compared(unmounts))
+        yield Row("button let go to the green light", "lsof and umount", compared(unmounts))
 
 
-def _by_service(board: Board, card: Card) -> tuple[Run, Run]:
+def _by_service(board: EmulatedBoard, card: Card) -> tuple[Run, Run]:
     seen = len(board.signals)
     contact = time.monotonic()
     board.insert(card)
     mounted = board.expect_signal("CardMounted", after=seen, within=WAIT_SECONDS)
     board.press_eject_button()
-    pressed = board.expect_signal("EjectPressed", after=seen, within=WAIT_SECONDS)
+    board.expect_signal("EjectPressed", after=seen, within=WAIT_SECONDS)
+    released = time.monotonic()
     board.release_eject_button()
-    unmounted = board.expect_signal("CardUnmounted", after=seen, within=WAIT_SECONDS)
+    while not board.lights()["mmc-green"]:
+        assert time.monotonic() < released + WAIT_SECONDS, "the green LED stays dark"
+        time.sleep(LOOK_SECONDS)
+    light = time.monotonic()
+    board.expect_state(State.UNMOUNTED)
     board.pull()
     board.expect_state(State.NO_CARD)
-    return _run(mounted.time - contact), _run(unmounted.time - pressed.time)
+    return _run(mounted.time - contact), _run(light - released)
 
 
 def _by_hand(board: EmulatedBoard, card: Card) -> tuple[Run, Run]:
