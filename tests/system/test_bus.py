@@ -135,14 +135,14 @@ def test_the_path_of_a_directory_or_link_is_below_the_mount_point_whether_or_not
 
 
 @pytest.mark.parametrize("method", ["GetDirPath", "GetDirSize", "getDirUsed"])
-@pytest.mark.parametrize("identifier", ["unknown", "/logger", "LOGGER", "logger ", "über"])
-def test_an_unknown_directory_is_an_invalid_argument(board, method, identifier):
+def test_an_unknown_directory_is_an_invalid_argument(board, method):
     board.start_service()
-    message = f"'id'-argument '{identifier}' does not specify a directory name"
-    assert error_of(board, method, identifier) == (INVALID_ARGUMENTS, message)
-    board.expect_record("ERROR", "SDCardImpl", f"GetDirPath(): reply '{message}'", source="SDCardImpl",
-                        function="SDCardImpl::GetDirPath")
-    assert len(messages(board, "ERROR")) == 1
+    for number, identifier in enumerate(["unknown", "/logger", "LOGGER", "logger ", "über"], 1):
+        message = f"'id'-argument '{identifier}' does not specify a directory name"
+        assert error_of(board, method, identifier) == (INVALID_ARGUMENTS, message)
+        board.expect_record("ERROR", "SDCardImpl", f"GetDirPath(): reply '{message}'", source="SDCardImpl",
+                            function="SDCardImpl::GetDirPath")
+        assert len(messages(board, "ERROR")) == number
 
 
 def test_an_empty_identifier_names_no_path_no_size_and_the_whole_cards_use(board):
@@ -171,16 +171,16 @@ def test_the_size_of_a_directory_is_its_share_of_the_whole_card(board):
     assert card_call(board, "GetDirSize", "logger") == 0
 
 
-@pytest.mark.parametrize("identifier", ["unknown", "export", "last", "Logger"])
-def test_enforcing_a_directory_that_is_not_watched_is_an_invalid_argument(board, identifier):
+def test_enforcing_a_directory_that_is_not_watched_is_an_invalid_argument(board):
     start_with_mounted_card(board)
-    message = f"'id'-argument '{identifier}' does not specify a capacity watched directory"
-    assert error_of(board, "EnsureDirSize", identifier) == (INVALID_ARGUMENTS, message)
-    warning, error = board.records[-2:]
-    assert (warning.level, warning.channel, warning.message) == (
-        "WARN", "StorageCapacityWatcher", f"There is no watched directory for identifier '{identifier}'")
-    assert (error.level, error.channel, error.source, error.message) == (
-        "ERROR", "SDCardImpl", "SDCardImpl", f"EnsureDirSize(): reply '{message}'")
+    for identifier in ("unknown", "export", "last", "Logger"):
+        message = f"'id'-argument '{identifier}' does not specify a capacity watched directory"
+        assert error_of(board, "EnsureDirSize", identifier) == (INVALID_ARGUMENTS, message)
+        warning, error = board.records[-2:]
+        assert (warning.level, warning.channel, warning.message) == (
+            "WARN", "StorageCapacityWatcher", f"There is no watched directory for identifier '{identifier}'")
+        assert (error.level, error.channel, error.source, error.message) == (
+            "ERROR", "SDCardImpl", "SDCardImpl", f"EnsureDirSize(): reply '{message}'")
 
 
 def test_enforcing_any_directory_without_a_card_is_done_at_once(board):
@@ -190,24 +190,26 @@ def test_enforcing_any_directory_without_a_card_is_done_at_once(board):
     assert messages(board, "WARN") + messages(board, "ERROR") == []
 
 
-@pytest.mark.parametrize("percent, mem_state", [(19, 3), (39, 4), (59, 5), (79, 6), (97, 7)])
-def test_the_memory_state_follows_the_used_share(board, percent, mem_state):
+def test_the_memory_state_follows_the_used_share(board):
     start_with_mounted_card(board)
-    signals = len(board.signals)
     contents = Contents(board)
-    status = contents.file_system()
-    wanted = status.f_blocks * percent // 100 - (status.f_blocks - status.f_bfree)
-    contents.fill("export/fill", wanted * status.f_frsize)
-    status = contents.file_system()
-    level = math.ceil((status.f_blocks - status.f_bfree) * 100 / status.f_blocks)
-    assert board.property("MemLevel") == 1
-    for _ in range(2):
-        assert card_call(board, "RefreshMemState") == mem_state
-    assert board.property("MemState") == mem_state
-    assert board.property("MemLevel") == level
-    board.expect_signal("MemLevelChanged", level, after=signals)
-    assert [(signal.name, *signal.arguments) for signal in board.signals[signals:]] == (
-        [("MemStateChanged", mem_state)] if mem_state != 3 else []) + [("MemLevelChanged", level)]
+    level_before = 1
+    for percent, mem_state in ((19, 3), (39, 4), (59, 5), (79, 6), (97, 7)):
+        signals = len(board.signals)
+        status = contents.file_system()
+        wanted = status.f_blocks * percent // 100 - (status.f_blocks - status.f_bfree)
+        contents.fill(f"export/{percent}", wanted * status.f_frsize)
+        status = contents.file_system()
+        level = math.ceil((status.f_blocks - status.f_bfree) * 100 / status.f_blocks)
+        assert board.property("MemLevel") == level_before
+        for _ in range(2):
+            assert card_call(board, "RefreshMemState") == mem_state
+        assert board.property("MemState") == mem_state
+        assert board.property("MemLevel") == level
+        board.expect_signal("MemLevelChanged", level, after=signals)
+        assert [(signal.name, *signal.arguments) for signal in board.signals[signals:]] == (
+            [("MemStateChanged", mem_state)] if mem_state != 3 else []) + [("MemLevelChanged", level)]
+        level_before = level
 
 
 def test_a_full_card_has_level_100(board):
@@ -240,35 +242,35 @@ def test_a_refresh_without_a_card_or_with_an_unusable_one_tells_so(board):
     assert board.transition is Transition.CARD_INSERTED
 
 
-@pytest.mark.parametrize("interface, call, answer", [
-    (CARD_INTERFACE, ["RefreshMemState"], "int32 3"),
-    (CARD_INTERFACE, ["GetDirPath", "string:csv"], f"{MOUNT_POINT}/csv"),
-    (CARD_INTERFACE, ["GetDirSize", "string:"], "int64 0"),
-    (CARD_INTERFACE, ["getDirUsed", "string:csv"], r"int64 \d+"),
-    (PROPERTIES, ["Get", f"string:{CARD_INTERFACE}", "string:State"], r"variant\s+int32 3"),
-    (PROPERTIES, ["GetAll", f"string:{CARD_INTERFACE}"], r"array \[(.|\n)*MountPoint(.|\n)*\]"),
-    ("org.freedesktop.DBus.Introspectable", ["Introspect"], r"<!DOCTYPE node(.|\n)*</node>"),
-])
-def test_everyone_may_ask(board, interface, call, answer):
+def test_everyone_may_ask(board):
     start_with_mounted_card(board)
-    result = send(board, interface, *call, user="nobody")
-    assert result.returncode == 0, result.stderr
-    assert re.fullmatch(answer, result.stdout.strip())
+    for interface, call, answer in (
+        (CARD_INTERFACE, ["RefreshMemState"], "int32 3"),
+        (CARD_INTERFACE, ["GetDirPath", "string:csv"], f"{MOUNT_POINT}/csv"),
+        (CARD_INTERFACE, ["GetDirSize", "string:"], "int64 0"),
+        (CARD_INTERFACE, ["getDirUsed", "string:csv"], r"int64 \d+"),
+        (PROPERTIES, ["Get", f"string:{CARD_INTERFACE}", "string:State"], r"variant\s+int32 3"),
+        (PROPERTIES, ["GetAll", f"string:{CARD_INTERFACE}"], r"array \[(.|\n)*MountPoint(.|\n)*\]"),
+        ("org.freedesktop.DBus.Introspectable", ["Introspect"], r"<!DOCTYPE node(.|\n)*</node>"),
+    ):
+        result = send(board, interface, *call, user="nobody")
+        assert result.returncode == 0, result.stderr
+        assert re.fullmatch(answer, result.stdout.strip()), call
 
 
-@pytest.mark.parametrize("interface, call", [
-    (CARD_INTERFACE, ["EnsureDirSize", "string:"]),
-    (CONTROLLER_INTERFACE, ["InsertCard"]),
-    (CONTROLLER_INTERFACE, ["RemoveCard"]),
-    (PROPERTIES, ["Set", f"string:{CARD_INTERFACE}", "string:State", "variant:int32:1"]),
-])
-def test_only_root_may_change_anything(board, interface, call):
+def test_only_root_may_change_anything(board):
     start_with_mounted_card(board)
     signals = len(board.signals)
-    result = send(board, interface, *call, user="nobody")
-    assert result.stderr.startswith("Error org.freedesktop.DBus.Error.AccessDenied: ")
-    assert board.state is State.MOUNTED
-    assert len(board.signals) == signals
+    for interface, call in (
+        (CARD_INTERFACE, ["EnsureDirSize", "string:"]),
+        (CONTROLLER_INTERFACE, ["InsertCard"]),
+        (CONTROLLER_INTERFACE, ["RemoveCard"]),
+        (PROPERTIES, ["Set", f"string:{CARD_INTERFACE}", "string:State", "variant:int32:1"]),
+    ):
+        result = send(board, interface, *call, user="nobody")
+        assert result.stderr.startswith("Error org.freedesktop.DBus.Error.AccessDenied: "), call
+        assert board.state is State.MOUNTED
+        assert len(board.signals) == signals
 
 
 def test_only_root_may_be_the_service(bare_board):
