@@ -121,11 +121,11 @@ def test_without_the_bus_it_says_so(board):
     assert "Start the bus, or name another with --bus." in refused.stderr
 
 
-@pytest.mark.parametrize("line", [[], ["eject"], ["wait", "gone"], ["path"], ["status", "--timeout", "1"]])
-def test_a_line_that_makes_no_sense_is_refused(board, line):
-    refused = ctl(board, *line)
-    assert refused.returncode == USAGE
-    assert refused.stderr.startswith("sdcardctl: ")
+def test_a_line_that_makes_no_sense_is_refused(board):
+    for line in ([], ["eject"], ["wait", "gone"], ["path"], ["status", "--timeout", "1"]):
+        refused = ctl(board, *line)
+        assert refused.returncode == USAGE, line
+        assert refused.stderr.startswith("sdcardctl: "), line
 
 
 def test_a_broken_configuration_hides_only_the_directories(board):
