@@ -4,6 +4,7 @@ import json
 import socket
 import subprocess
 import threading
+from collections.abc import Sequence
 from pathlib import Path
 
 # The general-purpose controller that the LEDs (outputs 0 and 1) and the button (input 4) are wired to.
@@ -22,8 +23,12 @@ class EmulatorError(Exception):
 class Emulator:
     """One running machine. It ends with this process at the latest."""
 
-    def __init__(self, image: Path, options: list[str], memory_mib: int = MEMORY_MIB) -> None:
-        """@p options say what it boots or from which state it goes on. Raises EmulatorError."""
+    def __init__(self, image: Path, options: list[str], memory_mib: int = MEMORY_MIB,
+                 files: Sequence[int] = ()) -> None:
+        """@p options say what it boots or from which state it goes on; @p files are the descriptors that they name.
+
+        Raises EmulatorError.
+        """
         ours, theirs = zip(*(socket.socketpair() for _ in range(3)))
         self.board_channel, monitor, self._pins = ours
         names = ("board", "monitor", "pins")
@@ -39,7 +44,7 @@ class Emulator:
                    "-mon", "chardev=monitor,mode=control", "-object", "qtest,id=pins,chardev=pins,log=/dev/null"]
         for name, end in zip(names, theirs):
             command += ["-chardev", f"socket,id={name},fd={end.fileno()}"]
-        self._process = subprocess.Popen(command + options, pass_fds=[end.fileno() for end in theirs],
+        self._process = subprocess.Popen(command + options, pass_fds=[*(end.fileno() for end in theirs), *files],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                          stderr=subprocess.STDOUT, start_new_session=True)
         for end in theirs:

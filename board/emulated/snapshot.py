@@ -63,7 +63,9 @@ def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
             for old in sorted(snapshots.iterdir(), key=lambda path: path.stat().st_mtime)[:-KEPT_SNAPSHOTS]:
                 old.unlink()
         os.utime(state)
-        emulator = Emulator(image, ["-incoming", f"exec:cat '{state}'"], memory_mib)
+        saved = state.open("rb")
+    with saved:
+        emulator = Emulator(image, ["-incoming", f"fd:{saved.fileno()}"], memory_mib, [saved.fileno()])
     return emulator, _connect(emulator, None)
 
 

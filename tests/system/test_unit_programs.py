@@ -4,10 +4,12 @@ import io
 import re
 import subprocess
 import tarfile
+from collections.abc import Iterable, Iterator
 from pathlib import Path
 
 import pytest
 
+from board.emulated import EmulatedBoard
 from board.emulated.snapshot import strip
 from conftest import ROOT
 
@@ -37,19 +39,60 @@ def test_some_tests_are_left_to_the_board():
     assert programs()
 
 
+class ProgramBoard:
+    """A board on which programs are run one after the other, until one of them fails."""
+
+    def __init__(self, directory: Path) -> None:
+        """@p directory is for files of its own."""
+        self._directory = directory
+        self._board: EmulatedBoard | None = None
+
+    def with_program(self, name: str) -> EmulatedBoard:
+        """The board with a program on it, beside those that it may start."""
+        if self._board is None:
+            # The tests bring their own LEDs and button: files, which can be told what to say.
+            self._board = EmulatedBoard(leds=False, eject_button=False)
+            # They make card slots of loop devices, and a layer over the root file system: no mount may hide
+            # what they read.
+            self._board.run("sh", "-c", "modprobe loop && umount /tmp && udevadm control --exit", check=True)
+            self._copy(STARTED_PROGRAMS, READ_DIRECTORIES)
+        self._copy([name])
+        return self._board
+
+    def close(self) -> None:
+        """Switches the board off; the next program gets another."""
+        board, self._board = self._board, None
+        if board is not None:
+            board.close()
+            assert board.leftovers() == []
+
+    def _copy(self, names: Iterable[str], directories: Iterable[str] = ()) -> None:
+        archive = io.BytesIO()
+        with tarfile.open(fileobj=archive, mode="w") as tar:
+            for name in names:
+                tar.add(strip(BUILD / name, self._directory / Path(name).name), arcname=str(BUILD / name))
+            for directory in directories:
+                tar.add(ROOT / directory, arcname=str(ROOT / directory))
+        self._board.run("busybox", "tar", "-x", "-C", "/", input=archive.getvalue(), check=True)
+
+
+@pytest.fixture(scope="module")
+def all_programs_board(tmp_path_factory: pytest.TempPathFactory) -> Iterator[ProgramBoard]:
+    board = ProgramBoard(tmp_path_factory.mktemp("programs"))
+    yield board
+    board.close()
+
+
+@pytest.fixture
+def program_board(request: pytest.FixtureRequest, all_programs_board: ProgramBoard) -> Iterator[ProgramBoard]:
+    yield all_programs_board
+    if getattr(request.node, "call_failed", True):
+        all_programs_board.close()
+
+
 @pytest.mark.parametrize("name", programs())
-def test_a_unit_test_program_passes_on_the_target(make_board, tmp_path, name):
-    # The tests bring their own LEDs and button: files, which can be told what to say.
-    board = make_board(leds=False, eject_button=False)
-    # They make card slots of loop devices, and a layer over the root file system: no mount may hide what they read.
-    board.run("sh", "-c", "modprobe loop && umount /tmp && udevadm control --exit", check=True)
-    archive = io.BytesIO()
-    with tarfile.open(fileobj=archive, mode="w") as tar:
-        for program in (name, *STARTED_PROGRAMS):
-            tar.add(strip(BUILD / program, tmp_path / Path(program).name), arcname=str(BUILD / program))
-        for directory in READ_DIRECTORIES:
-            tar.add(ROOT / directory, arcname=str(ROOT / directory))
-    board.run("busybox", "tar", "-x", "-C", "/", input=archive.getvalue(), check=True)
+def test_a_unit_test_program_passes_on_the_target(program_board, name):
+    board = program_board.with_program(name)
     chosen = []
     if left_out := programs()[name]:
         functions = [line.rstrip("()") for line in board.run(str(BUILD / name), "-functions", check=True).stdout.split()]
