@@ -15,6 +15,7 @@ sys.path.append(str(AGENT))
 import frames  # noqa: E402  (the agent's own file, which is alone on the board)
 
 ANSWER_SECONDS = 60
+HEARTBEAT_SECONDS = 1.0
 READ_BYTES = 65536
 
 
@@ -34,11 +35,13 @@ class Link:
         self._sending = threading.Lock()
         self._answers: dict[int, queue.SimpleQueue] = {}
         self._listeners: dict[int, Callable[[int, bytes], None]] = {}
+        self._closed = threading.Event()
         self._thread = threading.Thread(target=self._receive, name="board", daemon=True)
         self._thread.start()
 
     def close(self) -> None:
         """Ends the connection; whatever is still awaited ends with it."""
+        self._closed.set()
         try:
             self._channel.shutdown(socket.SHUT_RDWR)
         except OSError:
@@ -72,6 +75,21 @@ class Link:
                 raise RuntimeError(reply["error"])
             raise OSError(reply["errno"], reply["error"])
         return reply
+
+    def keep_awake(self) -> None:
+        """Sends the board something from time to time, until the connection is closed.
+
+        On a busy machine the emulator has been seen to forget the board's next timer: then no program of
+        the board was ever interrupted for another, until something came in from outside.
+        """
+        threading.Thread(target=self._beat, name="heartbeat", daemon=True).start()
+
+    def _beat(self) -> None:
+        while not self._closed.wait(HEARTBEAT_SECONDS):
+            try:
+                self.send(frames.HEARTBEAT, 0, b"")
+            except OSError:
+                return
 
     def new_number(self) -> int:
         """A number for a request that is known before it is sent."""

@@ -6,7 +6,7 @@ from collections.abc import Iterator
 # Kind, the number of the request that it belongs to, size of the payload in bytes.
 HEADER = struct.Struct(">BII")
 
-REQUEST, ANSWER, READY, OUTPUT, ERRORS, END, DATA, CLOSE, LIGHTS = range(9)
+REQUEST, ANSWER, READY, OUTPUT, ERRORS, END, DATA, CLOSE, LIGHTS, HEARTBEAT = range(10)
 
 
 def pack(kind: int, number: int, payload: bytes) -> bytes:

@@ -17,10 +17,14 @@ mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" "$root/var/lib/d
 version=$(ls "$root/usr/lib/modules")
 modules=$root/usr/lib/modules/$version
 depmod --basedir "$root/usr" "$version"
-keep=$(for module in virtio_pci virtio_blk virtio_console sdhci-pci mmc_block ext4 crc32c_generic overlay \
+needed=
+for module in virtio_pci virtio_blk virtio_console sdhci-pci mmc_block ext4 crc32c_generic overlay \
     leds-gpio ledtrig-timer ledtrig-default-on vfat nls_cp437 nls_ascii nls_iso8859-1 loop; do
-    modprobe --dirname "$root/usr" --set-version "$version" --show-depends "$module"
-done | sed -n 's/^insmod \([^ ]*\).*/\1/p' | sort -u)
+    # Not at the head of a pipeline, where nobody would see that there is no such module.
+    needed="$needed
+$(modprobe --dirname "$root/usr" --set-version "$version" --show-depends "$module")"
+done
+keep=$(printf '%s\n' "$needed" | sed -n 's/^insmod \([^ ]*\).*/\1/p' | sort -u)
 find "$modules/kernel" -name '*.ko' | sort | while IFS= read -r file; do
     case "
 $keep

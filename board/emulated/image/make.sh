@@ -35,9 +35,12 @@ disk=$new/disk
 mkdir -p "$disk/bin" "$disk/proc" "$disk/sys" "$disk/dev" "$disk/lower" "$disk/upper" "$disk/root"
 cp "$root/usr/bin/busybox" "$disk/bin/busybox"
 cp "$here/init" "$disk/init"
+needed=
 for module in virtio_pci virtio_blk crc32c_generic ext4 overlay; do
-    modprobe --dirname "$root/usr" --set-version "$version" --show-depends "$module"
-done | awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while IFS= read -r file; do
+    needed="$needed
+$(modprobe --dirname "$root/usr" --set-version "$version" --show-depends "$module")"
+done
+printf '%s\n' "$needed" | awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while IFS= read -r file; do
     cp "$file" "$disk/"
     basename "$file" >>"$disk/modules"
 done
@@ -56,7 +59,7 @@ for led in red:0 green:1; do
     fdtput -t x "$new/board.dtb" "/leds/mmc-${led%:*}" gpios "$gpio" "${led#*:}" 0
 done
 
-# Room is not needed: the board never writes to it.
+# The board never writes to it: what is free in it is for packages to come.
 mke2fs -q -t ext4 -O ^has_journal -d "$root" "$new/root.ext4" 200m >/dev/null
 printf '%s\n' "$made_from" >"$new/made-from"
 rm -rf "$image"
