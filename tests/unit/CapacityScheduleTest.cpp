@@ -106,7 +106,10 @@ void CapacityScheduleTest::what_is_no_interval_is_passed_over_data()
     QTest::newRow("two numbers") << QByteArray("1 2");
     QTest::newRow("hexadecimal") << QByteArray("0x10");
     QTest::newRow("fraction") << QByteArray("10.5");
+    QTest::newRow("exponent") << QByteArray("1.5e3");
+    QTest::newRow("two lines") << QByteArray("1000\n1000");
     QTest::newRow("too large") << QByteArray("2147483648");
+    QTest::newRow("beyond 32 bits") << QByteArray("99999999999");
     QTest::newRow("zero bytes") << QByteArray(100, '\0');
     QTest::newRow("long") << QByteArray(100'000, '9');
 }

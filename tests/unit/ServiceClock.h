@@ -2,7 +2,8 @@
 
 #include <QDateTime>
 
-/// The time of day that the service reads. Only in test programs that link service_clock.
+/// The time of day that QDateTime::currentDateTime() tells the service; other calls tell the
+/// system's. Only in test programs that link service_clock.
 namespace ServiceClock {
 
 /// Lets the clock stand at @p time.

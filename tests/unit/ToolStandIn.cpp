@@ -62,6 +62,9 @@ void ToolStandIn::letGo()
 {
     if (releasing < 0) {
         releasing = ::open(QFile::encodeName(kReleasePipe).constData(), O_RDWR | O_CLOEXEC);
+        if (releasing < 0) {
+            qFatal("cannot open %s", qPrintable(kReleasePipe));
+        }
     }
 }
 
@@ -73,6 +76,8 @@ void ToolStandIn::holdBack()
     }
     if (!QFile::exists(kReleasePipe)) {
         QDir().mkpath(QFileInfo(kReleasePipe).path());
-        ::mkfifo(QFile::encodeName(kReleasePipe).constData(), kPipeMode);
+        if (::mkfifo(QFile::encodeName(kReleasePipe).constData(), kPipeMode) != 0) {
+            qFatal("cannot make %s", qPrintable(kReleasePipe));
+        }
     }
 }

@@ -16,7 +16,7 @@ extern const QString kRunlevel;
 extern const QString kLsof;
 extern const QString kFormatScript;
 
-/// A shell command that waits until letGo() is called.
+/// A shell command that waits until letGo() is called; it fails before the first holdBack().
 extern const QByteArray kWait;
 
 /// Makes the search path begin with the directory of the stand-ins.
@@ -28,8 +28,9 @@ QStringList calls();
 /// calls(), which then start anew; none may be under way.
 QStringList takeCalls();
 
-/// Makes every kWait that runs or will run end; holdBack() makes those to come wait again.
-void letGo();
+/// Makes every kWait to come wait.
 void holdBack();
+/// Makes every kWait that runs or will run end, until the next holdBack(), of which there was one.
+void letGo();
 
 } // namespace ToolStandIn

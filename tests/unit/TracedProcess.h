@@ -19,7 +19,10 @@ public:
     /// A system call that is about to be made.
     struct Call
     {
-        long number; ///< as SYS_... names it
+        /// As SYS_... names it. The C library of a 32-bit machine makes other calls than that of a
+        /// 64-bit one for much (statx, _llseek, futex_time64): a test that counts calls tells
+        /// which.
+        long number;
         std::array<quint64, 6> arguments;
         int count; ///< how many of this number there have been, with this one
         pid_t process;

@@ -25,6 +25,9 @@ PrivateBus::PrivateBus(const QString& policy)
     while (!mDaemon.canReadLine() && mDaemon.waitForReadyRead()) {
     }
     mAddress = QString::fromUtf8(mDaemon.readLine()).trimmed();
+    if (mAddress.isEmpty()) {
+        qFatal("cannot start a message bus: %s", mDaemon.readAllStandardError().constData());
+    }
     QDBusConnection::connectToBus(mAddress, mAddress);
 }
 
