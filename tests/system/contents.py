@@ -59,7 +59,7 @@ class Contents:
     def change(self, *steps: tuple) -> None:
         """Takes steps that follow each other as fast as they can: a function's name and its arguments.
 
-        The functions are those of os, and: write (path, size in bytes, data), which makes a file with
+        Paths are str or bytes. The functions are those of os, but for write, and: write (path, size in bytes, data), which makes a file with
         its directories, its data cut off at the size or followed by a hole; freeze (path, whether),
         which keeps everybody from changing or removing a file, or allows it again; sleep (seconds).
         """
@@ -107,7 +107,9 @@ class Contents:
         result = self._board.run("find", path, "-printf", "".join(os.fsdecode(field) + r"\0" for field in fields),
                                  as_bytes=True)
         values = result.stdout.split(b"\0")[:-1]
-        assert values, result.stderr
+        # What goes while it is looked for is no more; anything else would be a tree half read.
+        assert values and all(line.endswith("No such file or directory") for line in result.stderr.splitlines()), \
+            result.stderr
         return zip(*(values[index::len(fields)] for index in range(len(fields))))
 
 

@@ -5,10 +5,9 @@ import time
 
 import pytest
 
-from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, Process, VirtualBoard
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, Process
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
-from conftest import ROOT
 
 NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
@@ -18,7 +17,7 @@ MAKE_FILE_SYSTEM = '"$ORIGINAL" "$@"'
 WAIT = "touch /run/board/waiting; while [ ! -e /run/board/go-on ]; do sleep 0.05; done"
 
 
-def start_formatting(board: VirtualBoard, mke2fs: str) -> Process:
+def start_formatting(board: Board, mke2fs: str) -> Process:
     """Starts the script with a body for mke2fs, and returns when that waits."""
     board.replace_tool("/usr/sbin/mke2fs", mke2fs)
     formatting = board.start(FORMAT_SCRIPT)
@@ -26,11 +25,11 @@ def start_formatting(board: VirtualBoard, mke2fs: str) -> Process:
     return formatting
 
 
-def format_card(board: VirtualBoard, *arguments: str) -> subprocess.CompletedProcess:
+def format_card(board: Board, *arguments: str) -> subprocess.CompletedProcess:
     return board.run(FORMAT_SCRIPT, *arguments)
 
 
-def assert_ready(board: VirtualBoard, card: Card) -> None:
+def assert_ready(board: Board, card: Card) -> None:
     assert [partition.kind for partition in card.partitions()] == ["83"]
     assert card.is_clean(), card.check().stdout
     board.run("mkdir", "-p", MOUNT_POINT, check=True)
