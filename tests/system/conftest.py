@@ -3,6 +3,7 @@
 import os
 import signal
 from collections.abc import Callable, Iterator
+from contextlib import ExitStack
 from pathlib import Path
 
 import pytest
@@ -11,6 +12,7 @@ from board import Board, VirtualBoard
 from board.emulated import EmulatedBoard
 
 ROOT = Path(__file__).resolve().parents[2]
+EMULATED_TIMEOUT_SECONDS = 900
 BOARDS = {"virtual": VirtualBoard, "emulated": EmulatedBoard}
 
 
@@ -24,6 +26,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def pytest_configure(config: pytest.Config) -> None:
     if os.geteuid() != 0:
         pytest.exit("the system tests need root: sudo ./dev test", returncode=2)
+    if _is_emulated(config) and not config.getoption("timeout", None):
+        config.option.timeout = EMULATED_TIMEOUT_SECONDS
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
@@ -84,7 +88,7 @@ def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
     chosen = pytestconfig.getoption("--program")
     preset = pytestconfig.getoption("--preset") or ("armhf" if _is_emulated(pytestconfig) else "dev")
     path = Path(chosen) if chosen else ROOT / "build" / preset / "source" / "sdcardd"
-    assert path.is_file(), f"{path} is missing: ./dev build"
+    assert path.is_file(), f"{path} is missing: ./dev build{' --armhf' if _is_emulated(pytestconfig) else ''}"
     return path
 
 
@@ -103,17 +107,19 @@ def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator
     failed = getattr(request.node, "call_failed", True)
     may_stay = request.node.get_closest_marker("leaves_card_mounted") is not None
     problems = []
-    for board in boards:
-        if board.is_open:
-            if failed:
-                print(board.report())
-            else:
-                problems += problems_at_the_end(board, may_stay)
-            if not request.node.get_closest_marker("crashes"):
-                problems += [f"the service crashed: {service.exit_status}\n{service.errors}"
-                             for service in board.services if service.crashed]
-            board.close()
-        problems += board.leftovers()
+    with ExitStack() as all_boards:
+        for board in boards:
+            all_boards.callback(board.close)
+        for board in boards:
+            if board.is_open:
+                if failed:
+                    print(board.report())
+                else:
+                    problems += problems_at_the_end(board, may_stay)
+                if not request.node.get_closest_marker("crashes"):
+                    problems += [f"the service crashed: {service.exit_status}\n{service.errors}"
+                                 for service in board.services if service.crashed]
+    problems += [remains for board in boards for remains in board.leftovers()]
     assert not problems, "\n".join(problems)
 
 

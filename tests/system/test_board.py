@@ -17,7 +17,7 @@ from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual  # about the virtual board itself
+pytestmark = pytest.mark.virtual  # about the boards' own working: once is enough
 
 MOUNT_COMMAND = f"mkdir {MOUNT_POINT} && mount -t ext4 {PARTITION_DEVICE} {MOUNT_POINT}"
 
@@ -52,17 +52,6 @@ def test_a_closed_board_leaves_nothing_even_with_the_card_mounted_and_in_use(mak
     assert remains_on_host(board.namespace, [board.card.name]) != []
     board.close()
     assert board.leftovers() == []
-
-
-def test_what_is_left_on_an_open_board_is_told(make_board):
-    with make_board() as board:
-        assert board.leftovers() == []
-        board.insert(Card.formatted())
-        sh(board, MOUNT_COMMAND)
-        board.run("setsid", "--fork", "sleep", "1000")
-        process, mount, directory = board.leftovers()
-        assert process.endswith(": sleep 1000")
-        assert mount.startswith("mount: /dev/mmcblk0p1 ") and directory == f"directory: {MOUNT_POINT}"
 
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])

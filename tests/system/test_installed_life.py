@@ -80,7 +80,7 @@ def test_a_purged_package_leaves_no_service_and_no_rule(board):
     assert [path for path in found.split() if not path.startswith("/etc/tavo")] == []
 
 
-@pytest.mark.emulated
+@pytest.mark.emulated  # the other board has no device manager
 def test_the_installed_rule_announces_the_card_and_has_a_blank_one_formatted(make_board):
     board = make_board(format_blank_cards=True)
     start(board)

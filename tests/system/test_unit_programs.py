@@ -13,7 +13,7 @@ from board.emulated import EmulatedBoard
 from board.emulated.snapshot import strip
 from conftest import ROOT
 
-pytestmark = pytest.mark.emulated
+pytestmark = pytest.mark.emulated  # the other board's kernel does not execute the target's programs
 
 BUILD = ROOT / "build" / "armhf"
 # What the tests find by the names that things have where they were built.
