@@ -69,7 +69,7 @@ def main() -> int:
     suites = {name: read_suite(directory / f"{name}.xml") for name in names}
     print("\nSummary")
     for name, counts in suites.items():
-        left_out = f", and {counts.disabled_programs} programs not run" if counts.disabled_programs else ""
+        left_out = f", and {counts.disabled_programs} programs left to another suite" if counts.disabled_programs else ""
         print(f"  {name} tests: {counts.passed + counts.failed + counts.skipped}{left_out}")
         for failure in counts.failures:
             print(f"    failed: {failure}")
