@@ -16,8 +16,8 @@ A shell on the {{kind}} board; exit leaves it.
   the service's log           tail -f {LOG_FILE}
   the LEDs                    head {LED_DIRECTORY}/*/*
 """
-# On the emulated board nothing can press the button, which is a pin.
-BUTTON = f"""\
+# On the emulated board there is no busctl, and nothing can press the button, which is a pin.
+ON_VIRTUAL_BOARD = f"""\
   its object on the bus       busctl introspect {SERVICE_NAME} {OBJECT_PATH}
   hold the eject button       echo 1 >{EJECT_BUTTON}
 """
@@ -32,7 +32,7 @@ def open_shell(board: Board) -> int:
     """
     board.write_file(SETTINGS_FILE, SETTINGS)
     emulated = isinstance(board, EmulatedBoard)
-    print(WELCOME.format(kind="emulated" if emulated else "virtual") + ("" if emulated else BUTTON), flush=True)
+    print(WELCOME.format(kind="emulated" if emulated else "virtual") + ("" if emulated else ON_VIRTUAL_BOARD), flush=True)
     return board.open_terminal(f"exec bash --rcfile {SETTINGS_FILE}")
 
 

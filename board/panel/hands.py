@@ -65,20 +65,17 @@ class Hands:
             card = card or kind.make(CARD_MIB)
             if kind is OWN_CARD:
                 self._own_card = card
-            self._board.insert(card, announce=False)
+            # Told before what it brings about.
+            self._changes.tell("you", f"put in {kind.name} of {CARD_MIB} MiB")
+            self._board.insert(card)
         finally:
             self._be_busy("")
-        self._changes.tell("you", f"put in {kind.name} of {CARD_MIB} MiB")
         self._changes.post(lambda model: setattr(model, "card", kind.name))
-        if self._board.bus.has_service():
-            self._board.bus.announce_insertion()
 
     def _pull(self) -> None:
-        self._board.pull(announce=False)
         self._changes.tell("you", "pull the card out")
+        self._board.pull()
         self._changes.post(lambda model: setattr(model, "card", ""))
-        if self._board.bus.has_service():
-            self._board.bus.announce_removal()
 
     def _be_busy(self, words: str) -> None:
         self._changes.post(lambda model: setattr(model, "slot_busy", words))
