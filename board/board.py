@@ -83,7 +83,7 @@ class Board(Expectations, ABC):
 
     @contextmanager
     def unannounced(self) -> Iterator[None]:
-        """Keeps the board itself from announcing the cards that come and go meanwhile."""
+        """Keeps the board itself from announcing the cards that come and go meanwhile, with announce=False."""
         yield
 
     def fsck(self, card: Card) -> subprocess.CompletedProcess:
@@ -120,7 +120,7 @@ class Board(Expectations, ABC):
         deadline = time.monotonic() + SERVICE_START_SECONDS * self.patience
         while wait and self.service.running and not (self.bus.has_service() and (name_only or self._has_begun())):
             if time.monotonic() > deadline:
-                raise TimeoutError(f"the service is not on the bus after {SERVICE_START_SECONDS} s{self.report()}")
+                raise TimeoutError(f"the service is not on the bus after {SERVICE_START_SECONDS * self.patience} s{self.report()}")
             time.sleep(POLL_SECONDS)
         return self.service
 

@@ -30,10 +30,6 @@ class Expectations:
         """Waits until the Transition property has a value."""
         self._expect_value(f"Transition {transition.name}", lambda: self.transition, transition, within)
 
-    def expect_property(self: "Board", name: str, value: object, within: float = EXPECT_SECONDS) -> None:
-        """Waits until a property has a value."""
-        self._expect_value(f"{name} {value!r}", lambda: self.property(name), value, within)
-
     def expect_state_for(self: "Board", state: State, seconds: float) -> None:
         """Watches that the State property keeps its value for so long."""
         end = time.monotonic() + seconds
@@ -52,14 +48,14 @@ class Expectations:
                          and (not arguments or signal.arguments == arguments)), None)
         if not self._until(lambda: find() is not None, within):
             seen = [f"{signal.name}{signal.arguments or ''}" for signal in self.signals]
-            raise Unexpected(f"no signal {name}{arguments or ''} within {within} s; seen: {seen}{self.report()}")
+            raise Unexpected(f"no signal {name}{arguments or ''} within {self._time(within)}; seen: {seen}{self.report()}")
         return find()
 
     def expect_leds(self: "Board", pattern: LedPattern, within: float = EXPECT_SECONDS) -> None:
         """Waits until both LEDs show a pattern."""
         if not self._until(lambda: self.led_panel.pattern is pattern, within):
             shown = {name: led.shows for name, led in self.led_panel.leds.items()}
-            raise Unexpected(f"LEDs {pattern.name} not shown within {within} s; they show {shown}{self.report()}")
+            raise Unexpected(f"LEDs {pattern.name} not shown within {self._time(within)}; they show {shown}{self.report()}")
 
     def expect_record(self: "Board", level: str, channel: str, message: str, source: str | None = None,
                       function: str | None = None, after: int = 0, within: float = EXPECT_SECONDS) -> LogRecord:
@@ -70,7 +66,7 @@ class Expectations:
                          and source in (None, record.source) and function in (None, record.function)), None)
         if not self._until(lambda: find() is not None, within):
             raise Unexpected(f"no record {level} {channel} '{message}' (source {source}, function {function}) "
-                             f"within {within} s{self.report()}")
+                             f"within {self._time(within)}{self.report()}")
         return find()
 
     def expect_no_record(self: "Board", message: str, level: str | None = None) -> None:
@@ -87,14 +83,17 @@ class Expectations:
     def expect_service_end(self: "Board", status: int = 0, within: float = EXPECT_SECONDS) -> None:
         """Waits for the service to end with an exit status."""
         if not self._until(lambda: not self.service.running, within):
-            raise Unexpected(f"the service still runs after {within} s{self.report()}")
+            raise Unexpected(f"the service still runs after {self._time(within)}{self.report()}")
         if self.service.exit_status != status:
             raise Unexpected(f"the service did not end with {status}{self.report()}")
 
     def expect(self: "Board", what: str, condition: Callable[[], bool], within: float = EXPECT_SECONDS) -> None:
         """Waits until any other condition holds."""
         if not self._until(condition, within):
-            raise Unexpected(f"not within {within} s: {what}{self.report()}")
+            raise Unexpected(f"not within {self._time(within)}: {what}{self.report()}")
+
+    def _time(self: "Board", within: float) -> str:
+        return f"{within * self.patience:g} s"
 
     def _expect_value(self: "Board", what: str, read: Callable[[], object], value: object, within: float) -> None:
         seen: list[object] = [None]
@@ -108,4 +107,4 @@ class Expectations:
                     raise Unexpected(f"expected {what}, but the service has ended{self.report()}") from problem
             return seen[0] == value
         if not self._until(matches, within):
-            raise Unexpected(f"expected {what} within {within} s, last seen {seen[0]!r}{self.report()}")
+            raise Unexpected(f"expected {what} within {self._time(within)}, last seen {seen[0]!r}{self.report()}")

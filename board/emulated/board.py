@@ -16,9 +16,9 @@ from ..log_records import TRACKING_CONFIGURATION_TEXT
 from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION,
                      PARTITION_DEVICE, SYSTEM_BUS_SOCKET)
 from ..process import Process
-from .emulator import LED_PINS, MEMORY_MIB, Emulator, EmulatorError
+from .emulator import LED_PINS, MEMORY_MIB, Emulator, EmulatorError, processes_named
 from .led_panel import EmulatedLedPanel
-from .link import BoardGone, Link, RemoteProgram, SocketGate, frames
+from .link import BoardGone, RemoteProgram, SocketGate
 from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume, strip
 from .terminal import relay_terminal
 
@@ -67,7 +67,7 @@ class EmulatedBoard(Board):
         self._unannounced = 0
         self.led_panel = EmulatedLedPanel(self._notify)
         self._emulator, self._link = start(self._program, memory_mib)
-        self._emulator_pid = self._emulator.pid
+        self._name = self._emulator.name
         try:
             self._set_up(installed, leds, eject_button)
             if package is not None:
@@ -78,6 +78,7 @@ class EmulatedBoard(Board):
             raise
 
     def _set_up(self, installed: dict[str, dict], leds: bool, eject_button: bool) -> None:
+        self._link.keep_awake()
         self._link.on_lights = self.led_panel.update
         self._link.ask("install", files=installed)
         self._link.ask("watch_lights")
@@ -211,7 +212,10 @@ class EmulatedBoard(Board):
                 self._set_hotplug(True)
 
     def report(self) -> str:
-        console = self._emulator.console() if self.is_open else ""
+        try:
+            console = self._emulator.console() if self.is_open else ""
+        except EmulatorError as problem:
+            console = str(problem)
         return super().report() + "\nkernel:\n" + "\n".join(console.splitlines()[-30:])
 
     def install_program(self, program: Path, path: str) -> None:
@@ -295,4 +299,4 @@ class EmulatedBoard(Board):
                 or "udevd" in arguments or arguments.strip("[]") == "(udev-worker)")
 
     def _remains_of_board(self) -> list[str]:
-        return [f"emulator {self._emulator_pid}"] if Path(f"/proc/{self._emulator_pid}").exists() else []
+        return processes_named(self._name)

@@ -4,6 +4,7 @@ import json
 import socket
 import subprocess
 import threading
+import uuid
 from collections.abc import Sequence
 from pathlib import Path
 
@@ -20,6 +21,18 @@ class EmulatorError(Exception):
     """The emulator did not start or refused a command."""
 
 
+def processes_named(name: str) -> list[str]:
+    """The processes of an emulator that has this name, in words."""
+    found = []
+    for command in Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            if name.encode() in command.read_bytes():
+                found.append(f"emulator {command.parent.name}")
+        except OSError:
+            continue
+    return found
+
+
 class Emulator:
     """One running machine. It ends with this process at the latest."""
 
@@ -32,7 +45,8 @@ class Emulator:
         ours, theirs = zip(*(socket.socketpair() for _ in range(3)))
         self.board_channel, monitor, self._pins = ours
         names = ("board", "monitor", "pins")
-        command = ["setpriv", "--pdeathsig", "KILL", "qemu-system-arm",
+        self.name = f"sdcardd-board-{uuid.uuid4()}"
+        command = ["setpriv", "--pdeathsig", "KILL", "qemu-system-arm", "-name", self.name,
                    "-M", "virt,highmem=off,accel=tcg", "-cpu", "cortex-a7", "-smp", "1", "-m", str(memory_mib),
                    "-nodefaults", "-display", "none", "-dtb", str(image / "board.dtb"),
                    "-drive", f"if=none,id=root,format=raw,readonly=on,file={image / 'root.ext4'}",
@@ -61,11 +75,6 @@ class Emulator:
         except BaseException:
             self.switch_off()
             raise
-
-    @property
-    def pid(self) -> int:
-        """The emulator's process."""
-        return self._process.pid
 
     @property
     def running(self) -> bool:
@@ -134,7 +143,7 @@ class Emulator:
             raise EmulatorError(f"set_irq_in: {answer}")
 
     def console(self) -> str:
-        """What the kernel has written to its console lately."""
+        """What the kernel has written to its console since the last call."""
         return str(self.execute("ringbuf-read", device="console", size=65536))
 
     def _find_gpio(self) -> str:

@@ -1,4 +1,4 @@
-"""The LEDs of an emulated board: what its kernel says of them, and the light itself."""
+"""The LEDs of an emulated board, as its kernel tells of them; Board.lights() has the light itself."""
 
 import time
 from collections.abc import Callable

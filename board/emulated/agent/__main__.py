@@ -152,13 +152,13 @@ class Agent:
             connection.close()
 
     def _do_read(self, number: int, path: str, offset: int) -> dict:
-        """A file's size, its inode, and what stands in it from an offset on (as a DATA frame)."""
+        """A file's size, and what stands in it from an offset on (as a DATA frame)."""
         with open(path, "rb") as file:
             file.seek(offset)
             data = file.read()
-            status = os.fstat(file.fileno())
+            size = os.fstat(file.fileno()).st_size
         self._send(frames.DATA, number, data)
-        return {"size": status.st_size, "inode": status.st_ino}
+        return {"size": size}
 
     def _do_install(self, _number: int, files: dict[str, dict]) -> None:
         install_files(files)
