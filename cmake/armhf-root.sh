@@ -3,9 +3,10 @@
 #
 # Usage: armhf-root.sh DIRECTORY [--hook SCRIPT] PACKAGE...
 #
-# Nothing is done when DIRECTORY was made from the same list on the same Debian release before; its
-# file "made-from" tells. SCRIPT gets the new tree as its argument before it takes DIRECTORY's place;
-# the packages themselves are still in it then, in var/cache/apt/archives.
+# Nothing is done when DIRECTORY was made from the same list, by the same scripts, on the same Debian
+# release with the same Qt before; its file "made-from" tells. SCRIPT gets the new tree as its argument
+# before it takes DIRECTORY's place; the packages themselves are still in it then, in
+# var/cache/apt/archives.
 set -eu
 
 directory=$1
