@@ -52,9 +52,10 @@ class SlowRun:
         assert_well_chosen(self.before, self.contents.entries("watched"), limit_of(self.contents, PERCENT))
 
     def _write_files(self):
-        # Together they become part of the watched directory in one moment.
-        files = [("write", f"aside/{number}", FILE_SIZE) for number in range(FILES)]
-        self.contents.change(*(step for number in range(0, FILES, 10) for step in (*files[number:number + 10], PAUSE)),
+        # Together they become part of the watched directory in one moment. Each has a time of its own: of two
+        # with the same time, one run may choose one, and another run the other.
+        self.contents.change(*(step for number in range(FILES)
+                               for step in (("write", f"aside/{number}", FILE_SIZE), PAUSE)),
                              ("rename", "aside", "watched/files"))
         self.before = self.contents.entries("watched")
 
