@@ -40,8 +40,9 @@ class EmulatedBoard(Board):
     patience = PATIENCE
     # Its packages are unpacked and not installed: dpkg knows of none of them.
     _dpkg_options = ("--force-depends",)
-    # The hot-plug rule's program may still be at work on the last event.
-    _settle = "udevadm settle"
+    # The hot-plug rule's program may still be at work on the last event. The device manager has been seen to
+    # close the connection instead of answering.
+    _settle = "{ udevadm settle || udevadm settle; }"
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
@@ -181,7 +182,7 @@ class EmulatedBoard(Board):
         self.card = card
         if announce and not self.bus.has_service():
             # Or a service that is started next would still be told.
-            self.run("udevadm", "settle", check=True)
+            self.settle()
         elif announce and not has_partition:
             self.bus.announce_insertion()
 
@@ -211,6 +212,10 @@ class EmulatedBoard(Board):
             if self._unannounced == 0 and self.is_open:
                 self._set_hotplug(True)
 
+    def settle(self) -> None:
+        """Waits until all that the kernel's events have started has ended."""
+        self.run("sh", "-c", self._settle, check=True)
+
     def report(self) -> str:
         try:
             console = self._emulator.console() if self.is_open else ""
@@ -225,7 +230,7 @@ class EmulatedBoard(Board):
     def _set_hotplug(self, on: bool) -> None:
         change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"
         # Events on their way are dealt with by the rules as they are.
-        self.run("sh", "-c", f"udevadm settle; {change}; udevadm control --reload", check=True)
+        self.run("sh", "-c", f"{self._settle} && {change} && udevadm control --reload", check=True)
 
     def _start(self, command: list[str], environment: dict[str, str], user: str | None,
                standard_input: bytes) -> Process:

@@ -99,7 +99,7 @@ def test_the_red_led_shows_at_its_pin_that_the_card_is_busy(board):
 def test_the_boards_counters_change_when_the_card_is_read_and_only_then(bare_board):
     assert bare_board.card_counters() == ""
     bare_board.insert(Card.formatted())
-    bare_board.run("udevadm", "settle", check=True)
+    bare_board.settle()
     at_rest = bare_board.card_counters()
     assert bare_board.card_counters() == at_rest != ""
     bare_board.run("dd", f"if={CARD_DEVICE}", "of=/dev/null", "iflag=direct", "count=1", check=True)
@@ -137,7 +137,7 @@ def test_a_blank_card_is_never_announced_when_the_installer_wants_it_left_alone(
     board.start_service()
     card = Card.blank()
     board.insert(card, announce=None)
-    board.run("udevadm", "settle", check=True)
+    board.settle()
     board.expect_state_for(State.NO_CARD, 3)
     assert announcements(board) == []
     assert card.partitions() == []
