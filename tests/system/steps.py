@@ -47,15 +47,6 @@ def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
     assert card.is_clean(), card.check().stdout
 
 
-def expect_nothing_stuck(board: Board) -> None:
-    """Nobody waits for a card that is gone, and nothing of it is mounted."""
-    def waiting() -> list[str]:
-        states = board.run("ps", "-e", "-o", "stat=,args=", check=True).stdout.splitlines()
-        return [line for line in states if line.startswith("D")]
-    board.expect("no process in an uninterruptible wait", lambda: waiting() == [])
-    assert board.mounts() == []
-
-
 def take_out(board: Board) -> None:
     """Takes the card out and waits until the service has noticed."""
     board.pull()

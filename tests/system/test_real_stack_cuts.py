@@ -4,13 +4,22 @@ import signal
 
 import pytest
 
-from board import MOUNT_POINT, Card, State
+from board import MOUNT_POINT, Card, State, Transition
 from board.names import E2FSCK, FORMAT_SCRIPT
-from steps import MOUNT_SECONDS, eject, expect_mounted, expect_nothing_stuck, messages, start_with_mounted_card
+from steps import MOUNT_SECONDS, eject, expect_mounted, messages, start_with_mounted_card
 
 pytestmark = pytest.mark.emulated  # the other board's power cannot be cut, and its cards cannot be slow
 
 KIB, MIB = 1024, 1024 * 1024
+
+
+def expect_nothing_stuck(board):
+    """Nobody waits for a card that is gone, and nothing of it is mounted."""
+    def waiting():
+        states = board.run("ps", "-e", "-o", "stat=,args=", check=True).stdout.splitlines()
+        return [line for line in states if line.startswith("D")]
+    board.expect("no process in an uninterruptible wait", lambda: waiting() == [])
+    assert board.mounts() == []
 
 
 def after_replay(card):
@@ -18,6 +27,22 @@ def after_replay(card):
     copy = card.copy()
     copy.run_tool("e2fsck", "-p", copy.path + f"?offset={copy.partitions()[0].offset}", check=False)
     return copy
+
+
+def test_a_card_pulled_while_it_is_written_is_mounted_again_when_the_kernel_sees_it_again(board):
+    card = start_with_mounted_card(board)
+    board.run("sh", "-c", f"echo kept >{MOUNT_POINT}/export/kept && sync", check=True)
+    writer = board.start("dd", "if=/dev/zero", f"of={MOUNT_POINT}/export/data", "bs=64k", "oflag=sync")
+    board.expect("it writes", lambda: board.run("test", "-s", f"{MOUNT_POINT}/export/data").returncode == 0)
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    board.expect_transition(Transition.CARD_REMOVED)
+    assert writer.wait(60) != 0
+    expect_nothing_stuck(board)
+    board.insert(card)
+    expect_mounted(board)
+    assert board.read_file(f"{MOUNT_POINT}/export/kept") == "kept\n"
+    eject(board)
 
 
 def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the_latest(board):
