@@ -22,6 +22,18 @@ def words_of(lit_at, seconds: float = 2.0) -> list[str]:
     return words
 
 
+def first_two(look) -> list[str]:
+    """The first two things that are told of LEDs, of which @p look says which are lit."""
+    watch = LightWatch(look)
+    deadline = time.monotonic() + 10
+    try:
+        while not (news := [words for _, words in watch.news(0)])[1:] and time.monotonic() < deadline:
+            time.sleep(0.05)
+    finally:
+        watch.close()
+    return news
+
+
 @pytest.mark.parametrize("lit, said", [(True, "on"), (False, "off")])
 def test_an_led_that_does_not_change_is_on_or_off(lit, said):
     assert words_of(lambda _: lit) == [said]
@@ -55,10 +67,13 @@ def test_what_lasts_too_short_to_be_a_pattern_is_not_told():
     def look() -> dict[str, bool]:
         elapsed = time.monotonic() - begin
         return {"red": 0.5 < elapsed < 0.6, "green": elapsed > 1.0}
-    watch = LightWatch(look)
-    try:
-        while not (news := [words for _, words in watch.news(0)])[1:] and time.monotonic() < begin + 10:
-            time.sleep(0.05)
-    finally:
-        watch.close()
-    assert news == ["red off, green off", "red off, green on"]
+    assert first_two(look) == ["red off, green off", "red off, green on"]
+
+
+def test_leds_that_change_one_after_the_other_are_told_as_one_change():
+    begin = time.monotonic()
+
+    def look() -> dict[str, bool]:
+        elapsed = time.monotonic() - begin
+        return {"red": elapsed < 1.0, "green": elapsed > 1.1}
+    assert first_two(look) == ["red on, green off", "red off, green on"]
