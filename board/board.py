@@ -21,6 +21,7 @@ from .bus import BusClient, BusError, Signal
 from .card import Card
 from .expectations import Expectations
 from .leds import LedPanel
+from .leftovers import Leftovers
 from .log_records import LogRecord, parse_records
 from .names import (BOARD_DIRECTORY, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION, MOUNT_POINT, RUN_LEVEL_FILE,
                     SERVICE_PROGRAM, SYSTEM_LOG, TOOL_CALLS_FILE, TRACKING_CONFIGURATION, State, Transition)
@@ -40,7 +41,7 @@ SANITIZER_ENVIRONMENT = {
 Board_ = TypeVar("Board_", bound="Board")
 
 
-class Board(Expectations, ABC):
+class Board(Expectations, Leftovers, ABC):
     """A device with a card slot, two LEDs, an eject button and a system bus. Use it in a with statement."""
 
     # As one speaks of it: a "virtual" board.
@@ -48,8 +49,6 @@ class Board(Expectations, ABC):
     # By how much every time that a test allows for something is longer on this kind of board.
     patience = 1
     _dpkg_options: tuple[str, ...] = ()
-    # What ends (sh) when all that events of the kernel have started has ended.
-    _settle = ":"
 
     def __init__(self) -> None:
         self.services: list[Process] = []  # every start of the service
@@ -261,20 +260,6 @@ class Board(Expectations, ABC):
         """Makes the system's run level what `runlevel` then prints; 6 is a reboot."""
         self.write_file(RUN_LEVEL_FILE, f"N {level}\n")
 
-    # What is left behind
-
-    def leftovers(self) -> list[str]:
-        """What should not be there any more, in words.
-
-        While the board is open: what the service, after its end, left on the board. Once it is
-        closed: what the board left on this machine.
-        """
-        return self._remains_on_board() if self.is_open else self._remains_of_board()
-
-    def mounts(self) -> list[str]:
-        """The board's mounts of the card, as /proc/mounts tells them."""
-        return self._card_mounts(self.read_file("/proc/mounts"))
-
     def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
         """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
         copy = f"{BOARD_DIRECTORY}/package.deb"
@@ -289,32 +274,6 @@ class Board(Expectations, ABC):
             self.write_file(TRACKING_CONFIGURATION, track_config)
         if media_config is not None:
             self.write_file(MEDIA_CONFIGURATION, media_config)
-
-    def _remains_on_board(self) -> list[str]:
-        own = {str(process.pid) for process in self._started}
-        # In one go, as each program's start takes a slow board its time.
-        look = (f"{self._settle}; ps -e -o pid=,ppid=,stat=,args=; echo; cat /proc/mounts; echo; "
-                f"[ ! -e {MOUNT_POINT} ] || echo {MOUNT_POINT}")
-        processes, mounts, directory = self.run("sh", "-c", look).stdout.split("\n\n")
-        remains = []
-        for line in processes.splitlines():
-            pid, parent, state, arguments = line.split(None, 3)
-            if (pid == "1" or pid in own or parent in own or arguments == f"sh -c {look}"
-                    or self._is_system_process(parent, arguments)):
-                continue
-            remains.append(f"process {pid} ({state}): {arguments}")
-        remains += [f"mount: {line}" for line in self._card_mounts(mounts)]
-        if directory:
-            remains.append(f"directory: {directory.strip()}")
-        return remains
-
-    @staticmethod
-    def _card_mounts(mounts: str) -> list[str]:
-        return [line for line in mounts.splitlines()
-                if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
-
-    def _is_system_process(self, _parent: str, arguments: str) -> bool:
-        return arguments.startswith(("ps -e", "dbus-daemon "))
 
     def report(self) -> str:
         """The last records and the service's output, for a failed expectation."""
@@ -390,10 +349,6 @@ class Board(Expectations, ABC):
     @abstractmethod
     def _board_file(self, path: str) -> str:
         """A file below the board's own directory; empty while it does not exist."""
-
-    @abstractmethod
-    def _remains_of_board(self) -> list[str]:
-        """What the closed board left on this machine."""
 
     # The service object. Last in the class: property() hides the decorator of that name.
 
