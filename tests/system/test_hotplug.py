@@ -5,6 +5,7 @@ import time
 import pytest
 
 from board import CARD_DEVICE, PARTITION_DEVICE, Board, Card, State
+from board.process import Process
 from conftest import ROOT
 
 PLATFORM = ROOT / "platform"
@@ -53,6 +54,18 @@ def event(board: Board, action: str, device: str, number: str | None = None) -> 
     result = board.run("env", *variables, HELPER)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
     return time.monotonic() - began
+
+
+def start_event_without_partition(board: Board, pause: float = 1) -> Process:
+    """Takes a card's partition away, reports that, and returns while the helper waits for it, with such pauses (s)."""
+    board.insert(Card.formatted(), announce=False)
+    board.replace_tool("/usr/bin/dbus-send", "")
+    board.replace_tool("/usr/bin/sleep", f'"$ORIGINAL" {pause}')
+    board.run("partx", "--delete", "--nr", "1", CARD_DEVICE, check=True)
+    helper = board.start("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "DEVTYPE=partition",
+                         f"DISKSEQ={disk_number(board)}", HELPER)
+    board.expect("the helper waits", lambda: board.tool_calls("sleep"))
+    return helper
 
 
 def put_in(board: Board, card: Card) -> str:
@@ -156,6 +169,27 @@ def test_a_table_that_is_read_anew_is_no_removal(hotplug):
     event(hotplug, "add", PARTITION_DEVICE, number)
     hotplug.expect_state(State.MOUNTED, within=20)
     hotplug.expect_no_signal("CardRemoved")
+
+
+def test_a_partition_that_comes_back_only_after_its_event_is_no_removal(bare_hotplug):
+    helper = start_event_without_partition(bare_hotplug)
+    bare_hotplug.run("partx", "--add", "--nr", "1", CARD_DEVICE, check=True)
+    assert helper.wait(60) == 0
+    assert bare_hotplug.tool_calls("dbus-send") == []
+
+
+def test_a_partition_that_does_not_come_back_is_a_removal(bare_hotplug):
+    helper = start_event_without_partition(bare_hotplug, pause=0.1)
+    assert helper.wait(60) == 0
+    assert [call[-1] for call in bare_hotplug.tool_calls("dbus-send")] == ["tavo.SDCardController1.RemoveCard"]
+
+
+def test_a_card_that_goes_after_its_partition_is_a_removal_at_once(bare_hotplug):
+    helper = start_event_without_partition(bare_hotplug)
+    bare_hotplug.pull()
+    assert helper.wait(60) == 0
+    assert bare_hotplug.tool_calls("sleep").count(["0.1"]) == 1
+    assert [call[-1] for call in bare_hotplug.tool_calls("dbus-send")] == ["tavo.SDCardController1.RemoveCard"]
 
 
 def test_udev_goes_on_when_the_service_does_not_run(hotplug):
