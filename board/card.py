@@ -12,6 +12,7 @@ from pathlib import Path
 MIB = 1024 * 1024
 SECTOR_BYTES = 512
 FIRST_SECTOR = 2048
+FIRST_SECTOR_AS_BOUGHT = 8192
 LINUX, FAT32 = "83", "c"
 NAME_PREFIX = "sdcard-"
 
@@ -54,9 +55,9 @@ class Card:
 
     @classmethod
     def as_bought(cls, size_mib: int = 64) -> "Card":
-        """One FAT partition."""
+        """One FAT partition, at the place where cards are sold with it and not where the format script puts its own."""
         card = cls(size_mib)
-        card.partition(FAT32)
+        card.partition(FAT32, first_sector=FIRST_SECTOR_AS_BOUGHT)
         card.make_fat(1)
         return card
 
@@ -136,12 +137,12 @@ class Card:
         """Overwrites bytes of the image."""
         os.pwrite(self._image, data, offset)
 
-    def partition(self, *kinds: str) -> None:
+    def partition(self, *kinds: str, first_sector: int = FIRST_SECTOR) -> None:
         """Writes a DOS partition table with partitions of one size each, of the given types."""
         lines = ["label: dos"]
-        share = (self.size // SECTOR_BYTES - FIRST_SECTOR) // max(1, len(kinds)) // FIRST_SECTOR * FIRST_SECTOR
+        share = (self.size // SECTOR_BYTES - first_sector) // max(1, len(kinds)) // FIRST_SECTOR * FIRST_SECTOR
         for index, kind in enumerate(kinds):
-            lines.append(f"start={FIRST_SECTOR + index * share}, size={share}, type={kind}")
+            lines.append(f"start={first_sector + index * share}, size={share}, type={kind}")
         self.run_tool("sfdisk", "--quiet", "--no-reread", "--no-tell-kernel", self.path,
                       standard_input="\n".join(lines) + "\n")
 
