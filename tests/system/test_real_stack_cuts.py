@@ -116,9 +116,11 @@ def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(
     layout = "<sdcard>" + "".join(f'<dir size="0">{name}</dir>' for name in names) + "</sdcard>"
     board = make_board(program=program, media_config=layout)
     card = Card.formatted()
+    service = board.start_service()
+    # The service is held, or it would be through before the power is cut.
+    waiting = board.start("sh", "-c", f"until [ -e {MOUNT_POINT}/{names[0]} ]; do :; done; kill -STOP {service.pid}; "
+                                      f"ls {MOUNT_POINT}; echo seen")
     board.insert(card)
-    waiting = board.start("sh", "-c", f"until [ -e {MOUNT_POINT}/{names[0]} ]; do :; done; ls {MOUNT_POINT}; echo seen")
-    board.start_service(wait=False)
     board.expect("the layout is being made", lambda: "seen" in waiting.output)
     board.cut_power()
     assert len(waiting.output.split()) < len(names), "the layout was complete already"
