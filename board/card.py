@@ -138,7 +138,10 @@ class Card:
         os.pwrite(self._image, data, offset)
 
     def partition(self, *kinds: str, first_sector: int = FIRST_SECTOR) -> None:
-        """Writes a DOS partition table with partitions of one size each, of the given types."""
+        """Writes a DOS partition table with partitions of one size each, of the given types.
+
+        The first begins at @p first_sector (of 512 bytes).
+        """
         lines = ["label: dos"]
         share = (self.size // SECTOR_BYTES - first_sector) // max(1, len(kinds)) // FIRST_SECTOR * FIRST_SECTOR
         for index, kind in enumerate(kinds):

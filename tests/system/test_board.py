@@ -134,6 +134,10 @@ def test_cards_have_the_partitions_of_their_kind(make, kinds):
     assert [partition.kind for partition in make().partitions()] == kinds
 
 
+def test_a_card_as_bought_has_its_partition_elsewhere_than_a_formatted_one():
+    assert Card.as_bought().partitions()[0].offset != Card.formatted().partitions()[0].offset
+
+
 @pytest.mark.parametrize("make, automatic, full", [
     (Card.formatted, 0, 0),
     (Card.lightly_damaged, 1, 0),
