@@ -260,6 +260,15 @@ class Board(Expectations, Leftovers, ABC):
         """Makes the system's run level what `runlevel` then prints; 6 is a reboot."""
         self.write_file(RUN_LEVEL_FILE, f"N {level}\n")
 
+    def mounts(self) -> list[str]:
+        """The board's mounts of the card, as /proc/mounts tells them."""
+        return self._card_mounts(self.read_file("/proc/mounts"))
+
+    @staticmethod
+    def _card_mounts(mounts: str) -> list[str]:
+        return [line for line in mounts.splitlines()
+                if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
+
     def install_package(self, package: str | os.PathLike, start: bool = False) -> None:
         """Installs a Debian package; @p start lets it start its service. Raises AssertionError."""
         copy = f"{BOARD_DIRECTORY}/package.deb"

@@ -27,10 +27,6 @@ class Leftovers(ABC):
         """
         return self._remains_on_board() if self.is_open else self._remains_of_board()
 
-    def mounts(self: "Board") -> list[str]:
-        """The board's mounts of the card, as /proc/mounts tells them."""
-        return self._card_mounts(self.read_file("/proc/mounts"))
-
     def _remains_on_board(self: "Board") -> list[str]:
         own = {str(process.pid) for process in self._started}
         # In one go, as each program's start takes a slow board its time.
@@ -48,11 +44,6 @@ class Leftovers(ABC):
         if directory:
             remains.append(f"directory: {directory.strip()}")
         return remains
-
-    @staticmethod
-    def _card_mounts(mounts: str) -> list[str]:
-        return [line for line in mounts.splitlines()
-                if line.startswith("/dev/mmcblk0") or f" {MOUNT_POINT}" in line]
 
     def _is_system_process(self, _parent: str, arguments: str) -> bool:
         return arguments.startswith(("ps -e", "dbus-daemon "))
