@@ -7,6 +7,16 @@ START_RECORDS = ["Configuration successfully parsed", "Checking hardware..."]
 
 MOUNT_SECONDS = 30
 
+_GO_ON = "/run/board/go-on"
+# What a replaced program or a script (sh) does to wait for go_on(), however late that comes.
+HOLD = f"until [ -e {_GO_ON} ]; do sleep 0.1; done"
+HELD_PROGRAM = f'{HOLD}; exec "$ORIGINAL" "$@"'
+
+
+def go_on(board: Board) -> None:
+    """Lets all go on that HOLD holds, from now on."""
+    board.write_file(_GO_ON, "")
+
 
 def start_with_mounted_card(board: Board, card: Card | None = None) -> Card:
     """Starts the service with a card in the slot and waits until it is mounted."""
@@ -58,6 +68,15 @@ def messages(board: Board, level: str | None = None, channel: str | None = None)
     """The messages of all records so far, of one level and channel if given."""
     return [record.message for record in board.records
             if level in (None, record.level) and channel in (None, record.channel)]
+
+
+def seconds_since_format(board: Board) -> float:
+    """How long ago the last format ended, by the board's clock."""
+    def seconds(text: str) -> float:
+        hours, minutes, rest = text.split(":")
+        return int(hours) * 3600 + int(minutes) * 60 + float(rest)
+    formatted = [record.time for record in board.records if "new initialized" in record.message][-1]
+    return (seconds(board.run("date", "+%H:%M:%S.%3N", check=True).stdout) - seconds(formatted)) % 86400
 
 
 def signal_names(board: Board, after: int = 0) -> list[str]:

@@ -8,13 +8,14 @@ import pytest
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, Process
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
+from steps import HOLD, go_on
 
 NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 
 
 MAKE_FILE_SYSTEM = '"$ORIGINAL" "$@"'
-WAIT = "touch /run/board/waiting; while [ ! -e /run/board/go-on ]; do sleep 0.05; done"
+WAIT = f"touch /run/board/waiting; {HOLD}"
 
 
 def start_formatting(board: Board, mke2fs: str) -> Process:
@@ -187,8 +188,8 @@ def test_a_card_that_is_being_formatted_is_not_formatted_twice(bare_board):
     result = format_card(bare_board)
     assert result.returncode == FAILED
     assert "is being formatted already" in result.stderr
-    bare_board.write_file("/run/board/go-on", "")
-    assert first.wait() == MADE_FILE_SYSTEM
+    go_on(bare_board)
+    assert first.wait(within=60) == MADE_FILE_SYSTEM
 
 
 def test_a_failing_tool_is_a_failure_with_its_reason(bare_board):
@@ -206,8 +207,8 @@ def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
     formatting = start_formatting(bare_board, f"{MAKE_FILE_SYSTEM} && {WAIT}")
     bare_board.pull()
     bare_board.insert(second)
-    bare_board.write_file("/run/board/go-on", "")
-    assert formatting.wait() == FAILED
+    go_on(bare_board)
+    assert formatting.wait(within=60) == FAILED
     assert "no partition table could be written" in formatting.errors
     assert [partition.kind for partition in second.partitions()] == ["c"]
 
@@ -234,6 +235,6 @@ def test_a_card_pulled_while_the_file_system_is_made_ends_the_script_at_once(bar
     bare_board.insert(Card.as_bought())
     formatting = start_formatting(bare_board, f"{WAIT}; {MAKE_FILE_SYSTEM}")
     bare_board.pull()
-    bare_board.write_file("/run/board/go-on", "")
-    assert formatting.wait(within=5) == FAILED
+    go_on(bare_board)
+    assert formatting.wait(within=5 * bare_board.patience) == FAILED
     assert formatting.errors
