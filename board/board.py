@@ -99,8 +99,8 @@ class Board(Expectations, Leftovers, ABC):
         """Releases the button."""
         self._set_eject_button("0\n")
 
-    def hold_eject_button(self, seconds: float = 5.4) -> None:
-        """Presses the button for so long."""
+    def hold_eject_button(self, seconds: float = 8) -> None:
+        """Presses the button for so long; the service needs five seconds, and a busy machine a few more."""
         self.press_eject_button()
         time.sleep(seconds)
         self.release_eject_button()
@@ -297,9 +297,11 @@ class Board(Expectations, Leftovers, ABC):
         deadline = time.monotonic() + within * self.patience
         pause = POLL_SECONDS
         while True:
+            # Before the condition is asked, or this process could be kept waiting between the two.
+            is_late = time.monotonic() > deadline
             if condition():
                 return True
-            if time.monotonic() > deadline:
+            if is_late:
                 return False
             with self.changed:
                 self.changed.wait(pause)

@@ -20,7 +20,7 @@ CARD_ACTIVITY_TRIGGER = "mmc0"
 LED_NAMES = ("mmc-red", "mmc-green")
 LED_FILES = {"brightness": "0\n", "trigger": "none\n", "delay_on": "0\n", "delay_off": "0\n"}
 DEFAULT_BLINK_MS = 500
-PATTERN_SECONDS = 0.003
+PATTERN_SECONDS = 0.02
 
 IN_CLOSE_WRITE = 0x8
 IN_CLOEXEC = os.O_CLOEXEC
@@ -125,8 +125,11 @@ class LedPanel:
             if self._stop_reader in ready:
                 return
             # A pattern takes several writes; those in between are no pattern of their own.
-            time.sleep(PATTERN_SECONDS)
-            self._read_events(os.read(self._inotify, 65536))
+            events = b""
+            while ready:
+                events += os.read(self._inotify, 65536)
+                ready, _, _ = select.select([self._inotify], [], [], PATTERN_SECONDS)
+            self._read_events(events)
             shown = self.pattern
             if shown not in (LedPattern.UNKNOWN, self.history[-1][1]):
                 self.history.append((time.monotonic(), shown))

@@ -44,6 +44,8 @@ def play(kind: type[Board], program: Path) -> None:
         board.start_service()
         teller.until_seen(["State: NO_CARD", "LEDs: OFF", "log: INFO  sdcard      Starting (Version"], within=10)
 
+        # Busy for long enough to be seen on any machine.
+        board.write_file(PREPARATION_SCRIPT, "#!/bin/sh\nsleep 2\n", 0o755)
         teller.heading(f"A card of {CARD_MIB} MiB as it is bought is put in")
         board.insert(card)
         teller.tell("card", _on_card(board))

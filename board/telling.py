@@ -100,10 +100,10 @@ class Teller:
         begin = time.monotonic()
         within *= self._board.patience
         while True:
+            waited = time.monotonic() - begin
             self.look()
             if condition():
                 return
-            waited = time.monotonic() - begin
             if waited > within:
                 raise NotSeen(f"not seen within {within} s: {what()}")
             if waited > PATIENCE_SECONDS and sys.stdout.isatty():

@@ -31,6 +31,7 @@ HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
 TERMINAL_SOCKET = "/run/board/terminal"
 TERMINAL_STATUS = "/run/board/terminal-status"
 CARD_STATISTICS = f"/sys/class/block/{Path(CARD_DEVICE).name}/stat"
+CARD_NUMBER = f"/sys/class/block/{Path(CARD_DEVICE).name}/dev"
 
 
 class EmulatedBoard(Board):
@@ -256,7 +257,8 @@ class EmulatedBoard(Board):
 
     def _insert(self, card: Card) -> None:
         self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}")
-        self._await_on_board(f"[ -b {CARD_DEVICE} ]", CONTACT_SECONDS, "the card")
+        # The device manager has it once its partitions are known, and all their events are on their way.
+        self._await_on_board(f"[ -e /run/udev/data/b$(cat {CARD_NUMBER}) ]", CONTACT_SECONDS, "the card")
         if card.read_only:
             # As the driver does for a card whose switch says so; the emulated slot has no contact for that.
             self.run("blockdev", "--setro", CARD_DEVICE, check=True)

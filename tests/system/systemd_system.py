@@ -13,7 +13,7 @@ from board import Process, VirtualBoard
 from board.bus import BusClient
 from board.names import SYSTEM_BUS_SOCKET
 
-BOOT_SECONDS = 20
+BOOT_SECONDS = 60
 READY = ("running", "degraded")
 
 # What a start of the service needs; udev, settings of the kernel, time and network are left out.

@@ -79,10 +79,12 @@ class Terminal:
 
     def _until(self, condition: Callable[[str], bool], what: str, within: float, colours: bool = False) -> str:
         deadline = time.monotonic() + within
-        while not condition(screen := self.screen(colours)):
-            assert time.monotonic() < deadline, f"not seen within {within} s: {what}\n{screen}"
+        while True:
+            is_late = time.monotonic() > deadline
+            if condition(screen := self.screen(colours)):
+                return screen
+            assert not is_late, f"not seen within {within} s: {what}\n{screen}"
             time.sleep(POLL_SECONDS)
-        return screen
 
     def _tmux(self, *arguments: str, check: bool = True) -> str:
         return subprocess.run(["tmux", "-u", "-S", str(self._socket), "-f", "/dev/null", *arguments], check=check,

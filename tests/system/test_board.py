@@ -68,14 +68,19 @@ def test_nothing_is_left_when_the_process_that_owns_the_board_dies(number):
     owner = subprocess.Popen([sys.executable, "-c", script], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                              text=True)
     namespace, card_name = owner.stdout.readline().split()
-    assert len(remains_on_host(namespace, [card_name])) >= 3
-    owner.send_signal(number)
-    owner.wait()
-    owner.stdout.close()
-    deadline = time.monotonic() + 5
-    while remains_on_host(namespace, [card_name]) and time.monotonic() < deadline:
-        time.sleep(0.05)
-    assert remains_on_host(namespace, [card_name]) == []
+    remains = remains_on_host(namespace, [card_name])
+    assert len(remains) >= 3
+    process, first = remains[0].split()
+    assert process == "process"
+    # As long as this is open, no other board's namespace gets the number.
+    with open(f"/proc/{first}/ns/pid", "rb"):
+        owner.send_signal(number)
+        owner.wait()
+        owner.stdout.close()
+        deadline = time.monotonic() + 30
+        while remains_on_host(namespace, [card_name]) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        assert remains_on_host(namespace, [card_name]) == []
 
 
 def test_the_host_environment_does_not_reach_the_board(bare_board, monkeypatch):
@@ -196,12 +201,11 @@ def test_the_run_level_is_the_one_that_was_set(bare_board):
 
 
 def test_the_button_file_is_never_empty_while_it_changes(bare_board):
-    watcher = bare_board.start("sh", "-c", f"while :; do read -r value <{EJECT_BUTTON} || echo empty; done")
-    for _ in range(200):
+    watcher = bare_board.start("sh", "-c", f"for n in $(seq 5000); do read -r value <{EJECT_BUTTON} || echo empty; done")
+    while watcher.running:
         bare_board.press_eject_button()
         bare_board.release_eject_button()
-    assert watcher.running
-    assert watcher.output == ""
+    assert (watcher.exit_status, watcher.output) == (0, "")
 
 
 # What the service writes, in its order, from the darkness after power-on.
@@ -225,7 +229,7 @@ OFF = ["mmc-green/brightness 0", "mmc-red/brightness 0"]
 ], ids=lambda value: value.name if isinstance(value, LedPattern) else None)
 def test_led_patterns_are_recognised_from_the_writes(bare_board, writes, pattern):
     sh(bare_board, "\n".join(f"echo -n {value} >{LED_DIRECTORY}/{path}" for path, value in map(str.split, writes)))
-    bare_board.expect_leds(pattern, within=2)
+    bare_board.expect_leds(pattern, within=10)
 
 
 def test_log_records_are_read_with_all_their_parts():
@@ -246,7 +250,7 @@ def test_a_crash_is_seen_with_its_signal(bare_board):
 
 def test_entries_of_the_system_log_are_kept(bare_board):
     bare_board.run("logger", "-t", "board", "a word")
-    bare_board.expect("the entry", lambda: any("board: a word" in entry for entry in bare_board.system_log), within=2)
+    bare_board.expect("the entry", lambda: any("board: a word" in entry for entry in bare_board.system_log), within=10)
 
 
 def test_a_board_can_be_without_leds_and_button(make_board):

@@ -8,7 +8,7 @@ import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, BusError, Card, State, Transition
 from contents import Contents
-from steps import eject, messages, signal_names, start_with_mounted_card
+from steps import HELD_PROGRAM, eject, go_on, messages, signal_names, start_with_mounted_card
 
 PROPERTIES = "org.freedesktop.DBus.Properties"
 INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
@@ -222,13 +222,14 @@ def test_a_full_card_has_level_100(board):
 
 
 def test_a_refresh_while_mounting_changes_nothing(board):
-    board.replace_tool("/usr/sbin/e2fsck", 'sleep 2; exec "$ORIGINAL" "$@"')
+    board.replace_tool("/usr/sbin/e2fsck", HELD_PROGRAM)
     board.insert(Card.formatted())
     board.start_service()
     board.expect_state(State.MOUNTING)
     signals = len(board.signals)
     assert card_call(board, "RefreshMemState") == 1
     assert len(board.signals) == signals
+    go_on(board)
 
 
 def test_a_refresh_without_a_card_or_with_an_unusable_one_tells_so(board):

@@ -74,7 +74,7 @@ def test_a_run_does_not_keep_the_bus_waiting(run):
     began = time.monotonic()
     assert run.board.state is State.MOUNTED
     run.board.call(CARD_INTERFACE, "RefreshMemState")
-    assert time.monotonic() - began < run.board.patience
+    assert time.monotonic() - began < 3 * run.board.patience
     assert run.files_left() > run.files_at_the_end
     run.finish_quickly()
     run.expect_end()

@@ -6,8 +6,8 @@ import pytest
 
 from board import MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State, Transition
 from board.names import CARD_DEVICE, E2FSCK, FORMAT_SCRIPT
-from steps import (START_RECORDS, eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card,
-                   take_out)
+from steps import (HELD_PROGRAM, START_RECORDS, eject, expect_mounted, go_on, messages, press_until_eject,
+                   seconds_since_format, signal_names, start_with_mounted_card, take_out)
 
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 COARSE = 0.05  # of its time, by which a timer of the service may be early
@@ -22,7 +22,7 @@ def published(board):
 def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
     # Making the partition anew has events of its own, which the hot-plug rule would tell of.
     with board.unannounced():
-        board.replace_tool(E2FSCK, 'sleep 1; exec "$ORIGINAL" "$@"')
+        board.replace_tool(E2FSCK, HELD_PROGRAM)
         board.start_service()
         board.expect_leds(LedPattern.OFF)
         assert published(board) == (State.NO_CARD, Transition.NONE, False)
@@ -34,6 +34,7 @@ def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
         board.expect_leds(LedPattern.BUSY)
         assert published(board) == (State.MOUNTING, Transition.CARD_INSERTED, False)
 
+        go_on(board)
         board.expect_signal("CardMounted", within=30)
         board.expect_leds(LedPattern.MOUNTED)
         assert published(board) == (State.MOUNTED, Transition.CARD_INSERTED, True)
@@ -81,7 +82,8 @@ def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
 
 def test_the_file_system_is_mounted_and_unmounted_by_these_system_calls(board):
     service = board.start_service()
-    trace = board.start("strace", "-f", "-qq", "-s", "200", "-e", "trace=mount,umount2", "-p", str(service.pid))
+    trace = board.start("strace", "-f", "-qq", "-s", "200", "-e", "trace=mount,umount2", "-e", "signal=none",
+                        "-p", str(service.pid))
     board.expect("the trace", lambda: board.run("grep", "TracerPid:\t0", f"/proc/{service.pid}/status").returncode)
     board.insert(Card.formatted())
     expect_mounted(board)
@@ -141,11 +143,18 @@ def test_a_device_without_leds_does_everything_else(make_board, program):
 
 def test_a_button_held_for_less_than_five_seconds_does_nothing(board):
     start_with_mounted_card(board)
-    for _ in range(2):
+    held = 0
+    while held < 2:
+        signals, transition, pressed = len(board.signals), board.transition, time.monotonic()
         board.hold_eject_button(4.2)
+        if time.monotonic() - pressed > 4.7:
+            # This process was kept from letting it go in time, and the card may have been ejected.
+            expect_mounted(board)
+            continue
         board.expect_state_for(State.MOUNTED, 0.6)
-    board.expect_no_signal("EjectPressed")
-    assert board.transition is Transition.CARD_INSERTED
+        board.expect_no_signal("EjectPressed", after=signals)
+        assert board.transition is transition
+        held += 1
 
 
 def test_a_button_held_on_after_the_eject_does_not_eject_twice(board):
@@ -175,9 +184,8 @@ def test_a_card_taken_out_within_a_second_is_never_mounted(board):
     board.start_service()
     board.insert(Card.formatted(), announce=False)
     board.bus.announce_insertion()
-    board.expect_state_for(State.NO_CARD, 0.5)
     board.bus.announce_removal()
-    board.expect_state_for(State.NO_CARD, 1.5)
+    board.expect_state_for(State.NO_CARD, 2)
     assert board.transition is Transition.CARD_REMOVED
     assert messages(board)[1:] == START_RECORDS
     assert signal_names(board) == ["MemStateChanged", "CardInserted", "CardRemoved"]
@@ -186,10 +194,10 @@ def test_a_card_taken_out_within_a_second_is_never_mounted(board):
 def test_each_insertion_starts_the_delay_of_a_second_anew(board):
     board.start_service()
     board.insert(Card.formatted(), announce=False)
-    for _ in range(4):
-        board.bus.announce_insertion()
+    for _ in range(12):
         last = time.monotonic()
-        time.sleep(0.6)
+        board.bus.announce_insertion()
+        time.sleep(0.2)
     assert board.state is State.NO_CARD
     mounted = board.expect_signal("CardMounted").time
     assert mounted - last >= 1 - COARSE
@@ -221,16 +229,39 @@ def test_a_card_with_two_partitions_is_made_ready(board):
     assert [partition.kind for partition in card.partitions()] == ["83"]
 
 
-@pytest.mark.parametrize("fresh, pause", [(True, 0.2), (False, 3.2)], ids=["an echo", "the user"])
-def test_only_within_three_seconds_of_a_format_a_removal_is_an_echo(board, fresh, pause):
-    card = Card.as_bought()
-    start_with_mounted_card(board, card)
-    time.sleep(pause)
-    board.bus.announce_removal()
+def announce_echo(board):
+    """Has a card formatted and mounted, and announces a removal so soon that it passes for the format's echo.
+
+    Returns the card, and how many records there were before the removal.
+    """
+    # Making the partition anew has events of its own, which the hot-plug rule would tell of.
+    with board.unannounced():
+        while True:
+            card = start_with_mounted_card(board, Card.as_bought())
+            before = len(board.records)
+            board.bus.announce_removal()
+            if seconds_since_format(board) < 2.9:
+                return card, before
+            # Too late, on a busy machine.
+            board.stop_service()
+            board.pull(announce=False)
+
+
+def test_within_three_seconds_of_a_format_a_removal_is_its_echo(board):
+    card, before = announce_echo(board)
     board.expect_state(State.NO_CARD)
-    assert (board.transition is Transition.CARD_INSERTED) == fresh
-    assert (board.mounts() != []) == fresh
-    assert ("Force unmount device (if not already)" in messages(board)) != fresh
+    assert board.transition is Transition.CARD_INSERTED
+    assert board.mounts() != []
+    assert [record.message for record in board.records[before:]] == []
+    board.bus.announce_removal()
+    board.expect("the card is unmounted", lambda: board.mounts() == [])
+    board.expect_transition(Transition.CARD_REMOVED)
+    assert card.is_clean()
+
+
+def test_later_than_three_seconds_after_a_format_a_removal_is_the_users(board):
+    card = start_with_mounted_card(board, Card.as_bought())
+    time.sleep(3.2)
     board.bus.announce_removal()
     board.expect("the card is unmounted", lambda: board.mounts() == [])
     board.expect_transition(Transition.CARD_REMOVED)
@@ -238,8 +269,7 @@ def test_only_within_three_seconds_of_a_format_a_removal_is_an_echo(board, fresh
 
 
 def test_an_insertion_after_the_echo_of_a_format_finds_the_card_still_mounted(board):
-    start_with_mounted_card(board, Card.as_bought())
-    board.bus.announce_removal()
+    announce_echo(board)
     board.expect_state(State.NO_CARD)
     before = len(board.records)
     board.bus.announce_insertion()

@@ -78,6 +78,7 @@ def test_the_whole_service_writes_while_it_may_and_lets_the_card_go(board):
     expect_lines(board, 2)
     assert service.stop() == 0
     assert service.errors == ""
+    board.expect("its monitor has ended", lambda: board.run("pgrep", "-x", "sdcardctl").returncode == 1)
 
 
 def expect_lines(board: Board, number: int) -> None:

@@ -22,7 +22,7 @@ def test_a_file_held_open_for_40_seconds_keeps_the_card_mounted(board):
     board.expect_state_for(State.CLOSING_FILES, 36)
     board.expect_leds(LedPattern.BUSY)
     expect_mounted(board, within=8)
-    assert 38 < time.monotonic() - pressed < 42.5
+    assert 38 < time.monotonic() - pressed < 40 + 2.5 * board.patience
     assert board.transition is Transition.TIMED_OUT
     board.expect_leds(LedPattern.MOUNTED)
     assert signal_names(board, signals) == ["CardMounted"]
@@ -42,10 +42,10 @@ def test_a_card_left_in_the_slot_is_mounted_again_after_20_seconds(board):
     eject(board)
     unmounted = board.expect_signal("CardUnmounted")
     signals = len(board.signals)
-    board.expect_state_for(State.UNMOUNTED, 17)
+    board.expect_state_for(State.UNMOUNTED, unmounted.time + 17 - time.monotonic())
     expect_mounted(board, within=8)
     mounted = board.expect_signal("CardMounted", after=signals)
-    assert 19 <= mounted.time - unmounted.time < 22
+    assert 19 <= mounted.time - unmounted.time < 20 + 2 * board.patience
     assert board.transition is Transition.TIMED_OUT
     assert board.property("IsMounted") is True
     assert len(board.mounts()) == 1
@@ -78,7 +78,7 @@ def test_the_card_is_unmounted_as_soon_as_the_last_program_has_let_go(board):
     second.stop()
     let_go = time.monotonic()
     unmounted = board.expect_signal("CardUnmounted")
-    assert unmounted.time - let_go < 2
+    assert unmounted.time - let_go < 2 * board.patience
     assert board.transition is Transition.FILES_CLOSED
     expect_safe_to_take_out(board)
     assert {"one", "two"} <= set(card.list_files())
@@ -127,9 +127,10 @@ def test_a_failing_lsof_is_asked_again_until_it_works(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exit 3")
     press_until_eject(board)
-    board.expect_record("ERROR", "sdcard", "Invoke of 'lsof' utility failed with exit code 3", source="sdcard")
-    board.expect_state_for(State.CLOSING_FILES, 1)
-    assert messages(board, "ERROR").count("Invoke of 'lsof' utility failed with exit code 3") > 2
+    failed = "Invoke of 'lsof' utility failed with exit code 3"
+    board.expect_record("ERROR", "sdcard", failed, source="sdcard")
+    board.expect("it is asked again and again", lambda: messages(board, "ERROR").count(failed) > 2)
+    assert board.state is State.CLOSING_FILES
     board.restore_tool(LSOF)
     expect_safe_to_take_out(board)
 

@@ -4,7 +4,7 @@ import pytest
 
 from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, Transition
 from board.names import FORMAT_SCRIPT
-from steps import expect_mounted, messages, signal_names
+from steps import expect_mounted, messages, seconds_since_format, signal_names
 
 # A place for device nodes in which a node can be missing that the device manager makes in /dev.
 NODES = "/run/nodes"
@@ -65,8 +65,10 @@ def test_a_card_without_a_partition_is_left_alone(board):
 def test_a_foreign_card_is_formatted_and_mounted(board, make):
     board.replace_tool(FORMAT_SCRIPT, f'"$ORIGINAL"; status=$?; ln -s {PARTITION_DEVICE} {NODES}; exit $status')
     board.insert(make())
-    board.start_service()
-    expect_mounted(board)
+    # Making the partition anew has events of its own, which the hot-plug rule would tell of.
+    with board.unannounced():
+        board.start_service()
+        expect_mounted(board)
     assert looked_at(board)[:6] == [
         "SD Card is available but not initialized, check it...", "New SD Card detected",
         f"Executing '{FORMAT_SCRIPT}'...", "Making an ext4 file system on /dev/mmcblk0 (64 MiB)",
@@ -101,8 +103,13 @@ def test_a_missing_format_script_does_not_keep_the_service_from_starting(board):
 def test_a_removal_that_follows_the_format_is_its_echo(board):
     board.replace_tool(FORMAT_SCRIPT, "exit 99")
     board.insert(Card.as_bought())
-    board.start_service()
-    board.bus.announce_removal()
+    while True:
+        board.start_service()
+        board.bus.announce_removal()
+        if seconds_since_format(board) < 2.9:
+            break
+        # Too late for an echo, on a busy machine.
+        board.stop_service()
     board.expect_signal("CardRemoved")
     board.expect_state_for(State.NO_CARD, 0.3)
     assert board.transition is Transition.NONE

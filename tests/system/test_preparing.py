@@ -4,7 +4,7 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State
 from contents import Contents
-from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
+from steps import HOLD, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
 
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 CALLS = "/run/board/calls"
@@ -229,7 +229,7 @@ def test_what_a_script_says_is_recorded_line_by_line(board):
 
 
 def test_the_card_is_shown_as_busy_until_it_is_prepared(board):
-    script(board, "slow", f": >{CALLS}; sleep 1")
+    script(board, "slow", f": >{CALLS}; {HOLD}")
     board.insert(Card.formatted())
     board.start_service()
     board.expect("the script runs", lambda: board.exists(CALLS))
@@ -238,6 +238,7 @@ def test_the_card_is_shown_as_busy_until_it_is_prepared(board):
     assert board.exists(f"{MOUNT_POINT}/logger")
     board.expect_leds(LedPattern.BUSY)
     board.expect_no_signal("CardMounted")
+    go_on(board)
     expect_mounted(board)
 
 

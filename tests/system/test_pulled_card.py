@@ -7,13 +7,13 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
 from board.names import E2FSCK, FORMAT_SCRIPT
-from steps import eject, expect_mounted, start_with_mounted_card
+from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, start_with_mounted_card
 
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 
 
 def test_a_card_pulled_while_it_is_checked_is_mounted_when_it_comes_back(board):
-    board.replace_tool(E2FSCK, 'sleep 2; exec "$ORIGINAL" "$@"')
+    board.replace_tool(E2FSCK, HELD_PROGRAM)
     card = Card.formatted()
     board.insert(card)
     board.start_service()
@@ -21,6 +21,7 @@ def test_a_card_pulled_while_it_is_checked_is_mounted_when_it_comes_back(board):
     board.pull()
     board.expect_state(State.NO_CARD)
     board.expect_leds(LedPattern.OFF)
+    go_on(board)
     board.expect_record("INFO", "St:Mounting", "Pass2 check result: 8")
     board.expect_state_for(State.NO_CARD, 0.5)
     assert board.mounts() == []
@@ -31,13 +32,14 @@ def test_a_card_pulled_while_it_is_checked_is_mounted_when_it_comes_back(board):
 
 
 def test_a_card_pulled_while_it_is_formatted_is_formatted_when_it_comes_back(board):
-    board.replace_tool("/usr/sbin/mke2fs", 'sleep 2; exec "$ORIGINAL" "$@"')
+    board.replace_tool("/usr/sbin/mke2fs", HELD_PROGRAM)
     card = Card.as_bought()
     board.insert(card)
     board.start_service()
     board.expect("mke2fs runs", lambda: board.tool_calls("mke2fs") != [])
     board.pull()
     board.expect_state(State.NO_CARD)
+    go_on(board)
     board.expect("the script has ended", lambda: board.run("pgrep", "-f", FORMAT_SCRIPT).returncode == 1)
     assert board.mounts() == []
     board.insert(card)
@@ -46,7 +48,7 @@ def test_a_card_pulled_while_it_is_formatted_is_formatted_when_it_comes_back(boa
 
 
 def test_a_card_pulled_while_it_is_prepared_is_mounted_when_it_comes_back(board):
-    board.write_file(f"{JOBS}/10-slow", "#!/bin/sh\necho run >>/run/board/first\nsleep 2\n", 0o755)
+    board.write_file(f"{JOBS}/10-slow", f"#!/bin/sh\necho run >>/run/board/first\n{HOLD}\n", 0o755)
     board.write_file(f"{JOBS}/20-next", "#!/bin/sh\necho run >>/run/board/next\n", 0o755)
     card = Card.formatted()
     board.insert(card)
@@ -55,6 +57,7 @@ def test_a_card_pulled_while_it_is_prepared_is_mounted_when_it_comes_back(board)
     board.pull()
     board.expect_state(State.NO_CARD)
     assert board.mounts() == []
+    go_on(board)
     board.expect("the script has ended", lambda: board.run("pgrep", "-f", "10-slow").returncode == 1)
     board.expect_state_for(State.NO_CARD, 0.5)
     assert not board.exists("/run/board/next")
@@ -83,10 +86,10 @@ def test_a_mounted_card_that_is_pulled_is_gone_and_comes_back(board):
 def test_a_card_pulled_while_it_is_written_is_gone_and_comes_back(board):
     card = start_with_mounted_card(board)
     board.run("sh", "-c", f"echo kept >{MOUNT_POINT}/export/kept && sync", check=True)
-    writer = board.start("sh", "-c", f"i=0; while echo $i >{MOUNT_POINT}/export/$i && sync; do i=$((i + 1)); done")
+    writer = board.start("sh", "-c", f"i=0; while echo $i >{MOUNT_POINT}/export/$i && sync {MOUNT_POINT}/export/$i; do i=$((i + 1)); done")
     board.expect("it writes", lambda: board.exists(f"{MOUNT_POINT}/export/5"))
     board.pull(announce=False)
-    writer.wait()
+    writer.wait(60)
     board.bus.announce_removal()
     board.expect_state(State.NO_CARD)
     board.expect_transition(Transition.CARD_REMOVED)

@@ -12,7 +12,7 @@ from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
 
-NOT_SOURCES = {".git", "build"}
+NOT_SOURCES = {".git", "build", "__pycache__"}
 SHELL_LINE = re.compile(rb"#! ?/(?:\S*/)?(?:env +)?(?:busybox +)?(?:sh|bash|dash|ash)\b")
 SHELL_SUFFIXES = (".sh", ".bash", ".bash-completion")
 

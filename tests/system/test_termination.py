@@ -8,7 +8,8 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
 from board.names import E2FSCK
-from steps import eject, expect_mounted, messages, press_until_eject, signal_names, start_with_mounted_card
+from steps import (HELD_PROGRAM, eject, expect_mounted, go_on, messages, press_until_eject, signal_names,
+                   start_with_mounted_card)
 
 LSOF = "/usr/sbin/lsof"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
@@ -19,7 +20,7 @@ both_signals = pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP]
 def test_the_service_ends_at_once_without_a_card(board, number):
     board.start_service()
     board.expect_state(State.NO_CARD)
-    assert board.stop_service(number, within=2) == 0
+    assert board.stop_service(number, within=10) == 0
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
 
 
@@ -27,7 +28,7 @@ def test_the_service_ends_at_once_without_a_card(board, number):
 def test_a_crash_ends_the_service_with_a_report_under_its_name_in_the_system_log(board):
     board.start_service()
     board.expect_state(State.NO_CARD)
-    assert board.stop_service(signal.SIGSEGV, within=5) == -signal.SIGSEGV
+    assert board.stop_service(signal.SIGSEGV, within=10) == -signal.SIGSEGV
     prefix = f"<26>sdcardd[{board.service.pid}]: "
 
     def report():
@@ -42,7 +43,7 @@ def test_a_crash_ends_the_service_with_a_report_under_its_name_in_the_system_log
 def test_the_service_unmounts_the_card_before_it_ends(board, number):
     card = start_with_mounted_card(board)
     signals = len(board.signals)
-    assert board.stop_service(number, within=5) == 0
+    assert board.stop_service(number, within=10) == 0
     board.expect_signal("MemStateChanged", 1, after=signals)
     assert signal_names(board, signals) == ["EjectPressed", "CardUnmounted", "MemLevelChanged", "MemStateChanged"]
     assert card.is_clean(), card.check().stdout
@@ -61,17 +62,17 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
     board.expect_state_for(State.CLOSING_FILES, 3)
     assert held.running
     held.stop()
-    board.expect_service_end(0, within=3)
+    board.expect_service_end(0, within=10)
     assert card.is_clean()
     assert "Shutdown softly" not in "".join(messages(board))
 
 
 def expect_40_seconds_of_closing(board):
     """Asks the service to end, and watches it wait for open files as long as it may."""
+    began = time.monotonic()
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
-    began = time.monotonic()
-    board.expect_state_for(State.CLOSING_FILES, 36)
+    board.expect_state_for(State.CLOSING_FILES, began + 36 - time.monotonic())
     return began
 
 
@@ -82,7 +83,7 @@ def test_a_program_that_will_not_let_go_is_asked_to_end(board):
     began = expect_40_seconds_of_closing(board)
     assert held.running
     board.expect_service_end(0, within=10)
-    assert 38 < time.monotonic() - began < 45
+    assert 38 < time.monotonic() - began < 40 + 5 * board.patience
     assert held.wait() == -signal.SIGTERM
     assert card.is_clean(), card.check().stdout
     assert messages(board)[-7:] == [
@@ -167,13 +168,14 @@ def test_the_service_ends_even_when_the_card_cannot_be_unmounted(board):
 
 @both_signals
 def test_a_signal_while_mounting_takes_effect_when_the_card_is_mounted(board, number):
-    board.replace_tool(E2FSCK, 'sleep 3; exec "$ORIGINAL" "$@"')
+    board.replace_tool(E2FSCK, HELD_PROGRAM)
     card = Card.formatted()
     board.insert(card)
     board.start_service()
     board.expect_state(State.MOUNTING)
     board.service.send_signal(number)
     board.expect_state_for(State.MOUNTING, 1.5)
+    go_on(board)
     board.expect_service_end(0, within=10)
     assert messages(board)[-4:] == ["SD Card is successfully mounted", "Number of processes with open files: 0",
                                     "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
@@ -184,13 +186,13 @@ def test_a_signal_while_a_pulled_card_is_still_checked_ends_the_check(board):
     board.replace_tool(E2FSCK, "echo $$ >/run/board/check\nexec sleep 1000")
     board.start_service()
     board.insert(Card.formatted())
-    board.expect("e2fsck runs", lambda: board.tool_calls("e2fsck") and board.exists("/run/board/check"))
+    board.expect("e2fsck runs", lambda: board.run("test", "-s", "/run/board/check").returncode == 0)
     check = board.read_file("/run/board/check").strip()
     board.pull()
     board.expect_state(State.NO_CARD)
     assert board.exists(f"/proc/{check}")
-    assert board.stop_service(within=5) == 0
-    board.expect("no check runs", lambda: not board.exists(f"/proc/{check}"), within=2)
+    assert board.stop_service(within=10) == 0
+    board.expect("no check runs", lambda: not board.exists(f"/proc/{check}"), within=10)
     # Its thread was ended before it could do so.
     board.run("rmdir", MOUNT_POINT, check=True)
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
@@ -223,7 +225,7 @@ def test_the_service_ends_at_once_with_a_card_that_cannot_be_mounted(board, numb
     board.start_service()
     board.insert(Card.blank())
     board.expect_leds(LedPattern.NOT_MOUNTABLE)
-    assert board.stop_service(number, within=2) == 0
+    assert board.stop_service(number, within=10) == 0
     board.expect_leds(LedPattern.OFF)
 
 
@@ -231,7 +233,7 @@ def test_the_service_ends_at_once_with_a_card_that_cannot_be_mounted(board, numb
 def test_the_service_ends_at_once_with_an_ejected_card(board, number):
     start_with_mounted_card(board)
     eject(board)
-    assert board.stop_service(number, within=2) == 0
+    assert board.stop_service(number, within=10) == 0
     board.expect_leds(LedPattern.OFF)
 
 
@@ -243,19 +245,19 @@ def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(bo
     board.service.send_signal(signal.SIGTERM)
     board.expect_state_for(State.CLOSING_FILES, 1.5)
     held.stop()
-    board.expect_service_end(0, within=3)
+    board.expect_service_end(0, within=10)
     board.expect_signal("CardUnmounted")
     assert card.is_clean()
 
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
     start_with_mounted_card(board)
-    held = board.hold_file_open()
+    # Nobody holds a file: the service would be through before the pull, or an announced removal unanswered.
+    board.replace_tool(LSOF, "echo 4194305")
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
-    held.stop(signal.SIGKILL)
     board.pull()
-    board.expect_service_end(0, within=5)
+    board.expect_service_end(0, within=10)
 
 
 def test_a_second_signal_changes_nothing(board):
@@ -266,7 +268,7 @@ def test_a_second_signal_changes_nothing(board):
     board.expect_state(State.CLOSING_FILES)
     board.expect_state_for(State.CLOSING_FILES, 1)
     held.stop()
-    board.expect_service_end(0, within=3)
+    board.expect_service_end(0, within=10)
     assert signal_names(board).count("EjectPressed") == 1
     assert card.is_clean()
 
