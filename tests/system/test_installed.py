@@ -179,6 +179,23 @@ def test_a_start_that_fails_says_why(board):
     assert init(board, "status").returncode == NOT_RUNNING
 
 
+def test_a_new_process_that_is_seen_late_is_no_failed_start(board):
+    # Neither before the start, nor at the first look after it.
+    board.replace_tool("/usr/sbin/start-stop-daemon", """
+        case $1 in
+            --status)
+                echo look >>/run/board/looks
+                [ "$(wc -l </run/board/looks)" -gt 2 ] || exit 3
+                ;;
+        esac
+        exec "$ORIGINAL" "$@" """)
+    start(board)
+    board.expect("the service", board.bus.has_service)
+    assert len(board.tool_calls("start-stop-daemon")) >= 3
+    assert init(board, "status").returncode == RUNNING
+    assert init(board, "stop").returncode == 0
+
+
 def test_options_of_the_service_are_the_administrators(board):
     board.write_file("/etc/default/tavo-sdcard", "SDCARDD_OPTIONS='--config /etc/elsewhere.xml'\n")
     result = init(board, "start")
