@@ -265,7 +265,9 @@ class EmulatedBoard(Board):
 
     def _pull(self) -> None:
         self._emulator.pull()
-        self._await_on_board("! ls -d /sys/class/mmc_host/mmc0/mmc0:* 2>/dev/null", CONTACT_SECONDS, "the empty slot")
+        # The device manager's record has to go as well: the next card's will have the same name.
+        self._await_on_board('[ -z "$(ls -d /sys/class/mmc_host/mmc0/mmc0:* /run/udev/data/b179:* 2>/dev/null)" ]',
+                             CONTACT_SECONDS, "the empty slot")
 
     def _await_on_board(self, condition: str, seconds: float, what: str) -> None:
         script = f"n=0; until {condition}; do [ $n -lt {int(seconds * self.patience / 0.05)} ] || exit 1; " \

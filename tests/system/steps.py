@@ -32,12 +32,12 @@ def expect_mounted(board: Board, within: float = MOUNT_SECONDS) -> None:
     board.expect_state(State.MOUNTED, within)
 
 
-def press_until_eject(board: Board) -> None:
+def press_until_eject(board: Board, within: float = 10) -> None:
     """Holds the button until the service reacts to it, then lets it go."""
     before = len(board.signals)
     board.press_eject_button()
     try:
-        board.expect_signal("EjectPressed", after=before, within=10)
+        board.expect_signal("EjectPressed", after=before, within=within)
     finally:
         board.release_eject_button()
 

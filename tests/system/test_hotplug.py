@@ -13,7 +13,7 @@ PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 SETTINGS = "/etc/default/tavo-sdcard"
 BUS_SECONDS = 10  # that the helper gives the bus
-EVENT_SECONDS = 1.5
+EVENT_SECONDS = 5  # a wait for an answer takes 25
 MAKE_FILE_SYSTEM = "/usr/sbin/mke2fs"
 PAUSE = "0.02"  # seconds, between two looks of the helper
 REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
@@ -49,7 +49,7 @@ def disk_number(board: Board) -> str:
 
 
 def event(board: Board, action: str, device: str, number: str | None = None) -> float:
-    """Reports a device event; returns for how many seconds that would have kept the udev of a board without patience."""
+    """Reports a device event; returns how long that kept udev, in seconds, divided by the board's patience."""
     kind = "disk" if device == CARD_DEVICE else "partition"
     variables = [f"ACTION={action}", f"DEVNAME={device}", f"DEVTYPE={kind}"]
     if number is not None:
@@ -249,7 +249,7 @@ def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
 
 
 def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
-    hotplug.replace_tool("/usr/bin/dbus-send", "sleep 60")
+    hotplug.replace_tool("/usr/bin/dbus-send", "sleep 600")
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + BUS_SECONDS
 
 
@@ -331,12 +331,13 @@ def test_a_card_that_cannot_be_read_does_not_pass_for_a_blank_one(bare_hotplug):
 
 
 def test_a_blank_card_that_replaces_another_is_formatted_too(hotplug):
-    hotplug.replace_tool(MAKE_FILE_SYSTEM, 'sleep 1; exec "$ORIGINAL" "$@"')
+    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
     number = put_in(hotplug, Card.blank())
     hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
     take_out(hotplug, number)
     second = Card.blank()
     put_in(hotplug, second)
+    go_on(hotplug)
     hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
     assert [partition.kind for partition in second.partitions()] == ["83"]
 

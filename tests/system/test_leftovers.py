@@ -8,7 +8,8 @@ def test_what_is_left_on_an_open_board_is_told(bare_board):
     assert bare_board.leftovers() == []
     bare_board.run("sh", "-c", f"mkdir {MOUNT_POINT} && mount {PARTITION_DEVICE} {MOUNT_POINT}", check=True)
     # The fork is still a setsid for a moment.
-    bare_board.run("sh", "-c", "setsid --fork sleep 1000; until pgrep -fx 'sleep 1000'; do sleep 0.05; done", check=True)
+    bare_board.run("sh", "-c", "setsid --fork sleep 1000; until pgrep -fx 'sleep 1000'; do sleep 0.05; done",
+                   check=True)
     process, mount, directory = bare_board.leftovers()
     assert process.startswith("process ") and process.endswith(": sleep 1000")
     assert mount.startswith(f"mount: {PARTITION_DEVICE} {MOUNT_POINT} ext4 ")

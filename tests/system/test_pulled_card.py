@@ -86,7 +86,8 @@ def test_a_mounted_card_that_is_pulled_is_gone_and_comes_back(board):
 def test_a_card_pulled_while_it_is_written_is_gone_and_comes_back(board):
     card = start_with_mounted_card(board)
     board.run("sh", "-c", f"echo kept >{MOUNT_POINT}/export/kept && sync", check=True)
-    writer = board.start("sh", "-c", f"i=0; while echo $i >{MOUNT_POINT}/export/$i && sync {MOUNT_POINT}/export/$i; do i=$((i + 1)); done")
+    writer = board.start("sh", "-c", f"i=0; while echo $i >{MOUNT_POINT}/export/$i && sync {MOUNT_POINT}/export/$i; "
+                                     "do i=$((i + 1)); done")
     board.expect("it writes", lambda: board.exists(f"{MOUNT_POINT}/export/5"))
     board.pull(announce=False)
     writer.wait(60)

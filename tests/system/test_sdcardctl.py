@@ -12,7 +12,7 @@ import pytest
 
 from board import MOUNT_POINT, Board, Card, Process, State
 from board.client import CLIENT, COMPLETION, install_client
-from steps import eject, expect_mounted, press_until_eject, start_with_mounted_card
+from steps import HELD_PROGRAM, eject, expect_mounted, go_on, press_until_eject, start_with_mounted_card
 
 _, _, USAGE, NOT_RUNNING, NOT_PERMITTED, UNKNOWN_DIRECTORY, TIMED_OUT, NO_BUS, BAD_CONFIGURATION = range(9)
 EXPECT_SECONDS = 30
@@ -188,10 +188,12 @@ def test_monitor_tells_a_cards_life_over_a_restart_of_the_service(board):
     before = len(monitor.output)
     assert board.stop_service() == 0
     expect_lines(monitor, "service is not running", after=before)
-    # Or it may be mounted before the monitor has asked for the first time.
-    board.replace_tool("/usr/sbin/e2fsck", 'sleep 2; exec "$ORIGINAL" "$@"')
+    # Or it could be mounted before the monitor has asked for the first time.
+    board.replace_tool("/usr/sbin/e2fsck", HELD_PROGRAM)
     board.start_service()
-    expect_lines(monitor, "service is not running", "service is running", "CardMounted", " -> mounted", after=before)
+    expect_lines(monitor, "service is not running", "service is running", "mounting", after=before)
+    go_on(board)
+    expect_lines(monitor, "CardMounted", " -> mounted", after=before)
 
     monitor.send_signal(signal.SIGINT)
     assert monitor.wait(10) == 0

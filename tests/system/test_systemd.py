@@ -137,7 +137,7 @@ def test_the_time_to_stop_covers_all_waits(systemd_board):
         hold_file_open(system)
         began = time.monotonic()
         system.run("systemctl", "stop", UNIT, within=100)
-        assert 42 < time.monotonic() - began < 100
+        assert time.monotonic() - began > 42
         # The holder ignores SIGTERM: the card cannot be unmounted, and the service says so and ends.
         assert system.show(UNIT, "Result") == "success"
         systemd_board.expect_record("ERROR", "sdcard", "Umount failed: error code 'Device or resource busy'")

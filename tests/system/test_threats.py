@@ -9,7 +9,7 @@ from board import CARD_INTERFACE, MOUNT_POINT, Card
 from board.names import FORMAT_SCRIPT, OBJECT_PATH, SERVICE_NAME
 from conftest import ROOT
 from contents import Contents
-from steps import eject, expect_mounted, expect_safe_to_take_out, messages, start_with_mounted_card
+from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, start_with_mounted_card
 
 PLATFORM = ROOT / "platform"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
@@ -217,9 +217,7 @@ def test_peers_that_ask_without_end_do_not_keep_a_card_from_being_given_back(shi
     Contents(shipped).change(*(("write", f"csv/{number}") for number in range(2000)))
     peers = [shipped.start("/usr/bin/python3", "-I", "-c", ASK_WITHOUT_END, user="nobody") for _ in range(3)]
     shipped.expect("all ask", lambda: all("asks" in peer.output for peer in peers))
-    shipped.press_eject_button()
-    shipped.expect_signal("EjectPressed", within=PATIENT_SECONDS)
-    shipped.release_eject_button()
+    press_until_eject(shipped, PATIENT_SECONDS)
     expect_safe_to_take_out(shipped, PATIENT_SECONDS)
     assert all(peer.running for peer in peers)
 
