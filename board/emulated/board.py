@@ -258,16 +258,15 @@ class EmulatedBoard(Board):
     def _insert(self, card: Card) -> None:
         self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}")
         # The device manager has it once its partitions are known, and all their events are on their way.
-        self._await_on_board(f"[ -e /run/udev/data/b$(cat {CARD_NUMBER}) ]", CONTACT_SECONDS, "the card")
+        self._await_on_board(f"[ -b {CARD_DEVICE} ] && [ -e /run/udev/data/b$(cat {CARD_NUMBER}) ]", CONTACT_SECONDS,
+                             "the card")
         if card.read_only:
             # As the driver does for a card whose switch says so; the emulated slot has no contact for that.
             self.run("blockdev", "--setro", CARD_DEVICE, check=True)
 
     def _pull(self) -> None:
         self._emulator.pull()
-        # The device manager's record has to go as well: the next card's will have the same name.
-        self._await_on_board('[ -z "$(ls -d /sys/class/mmc_host/mmc0/mmc0:* /run/udev/data/b179:* 2>/dev/null)" ]',
-                             CONTACT_SECONDS, "the empty slot")
+        self._await_on_board("! ls -d /sys/class/mmc_host/mmc0/mmc0:* 2>/dev/null", CONTACT_SECONDS, "the empty slot")
 
     def _await_on_board(self, condition: str, seconds: float, what: str) -> None:
         script = f"n=0; until {condition}; do [ $n -lt {int(seconds * self.patience / 0.05)} ] || exit 1; " \
