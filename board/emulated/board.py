@@ -230,8 +230,10 @@ class EmulatedBoard(Board):
 
     def _set_hotplug(self, on: bool) -> None:
         change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"
-        # Events on their way are dealt with by the rules as they are.
-        self.run("sh", "-c", f"{self._settle} && {change} && udevadm control --reload", check=True)
+        # Events on their way are dealt with by the rules as they are. The device manager listens to one at a time,
+        # and says nothing to a request that comes while the last one's connection is still open: so twice.
+        self.run("sh", "-c", f"{self._settle} && {change} && udevadm control --reload && sleep 0.1 && "
+                             "udevadm control --reload", check=True)
 
     def _start(self, command: list[str], environment: dict[str, str], user: str | None,
                standard_input: bytes) -> Process:
