@@ -8,7 +8,7 @@
 
 #include "SDCard1Proxy.h"
 #include "SDCardController1Proxy.h"
-#include "SDCardImpl.h"
+#include "BusNames.h"
 
 namespace sdcardctl {
 
@@ -29,7 +29,7 @@ Failure failureOfCall(const QDBusConnection& bus, const QDBusError& error)
 {
     // A service that ends during a call and one that is too slow get the same error reply.
     if (error.type() == QDBusError::NoReply && bus.isConnected() &&
-        !bus.interface()->isServiceRegistered(SDCardImpl::kServiceName)) {
+        !bus.interface()->isServiceRegistered(BusNames::kService)) {
         return {ExitStatus::NotRunning,
                 QStringLiteral("The service ended before it answered. Start sdcardd again.")};
     }
@@ -58,7 +58,7 @@ Result<bool> doneOf(const QDBusConnection& bus, QDBusPendingReply<> reply)
 template <typename Proxy>
 Proxy proxyOn(const QDBusConnection& bus)
 {
-    return Proxy(SDCardImpl::kServiceName, SDCardImpl::kObjectPath, bus);
+    return Proxy(BusNames::kService, BusNames::kCardObject, bus);
 }
 
 } // namespace
@@ -96,7 +96,7 @@ Failure failureOf(const QDBusError& error)
     switch (error.type()) {
     case QDBusError::ServiceUnknown:
         return {ExitStatus::NotRunning,
-                "The service is not running: nobody owns " + SDCardImpl::kServiceName +
+                "The service is not running: nobody owns " + BusNames::kService +
                     " on the bus. Start sdcardd, or name another bus with --bus."};
     case QDBusError::AccessDenied:
         return {ExitStatus::NotPermitted,
@@ -122,7 +122,7 @@ CardService::CardService(QDBusConnection bus) : mBus(std::move(bus)) {}
 QDBusPendingCall CardService::requestProperties(const QDBusConnection& bus)
 {
     QDBusMessage call =
-        QDBusMessage::createMethodCall(SDCardImpl::kServiceName, SDCardImpl::kObjectPath,
+        QDBusMessage::createMethodCall(BusNames::kService, BusNames::kCardObject,
                                        kPropertiesInterface, QStringLiteral("GetAll"));
     call << QString::fromLatin1(tavo::SDCard1::staticInterfaceName());
     return bus.asyncCall(call);

@@ -4,13 +4,13 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
-#include "SDCardImpl.h"
+#include "BusNames.h"
 
 namespace sdcardctl {
 
 CardWatcher::CardWatcher(const QDBusConnection& bus, QObject* parent)
-    : QObject(parent), mBus(bus), mCard(SDCardImpl::kServiceName, SDCardImpl::kObjectPath, bus),
-      mOwner(SDCardImpl::kServiceName, bus)
+    : QObject(parent), mBus(bus), mCard(BusNames::kService, BusNames::kCardObject, bus),
+      mOwner(BusNames::kService, bus)
 {
     mReadTimer.setSingleShot(true);
     mReadTimer.setInterval(kReadIntervalMs);
@@ -50,7 +50,7 @@ void CardWatcher::connectSignals()
 void CardWatcher::start()
 {
     const QDBusPendingReply<bool> reply =
-        mBus.interface()->asyncCall(QStringLiteral("NameHasOwner"), SDCardImpl::kServiceName);
+        mBus.interface()->asyncCall(QStringLiteral("NameHasOwner"), BusNames::kService);
     auto* const asking = new QDBusPendingCallWatcher(reply, this);
     connect(asking, &QDBusPendingCallWatcher::finished, this, [this, asking] {
         asking->deleteLater();

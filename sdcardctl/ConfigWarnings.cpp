@@ -208,7 +208,7 @@ void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
 {
     const char* const configured = config.root.getAttribute(ConfigReading::kMountPointAttribute);
     LinkTargets targets(configured != nullptr ? QString::fromUtf8(configured)
-                                              : ConfigHandler().mountPoint());
+                                              : ConfigReading::kDefaultMountPoint);
     for (const CheckedDir& dir : config.dirs) {
         targets.addDir(dir.info.path);
     }

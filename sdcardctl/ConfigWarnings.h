@@ -5,7 +5,7 @@
 #include <tavoutil/XMLDomParser.h>
 
 #include "ConfigCheck.h"
-#include "config.h"
+#include "DirInfo.h"
 
 namespace sdcardctl {
 

@@ -1,20 +1,45 @@
 #include "LayoutNames.h"
 
+#include "ConfigReading.h"
+
 namespace sdcardctl {
+
+namespace {
+
+class Directories : public ConfigReading::Listener
+{
+public:
+    bool onProblem(const ITCXMLNode& /*node*/, const QByteArray& /*message*/) override
+    {
+        return false;
+    }
+    void onDir(const ITCXMLNode& /*node*/, const DirInfo& dir, qreal /*percent*/) override
+    {
+        found.append(dir);
+    }
+    void onSymlink(const ITCXMLNode& /*node*/, const SymlinkInfo& /*symlink*/) override {}
+
+    QVector<DirInfo> found;
+};
+
+} // namespace
 
 Result<QVector<DirInfo>> configuredDirectories(const QString& configFile)
 {
-    ConfigHandler config;
-    if (!configFile.isEmpty()) {
-        config.setConfigFile(configFile);
-    }
-    if (!config.setup()) {
+    const QString file = configFile.isEmpty() ? ConfigReading::kDefaultFile : configFile;
+    IXMLDomParser parser;
+    ITCXMLResults results;
+    const ITCXMLNode root =
+        parser.parseFile(file.toUtf8().constData(), ConfigReading::kRootElement, results);
+    Directories directories;
+    if (results.error != 0 ||
+        !ConfigReading::readChildNodes(root, QString(), 1.0, directories)) {
         return Failure{ExitStatus::BadConfiguration,
-                       "The media configuration '" + config.configFile() +
-                           "' cannot be read. \"sdcardctl check-config " + config.configFile() +
-                           "\" tells why; --config names another."};
+                       "The media configuration '" + file +
+                           "' cannot be read. \"sdcardctl check-config " + file +
+                           "\" says why; --config names another."};
     }
-    return config.dirs();
+    return directories.found;
 }
 
 } // namespace sdcardctl

@@ -4,7 +4,7 @@
 #include <QVector>
 
 #include "Result.h"
-#include "config.h"
+#include "DirInfo.h"
 
 namespace sdcardctl {
 

@@ -1,5 +1,6 @@
 #include <libgen.h>
 
+#include <optional>
 #include <string>
 
 #include <QCommandLineOption>
@@ -24,6 +25,8 @@
 
 namespace {
 
+constexpr auto kTrackSource = "main";
+
 constexpr int kFailure = 1;
 
 QString applicationVersion()
@@ -34,8 +37,7 @@ QString applicationVersion()
         .toString();
 }
 
-// Tells the device manager's logger not to hold its events back. Devices without that logger lack
-// the file.
+// Makes the logger of udev's events pass them on. Devices without that logger lack the file.
 void resumeDeviceEvents()
 {
     const int fd = ::open("/proc/tavo-logger/suspendudev", O_WRONLY | O_CLOEXEC);
@@ -45,33 +47,40 @@ void resumeDeviceEvents()
     }
 }
 
-// Leaving it destroys the controller, the connection and the configuration, in this order.
-int serve(QCoreApplication& application, const QCommandLineParser& parser,
-          const QCommandLineOption& configOption, const log4cxx::LoggerPtr& logger)
+// The objects of a run, in the order in which they are built. They are destroyed in reverse.
+struct Service
 {
-    ConfigHandler config;
-    if (parser.isSet(configOption)) {
-        const QString file = parser.value(configOption);
-        if (!QFile::exists(file)) {
-            QTextStream(stderr) << "Abort. Media configuration file '" << file << "' not found\n";
+    std::optional<ConfigHandler> config;
+    std::optional<QDBusConnection> bus;
+    std::optional<Sdcard> sdcard;
+};
+
+int run(Service& service, QCoreApplication& application, const QString& configFile,
+        const log4cxx::LoggerPtr& logger)
+{
+    service.config.emplace();
+    if (!configFile.isNull()) {
+        if (!QFile::exists(configFile)) {
+            QTextStream(stderr) << "Abort. Media configuration file '" << configFile
+                                << "' not found\n";
             return kFailure;
         }
-        config.setConfigFile(file);
+        service.config->setConfigFile(configFile);
     }
-    if (!config.setup()) {
+    if (!service.config->setup()) {
         TRACK_ERROR(logger, "Could not setup configuration handler");
         return kFailure;
     }
 
-    QDBusConnection bus = QDBusConnection::systemBus();
+    QDBusConnection& bus = service.bus.emplace(QDBusConnection::systemBus());
     if (!bus.isConnected()) {
         // Qt names the connection "qt_default_system_bus".
         TRACK_FATAL(logger,
                     "Cannot connect to the D-Bus " + bus.name().section('_', 2, 2) + " bus");
         return kFailure;
     }
-    const Sdcard sdcard(bus, config, &application);
-    if (!sdcard.isServiceRegistered()) {
+    service.sdcard.emplace(bus, *service.config, &application);
+    if (!service.sdcard->isServiceRegistered()) {
         TRACK_ERROR(logger, "Could not start D-Bus service: " + bus.lastError().message());
         return kFailure;
     }
@@ -88,6 +97,9 @@ int main(int argc, char* argv[])
         return kFailure;
     }
 
+    // GLib's event loop has no unwind tables on the device: an exception of a slot would end the
+    // process there instead of below.
+    qputenv("QT_NO_GLIB", "1");
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationVersion(applicationVersion());
 
@@ -118,11 +130,14 @@ int main(int argc, char* argv[])
                            __DATE__ + " " + __TIME__ + ")");
 
     int status = kFailure;
-    try {
-        resumeDeviceEvents();
-        status = serve(application, parser, configOption, logger);
-    } catch (...) {
-        TRACK_FATAL(logger, "Unhandled Exception catched!");
+    {
+        Service service;
+        try {
+            resumeDeviceEvents();
+            status = run(service, application, parser.value(configOption), logger);
+        } catch (...) {
+            TRACK_FATAL(logger, "Unhandled Exception catched!");
+        }
     }
     TRACK_INFO(logger, "Terminating " + QCoreApplication::applicationName() + " with exit code " +
                            QString::number(status));

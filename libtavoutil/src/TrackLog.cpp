@@ -13,10 +13,12 @@ std::string toLogText(const QByteArray& text)
 }
 
 void writeRecord(const log4cxx::LoggerPtr& logger, const log4cxx::LevelPtr& level,
-                 const std::string& text, const char* source, const char* signature, int line)
+                 const std::string& text, const RecordOrigin& origin, int line)
 {
     // The text is UTF-8 already; the other calls would convert it from the locale's encoding.
-    logger->forcedLogLS(level, text, log4cxx::spi::LocationInfo(source, source, signature, line));
+    logger->forcedLogLS(
+        level, text,
+        log4cxx::spi::LocationInfo(origin.source, origin.source, origin.signature, line));
 }
 
 } // namespace tavoutil

@@ -25,7 +25,7 @@ def test_the_service_page_tells_every_option_file_and_member(program, tmp_path):
     files = [path for path in stage(program, tmp_path, "/usr") if not re.match(r"/usr/(s?bin|share/man)/", path)]
     assert len(files) > 12
 
-    members = [f"*{member.get('name')}*" for file in sorted((ROOT / "source/dbus").glob("*.xml"))
+    members = [f"*{member.get('name')}*" for file in sorted((ROOT / "source/bus").glob("*.xml"))
                for member in ElementTree.parse(file).iter() if member.tag in ("method", "signal", "property")]
     assert len(members) >= 22
     assert [word for word in options + files + members if word not in page] == []

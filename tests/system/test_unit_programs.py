@@ -18,7 +18,7 @@ pytestmark = pytest.mark.emulated  # the other board's kernel does not execute t
 BUILD = ROOT / "build" / "armhf"
 # What the tests find by the names that things have where they were built.
 STARTED_PROGRAMS = ("tests/unit/crashing_program", "tests/unit/tracking_program", "sdcardctl/sdcardctl")
-READ_DIRECTORIES = ("platform", "sdcardctl", "docs", "source/dbus")
+READ_DIRECTORIES = ("platform", "sdcardctl", "docs", "source/bus")
 TEST_SECONDS = 120
 
 

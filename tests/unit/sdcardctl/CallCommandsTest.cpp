@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonObject>
 
+#include "BusNames.h"
 #include "ExitStatus.h"
 #include "FakeService.h"
 #include "JsonText.h"
@@ -242,12 +243,12 @@ void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one
 {
     const QString name = QStringLiteral("ending service");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
-    QVERIFY(service.registerService(SDCardImpl::kServiceName));
+    QVERIFY(service.registerService(BusNames::kService));
     SilentObject object;
-    QVERIFY(service.registerVirtualObject(SDCardImpl::kObjectPath, &object));
+    QVERIFY(service.registerVirtualObject(BusNames::kCardObject, &object));
     ProgramRun run({"path", "csv", "--bus", mBus.address()});
     QTRY_VERIFY(object.wasCalled);
-    service.unregisterService(SDCardImpl::kServiceName);
+    service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
     service = QDBusConnection(QString());
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
@@ -257,12 +258,12 @@ void CallCommandsTest::another_failure_is_told_in_the_services_words()
 {
     const QString name = QStringLiteral("service without an object");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
-    QVERIFY(service.registerService(SDCardImpl::kServiceName));
+    QVERIFY(service.registerService(BusNames::kService));
     ProgramRun run({"path", "csv", "--bus", mBus.address()});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Failure));
     QVERIFY2(run.notes().startsWith("sdcardctl: The service answered: No such object path"),
              qPrintable(run.notes()));
-    service.unregisterService(SDCardImpl::kServiceName);
+    service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
 }
 

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QStringList>
 
+#include "BusNames.h"
 #include "LogCapture.h"
 #include "PrivateBus.h"
 #include "SDCardImpl.h"
@@ -24,8 +25,8 @@ public:
     explicit FakeService(const PrivateBus& bus)
         : card(QStringLiteral("/media/sdcard"), this), mBus(bus.connection())
     {
-        mBus.registerObject(SDCardImpl::kObjectPath, &card);
-        mBus.registerService(SDCardImpl::kServiceName);
+        mBus.registerObject(BusNames::kCardObject, &card);
+        mBus.registerService(BusNames::kService);
     }
     FakeService(const FakeService&) = delete;
     FakeService(FakeService&&) = delete;
@@ -33,8 +34,8 @@ public:
     FakeService& operator=(FakeService&&) = delete;
     ~FakeService() override
     {
-        mBus.unregisterService(SDCardImpl::kServiceName);
-        mBus.unregisterObject(SDCardImpl::kObjectPath);
+        mBus.unregisterService(BusNames::kService);
+        mBus.unregisterObject(BusNames::kCardObject);
     }
 
     qint64 getDirSize(const QString& id) override { return directories.value(id).size; }

@@ -1,0 +1,206 @@
+#pragma once
+
+#include <vector>
+
+#include <QByteArray>
+#include <QDBusConnection>
+#include <QDateTime>
+#include <QFinalState>
+#include <QObject>
+#include <QState>
+#include <QStateMachine>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+#include <QVector>
+
+#include <tavoutil/TrackObject.h>
+
+#include "CardStatus.h"
+#include "EjectButton.h"
+#include "FormatEcho.h"
+#include "MountTable.h"
+#include "OpenFiles.h"
+#include "SdcardInterface.h"
+#include "StorageCapacityWatcher.h"
+#include "TerminationSignals.h"
+
+class ConfigHandler;
+class SDCardImpl;
+class StateMounting;
+class StatePreparing;
+
+/// The controller of the card's life: a state machine, the timers that bound its states, and what
+/// is done on each state and event. Lives on the main thread. Its helpers report, it decides and
+/// logs.
+class Sdcard : public QObject, public TrackObject, public SdcardInterface
+{
+    Q_OBJECT
+
+public:
+    /// How much checkOpenFiles() writes to the log.
+    enum class eLogLevel : int
+    {
+        Silent = 0,
+        Processes = 1, ///< the processes that hold files open
+        Files = 2      ///< these, and each file
+    };
+
+    /// Looks at the hardware, takes the bus name and starts the machine.
+    /// @param config must outlive the controller; its setup() is done
+    Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent);
+    Sdcard(const Sdcard&) = delete;
+    Sdcard& operator=(const Sdcard&) = delete;
+    ~Sdcard() override;
+
+    /// Whether the bus object could be registered.
+    bool isServiceRegistered() const { return mServiceRegistered; }
+
+    qint64 getDirSize(const QString& id) override;
+    qint64 getDirUsed(const QString& id) override;
+    QString getDirPath(const QString& id) override;
+    bool ensureDirSize(const QString& id) override;
+
+    /// ProgramRunner::run(), under its published name.
+    static int runCMD(log4cxx::LoggerPtr logger, const QString& program,
+                      const QStringList& arguments, bool verbose, int timeoutMs);
+    /// The same on the main thread, with the controller's logger.
+    int runCMD(const QString& program, const QStringList& arguments, QByteArray& output,
+               bool verbose, int timeoutMs);
+
+    /// mountStateOf(), under its published name.
+    static MountState getMountState(const log4cxx::LoggerPtr& logger, const QString& mountPoint);
+
+    /// Unmounts @p path and removes the mount point directory.
+    /// @param force without effect: the forced path ends the processes first
+    /// @return false when it could not be unmounted or the directory not be removed
+    bool umountDevice(const QString& path, bool force);
+
+    /// Finds the processes that hold files below @p mountPoint open.
+    /// @param processIds the ids found are appended
+    /// @return 0, or -1 when they cannot be found out
+    int checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
+                       const eLogLevel& logLevel);
+
+    /// MemoryGauge::usedPercentage(), under its published name.
+    static int usedPercentage(const QString& mountPoint);
+
+    /// The machine, to look at. Its states' object names are those of the table of states.
+    const QStateMachine& machine() const { return mMachine; }
+
+Q_SIGNALS:
+    void ADD_DEVICE();
+    void REMOVE_DEVICE();
+    void SD_INSERT();
+    void SD_REMOVE();
+    // The next four are driven by the worker states' signals of the same names; nothing emits them
+    // here. They are part of the published meta-object.
+    void START_PREPARE();
+    void MOUNT_SUCCESS();
+    void MOUNT_FAILED();
+    void MOUNT_CORRUPT();
+    void UMOUNT_SUCCESS();
+    void UNMOUNT_FAILED();
+    void SD_EJECT();
+    void FILES_CLOSED();
+
+    // The order of signals and slots is published.
+public Q_SLOTS:
+    void checkMemState() override;
+    void addBlockDevice();
+    void removeBlockDevice();
+    void noSdCard();
+    void mounted();
+    void mount_exited();
+    void unmounting();
+    void forced_unmounting();
+    void corrupted();
+    void terminating();
+    void closingFiles();
+    void closingFiles_exited();
+    void notMoutable();
+    void cardInsertedTriggered();
+    void cardRemovedTriggered();
+    void cardEjectTriggered();
+    // These three never run: see the signals. What is to follow a mount belongs into mounted().
+    void mountSuccessTriggered();
+    void mountFailedTriggered();
+    void mountCorruptTriggered();
+    void umountSuccessTriggered(); ///< nothing is left to do; kept for the published meta-object
+    void unmountFailedTriggered();
+    void filesClosedTriggered();
+    void timeoutTriggered();
+    void checkFiles();
+    void checkSDcardPresent();
+    void readInputDevice();
+    void setFsBirthDate(const QDateTime& birth);
+    void setMountingState();
+
+private:
+    /// What checkMemState() publishes in a state.
+    enum class Memory
+    {
+        NoCard,
+        NotUsable,
+        Measured,
+        Unchanged
+    };
+    struct StateRow
+    {
+        QAbstractState* state;
+        const char* name;
+        void (Sdcard::*onEntry)();
+        void (Sdcard::*onExit)();
+        Memory memory;
+    };
+    struct TransitionRow
+    {
+        QState* from;
+        const QObject* sender;
+        const char* signal;
+        QAbstractState* to;
+    };
+
+    void checkHardware();
+    void registerBusObject(QDBusConnection& bus);
+    void setUpTimers();
+    void buildMachine();
+    void addTransitions();
+    void connectTriggers();
+
+    bool isSystemRebooting();
+    void setState(State state);
+    void setTransition(Transition transition);
+    void setMemState(MemState memState);
+    void setBusyState(State state);
+    void setUnmountedState();
+
+    SDCardImpl* mService = nullptr;
+    ConfigHandler& mConfig;
+    StorageCapacityWatcher mCapacityWatcher;
+    bool mServiceRegistered = false;
+    FormatEcho mFormatEcho;
+    QTimer mStateTimer{this};
+    QTimer mOpenFilesTimer{this};
+    QTimer mMemoryTimer{this};
+    QTimer mInsertDelayTimer{this};
+    QTimer mEjectPollTimer{this};
+    EjectButton mEjectButton;
+    TerminationSignals mTerminationSignals;
+    OpenFiles mOpenFiles{this, *this};
+    QStateMachine mMachine;
+
+    std::vector<StateRow> mStates;
+    QState* mNoSdCardState = nullptr;
+    StateMounting* mMountingState = nullptr;
+    StatePreparing* mPreparingState = nullptr;
+    QState* mMountedState = nullptr;
+    QState* mNotMoutableState = nullptr;
+    QState* mClosingFilesState = nullptr;
+    QState* mClosingFilesForTerminationState = nullptr;
+    QState* mUnmountingState = nullptr;
+    QState* mUnmountingForTerminationState = nullptr;
+    QState* mForcedUnmountingState = nullptr;
+    QState* mCorruptedState = nullptr;
+    QFinalState* mTerminatingState = nullptr;
+};
