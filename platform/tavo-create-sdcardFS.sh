@@ -25,7 +25,7 @@ fail() {
     exit 1
 }
 
-# Prints "major:minor" of a device node; fails without a word when the node has just gone.
+# Prints "major:minor" of a device node; fails silently if the node is gone.
 device_number() {
     stat --dereference --format='%Hr:%Lr' "$1" 2>/dev/null
 }
@@ -39,7 +39,7 @@ is_mounted() {
     return 1
 }
 
-# Sets start and size (in sectors) of the card's partition when the table is as it should be.
+# Sets start and size (in sectors) of the partition if the table is as expected.
 has_expected_table() {
     start='' size='' partitions=0 label=''
     table=$(sfdisk --dump "$pinned" 2>/dev/null) || return 1
@@ -66,7 +66,7 @@ has_ext4() {
     [ "$found" = ext4 ]
 }
 
-# Tells the kernel of the partition and waits until its node is the right one.
+# Makes the kernel read the partition table and waits until the node of the partition is the right one.
 announce_partition() {
     tries=0
     expected=$(printf '%s\n' "$number_of_card" "$start" "$size")
@@ -76,13 +76,13 @@ announce_partition() {
     esac
     while [ "$tries" -lt "$NODE_TRIES" ]; do
         if [ -b "$partition" ]; then
-            # The kernel may just be taking the node away, to make it anew.
+            # The kernel may be replacing the node at this moment.
             entry=/sys/dev/block/$(device_number "$partition")
             [ "$(cat "$entry/../dev" "$entry/start" "$entry/size" 2>/dev/null)" = "$expected" ] && return 0
         fi
         [ -b "$card" ] || return 1
-        # Fails as long as something else, such as a device manager, has an old partition open. The
-        # second step is for kernels that cannot read the table by themselves.
+        # Fails as long as something else, such as udev, has an old partition open. The second step
+        # is for kernels that do not read the table by themselves.
         [ $((tries % 10)) -ne 0 ] ||
             { blockdev --rereadpt "$pinned" && partx --update "$pinned"; } >/dev/null 2>&1
         tries=$((tries + 1))
@@ -108,8 +108,8 @@ sysfs=/sys/dev/block/$number_of_card
 command exec 9>"$LOCK" || fail "cannot open $LOCK"
 flock --nonblock 9 || fail "$card is being formatted already"
 
-# From here on the card goes by this open descriptor: once it is pulled, nothing that takes its name,
-# neither another card nor a file that a tool would create, can be written to instead.
+# From here on this open descriptor stands for the card. After a pull, its name may belong to another
+# card or to a file that a tool creates; neither is written to.
 command exec 8<"$card" || fail "$card cannot be opened"
 pinned=/proc/self/fd/8
 [ "$(device_number "$pinned")" = "$number_of_card" ] || fail "$card was exchanged"
@@ -125,9 +125,9 @@ protected=$(cat "$sysfs/ro" 2>/dev/null) || fail "$card is gone"
 sectors=$(cat "$sysfs/size" 2>/dev/null) || fail "$card is gone"
 [ "$sectors" -ge "$SMALLEST_SECTORS" ] || fail "$card is too small ($sectors sectors)"
 
-# The table comes last: until it stands, a card that was pulled still looks foreign and is formatted
-# again, instead of passing for a good card with half a file system. mke2fs claims the whole disk and
-# fails where any part of it is in use. Discarding could take longer than the service waits.
+# The table comes last. A card that is pulled before that is foreign and formatted again; with the table
+# first, it would look like a good card with half a file system. mke2fs claims the whole disk and fails
+# if any part of it is in use. A discard could take longer than the service waits.
 start=$FIRST_SECTOR
 size=$((sectors - FIRST_SECTOR))
 echo "Making an ext4 file system on $card ($((sectors / 2048)) MiB)"

@@ -13,8 +13,11 @@ from conftest import ROOT
 from steps import eject, expect_mounted, start_with_mounted_card, take_out
 
 README = ROOT / "README.md"
+OPERATING = ROOT / "docs" / "operating.md"
+DEVELOPING = ROOT / "docs" / "developing.md"
 INTEGRATING = ROOT / "docs" / "integrating.md"
 PAGES = ROOT / "docs" / "man"
+SERVICE_PAGE = PAGES / "sdcardd.8.scd"
 CONFIGURATION_PAGE = PAGES / "tavo-sdcard.config.xml.5.scd"
 needs_no_board = pytest.mark.virtual  # once is enough
 USERS = {"$": "nobody", "#": None}
@@ -53,7 +56,7 @@ def without_numbers(text: str) -> str:
 
 
 @pytest.mark.parametrize("document", [
-    README, pytest.param(INTEGRATING, marks=pytest.mark.virtual),  # it shows busctl, which is a part of systemd
+    OPERATING, pytest.param(INTEGRATING, marks=pytest.mark.virtual),  # it shows busctl, which is a part of systemd
 ], ids=lambda document: document.stem)
 def test_what_a_document_shows_on_a_console_is_what_one_sees(board, document):
     shown = dialogues(document)
@@ -88,9 +91,9 @@ def expect_lines(board: Board, number: int) -> None:
                  lambda: board.exists(file) and board.read_file(file).count("\n") >= number)
 
 
-def test_the_board_in_the_readme_is_used_as_it_says(make_board, program):
+def test_the_board_in_the_document_works_as_shown(make_board, program):
     service = program
-    examples = blocks(README, "python")
+    examples = blocks(DEVELOPING, "python")
     assert len(examples) == 1
     exec(examples[0], vars(board_package) | {"VirtualBoard": lambda program: make_board(program=service)})
 
@@ -142,7 +145,7 @@ def logged_texts() -> set[str]:
 
 @needs_no_board
 def test_every_record_of_a_problem_is_explained():
-    explained = README.read_text() + re.sub(r"\*", "", CONFIGURATION_PAGE.read_text())
+    explained = re.sub(r"\*", "", SERVICE_PAGE.read_text() + CONFIGURATION_PAGE.read_text())
     texts = logged_texts()
     assert len(texts) > 45
     assert [text for text in sorted(texts) if text not in explained] == []
@@ -151,13 +154,12 @@ def test_every_record_of_a_problem_is_explained():
 @needs_no_board
 def test_every_record_that_is_explained_exists():
     all_literals = "\n".join(text for file in source_files() for text in literals(file.read_text()))
-    table = README.read_text().split("### What the log says")[1].split("\n## ")[0]
-    rows = [row.split(" | ")[0] for row in table.splitlines() if row.startswith("| `")]
-    explained = [record for row in rows for record in re.findall(r"`([^`]+)`", row)]
+    section = SERVICE_PAGE.read_text().split("# DIAGNOSTICS")[1].split("\n# ")[0]
+    explained = re.findall(r"^\*(.+)\*(?:\+\+| \[[A-Z, ]+\])$", section, re.MULTILINE)
     errors = CONFIGURATION_PAGE.read_text().split("# ERRORS")[1]
     explained += re.findall(r"^\*([A-Z].*)\*(?:, |$)", errors, re.MULTILINE)
     assert len(explained) > 50
-    pieces = [piece.strip(" *'") for record in explained for piece in re.split(r"…|\.\.\.|\*, \*", record)]
+    pieces = [piece.strip(" *'") for record in explained for piece in re.split(r"\.\.\.|\*, \*", record)]
     # What the service puts together itself.
     pieces = [re.sub(r"^(Can't set|Correct) (?=directory)| (1|system bus)$", "", piece) for piece in pieces]
     assert [piece for piece in pieces if len(piece) > 2 and piece not in all_literals] == []
