@@ -6,6 +6,8 @@
 
 #include <tavoutil/TrackObject.h>
 
+#include "CardStatus.h"
+
 class SdcardInterface;
 
 /// The object on the bus: the card's published properties and signals, and the methods, which it
@@ -40,10 +42,13 @@ public:
     void setMemLevel(int level);
     /// Emits MemStateChanged where the state differs from the present one.
     void setMemState(int state);
+    void setMemState(MemState state) { setMemState(static_cast<int>(state)); }
     /// Part of the published interface; the service gives the mount point to the constructor.
     void setMountPoint(const QString& mountPoint) { mMountPoint = mountPoint; }
     void setState(int state) { mState = state; }
+    void setState(State state) { setState(static_cast<int>(state)); }
     void setTransition(int transition) { mTransition = transition; }
+    void setTransition(Transition transition) { setTransition(static_cast<int>(transition)); }
 
     /// Brings a watched directory, or all for an empty @p id, back within its share. An unknown one
     /// is answered with the bus error InvalidArgs.

@@ -1,5 +1,6 @@
 #include "MountedFileSystem.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <QDir>
 
 #include <mntent.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -64,6 +66,16 @@ dev_t MountedFileSystem::device() const
 {
     struct stat root = {};
     return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 ? root.st_dev : 0;
+}
+
+int unmount(const QString& path)
+{
+    const QByteArray target = path.toUtf8();
+    int result = 0;
+    do {
+        result = ::umount2(target.constData(), 0);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? 0 : errno;
 }
 
 bool removeMountPoint(const QString& path)

@@ -32,6 +32,10 @@ private:
     QByteArray mMountPoint;
 };
 
+/// Unmounts what is mounted on @p path, without force. Tries again as long as a signal interrupts.
+/// @return 0 or the error number
+int unmount(const QString& path);
+
 /// Removes the directory of a mount point with all that it contains, but nothing while a file
 /// system is mounted there or below, however @p path is spelled, or where the mount table, which
 /// would tell, cannot be read.

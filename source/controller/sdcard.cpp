@@ -7,8 +7,6 @@
 #include <QFile>
 #include <QThread>
 
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tavoutil/SystemError.h>
@@ -23,12 +21,13 @@
 #include "SdcardDefs.h"
 #include "StateMounting.h"
 #include "StatePreparing.h"
-#include "config.h"
 #include "fdisk.h"
 
 namespace {
 
 constexpr auto kTrackSource = "sdcard";
+
+using Memory = CardMachine::Memory;
 
 constexpr int kInsertDelayMs = 1000;
 constexpr int kMemoryIntervalMs = 600000;
@@ -65,8 +64,7 @@ Sdcard::Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent)
 Sdcard::~Sdcard()
 {
     mMachine.stop();
-    for (QTimer* const timer :
-         {&mStateTimer, &mOpenFilesTimer, &mMemoryTimer, &mInsertDelayTimer, &mEjectPollTimer}) {
+    for (QTimer* const timer : findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly)) {
         timer->stop();
         timer->disconnect(this);
     }
@@ -138,105 +136,81 @@ void Sdcard::setUpTimers()
 
 void Sdcard::buildMachine()
 {
+    auto* const noSdCardState = new QState;
+    mMountingState = new StateMounting(mConfig);
+    mPreparingState = new StatePreparing(mConfig);
+    auto* const mountedState = new QState;
+    auto* const notMoutableState = new QState;
+    auto* const closingFilesState = new QState;
+    auto* const closingFilesForTerminationState = new QState;
+    auto* const unmountingState = new QState;
+    auto* const unmountingForTerminationState = new QState;
+    auto* const forcedUnmountingState = new QState;
+    auto* const corruptedState = new QState;
+    auto* const terminatingState = new QFinalState;
+
     // Missing on purpose: the worker states handle their entry and exit themselves.
     // clang-format off
-    mStates = {
-        {mNoSdCardState = new QState,                   "noSdCard",                   &Sdcard::noSdCard,          nullptr,                      Memory::NoCard},
-        {mMountingState = new StateMounting(mConfig),   "mounting",                   nullptr,                    nullptr,                      Memory::Unchanged},
-        {mPreparingState = new StatePreparing(mConfig), "preparing",                  nullptr,                    nullptr,                      Memory::Unchanged},
-        {mMountedState = new QState,                    "mounted",                    &Sdcard::mounted,           &Sdcard::mount_exited,        Memory::Measured},
-        {mNotMoutableState = new QState,                "notMoutable",                &Sdcard::notMoutable,       nullptr,                      Memory::NotUsable},
-        {mClosingFilesState = new QState,               "closingFiles",               &Sdcard::closingFiles,      &Sdcard::closingFiles_exited, Memory::Unchanged},
-        {mClosingFilesForTerminationState = new QState, "closingFilesForTermination", &Sdcard::closingFiles,      &Sdcard::closingFiles_exited, Memory::Unchanged},
-        {mUnmountingState = new QState,                 "unmounting",                 &Sdcard::unmounting,        nullptr,                      Memory::NoCard},
-        {mUnmountingForTerminationState = new QState,   "unmountingForTermination",   &Sdcard::unmounting,        nullptr,                      Memory::NoCard},
-        {mForcedUnmountingState = new QState,           "forced_unmounting",          &Sdcard::forced_unmounting, nullptr,                      Memory::Unchanged},
-        {mCorruptedState = new QState,                  "corrupted",                  &Sdcard::corrupted,         nullptr,                      Memory::NotUsable},
-        {mTerminatingState = new QFinalState,           "terminating",                &Sdcard::terminating,       nullptr,                      Memory::Unchanged},
-    };
+    mMachine.addStates(this, {
+        {noSdCardState,                   "noSdCard",                   &Sdcard::noSdCard,          nullptr,                      Memory::NoCard},
+        {mMountingState,                  "mounting",                   nullptr,                    nullptr,                      Memory::Unchanged},
+        {mPreparingState,                 "preparing",                  nullptr,                    nullptr,                      Memory::Unchanged},
+        {mountedState,                    "mounted",                    &Sdcard::mounted,           &Sdcard::mount_exited,        Memory::Measured},
+        {notMoutableState,                "notMoutable",                &Sdcard::notMoutable,       nullptr,                      Memory::NotUsable},
+        {closingFilesState,               "closingFiles",               &Sdcard::closingFiles,      &Sdcard::closingFiles_exited, Memory::Unchanged},
+        {closingFilesForTerminationState, "closingFilesForTermination", &Sdcard::closingFiles,      &Sdcard::closingFiles_exited, Memory::Unchanged},
+        {unmountingState,                 "unmounting",                 &Sdcard::unmounting,        nullptr,                      Memory::NoCard},
+        {unmountingForTerminationState,   "unmountingForTermination",   &Sdcard::unmounting,        nullptr,                      Memory::NoCard},
+        {forcedUnmountingState,           "forced_unmounting",          &Sdcard::forced_unmounting, nullptr,                      Memory::Unchanged},
+        {corruptedState,                  "corrupted",                  &Sdcard::corrupted,         nullptr,                      Memory::NotUsable},
+        {terminatingState,                "terminating",                &Sdcard::terminating,       nullptr,                      Memory::Unchanged},
+    });
     // clang-format on
-    for (const StateRow& row : mStates) {
-        row.state->setObjectName(QString::fromLatin1(row.name));
-        mMachine.addState(row.state);
-    }
-    mMachine.setInitialState(mNoSdCardState);
-
     connectTriggers();
-    for (const StateRow& row : mStates) {
-        if (row.onEntry != nullptr) {
-            connect(row.state, &QAbstractState::entered, this, row.onEntry);
-        }
-        if (row.onExit != nullptr) {
-            connect(row.state, &QAbstractState::exited, this, row.onExit);
-        }
-    }
-    addTransitions();
-}
 
-void Sdcard::addTransitions()
-{
     QSocketNotifier* const notifier = mTerminationSignals.notifier();
     const char* const kSignalArrived = SIGNAL(activated(int));
     const char* const kTimeout = SIGNAL(timeout());
     const char* const kRemoved = SIGNAL(SD_REMOVE());
-
     // Missing on purpose: a corrupted card keeps its state until the process ends, so nothing
     // leaves corrupted; and a request to terminate waits until mounting and preparing are done. A
     // terminating state leaves by the pending request after its own unmount, as UMOUNT_SUCCESS says
     // that nothing was mounted.
     // clang-format off
-    const std::vector<TransitionRow> rows = {
-        {mNoSdCardState,                   this,            SIGNAL(SD_INSERT()),      mMountingState},
-        {mNoSdCardState,                   notifier,        kSignalArrived,           mTerminatingState},
-        {mMountingState,                   mMountingState,  SIGNAL(START_PREPARE()),  mPreparingState},
-        {mMountingState,                   mMountingState,  SIGNAL(MOUNT_SUCCESS()),  mMountedState},
-        {mMountingState,                   mMountingState,  SIGNAL(MOUNT_CORRUPT()),  mCorruptedState},
-        {mMountingState,                   mMountingState,  SIGNAL(MOUNT_FAILED()),   mNotMoutableState},
-        {mMountingState,                   this,            kRemoved,                 mNoSdCardState},
-        {mPreparingState,                  mPreparingState, SIGNAL(MOUNT_SUCCESS()),  mMountedState},
-        {mPreparingState,                  this,            kRemoved,                 mNoSdCardState},
-        {mNotMoutableState,                this,            kRemoved,                 mNoSdCardState},
-        {mNotMoutableState,                notifier,        kSignalArrived,           mTerminatingState},
-        {mMountedState,                    this,            SIGNAL(SD_EJECT()),       mClosingFilesState},
-        {mMountedState,                    this,            kRemoved,                 mNoSdCardState},
-        {mMountedState,                    notifier,        kSignalArrived,           mClosingFilesForTerminationState},
-        {mClosingFilesState,               this,            kRemoved,                 mNoSdCardState},
-        {mClosingFilesState,               this,            SIGNAL(FILES_CLOSED()),   mUnmountingState},
-        {mClosingFilesState,               &mStateTimer,    kTimeout,                 mMountedState},
-        {mUnmountingState,                 this,            SIGNAL(UMOUNT_SUCCESS()), mNoSdCardState},
-        {mUnmountingState,                 this,            kRemoved,                 mNoSdCardState},
-        {mUnmountingState,                 &mStateTimer,    kTimeout,                 mMountingState},
-        {mUnmountingState,                 this,            SIGNAL(UNMOUNT_FAILED()), mMountingState},
-        {mUnmountingState,                 notifier,        kSignalArrived,           mTerminatingState},
-        {mClosingFilesForTerminationState, this,            kRemoved,                 mTerminatingState},
-        {mClosingFilesForTerminationState, this,            SIGNAL(FILES_CLOSED()),   mUnmountingForTerminationState},
-        {mClosingFilesForTerminationState, &mStateTimer,    kTimeout,                 mForcedUnmountingState},
-        {mUnmountingForTerminationState,   this,            SIGNAL(UMOUNT_SUCCESS()), mTerminatingState},
-        {mUnmountingForTerminationState,   this,            SIGNAL(UNMOUNT_FAILED()), mForcedUnmountingState},
-        {mUnmountingForTerminationState,   &mStateTimer,    kTimeout,                 mForcedUnmountingState},
-        {mUnmountingForTerminationState,   notifier,        kSignalArrived,           mTerminatingState},
-        {mForcedUnmountingState,           this,            SIGNAL(UNMOUNT_FAILED()), mTerminatingState},
-        {mForcedUnmountingState,           notifier,        kSignalArrived,           mTerminatingState},
-    };
+    mMachine.addTransitions({
+        {noSdCardState,                   this,            SIGNAL(SD_INSERT()),      mMountingState},
+        {noSdCardState,                   notifier,        kSignalArrived,           terminatingState},
+        {mMountingState,                  mMountingState,  SIGNAL(START_PREPARE()),  mPreparingState},
+        {mMountingState,                  mMountingState,  SIGNAL(MOUNT_SUCCESS()),  mountedState},
+        {mMountingState,                  mMountingState,  SIGNAL(MOUNT_CORRUPT()),  corruptedState},
+        {mMountingState,                  mMountingState,  SIGNAL(MOUNT_FAILED()),   notMoutableState},
+        {mMountingState,                  this,            kRemoved,                 noSdCardState},
+        {mPreparingState,                 mPreparingState, SIGNAL(MOUNT_SUCCESS()),  mountedState},
+        {mPreparingState,                 this,            kRemoved,                 noSdCardState},
+        {notMoutableState,                this,            kRemoved,                 noSdCardState},
+        {notMoutableState,                notifier,        kSignalArrived,           terminatingState},
+        {mountedState,                    this,            SIGNAL(SD_EJECT()),       closingFilesState},
+        {mountedState,                    this,            kRemoved,                 noSdCardState},
+        {mountedState,                    notifier,        kSignalArrived,           closingFilesForTerminationState},
+        {closingFilesState,               this,            kRemoved,                 noSdCardState},
+        {closingFilesState,               this,            SIGNAL(FILES_CLOSED()),   unmountingState},
+        {closingFilesState,               &mStateTimer,    kTimeout,                 mountedState},
+        {unmountingState,                 this,            SIGNAL(UMOUNT_SUCCESS()), noSdCardState},
+        {unmountingState,                 this,            kRemoved,                 noSdCardState},
+        {unmountingState,                 &mStateTimer,    kTimeout,                 mMountingState},
+        {unmountingState,                 this,            SIGNAL(UNMOUNT_FAILED()), mMountingState},
+        {unmountingState,                 notifier,        kSignalArrived,           terminatingState},
+        {closingFilesForTerminationState, this,            kRemoved,                 terminatingState},
+        {closingFilesForTerminationState, this,            SIGNAL(FILES_CLOSED()),   unmountingForTerminationState},
+        {closingFilesForTerminationState, &mStateTimer,    kTimeout,                 forcedUnmountingState},
+        {unmountingForTerminationState,   this,            SIGNAL(UMOUNT_SUCCESS()), terminatingState},
+        {unmountingForTerminationState,   this,            SIGNAL(UNMOUNT_FAILED()), forcedUnmountingState},
+        {unmountingForTerminationState,   &mStateTimer,    kTimeout,                 forcedUnmountingState},
+        {unmountingForTerminationState,   notifier,        kSignalArrived,           terminatingState},
+        {forcedUnmountingState,           this,            SIGNAL(UNMOUNT_FAILED()), terminatingState},
+        {forcedUnmountingState,           notifier,        kSignalArrived,           terminatingState},
+    }, kRemoved, mFormatEcho, notifier);
     // clang-format on
-    for (const TransitionRow& row : rows) {
-        // Without the signal bridge there is no notifier.
-        if (row.sender == nullptr) {
-            continue;
-        }
-        auto* const transition = row.signal == kRemoved
-                                     ? new RemovalTransition(row.sender, row.signal, mFormatEcho)
-                                     : new QSignalTransition(row.sender, row.signal);
-        transition->setTargetState(row.to);
-        row.from->addTransition(transition);
-        if (row.sender == notifier) {
-            // A pending request would keep the event loop busy where no transition waits for it.
-            connect(row.from, &QState::entered, notifier,
-                    [notifier] { notifier->setEnabled(true); });
-            connect(row.from, &QState::exited, notifier,
-                    [notifier] { notifier->setEnabled(false); });
-        }
-    }
 }
 
 void Sdcard::connectTriggers()
@@ -255,26 +229,6 @@ void Sdcard::connectTriggers()
     connect(&mStateTimer, &QTimer::timeout, this, &Sdcard::timeoutTriggered);
     connect(mMountingState, &StateMounting::newFsBirthDate, this, &Sdcard::setFsBirthDate);
     connect(mMountingState, &StateMounting::mountingStateActive, this, &Sdcard::setMountingState);
-}
-
-qint64 Sdcard::getDirSize(const QString& id)
-{
-    return mConfig.getDirSize(id);
-}
-
-qint64 Sdcard::getDirUsed(const QString& id)
-{
-    return mConfig.getDirUsed(id);
-}
-
-QString Sdcard::getDirPath(const QString& id)
-{
-    return mConfig.getDirPath(id);
-}
-
-bool Sdcard::ensureDirSize(const QString& id)
-{
-    return mCapacityWatcher.ensureDirSize(id);
 }
 
 // Worker threads hand over their own logger, by value.
@@ -296,27 +250,18 @@ MountState Sdcard::getMountState(const log4cxx::LoggerPtr& /*logger*/, const QSt
     return mountStateOf(mountPoint);
 }
 
-int Sdcard::usedPercentage(const QString& mountPoint)
-{
-    return MemoryGauge::usedPercentage(mountPoint);
-}
-
 void Sdcard::checkMemState()
 {
-    const QSet<QAbstractState*> active = mMachine.configuration();
-    for (const StateRow& row : mStates) {
-        if (!active.contains(row.state) || row.memory == Memory::Unchanged) {
-            continue;
-        }
-        if (row.memory == Memory::Measured) {
-            const int percent = usedPercentage(mConfig.mountPoint());
-            setMemState(MemoryGauge::memStateOf(percent));
-            mService->setMemLevel(percent);
-        } else {
-            setMemState(row.memory == Memory::NoCard ? MemState::NoCard : MemState::NotUsable);
-            mService->setMemLevel(0);
-        }
+    const Memory memory = mMachine.memory();
+    if (memory == Memory::Unchanged) {
+        return;
     }
+    const int percent =
+        memory == Memory::Measured ? MemoryGauge::usedPercentage(mConfig.mountPoint()) : 0;
+    mService->setMemState(memory == Memory::NoCard      ? MemState::NoCard
+                          : memory == Memory::NotUsable ? MemState::NotUsable
+                                                        : MemoryGauge::memStateOf(percent));
+    mService->setMemLevel(percent);
 }
 
 void Sdcard::checkSDcardPresent()
@@ -358,7 +303,7 @@ void Sdcard::cardInsertedTriggered()
         TRACK_ERROR(logger(), "Ignoring SD Card insert event because of System is rebooting");
         return;
     }
-    setTransition(Transition::CardInserted);
+    mService->setTransition(Transition::CardInserted);
 }
 
 void Sdcard::cardRemovedTriggered()
@@ -367,7 +312,7 @@ void Sdcard::cardRemovedTriggered()
         return;
     }
     mStateTimer.stop();
-    setTransition(Transition::CardRemoved);
+    mService->setTransition(Transition::CardRemoved);
     mCapacityWatcher.abandonRuns();
     const QString& mountPoint = mConfig.mountPoint();
     if (mountStateOf(mountPoint) == MountState::ReadWrite) {
@@ -382,44 +327,42 @@ void Sdcard::cardRemovedTriggered()
 
 void Sdcard::cardEjectTriggered()
 {
-    setTransition(Transition::EjectRequested);
+    mService->setTransition(Transition::EjectRequested);
     mFormatEcho.setBirth(QDateTime());
     TRACK_INFO(logger(), "SD Card eject trigger received");
 }
 
 void Sdcard::mountSuccessTriggered()
 {
-    setTransition(Transition::MountSucceeded);
+    mService->setTransition(Transition::MountSucceeded);
 }
 
 void Sdcard::mountFailedTriggered()
 {
-    setTransition(Transition::MountFailed);
+    mService->setTransition(Transition::MountFailed);
     Q_EMIT mService->CardNotMountable();
 }
 
 void Sdcard::mountCorruptTriggered()
 {
-    setTransition(Transition::CardCorrupt);
+    mService->setTransition(Transition::CardCorrupt);
     Q_EMIT mService->CardCorrupt();
 }
 
-void Sdcard::umountSuccessTriggered() {}
-
 void Sdcard::unmountFailedTriggered()
 {
-    setTransition(Transition::UnmountFailed);
+    mService->setTransition(Transition::UnmountFailed);
 }
 
 void Sdcard::filesClosedTriggered()
 {
     mStateTimer.stop();
-    setTransition(Transition::FilesClosed);
+    mService->setTransition(Transition::FilesClosed);
 }
 
 void Sdcard::timeoutTriggered()
 {
-    setTransition(Transition::TimedOut);
+    mService->setTransition(Transition::TimedOut);
     mStateTimer.stop();
 }
 
@@ -430,10 +373,10 @@ void Sdcard::setFsBirthDate(const QDateTime& birth)
 
 void Sdcard::noSdCard()
 {
-    setState(State::NoCard);
+    mService->setState(State::NoCard);
     mService->setIsMounted(false);
     CardLights::show(CardLights::Pattern::Off);
-    setMemState(MemState::NoCard);
+    mService->setMemState(MemState::NoCard);
 }
 
 void Sdcard::setMountingState()
@@ -443,7 +386,7 @@ void Sdcard::setMountingState()
 
 void Sdcard::mounted()
 {
-    setState(State::Mounted);
+    mService->setState(State::Mounted);
     mService->setIsMounted(true);
     mCapacityWatcher.storageIsReady();
     CardLights::show(CardLights::Pattern::Mounted);
@@ -468,7 +411,7 @@ void Sdcard::mount_exited()
 
 void Sdcard::notMoutable()
 {
-    setState(State::NotMountable);
+    mService->setState(State::NotMountable);
     mService->setIsMounted(false);
     Q_EMIT mService->CardNotMountable();
     CardLights::show(CardLights::Pattern::NotMountable);
@@ -476,8 +419,8 @@ void Sdcard::notMoutable()
 
 void Sdcard::corrupted()
 {
-    setState(State::Corrupted);
-    setMemState(MemState::NotUsable);
+    mService->setState(State::Corrupted);
+    mService->setMemState(MemState::NotUsable);
     CardLights::show(CardLights::Pattern::Busy);
     TRACK_ERROR(logger(), "Corrupted SD Card detected");
 }
@@ -490,48 +433,29 @@ void Sdcard::terminating()
 
 void Sdcard::setBusyState(State state)
 {
-    setState(state);
+    mService->setState(state);
     CardLights::show(CardLights::Pattern::Busy);
 }
 
 void Sdcard::setUnmountedState()
 {
-    setState(State::Unmounted);
+    mService->setState(State::Unmounted);
     mService->setIsMounted(false);
     Q_EMIT mService->CardUnmounted();
     mService->setMemLevel(0);
-    setMemState(MemState::NoCard);
+    mService->setMemState(MemState::NoCard);
     mCapacityWatcher.storageIsUnmounted();
     CardLights::show(CardLights::Pattern::Unmounted);
     mStateTimer.start(kTakeOutTimeoutMs);
     TRACK_INFO(logger(), "SD Card is successfully unmounted");
 }
 
-void Sdcard::setState(State state)
-{
-    mService->setState(static_cast<int>(state));
-}
-
-void Sdcard::setTransition(Transition transition)
-{
-    mService->setTransition(static_cast<int>(transition));
-}
-
-void Sdcard::setMemState(MemState memState)
-{
-    mService->setMemState(static_cast<int>(memState));
-}
-
 bool Sdcard::umountDevice(const QString& path, bool /*force*/)
 {
-    const QByteArray target = path.toUtf8();
-    int result = 0;
-    do {
-        result = ::umount2(target.constData(), 0);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
-        const QByteArray why = tavoutil::systemErrorText(errno);
-        TRACK_ERROR(logger(), "Umount failed: error code '" + why + "'");
+    const int error = unmount(path);
+    if (error != 0) {
+        TRACK_ERROR(logger(),
+                    "Umount failed: error code '" + tavoutil::systemErrorText(error) + "'");
         return false;
     }
     return removeMountPoint(path);
@@ -577,15 +501,19 @@ int Sdcard::checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
     return 0;
 }
 
+bool Sdcard::areFilesClosed(eLogLevel logLevel)
+{
+    QVector<int> processIds;
+    return checkOpenFiles(mConfig.mountPoint(), processIds, logLevel) == 0 && processIds.isEmpty();
+}
+
 void Sdcard::closingFiles()
 {
     setBusyState(State::ClosingFiles);
     Q_EMIT mService->EjectPressed();
     // The service's own runs let go first: they would be taken for somebody else's.
     mCapacityWatcher.abandonRuns();
-    QVector<int> processIds;
-    if (checkOpenFiles(mConfig.mountPoint(), processIds, eLogLevel::Processes) == 0 &&
-        processIds.isEmpty()) {
+    if (areFilesClosed(eLogLevel::Processes)) {
         Q_EMIT FILES_CLOSED();
         return;
     }
@@ -595,23 +523,11 @@ void Sdcard::closingFiles()
 
 void Sdcard::checkFiles()
 {
-    const QString& mountPoint = mConfig.mountPoint();
-    struct stat status = {};
-    if (::stat(mountPoint.toUtf8().constData(), &status) != 0) {
-        Q_EMIT FILES_CLOSED();
-        return;
-    }
-    QVector<int> processIds;
-    if (checkOpenFiles(mountPoint, processIds, eLogLevel::Silent) == 0 && processIds.isEmpty()) {
+    if (!QFile::exists(mConfig.mountPoint()) || areFilesClosed(eLogLevel::Silent)) {
         Q_EMIT FILES_CLOSED();
     } else {
         mOpenFilesTimer.start(kOpenFilesIntervalMs);
     }
-}
-
-void Sdcard::closingFiles_exited()
-{
-    mOpenFilesTimer.stop();
 }
 
 void Sdcard::unmounting()

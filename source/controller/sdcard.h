@@ -1,14 +1,11 @@
 #pragma once
 
-#include <vector>
-
 #include <QByteArray>
 #include <QDBusConnection>
 #include <QDateTime>
 #include <QFinalState>
 #include <QObject>
 #include <QState>
-#include <QStateMachine>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
@@ -16,6 +13,7 @@
 
 #include <tavoutil/TrackObject.h>
 
+#include "CardMachine.h"
 #include "CardStatus.h"
 #include "EjectButton.h"
 #include "FormatEcho.h"
@@ -24,8 +22,8 @@
 #include "SdcardInterface.h"
 #include "StorageCapacityWatcher.h"
 #include "TerminationSignals.h"
+#include "config.h"
 
-class ConfigHandler;
 class SDCardImpl;
 class StateMounting;
 class StatePreparing;
@@ -56,19 +54,16 @@ public:
     /// Whether the bus object could be registered.
     bool isServiceRegistered() const { return mServiceRegistered; }
 
-    qint64 getDirSize(const QString& id) override;
-    qint64 getDirUsed(const QString& id) override;
-    QString getDirPath(const QString& id) override;
-    bool ensureDirSize(const QString& id) override;
+    qint64 getDirSize(const QString& id) override { return mConfig.getDirSize(id); }
+    qint64 getDirUsed(const QString& id) override { return mConfig.getDirUsed(id); }
+    QString getDirPath(const QString& id) override { return mConfig.getDirPath(id); }
+    bool ensureDirSize(const QString& id) override { return mCapacityWatcher.ensureDirSize(id); }
 
-    /// ProgramRunner::run(), under its published name.
+    // Published names of what other rooms do: ProgramRunner::run() and mountStateOf().
     static int runCMD(log4cxx::LoggerPtr logger, const QString& program,
                       const QStringList& arguments, bool verbose, int timeoutMs);
-    /// The same on the main thread, with the controller's logger.
     int runCMD(const QString& program, const QStringList& arguments, QByteArray& output,
                bool verbose, int timeoutMs);
-
-    /// mountStateOf(), under its published name.
     static MountState getMountState(const log4cxx::LoggerPtr& logger, const QString& mountPoint);
 
     /// Unmounts @p path and removes the mount point directory.
@@ -81,9 +76,6 @@ public:
     /// @return 0, or -1 when they cannot be found out
     int checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
                        const eLogLevel& logLevel);
-
-    /// MemoryGauge::usedPercentage(), under its published name.
-    static int usedPercentage(const QString& mountPoint);
 
     /// The machine, to look at. Its states' object names are those of the table of states.
     const QStateMachine& machine() const { return mMachine; }
@@ -117,7 +109,7 @@ public Q_SLOTS:
     void corrupted();
     void terminating();
     void closingFiles();
-    void closingFiles_exited();
+    void closingFiles_exited() { mOpenFilesTimer.stop(); }
     void notMoutable();
     void cardInsertedTriggered();
     void cardRemovedTriggered();
@@ -126,7 +118,7 @@ public Q_SLOTS:
     void mountSuccessTriggered();
     void mountFailedTriggered();
     void mountCorruptTriggered();
-    void umountSuccessTriggered(); ///< nothing is left to do; kept for the published meta-object
+    void umountSuccessTriggered() {}
     void unmountFailedTriggered();
     void filesClosedTriggered();
     void timeoutTriggered();
@@ -137,41 +129,14 @@ public Q_SLOTS:
     void setMountingState();
 
 private:
-    /// What checkMemState() publishes in a state.
-    enum class Memory
-    {
-        NoCard,
-        NotUsable,
-        Measured,
-        Unchanged
-    };
-    struct StateRow
-    {
-        QAbstractState* state;
-        const char* name;
-        void (Sdcard::*onEntry)();
-        void (Sdcard::*onExit)();
-        Memory memory;
-    };
-    struct TransitionRow
-    {
-        QState* from;
-        const QObject* sender;
-        const char* signal;
-        QAbstractState* to;
-    };
-
     void checkHardware();
     void registerBusObject(QDBusConnection& bus);
     void setUpTimers();
     void buildMachine();
-    void addTransitions();
     void connectTriggers();
 
     bool isSystemRebooting();
-    void setState(State state);
-    void setTransition(Transition transition);
-    void setMemState(MemState memState);
+    bool areFilesClosed(eLogLevel logLevel);
     void setBusyState(State state);
     void setUnmountedState();
 
@@ -188,19 +153,7 @@ private:
     EjectButton mEjectButton;
     TerminationSignals mTerminationSignals;
     OpenFiles mOpenFiles{this, *this};
-    QStateMachine mMachine;
-
-    std::vector<StateRow> mStates;
-    QState* mNoSdCardState = nullptr;
+    CardMachine mMachine;
     StateMounting* mMountingState = nullptr;
     StatePreparing* mPreparingState = nullptr;
-    QState* mMountedState = nullptr;
-    QState* mNotMoutableState = nullptr;
-    QState* mClosingFilesState = nullptr;
-    QState* mClosingFilesForTerminationState = nullptr;
-    QState* mUnmountingState = nullptr;
-    QState* mUnmountingForTerminationState = nullptr;
-    QState* mForcedUnmountingState = nullptr;
-    QState* mCorruptedState = nullptr;
-    QFinalState* mTerminatingState = nullptr;
 };

@@ -6,6 +6,7 @@
 
 #include "CardImage.h"
 #include "ControllerDevice.h"
+#include "MemoryGauge.h"
 #include "MountTableText.h"
 #include "SDCardImpl.h"
 #include "TestDevice.h"
@@ -85,7 +86,7 @@ void SdcardMemoryTest::the_used_share_is_rounded_up()
     QFETCH(const int, used);
     QFETCH(const int, percent);
     QVERIFY(mountPages(pages, used));
-    QCOMPARE(Sdcard::usedPercentage(kMountPoint), percent);
+    QCOMPARE(MemoryGauge::usedPercentage(kMountPoint), percent);
 }
 
 void SdcardMemoryTest::free_blocks_of_the_superuser_are_free()
@@ -100,13 +101,13 @@ void SdcardMemoryTest::free_blocks_of_the_superuser_are_free()
                                 status.f_blocks);
     };
     QVERIFY(shareWithout(status.f_bfree) < shareWithout(status.f_bavail));
-    QCOMPARE(Sdcard::usedPercentage(kMountPoint), shareWithout(status.f_bfree));
+    QCOMPARE(MemoryGauge::usedPercentage(kMountPoint), shareWithout(status.f_bfree));
 }
 
 void SdcardMemoryTest::what_is_not_mounted_has_no_used_share()
 {
-    QCOMPARE(Sdcard::usedPercentage(kMountPoint), 0);
-    QCOMPARE(Sdcard::usedPercentage("/nowhere"), 0);
+    QCOMPARE(MemoryGauge::usedPercentage(kMountPoint), 0);
+    QCOMPARE(MemoryGauge::usedPercentage("/nowhere"), 0);
 }
 
 void SdcardMemoryTest::a_mount_of_another_name_has_no_used_share()
@@ -114,15 +115,15 @@ void SdcardMemoryTest::a_mount_of_another_name_has_no_used_share()
     QVERIFY(TestDevice::mountTmpfs("/media/sdcard2", 1 << 20));
     TestDevice::writeFile("/media/sdcard2/x", "x");
     QVERIFY(QDir().mkpath(kMountPoint));
-    QCOMPARE(Sdcard::usedPercentage(kMountPoint), 0);
-    QVERIFY(Sdcard::usedPercentage("/media/sdcard2") > 0);
+    QCOMPARE(MemoryGauge::usedPercentage(kMountPoint), 0);
+    QVERIFY(MemoryGauge::usedPercentage("/media/sdcard2") > 0);
     TestDevice::unmountAll("/media/sdcard2");
 }
 
 void SdcardMemoryTest::a_mount_that_cannot_be_asked_has_no_used_share()
 {
     const MountTable table("a /media/gone ext4 rw 0 0\n");
-    QCOMPARE(Sdcard::usedPercentage("/media/gone"), 0);
+    QCOMPARE(MemoryGauge::usedPercentage("/media/gone"), 0);
 }
 
 void SdcardMemoryTest::each_bound_belongs_to_the_class_below_data()
