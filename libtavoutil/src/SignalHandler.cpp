@@ -112,7 +112,7 @@ private:
         *this << "\n";
         const ssize_t written =
             write(STDERR_FILENO, mText.data() + mPriorityLength, mLength - mPriorityLength);
-        static_cast<void>(written); // There is nowhere left to tell.
+        static_cast<void>(written); // No other place is left to report to.
     }
 
     std::array<char, 512> mText{};
@@ -187,7 +187,7 @@ void passOn(int number, siginfo_t* info)
     {};
     defaultAction.sa_handler = SIG_DFL;
     sigaction(number, &defaultAction, nullptr);
-    // The original information, so that a core dump tells the fault address too.
+    // The original information, so that a core dump contains the fault address too.
     if (syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), number, info) != 0) {
         static_cast<void>(raise(number));
     }
