@@ -239,11 +239,11 @@ void XMLDomParserTest::time_does_not_grow_with_the_square_of_the_size()
     QElapsedTimer timer;
     timer.start();
     for (const QByteArray element : {"\n<a/>", "\u20ac<a/>"}) {
-        const int count = (IXMLDomParser::kMaxFileSize - 17) / element.size();
+        const int count = IXMLDomParser::kMaxFileSize / 4 / element.size();
         QVERIFY(!parse("<sdcard>" + element.repeated(count) + "</sdcard>").isEmpty());
     }
     // The square would take minutes.
-    QVERIFY2(timer.elapsed() < 30000, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY2(timer.elapsed() < 10000, qPrintable(QString::number(timer.elapsed())));
 }
 
 QTEST_APPLESS_MAIN(XMLDomParserTest)
