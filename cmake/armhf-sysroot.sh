@@ -6,5 +6,5 @@ here=$(cd "$(dirname "$0")" && pwd)
 sysroot=${SDCARDD_ARMHF_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/sdcardd}/sysroot
 
 "$here/armhf-root.sh" "$sysroot" --hook "$here/armhf-sysroot-hook.sh" \
-    libc6-dev libstdc++-12-dev qtbase5-dev liblog4cxx-dev libfdisk-dev libexpat1-dev
+    libc6-dev libstdc++-12-dev qtbase5-dev liblog4cxx-dev libfdisk-dev
 echo "$sysroot"

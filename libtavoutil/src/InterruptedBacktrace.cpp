@@ -4,8 +4,10 @@
 
 #include <array>
 
-// Calls backtrace() out of a frame that claims to have been called by whoever had these registers,
-// r4 to r15: the opcode has the unwinder take them all from the stack.
+// Calls backtrace() from a frame whose unwind opcode restores r4 to r15 from the stack: the
+// unwinder continues with the interrupted code. libunwind would do without assembly, but its
+// look-up of unwind tables takes a lock of the dynamic loader, which the crashed process may keep
+// for ever.
 extern "C" int tavoutilBacktraceFrom(const unsigned long* registers, void** frames, int maxFrames);
 asm(R"(
     .text
@@ -37,7 +39,7 @@ tavoutilBacktraceFrom:
 
 int interruptedBacktrace(const mcontext_t& interrupted, void** frames, int maxFrames)
 {
-    // The unwinder looks for the call a step before an address; this is the instruction itself.
+    // The unwinder expects return addresses and looks a step before them.
     constexpr unsigned long kStep = 2;
     const std::array<unsigned long, 12> registers{
         interrupted.arm_r4, interrupted.arm_r5, interrupted.arm_r6,  interrupted.arm_r7,

@@ -4,9 +4,9 @@
 
 #include <sys/ucontext.h>
 
-/// Fills @p frames with the return addresses from the code on that a signal has interrupted, as
-/// backtrace() does from its caller on; the first one is this function's own. Returns how
-/// many there are. Here the unwinder itself does not go on beyond a signal handler.
+/// Fills @p frames as backtrace() does, but from the code that a signal has interrupted: on ARM,
+/// backtrace() does not get past a signal handler. The first address is this function's own.
+/// @return the number of addresses
 int interruptedBacktrace(const mcontext_t& interrupted, void** frames, int maxFrames);
 
 #endif

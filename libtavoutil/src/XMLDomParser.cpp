@@ -1,288 +1,287 @@
 #include <tavoutil/XMLDomParser.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include <expat.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
+
+#include <QFile>
+#include <QTextCodec>
+#include <QXmlStreamReader>
 
 #include <tavoutil/SystemError.h>
 
-#include "XMLDocument.h"
+struct ITCXMLNode::Element
+{
+    QByteArray name;
+    QByteArray text;
+    std::vector<std::pair<QByteArray, QByteArray>> attributes;
+    std::vector<Element> children;
+    int line = 0;
+    int column = 0;
+};
 
 namespace {
 
 struct Problem
 {
     int error = IXMLDomParser::NoError;
-    std::string what;
+    QByteArray what = "no error";
     int line = 0;
     int column = 0;
 };
 
-/// @return what is wrong, empty on success
-Problem readFile(const char* fileName, std::string& content)
+Problem readFile(const char* fileName, QByteArray& content)
 {
-    // A pipe without a writer must not stop the start.
-    const int file = open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file < 0) {
-        return {IXMLDomParser::UnreadableFile, tavoutil::systemErrorText(errno).toStdString()};
+    // A pipe without a writer must not block the start.
+    const int descriptor = open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) {
+        return {IXMLDomParser::UnreadableFile, tavoutil::systemErrorText(errno)};
     }
-    Problem problem;
+    QFile file;
+    file.open(descriptor, QIODevice::ReadOnly | QIODevice::Unbuffered,
+              QFileDevice::AutoCloseHandle);
     struct stat status
     {};
-    if (fstat(file, &status) == 0 && !S_ISREG(status.st_mode)) {
-        problem = {IXMLDomParser::UnreadableFile, "not a regular file"};
-    } else {
-        // The files of /proc and /sys do not know their size before they are read.
-        constexpr std::size_t kBlock = std::size_t{64} * 1024;
-        ssize_t length = 0;
-        do {
-            const std::size_t size = content.size();
-            content.resize(size + kBlock);
-            length = read(file, content.data() + size, kBlock);
-            if (length < 0) {
-                problem = {IXMLDomParser::UnreadableFile,
-                           tavoutil::systemErrorText(errno).toStdString()};
-            }
-            content.resize(size + static_cast<std::size_t>(length < 0 ? 0 : length));
-        } while (length > 0 && content.size() <= IXMLDomParser::kMaxFileSize);
+    if (fstat(descriptor, &status) == 0 && !S_ISREG(status.st_mode)) {
+        return {IXMLDomParser::UnreadableFile, "not a regular file"};
     }
-    close(file);
-    if (problem.error == IXMLDomParser::NoError && content.size() > IXMLDomParser::kMaxFileSize) {
-        problem = {IXMLDomParser::FileTooLarge,
-                   "larger than " + std::to_string(IXMLDomParser::kMaxFileSize) + " bytes"};
+    content = file.read(IXMLDomParser::kMaxFileSize + 1);
+    if (file.error() != QFileDevice::NoError) {
+        return {IXMLDomParser::UnreadableFile, file.errorString().toUtf8()};
     }
-    return problem;
+    if (content.size() > IXMLDomParser::kMaxFileSize) {
+        return {IXMLDomParser::FileTooLarge,
+                "larger than " + QByteArray::number(IXMLDomParser::kMaxFileSize) + " bytes"};
+    }
+    return {};
 }
 
-/// A name as messages show it: the hostile ones can be megabytes long.
-std::string quoted(const char* name)
+/// The document's characters, with NUL for what its encoding does not allow: the reader's own
+/// decoding accepts that.
+QString decoded(const QByteArray& content)
 {
-    constexpr std::size_t kLongest = 64;
-    std::string_view shown(name);
-    if (shown.size() <= kLongest) {
-        return "'" + std::string(shown) + "'";
+    QXmlStreamReader reader(content);
+    reader.readNext();
+    QTextCodec* codec = QTextCodec::codecForName(reader.documentEncoding().toUtf8());
+    if (codec == nullptr) {
+        codec = QTextCodec::codecForName("UTF-8");
     }
-    constexpr auto isInsideCharacter = [](char byte) {
-        return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
-    };
-    std::size_t end = kLongest;
-    while (end > 0 && isInsideCharacter(shown[end])) {
-        --end;
-    }
-    return "'" + std::string(shown.substr(0, end)) + "...'";
-}
-
-std::string place(int line, int column)
-{
-    return "line " + std::to_string(line) + ", column " + std::to_string(column);
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    constexpr std::string_view kWhiteSpace = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(kWhiteSpace);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
+    QTextCodec::ConverterState state(QTextCodec::ConvertInvalidToNull);
+    const QString text = QTextCodec::codecForUtfText(content, codec)
+                             ->toUnicode(content.constData(), content.size(), &state);
+    return state.remainingChars == 0 ? text : text + QChar::Null;
 }
 
 } // namespace
 
-/// Builds the tree while the text is read, so that neither depth nor size costs stack.
+/// Builds the tree of one document. The reader itself limits the length of names and refuses
+/// entities that are not declared.
 class IXMLDomParser::Builder
 {
 public:
-    explicit Builder(const char* rootTagName)
-        : mParser(XML_ParserCreate(nullptr), XML_ParserFree), mRootTagName(rootTagName)
+    explicit Builder(const QString& text) : mText(text), mReader(text)
     {
-        XML_SetUserData(mParser.get(), this);
-        XML_SetElementHandler(mParser.get(), startElement, endElement);
-        XML_SetCharacterDataHandler(mParser.get(), characterData);
-        XML_SetStartDoctypeDeclHandler(mParser.get(), startDocumentType);
+        mReader.setNamespaceProcessing(false);
     }
 
-    Problem build(const std::string& content)
+    /// @param document receives the root element as its only child
+    Problem build(const char* rootTagName, ITCXMLNode::Element& document)
     {
-        // In one piece: a token that grows over many pieces is scanned again with each of them.
-        const XML_Status status =
-            XML_Parse(mParser.get(), content.data(), static_cast<int>(content.size()), XML_TRUE);
-        if (status != XML_STATUS_OK && mProblem.error == NoError) {
-            mProblem = syntaxProblem(content);
+        if (const int offset = mText.indexOf(QChar::Null); offset >= 0) {
+            moveTo(offset);
+            return problem(NotWellFormed, "NUL byte or broken encoding");
         }
-        return mProblem;
-    }
-
-    /// The document of a successful build().
-    std::shared_ptr<const ITCXMLNode::Document> takeDocument()
-    {
-        mDocument->listChildren();
-        return std::move(mDocument);
+        // An element's address is stable while it is open: siblings are added after its end.
+        std::vector<ITCXMLNode::Element*> open{&document};
+        while (!mReader.atEnd()) {
+            switch (mReader.readNext()) {
+            case QXmlStreamReader::DTD:
+                checkDocumentType();
+                break;
+            case QXmlStreamReader::StartElement:
+                open.back()->children.push_back(startedElement());
+                open.push_back(&open.back()->children.back());
+                checkElement(open.back()->name, open.size() - 1, rootTagName);
+                break;
+            case QXmlStreamReader::Characters:
+                open.back()->text += mReader.text().toUtf8();
+                break;
+            case QXmlStreamReader::EndElement:
+                open.back()->text = open.back()->text.trimmed();
+                open.pop_back();
+                break;
+            default:
+                break;
+            }
+        }
+        if (!mReader.hasError()) {
+            return {};
+        }
+        if (mError == NotWellFormed) {
+            moveTo(static_cast<int>(mReader.characterOffset()) - 1);
+        }
+        QByteArray what = mReader.errorString().toUtf8();
+        if (what.endsWith('.')) {
+            what.chop(1);
+        }
+        return problem(mError, what);
     }
 
 private:
-    struct OpenElement
+    Problem problem(int error, const QByteArray& what) const
     {
-        std::uint32_t index;
-        std::string text;
-    };
-
-    static void XMLCALL startElement(void* self, const XML_Char* name, const XML_Char** attributes)
-    {
-        static_cast<Builder*>(self)->open(name, attributes);
+        return {error,
+                what + " at line " + QByteArray::number(mLine) + ", column " +
+                    QByteArray::number(column()),
+                mLine, column()};
     }
 
-    static void XMLCALL endElement(void* self, const XML_Char* /*name*/)
+    void refuse(Error error, const QString& what)
     {
-        static_cast<Builder*>(self)->close();
+        mError = error;
+        mReader.raiseError(what);
     }
 
-    static void XMLCALL characterData(void* self, const XML_Char* text, int length)
+    void checkDocumentType()
     {
-        auto* const builder = static_cast<Builder*>(self);
-        if (builder->mProblem.error == NoError) {
-            builder->mOpen.back().text.append(text, static_cast<std::size_t>(length));
-        }
-    }
-
-    static void XMLCALL startDocumentType(void* self, const XML_Char* /*name*/,
-                                          const XML_Char* systemId, const XML_Char* publicId,
-                                          int hasInternalSubset)
-    {
-        if (systemId != nullptr || publicId != nullptr || hasInternalSubset != 0) {
-            static_cast<Builder*>(self)->refuse(
-                DocumentTypeRefused, "document type with declarations or a reference to a file");
+        if (!mReader.dtdSystemId().isEmpty() || mReader.text().contains('[')) {
+            moveTo(static_cast<int>(mReader.characterOffset()) - 1);
+            refuse(DocumentTypeRefused, "document type with declarations or a reference to a file");
         }
     }
 
-    void open(const char* name, const char** attributes)
+    void checkElement(const QByteArray& name, std::size_t depth, const char* rootTagName)
     {
-        if (mProblem.error != NoError) {
-            return;
+        if (depth == 1 && name != rootTagName) {
+            refuse(UnexpectedRoot, QString::fromUtf8("root element '" + name + "' instead of '" +
+                                                     rootTagName + "'"));
+        } else if (depth > kMaxDepth) {
+            refuse(TooDeeplyNested, "elements nested deeper than " + QString::number(kMaxDepth));
         }
-        if (mOpen.empty() && std::strcmp(name, mRootTagName) != 0) {
-            refuse(UnexpectedRoot,
-                   "root element " + quoted(name) + " instead of " + quoted(mRootTagName));
-            return;
-        }
-        if (mOpen.size() == kMaxDepth) {
-            refuse(TooDeeplyNested, "elements nested deeper than " + std::to_string(kMaxDepth));
-            return;
-        }
-        ITCXMLNode::Document::Element element;
-        element.name = mDocument->addText(name, std::strlen(name));
-        element.firstAttribute = static_cast<std::uint32_t>(mDocument->attributes.size());
-        for (; *attributes != nullptr; attributes += 2) {
-            const std::uint32_t key = mDocument->addText(attributes[0], std::strlen(attributes[0]));
-            const std::uint32_t value =
-                mDocument->addText(attributes[1], std::strlen(attributes[1]));
-            mDocument->attributes.push_back({key, value});
-            ++element.attributeCount;
-        }
-        if (!mOpen.empty()) {
-            element.parent = mOpen.back().index;
-            ++mDocument->elements[element.parent].childCount;
-        }
-        element.line = line();
+    }
+
+    ITCXMLNode::Element startedElement()
+    {
+        // No tag contains another '<', and the reader stands at the end of this one.
+        moveTo(mText.lastIndexOf('<', static_cast<int>(mReader.characterOffset()) - 1));
+        ITCXMLNode::Element element;
+        element.name = mReader.qualifiedName().toUtf8();
+        element.line = mLine;
         element.column = column();
-        mOpen.push_back({static_cast<std::uint32_t>(mDocument->elements.size()), {}});
-        mDocument->elements.push_back(element);
+        for (const QXmlStreamAttribute& attribute : mReader.attributes()) {
+            element.attributes.emplace_back(attribute.qualifiedName().toUtf8(),
+                                            attribute.value().toUtf8());
+        }
+        return element;
     }
 
-    void close()
+    void moveTo(int offset)
     {
-        if (mProblem.error != NoError) {
-            return;
+        for (; mOffset < offset; ++mOffset) {
+            if (mText.at(mOffset) == '\n') {
+                ++mLine;
+                mLineStart = mOffset + 1;
+            }
         }
-        const std::string_view text = trimmed(mOpen.back().text);
-        if (!text.empty()) {
-            mDocument->elements[mOpen.back().index].text =
-                mDocument->addText(text.data(), text.size());
-        }
-        mOpen.pop_back();
     }
 
-    void refuse(Error error, const std::string& what)
-    {
-        mProblem = {error, what + " at " + place(line(), column()), line(), column()};
-        XML_StopParser(mParser.get(), XML_FALSE);
-    }
+    int column() const { return mOffset - mLineStart + 1; }
 
-    Problem syntaxProblem(const std::string& content) const
-    {
-        const XML_Error error = XML_GetErrorCode(mParser.get());
-        if (error == XML_ERROR_NO_ELEMENTS && mOpen.empty()) {
-            return {NotWellFormed, "no root element", line(), column()};
-        }
-        if (error == XML_ERROR_NO_ELEMENTS) {
-            const auto& unclosed = mDocument->elements[mOpen.back().index];
-            return {NotWellFormed, openElement() + " is not closed", unclosed.line,
-                    unclosed.column};
-        }
-        std::string what = XML_ErrorString(error);
-        const auto offset = static_cast<std::size_t>(XML_GetCurrentByteIndex(mParser.get()));
-        if (error == XML_ERROR_INVALID_TOKEN && offset < content.size()) {
-            what += ", byte " + hexadecimal(content[offset]);
-        }
-        what += " at " + place(line(), column());
-        if (error == XML_ERROR_TAG_MISMATCH) {
-            what += " where " + openElement() + " is open";
-        }
-        return {NotWellFormed, what, line(), column()};
-    }
-
-    std::string openElement() const
-    {
-        const auto& element = mDocument->elements[mOpen.back().index];
-        return "element " + quoted(mDocument->textAt(element.name)) + " of " +
-               place(element.line, element.column);
-    }
-
-    static std::string hexadecimal(char byte)
-    {
-        constexpr std::string_view kDigits = "0123456789abcdef";
-        const auto value = static_cast<unsigned char>(byte);
-        return {'0', 'x', kDigits[value / 16U], kDigits[value % 16U]};
-    }
-
-    int line() const { return static_cast<int>(XML_GetCurrentLineNumber(mParser.get())); }
-    int column() const { return static_cast<int>(XML_GetCurrentColumnNumber(mParser.get())) + 1; }
-
-    std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> mParser;
-    const char* mRootTagName;
-    std::shared_ptr<ITCXMLNode::Document> mDocument = std::make_shared<ITCXMLNode::Document>();
-    std::vector<OpenElement> mOpen;
-    Problem mProblem;
+    const QString mText;
+    QXmlStreamReader mReader;
+    Error mError = NotWellFormed;
+    int mOffset = 0;
+    int mLineStart = 0;
+    int mLine = 1;
 };
 
 ITCXMLNode IXMLDomParser::parseFile(const char* fileName, const char* rootTagName,
                                     ITCXMLResults& results)
 {
-    std::string content;
-    Builder builder(rootTagName);
+    const auto document = std::make_shared<ITCXMLNode::Element>();
+    QByteArray content;
     Problem problem = readFile(fileName, content);
     if (problem.error == NoError) {
-        problem = builder.build(content);
+        problem = Builder(decoded(content)).build(rootTagName, *document);
     }
     mError = problem.error;
-    mMessage = std::move(problem.what);
+    mMessage = problem.what;
     results = {problem.error, problem.line, problem.column};
-    return mError == NoError ? ITCXMLNode(builder.takeDocument(), 0) : ITCXMLNode();
+    return mError == NoError ? ITCXMLNode({document, &document->children.front()}) : ITCXMLNode();
 }
 
 const char* IXMLDomParser::getErrorMessage(int errorCode) const
 {
-    if (errorCode == NoError) {
-        return "no error";
+    return errorCode == mError ? mMessage.constData() : "unknown error";
+}
+
+ITCXMLNode::ITCXMLNode() = default;
+
+ITCXMLNode::ITCXMLNode(std::shared_ptr<const Element> element) : mElement(std::move(element)) {}
+
+bool ITCXMLNode::isEmpty() const
+{
+    return mElement == nullptr;
+}
+
+const char* ITCXMLNode::getName() const
+{
+    return isEmpty() ? nullptr : mElement->name.constData();
+}
+
+const char* ITCXMLNode::getText() const
+{
+    return isEmpty() || mElement->text.isEmpty() ? nullptr : mElement->text.constData();
+}
+
+const char* ITCXMLNode::getAttribute(const char* name) const
+{
+    if (isEmpty()) {
+        return nullptr;
     }
-    return errorCode == mError ? mMessage.c_str() : "unknown error";
+    const auto& attributes = mElement->attributes;
+    const auto found = std::find_if(attributes.begin(), attributes.end(),
+                                    [name](const auto& entry) { return entry.first == name; });
+    return found == attributes.end() ? nullptr : found->second.constData();
+}
+
+int ITCXMLNode::nAttribute() const
+{
+    return isEmpty() ? 0 : static_cast<int>(mElement->attributes.size());
+}
+
+const char* ITCXMLNode::getAttributeName(int index) const
+{
+    if (index < 0 || index >= nAttribute()) {
+        return nullptr;
+    }
+    return mElement->attributes[static_cast<std::size_t>(index)].first.constData();
+}
+
+int ITCXMLNode::nChildNode() const
+{
+    return isEmpty() ? 0 : static_cast<int>(mElement->children.size());
+}
+
+ITCXMLNode ITCXMLNode::getChildNode(int index) const
+{
+    if (index < 0 || index >= nChildNode()) {
+        return {};
+    }
+    // Shares the ownership of the whole document.
+    return ITCXMLNode({mElement, &mElement->children[static_cast<std::size_t>(index)]});
+}
+
+int ITCXMLNode::line() const
+{
+    return isEmpty() ? 0 : mElement->line;
+}
+
+int ITCXMLNode::column() const
+{
+    return isEmpty() ? 0 : mElement->column;
 }

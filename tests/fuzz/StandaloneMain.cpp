@@ -18,7 +18,7 @@ static bool runFile(const std::filesystem::path& path)
         std::cerr << "cannot read " << path << std::endl;
         return false;
     }
-    // Said first: a crash then is known by its file.
+    // Printed first, so that a crash shows its file.
     std::cout << path << std::endl;
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(content.data()), content.size());
     return true;

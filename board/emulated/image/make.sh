@@ -15,7 +15,7 @@ PATH=/usr/sbin:/usr/bin:/sbin:/bin
     mount util-linux bsdutils fdisk e2fsprogs dosfstools lsof sysvinit-core kmod udev \
     dbus dbus-daemon dbus-bin python3 bash strace socat busybox-static linux-image-armmp-lpae \
     python3-jeepney dpkg diffutils tar perl-base init-system-helpers sysvinit-utils \
-    libqt5core5a libqt5dbus5 libqt5test5 liblog4cxx15 libfdisk1 libexpat1 libxml2-utils
+    libqt5core5a libqt5dbus5 libqt5test5 liblog4cxx15 libfdisk1 libxml2-utils
 
 made_from=$(cat "$root/made-from" "$0" "$here/init" | sha256sum; qemu-system-arm --version | head -n 1)
 if [ "$(cat "$image/made-from" 2>/dev/null)" = "$made_from" ]; then

@@ -6,11 +6,12 @@
 /// not UTF-8, as in the C locale of a service, the process's character set becomes UTF-8, so that
 /// records are written as they are.
 ///
-/// A configuration that log4cxx cannot use, be it in parts only, is told in one line on standard
-/// error; records that would get lost then go there.
+/// What log4cxx cannot use of the configuration it reports on standard error. Records that would
+/// get lost then go there too. Install the crash handler first: log4cxx crashes on an appender that
+/// contains itself and on a class that is no appender.
 ///
-/// To be called from the main thread and before there are others, since the configuration is first
-/// tried in a child process: there are some that log4cxx crashes on.
+/// To be called once, from the main thread and before there are others.
 /// @param file path of the configuration, in the local 8-bit encoding
-/// @return false when records go to standard error because the file cannot be used
+/// @return false when records go to standard error because the file, or a part of it, cannot be
+/// used
 bool initializeTrackSystem(const std::string& file);

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
-#include <string>
 
-/// One element of a parsed XML document. A value that shares its document: cheap to copy, and valid
-/// for as long as any node of the document lives. Texts are UTF-8.
+#include <QByteArray>
+
+/// One element of a parsed XML document: cheap to copy, and valid for as long as any node of the
+/// document lives. Texts are UTF-8.
 class ITCXMLNode
 {
 public:
@@ -14,12 +13,12 @@ public:
     ITCXMLNode();
 
     bool isEmpty() const;
-    /// The element's name, or null for the empty node.
+    /// The element's name; null for the empty node.
     const char* getName() const;
     /// The text directly in this element, its pieces joined and without the white space around it;
     /// null when there is none.
     const char* getText() const;
-    /// The value of the attribute, or null when the element has no such attribute.
+    /// The value of the attribute; null when the element has no such attribute.
     const char* getAttribute(const char* name) const;
     /// The number of attributes.
     int nAttribute() const;
@@ -29,17 +28,16 @@ public:
     int nChildNode() const;
     /// The child element at @p index (from 0, in document order); the empty node outside the range.
     ITCXMLNode getChildNode(int index) const;
-    /// Where the element starts in the file: its line and column, both counted from 1, columns in
+    /// Where the element starts in the file: its line and column, both from 1, columns in
     /// characters; 0 for the empty node.
     int line() const;
     int column() const;
 
 private:
     friend class IXMLDomParser;
-    struct Document;
-    ITCXMLNode(std::shared_ptr<const Document> document, std::uint32_t element);
-    std::shared_ptr<const Document> mDocument;
-    std::uint32_t mElement = 0;
+    struct Element;
+    explicit ITCXMLNode(std::shared_ptr<const Element> element);
+    std::shared_ptr<const Element> mElement;
 };
 
 /// Outcome of IXMLDomParser::parseFile().
@@ -50,9 +48,8 @@ struct ITCXMLResults
     int column = 0; ///< in characters, from 1
 };
 
-/// Reads well-formed XML documents: UTF-8, or another encoding that the document declares and that
-/// every XML parser knows (UTF-16, ISO-8859-1, US-ASCII).
-/// A document cannot define entities and nothing beside the file is ever read.
+/// Reads well-formed XML documents in UTF-8 or in another encoding that the document declares.
+/// A document cannot define entities, and no file beside it is read.
 class IXMLDomParser
 {
 public:
@@ -67,8 +64,9 @@ public:
         UnexpectedRoot,      ///< a root element of another name
     };
 
-    /// In memory a document takes up to ten times its size, on machines that have little.
-    static constexpr std::size_t kMaxFileSize = std::size_t{4} * 1024 * 1024;
+    /// In bytes. In memory a document takes up to forty times its size, on machines that have
+    /// little.
+    static constexpr int kMaxFileSize = 4 * 1024 * 1024;
     /// No path can have more components than this (PATH_MAX / 2).
     static constexpr int kMaxDepth = 2048;
 
@@ -84,5 +82,5 @@ public:
 private:
     class Builder;
     int mError = NoError;
-    std::string mMessage;
+    QByteArray mMessage;
 };

@@ -20,6 +20,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <tavoutil/AlternateSignalStack.h>
+
 namespace {
 
 enum class SystemLog
@@ -212,20 +214,19 @@ class SignalHandlerTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void a_crash_is_reported_to_the_system_log_data();
-    void a_crash_is_reported_to_the_system_log();
-    void a_crash_ends_the_process_as_it_would_without_a_handler_data();
-    void a_crash_ends_the_process_as_it_would_without_a_handler();
+    void a_crash_is_reported_and_ends_the_process_as_without_a_handler_data();
+    void a_crash_is_reported_and_ends_the_process_as_without_a_handler();
     void without_a_system_log_the_report_goes_to_standard_error();
     void a_stuck_system_log_does_not_keep_the_process_from_ending();
     void the_backtrace_leads_to_the_crashing_function();
     void a_signal_from_another_process_names_its_sender();
     void two_threads_that_crash_at_once_give_one_report();
-    void a_stack_overflow_in_a_thread_ends_the_process();
+    void a_stack_overflow_without_an_alternate_stack_ends_the_process();
+    void a_thread_gets_its_earlier_alternate_stack_back();
     void the_installation_fails_without_a_file_descriptor();
 };
 
-void SignalHandlerTest::a_crash_is_reported_to_the_system_log_data()
+void SignalHandlerTest::a_crash_is_reported_and_ends_the_process_as_without_a_handler_data()
 {
     QTest::addColumn<int>("signal");
     QTest::addColumn<QString>("firstLine");
@@ -236,7 +237,7 @@ void SignalHandlerTest::a_crash_is_reported_to_the_system_log_data()
     QTest::newRow("address") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x123" + thread;
     QTest::newRow("abort") << SIGABRT << "^Crash: SIGABRT raised by the program itself" + thread;
 #ifdef __arm__
-    // The processor divides by zero without a word; the compiler's library raises the signal.
+    // The processor does not trap a division by zero; the compiler's library raises the signal.
     QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE raised by the program itself" + thread;
 #else
     QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE" + anywhere;
@@ -244,15 +245,17 @@ void SignalHandlerTest::a_crash_is_reported_to_the_system_log_data()
     QTest::newRow("illegal") << SIGILL << "^Crash: SIGILL" + anywhere;
     QTest::newRow("bus") << SIGBUS << "^Crash: SIGBUS" + anywhere;
     QTest::newRow("overflow") << SIGSEGV << "^Crash: SIGSEGV" + anywhere;
+    QTest::newRow("overflow in a thread") << SIGSEGV << "^Crash: SIGSEGV" + anywhere;
     QTest::newRow("thread") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x0" + thread;
 }
 
-void SignalHandlerTest::a_crash_is_reported_to_the_system_log()
+void SignalHandlerTest::a_crash_is_reported_and_ends_the_process_as_without_a_handler()
 {
     QFETCH(int, signal);
     QFETCH(QString, firstLine);
 
-    const Outcome outcome = crash({QTest::currentDataTag()}, SystemLog::Listening);
+    const QString kind = QTest::currentDataTag();
+    const Outcome outcome = crash({kind}, SystemLog::Listening);
     QVERIFY(WIFSIGNALED(outcome.waitStatus));
     QCOMPARE(WTERMSIG(outcome.waitStatus), signal);
     const QStringList report = withoutPrefix(outcome.systemLog, "<26>");
@@ -263,22 +266,10 @@ void SignalHandlerTest::a_crash_is_reported_to_the_system_log()
         QVERIFY2(report.at(i).startsWith(QString("#%1 0x").arg(i - 1)), qPrintable(report.at(i)));
     }
     QCOMPARE(outcome.standardError, QStringList());
-}
 
-void SignalHandlerTest::a_crash_ends_the_process_as_it_would_without_a_handler_data()
-{
-    a_crash_is_reported_to_the_system_log_data();
-}
-
-void SignalHandlerTest::a_crash_ends_the_process_as_it_would_without_a_handler()
-{
-    QFETCH(int, signal);
-
-    const QString kind = QTest::currentDataTag();
     const Outcome bare = crash({kind, "bare"}, SystemLog::Listening);
-    QCOMPARE(WTERMSIG(bare.waitStatus), signal);
     QCOMPARE(bare.systemLog, QStringList());
-    QCOMPARE(crash({kind}, SystemLog::Listening).waitStatus, bare.waitStatus);
+    QCOMPARE(bare.waitStatus, outcome.waitStatus);
 }
 
 void SignalHandlerTest::without_a_system_log_the_report_goes_to_standard_error()
@@ -342,11 +333,28 @@ void SignalHandlerTest::two_threads_that_crash_at_once_give_one_report()
     QVERIFY(outcome.systemLog.size() >= 4);
 }
 
-void SignalHandlerTest::a_stack_overflow_in_a_thread_ends_the_process()
+void SignalHandlerTest::a_stack_overflow_without_an_alternate_stack_ends_the_process()
 {
-    const Outcome outcome = crash({"overflow in a thread"}, SystemLog::Listening);
+    const Outcome outcome = crash({"overflow in a bare thread"}, SystemLog::Listening);
     QVERIFY(WIFSIGNALED(outcome.waitStatus));
     QCOMPARE(WTERMSIG(outcome.waitStatus), SIGSEGV);
+}
+
+void SignalHandlerTest::a_thread_gets_its_earlier_alternate_stack_back()
+{
+    const tavoutil::AlternateSignalStack outer;
+    stack_t before{};
+    sigaltstack(nullptr, &before);
+    {
+        const tavoutil::AlternateSignalStack inner;
+        stack_t during{};
+        sigaltstack(nullptr, &during);
+        QVERIFY(during.ss_sp != before.ss_sp);
+    }
+    stack_t after{};
+    sigaltstack(nullptr, &after);
+    QCOMPARE(after.ss_sp, before.ss_sp);
+    QCOMPARE(after.ss_size, before.ss_size);
 }
 
 void SignalHandlerTest::the_installation_fails_without_a_file_descriptor()

@@ -126,7 +126,7 @@ void ConfigCheckTest::a_file_that_is_no_XML_gives_one_error_with_its_place()
 {
     const QStringList findings = findingsIn("<sdcard>\n  <dir size='1'>a\n</sdcard>\n");
     QCOMPARE(findings.size(), 1);
-    QVERIFY2(findings.first().startsWith("3:3 error: mismatched tag"),
+    QVERIFY2(findings.first().startsWith("3:9 error: Opening and ending tag mismatch"),
              qPrintable(findings.first()));
 }
 

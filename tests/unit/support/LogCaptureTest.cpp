@@ -19,10 +19,8 @@ class LogCaptureTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void records_are_kept_in_the_order_of_writing();
     void a_message_is_found_by_level_and_text();
     void taking_starts_anew();
-    void levels_below_the_threshold_are_not_written();
     void an_inner_capture_hides_the_outer_one_until_it_ends();
     void records_of_all_threads_are_captured();
     void a_thread_is_held_at_a_record_until_it_is_let_go();
@@ -31,18 +29,6 @@ private Q_SLOTS:
 static log4cxx::LoggerPtr channel()
 {
     return log4cxx::Logger::getLogger("capture");
-}
-
-void LogCaptureTest::records_are_kept_in_the_order_of_writing()
-{
-    const LogCapture log;
-    TRACK_INFO(channel(), "first");
-    TRACK_WARN(channel(), "second");
-    QCOMPARE(log.messages(), (QStringList{"first", "second"}));
-    QCOMPARE(
-        log.records().at(1),
-        (LogRecord{LogLevel::Warn, "capture", "LogCaptureTest",
-                   "void LogCaptureTest::records_are_kept_in_the_order_of_writing()", "second"}));
 }
 
 void LogCaptureTest::a_message_is_found_by_level_and_text()
@@ -66,14 +52,6 @@ void LogCaptureTest::taking_starts_anew()
     QCOMPARE(log.errorCount(), 0U);
     QCOMPARE(log.fatalCount(), 0U);
     QCOMPARE(log.messages(), QStringList());
-}
-
-void LogCaptureTest::levels_below_the_threshold_are_not_written()
-{
-    const LogCapture log(LogLevel::Warn);
-    TRACK_INFO(channel(), "quiet");
-    TRACK_WARN(channel(), "loud");
-    QCOMPARE(log.messages(), QStringList{"loud"});
 }
 
 void LogCaptureTest::an_inner_capture_hides_the_outer_one_until_it_ends()
