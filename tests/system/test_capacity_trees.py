@@ -97,4 +97,5 @@ def test_nothing_is_removed_from_another_file_system_mounted_in_a_watched_direct
     assert board.read_file(inside + "/file") == "precious"
     assert board.exists(inside + "/large")
     assert not board.exists(card_path("watched/old"))
+    assert messages(board, "WARN") + messages(board, "ERROR") == []
     board.run("umount", inside, check=True)
