@@ -109,7 +109,7 @@ def test_a_run_begins_and_ends_with_a_record(board):
     assert board.stop_service() == 0
     records = board.records
     assert STARTING.fullmatch(records[0].message)
-    # Nor does a device without the udev logger get a record of it.
+    # There is no record of the udev logger, which this device does not have.
     assert [record.message for record in records[1:]] == [
         "Configuration successfully parsed", "Checking hardware...", TERMINATING + "0"]
     assert board.service.errors == ""
