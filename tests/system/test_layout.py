@@ -182,19 +182,6 @@ def test_a_link_to_a_directory_in_the_place_of_a_directory_is_accepted_and_its_t
     assert layout_records(board) == warnings(f"Correct directory mode '' for '{MOUNT_POINT}/data'")
 
 
-def test_a_link_that_leads_out_of_the_card_is_followed_for_modes_but_nothing_is_ever_removed(board, content):
-    board.run("mkdir", "-p", "-m", "0700", "/var/precious/old", check=True)
-    board.write_file("/var/precious/last", "precious")
-    (content / "logs").symlink_to("/var/precious")
-    start_with_mounted_card(board, card_with(content))
-    assert Contents(board).described()["logs"] == "/var/precious"
-    assert board.run("stat", "-c", "%a %U:%G", "/var/precious").stdout == "750 daemon:adm\n"
-    assert board.run("stat", "-c", "%a %U:%G", "/var/precious/old").stdout == "711 nobody:root\n"
-    assert board.read_file("/var/precious/last") == "precious"
-    assert layout_records(board)[-2:] == errors(
-        f"Cannot read target of existing symlink '{MOUNT_POINT}/logs/last' (Invalid argument)") + FAILED
-
-
 def test_immutable_directories_and_links_are_reported_and_the_rest_is_laid_out(board):
     card = Card.formatted()
     board.insert(card)
