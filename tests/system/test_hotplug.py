@@ -244,25 +244,22 @@ def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + BUS_SECONDS
 
 
-def test_a_blank_card_is_formatted_and_then_announced(hotplug):
+def test_a_blank_card_is_formatted_in_the_background_even_if_it_replaces_another_and_is_then_announced(hotplug):
     hotplug.start_service()
+    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
+    number = put_in(hotplug, Card.blank())
+    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
+    take_out(hotplug, number)
     card = Card.blank()
-    assert put_in(hotplug, card)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+    hotplug.insert(card, announce=False)
+    assert event(hotplug, "add", CARD_DEVICE, disk_number(hotplug)) < EVENT_SECONDS
+    assert event(hotplug, "change", CARD_DEVICE) < EVENT_SECONDS
+    go_on(hotplug)
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
     event(hotplug, "add", PARTITION_DEVICE, disk_number(hotplug))
     hotplug.expect_state(State.MOUNTED, within=20)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     hotplug.expect_no_record("New SD Card detected")
-
-
-def test_udev_goes_on_while_a_blank_card_is_formatted(hotplug):
-    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
-    hotplug.insert(Card.blank(), announce=False)
-    assert event(hotplug, "add", CARD_DEVICE) < EVENT_SECONDS
-    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
-    assert event(hotplug, "change", CARD_DEVICE) < EVENT_SECONDS
-    go_on(hotplug)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
 
 
 def bare_file_system() -> Card:
@@ -319,18 +316,6 @@ def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):
     assert bare_hotplug.tool_calls("mke2fs") == []
     bare_hotplug.expect("the reason in the system log",
                       lambda: any("Input/output error" in entry for entry in bare_hotplug.system_log))
-
-
-def test_a_blank_card_that_replaces_another_is_formatted_too(hotplug):
-    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
-    number = put_in(hotplug, Card.blank())
-    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
-    take_out(hotplug, number)
-    second = Card.blank()
-    put_in(hotplug, second)
-    go_on(hotplug)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
-    assert [partition.kind for partition in second.partitions()] == ["83"]
 
 
 def test_the_rule_runs_the_helper_for_block_devices_that_come_and_go(bare_board):

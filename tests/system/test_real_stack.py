@@ -62,16 +62,6 @@ def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board)
     assert board.lights() == {"mmc-red": False, "mmc-green": False}
 
 
-def test_a_card_as_bought_that_is_present_at_start_is_mounted(board):
-    card = Card.as_bought()
-    board.insert(card)
-    board.start_service()
-    expect_mounted(board)
-    assert "New SD Card detected" in messages(board)
-    eject(board)
-    assert "CardRemoved" not in announcements(board)
-
-
 def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):
     board.replace_tool(E2FSCK, HELD_PROGRAM)
     board.start_service()
@@ -209,10 +199,3 @@ def test_files_above_two_gibibytes_and_newer_than_2038_are_kept_within_their_sha
     board.call("tavo.SDCard1", "EnsureDirSize", "csv")
     assert board.run("ls", csv, check=True).stdout.split() == ["new"]
     eject(board)
-
-
-def test_the_card_is_found_by_the_names_that_the_service_expects(bare_board):
-    bare_board.insert(Card.formatted())
-    assert bare_board.run("sh", "-c", "ls -d /sys/bus/mmc/devices/mmc0:*").returncode == 0
-    assert bare_board.exists(CARD_DEVICE)
-    bare_board.expect("the partition", lambda: bare_board.exists(PARTITION_DEVICE))
