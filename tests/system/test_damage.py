@@ -1,4 +1,4 @@
-"""Cards that are damaged, write-protected or mounted already, and tools that fail or are missing."""
+"""Damaged, write-protected and already mounted cards; tools that fail or are missing."""
 
 import signal
 
@@ -15,7 +15,7 @@ CARD_OPTIONS = "noatime,data=journal,nodelalloc,journal_checksum"
 
 
 def with_two_linux_partitions():
-    """A card of which the first partition can be mounted, but which is not laid out as expected."""
+    """A card whose first partition can be mounted, but which has a partition too many."""
     card = Card(64)
     card.partition(LINUX, LINUX)
     card.make_ext4(1)

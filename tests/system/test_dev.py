@@ -9,14 +9,14 @@ from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # about the command on this machine
 
-# Runs a command in a mount namespace in which the first directory's programs come before the
-# machine's own, and in which the machine otherwise is as a further script says.
+# Runs a command in a mount namespace: programs of the first directory replace the machine's own, and a script
+# may change the rest of the machine.
 ELSEWHERE = r"""
 mount -t overlay -o "lowerdir=$1:/usr/sbin" none /usr/sbin && eval "$2" || exit 125
 shift 2
 exec "$@"
 """
-# All packages are there; the build that would follow is not, and no module either.
+# All packages are installed; the build fails, and no module can be loaded.
 COMPLETE = {"dpkg-query": "echo installed", "cmake": "exit 9", "modprobe": "exit 1"}
 
 
@@ -43,7 +43,7 @@ def test_a_wrong_command_line_is_reported_in_one_line_with_status_2(arguments):
 
 @pytest.mark.parametrize("command", ["run", "board", "test", "emulate", "shell"])
 def test_missing_root_rights_are_reported_in_one_line(command):
-    # As text, since the tree itself may be closed to other users.
+    # The script is passed as text, since other users may not be able to read the tree.
     script = (ROOT / "dev").read_text()
     result = subprocess.run(["bash", "-c", script, "dev", command], capture_output=True, text=True, user=65534, cwd="/")
     assert result.returncode == 1
@@ -66,7 +66,7 @@ def refusal(tmp_path):
     return errors_of
 
 
-# As a part of another name, a file system does not count.
+# A name that only contains "ext4" or "overlay" does not count.
 KNOWN_FILE_SYSTEMS = "printf 'nodev\\tproc\\n\\t%s\\n\\tx%s\\n' {} >/run/known; mount --bind /run/known /proc/filesystems"
 OWN_RUN = "mount -t tmpfs none /run && "
 # The null device, which takes output, is the only device left.
@@ -97,7 +97,7 @@ def test_packages_that_cannot_be_installed_are_reported_in_one_line(refusal, tmp
 
 
 def test_packages_that_only_root_can_install_are_reported_in_one_line(refusal):
-    # As text, since the tree itself may be closed to other users.
+    # The script is passed as text, since other users may not be able to read the tree.
     command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--reset-env",
                "bash", "-c", (ROOT / "dev").read_text(), "dev", "build"]
     assert refusal(*command, stand_ins={"dpkg-query": PARTLY_INSTALLED, "apt-get": "echo called >&2"}) == (

@@ -44,7 +44,7 @@ def dialogues(document: Path) -> list[tuple[str | None, str, str]]:
 
 
 def without_numbers(text: str) -> str:
-    """A text in which all measurements, times and bars look alike."""
+    """A text with all numbers, times and bars replaced."""
     text = re.sub(r"\[[#.]+\]", "[bar]", text)
     text = re.sub(r"\d+(?:[.,:-]\d+)*( [KMG]iB)?", "0", text)
     return re.sub(r" +", " ", text)

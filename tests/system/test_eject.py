@@ -110,7 +110,7 @@ def test_an_lsof_that_ends_with_1_has_found_nothing(board):
         "Cannot get number of processes with open files, 'lsof' utility failed with exit code 1"]
 
 
-def test_a_card_that_cannot_be_unmounted_is_used_on(board):
+def test_a_card_that_cannot_be_unmounted_stays_in_use(board):
     start_with_mounted_card(board)
     inside = f"{MOUNT_POINT}/export"
     board.run("mount", "-t", "tmpfs", "inside", inside, check=True)
@@ -127,7 +127,7 @@ def test_a_card_that_cannot_be_unmounted_is_used_on(board):
     eject(board)
 
 
-def test_a_card_that_somebody_else_has_unmounted_meanwhile_is_gone_for_the_service(board):
+def test_a_card_that_somebody_else_has_unmounted_is_gone_for_the_service(board):
     start_with_mounted_card(board)
     held = board.hold_file_open()
     press_until_eject(board)

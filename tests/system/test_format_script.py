@@ -19,7 +19,7 @@ WAIT = f"touch /run/board/waiting; {HOLD}"
 
 
 def start_formatting(board: Board, mke2fs: str) -> Process:
-    """Starts the script with a body for mke2fs, and returns when that waits."""
+    """Starts the script with this body for mke2fs, and returns when mke2fs waits."""
     board.replace_tool("/usr/sbin/mke2fs", mke2fs)
     formatting = board.start(FORMAT_SCRIPT)
     board.expect("mke2fs waits", lambda: board.exists("/run/board/waiting"))

@@ -13,7 +13,7 @@ CONFIGURATION = f'<sdcard devicepath="{NODES}/mmcblk0p1"/>'
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose service knows the card by names of which the partition's is missing."""
+    """A board without the device node of the card's partition, as the service sees it."""
     board = make_board(program=program, media_config=CONFIGURATION)
     board.run("mkdir", NODES, check=True)
     board.run("ln", "-s", CARD_DEVICE, f"{NODES}/mmcblk0", check=True)

@@ -61,7 +61,7 @@ def event(board: Board, action: str, device: str, number: str | None = None) -> 
 
 
 def start_event_without_partition(board: Board) -> Process:
-    """Takes a card's partition away, reports that, and returns while the helper waits for it until announced_by()."""
+    """Takes a card's partition away, reports that, and returns while the helper waits for it, until announced_by()."""
     board.insert(Card.formatted(), announce=False)
     board.replace_tool("/usr/bin/dbus-send", "")
     board.replace_tool("/usr/bin/sleep", f'[ "$1" = {PAUSE} ] || exec "$ORIGINAL" "$@"; {HOLD}')
@@ -73,19 +73,19 @@ def start_event_without_partition(board: Board) -> Process:
 
 
 def pauses(board: Board) -> int:
-    """How often the helper has waited for the partition."""
+    """The number of the helper's waits for the partition."""
     return board.tool_calls("sleep").count([PAUSE])
 
 
 def announced_by(board: Board, helper: Process) -> list[str]:
-    """Lets the waiting helper go on to its end; returns what it then called."""
+    """Lets the waiting helper end; returns the methods that it has called."""
     go_on(board)
     assert helper.wait(60) == 0
     return announced_methods(board)
 
 
 def announced_methods(board: Board) -> list[str]:
-    """What the replaced dbus-send was to call."""
+    """The methods that the replaced dbus-send was to call."""
     return [call[-1] for call in board.tool_calls("dbus-send")]
 
 
@@ -281,7 +281,7 @@ def gpt_without_partitions() -> Card:
 
 
 def format_now(board: Board) -> None:
-    """What the event starts in the background, to its end."""
+    """Runs what the event starts in the background."""
     board.run(HELPER, "format", check=True)
 
 

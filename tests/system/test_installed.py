@@ -41,7 +41,7 @@ def installed_files(board):
 
 
 def use_shipped_tracking_configuration(board):
-    """Puts the package's own in the place of the board's."""
+    """Replaces the board's tracking configuration by the package's."""
     board.run("sh", "-c", 'dpkg-deb --fsys-tarfile "$1" | tar -xf - -C / ".$2"', "sh",
               f"{BOARD_DIRECTORY}/package.deb", TRACKING_CONFIGURATION, check=True)
 
@@ -89,7 +89,7 @@ def test_a_removed_package_leaves_no_service_name_or_rule(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
     left = [path for path in files if board.exists(path)]
     assert left and all(path.startswith("/etc/") for path in left), left
-    # What is left is the administrator's, and does nothing.
+    # The files that are left belong to the administrator and do nothing.
     assert board.run("sh", INIT_SCRIPT, "start").returncode == 0
     assert service_pid(board) == ""
 

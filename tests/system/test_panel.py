@@ -45,7 +45,7 @@ class PanelTerminal(Terminal):
         inside = [pid for pid in descendants(self.pid) if os.readlink(f"/proc/{pid}/ns/pid") != own]
         namespaces = {os.readlink(f"/proc/{pid}/ns/pid") for pid in inside}
         assert len(namespaces) == 1
-        # As long as this is open, no other board's namespace gets the number.
+        # While this is open, no other board's namespace gets the number.
         weakref.finalize(self, os.close, os.open(f"/proc/{inside[0]}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         targets = [os.readlink(entry) for entry in Path(f"/proc/{self.pid}/fd").iterdir()]
         cards = [target.split()[0].removeprefix("/memfd:") for target in targets if f"memfd:{NAME_PREFIX}" in target]
@@ -233,7 +233,7 @@ def test_keys_that_do_nothing_at_the_moment_say_why(panel):
 def test_the_log_scrolls_back_and_forth(panel):
     for _ in range(20):
         panel.press("p")
-    # More than the log shows at once: before that there is nothing to look back at.
+    # More lines than the log shows at once.
     panel.expect_match(r"(.* panel  There is no card to pull.*\n){7}")
     panel.press(*(["Up"] * 40))
     panel.expect("INFO   sdcard: Starting")

@@ -51,7 +51,7 @@ def test_a_lamp_with_a_timer_blinks_in_the_intervals_of_its_files():
     lamp = Lamp()
     lit = []
     for step in range(16):
-        # Files that are read again and have not changed do not start the timer anew.
+        # Reading unchanged files again does not restart the timer.
         lamp.follow(Led(trigger="timer", delay_on=100, delay_off=300), now=50.0 + step * 0.05)
         lit.append(lamp.lit(50.0 + (step + 0.5) * 0.05, card_active=False))
     assert lit == ([True] * 2 + [False] * 6) * 2

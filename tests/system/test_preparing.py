@@ -66,7 +66,7 @@ def test_the_loggers_data_moves_from_the_cards_root_into_its_directory(board, tm
                         source="StatePreparing", function="ThreadPreparing::prepareJobRelocateDatabase")
 
 
-def test_data_that_is_in_both_places_stays_in_both(board, tmp_path):
+def test_data_in_both_places_stays_in_both(board, tmp_path):
     write(tmp_path, {"PindleLogger.db": "old", "logger/PindleLogger.db": "new", "PindleLogger.db-journal": "journal",
                      "LoggerFiles/a": "old", "logger/LoggerFiles/b": "new"})
     start_with_mounted_card(board, Card.formatted(content=tmp_path))

@@ -18,7 +18,7 @@ HOLD_FILE = ("import signal, sys, time\n"
              "held = open(sys.argv[1], 'a')\n"
              "time.sleep(100000)\n")
 EXPOSURE_LIMIT = 5.0
-# How the unit has the service run; all its other directives take rights away.
+# Directives for running the service; all others take rights away.
 RUNNING = {"Type", "BusName", "EnvironmentFile", "ExecStart", "Restart", "RestartSec", "TimeoutStartSec",
            "TimeoutStopSec", "KillMode"}
 HARDENING = {
@@ -138,7 +138,7 @@ def test_the_time_to_stop_covers_all_waits(systemd_board):
         began = time.monotonic()
         system.run("systemctl", "stop", UNIT, within=100)
         assert time.monotonic() - began > 42
-        # The holder ignores SIGTERM: the card cannot be unmounted, and the service says so and ends.
+        # The holder ignores SIGTERM: the card cannot be unmounted, and the service logs this and ends.
         assert system.show(UNIT, "Result") == "success"
         systemd_board.expect_record("ERROR", "sdcard", "Umount failed: error code 'Device or resource busy'")
 

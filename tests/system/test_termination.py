@@ -145,7 +145,7 @@ def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
     assert held.wait() == -signal.SIGKILL
     board.expect_record("WARN", "sdcard", "System is rebooting -> shutdown processes (!)", source="sdcard")
     assert not any("Shutdown softly" in message for message in messages(board))
-    # Nothing waits for the killed program: the unmount may come too early.
+    # The service does not wait for the killed program: the unmount may come too early.
     if "SD Card is successfully unmounted" in messages(board):
         assert board.mounts() == []
         assert card.is_clean()
@@ -169,7 +169,7 @@ def test_the_card_is_unmounted_by_force_when_lsof_is_missing(board):
 @pytest.mark.leaves_card_mounted
 def test_a_program_that_is_gone_before_the_signal_is_logged(board, run_level, record):
     start_with_mounted_card(board)
-    # Nothing holds a file, but the card cannot be unmounted: the forced path follows at once.
+    # No file is open, but the card cannot be unmounted: the forced unmount follows at once.
     board.run("mount", "-t", "tmpfs", "inside", f"{MOUNT_POINT}/export", check=True)
     board.set_runlevel(run_level)
     board.replace_tool(LSOF, "[ ! -e /run/board/asked ] || echo 4194305\n: >/run/board/asked")
@@ -238,7 +238,7 @@ def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(bo
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
     start_with_mounted_card(board)
-    # Says that a file is held: when a real holder lets go, the service ends before the card is pulled.
+    # Reports an open file for ever: with a real one the service could end before the card is pulled.
     board.replace_tool(LSOF, "echo 4194305")
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)

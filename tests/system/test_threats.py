@@ -171,7 +171,7 @@ def test_a_card_that_asks_for_a_panic_is_obeyed_unless_the_mount_is_restricted(s
     card.edit_ext4("set_super_value errors 3")
     start_with_mounted_card(shipped, card)
     assert on_errors(shipped) == ("errors=remount-ro" if restricted else "errors=panic")
-    # The kernel may be this machine's own: nothing is done with that card.
+    # The kernel may be this machine's own: the test does nothing else with that card.
     eject(shipped)
 
 
