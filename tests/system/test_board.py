@@ -54,35 +54,6 @@ def test_a_closed_board_leaves_nothing_even_with_the_card_mounted_and_in_use(mak
     assert board.leftovers() == []
 
 
-@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
-def test_nothing_is_left_when_the_process_that_owns_the_board_dies(number):
-    # Tests in the background of a shell inherit an ignored SIGINT.
-    script = (f"import signal, sys, time; sys.path.insert(0, {str(ROOT)!r})\n"
-              "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
-              "from board import Card, VirtualBoard\n"
-              "board = VirtualBoard(); board.insert(Card.formatted())\n"
-              f"board.run('sh', '-c', {MOUNT_COMMAND!r}, check=True)\n"
-              "board.hold_file_open(ignore_sigterm=True)\n"
-              "print(board.namespace, board.card.name, flush=True)\n"
-              "time.sleep(1000)\n")
-    owner = subprocess.Popen([sys.executable, "-c", script], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                             text=True)
-    namespace, card_name = owner.stdout.readline().split()
-    remains = remains_on_host(namespace, [card_name])
-    assert len(remains) >= 3
-    process, first = remains[0].split()
-    assert process == "process"
-    # While this is open, no other board's namespace gets the number.
-    with open(f"/proc/{first}/ns/pid", "rb"):
-        owner.send_signal(number)
-        owner.wait()
-        owner.stdout.close()
-        deadline = time.monotonic() + 30
-        while remains_on_host(namespace, [card_name]) and time.monotonic() < deadline:
-            time.sleep(0.05)
-        assert remains_on_host(namespace, [card_name]) == []
-
-
 def test_the_host_environment_does_not_reach_the_board(bare_board, monkeypatch):
     monkeypatch.setenv("LEAK", "1")
     assert sorted(bare_board.run("env").stdout.splitlines()) == ["HOME=/", "PATH=/usr/sbin:/usr/bin:/sbin:/bin"]

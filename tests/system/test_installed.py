@@ -161,11 +161,11 @@ def test_the_init_script_starts_stops_and_reports_the_status(board):
     assert board.leftovers() == []
 
 
-def test_a_start_that_fails_shows_the_reason(board):
-    board.remove_file(TRACKING_CONFIGURATION)
+def test_a_start_with_the_administrators_options_that_fails_shows_the_reason(board):
+    board.write_file("/etc/default/tavo-sdcard", "SDCARDD_OPTIONS='--config /etc/elsewhere.xml'\n")
     result = init(board, "start")
     assert result.returncode != 0
-    assert "Configuration file not found: tavo-sdcard.trackconfig.xml" in result.stderr
+    assert "'/etc/elsewhere.xml' not found" in result.stderr
     assert init(board, "status").returncode == NOT_RUNNING
 
 
@@ -187,29 +187,6 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
     assert board.bus.has_service()
     assert init(board, "status").returncode == RUNNING
     assert init(board, "stop").returncode == 0
-
-
-def test_the_administrator_sets_the_options_of_the_service(board):
-    board.write_file("/etc/default/tavo-sdcard", "SDCARDD_OPTIONS='--config /etc/elsewhere.xml'\n")
-    result = init(board, "start")
-    assert result.returncode != 0
-    assert "'/etc/elsewhere.xml' not found" in result.stderr
-
-
-def test_a_stop_waits_until_the_card_is_unmounted(board):
-    card = Card.formatted()
-    board.insert(card)
-    start(board)
-    board.expect_state(State.MOUNTED, within=20)
-    held = board.hold_file_open()
-    stopping = board.start(INIT_SCRIPT, "stop")
-    board.expect_state(State.CLOSING_FILES)
-    time.sleep(2)
-    assert stopping.running and is_mounted(board)
-    held.stop()
-    assert stopping.wait() == 0
-    assert not is_mounted(board)
-    assert card.is_clean(), card.check().stdout
 
 
 def test_a_stop_that_leaves_the_card_mounted_reports_it(board):

@@ -39,14 +39,6 @@ def in_state(model: Model, state: State, level: int = 0) -> Model:
     return model
 
 
-@pytest.mark.parametrize("board, title", [(VirtualBoard, " The virtual board "),
-                                          (EmulatedBoard, " The emulated board ")])
-def test_the_title_names_the_kind_of_the_board(board: type[Board], title: str):
-    line = drawing.header(Model([], board.kind), 80)
-    assert line.startswith(title)
-    assert len(line) == 80
-
-
 def test_a_lamp_with_a_timer_blinks_in_the_intervals_of_its_files():
     lamp = Lamp()
     lit = []
@@ -74,13 +66,6 @@ def test_a_lamp_lights_as_its_files_say(led, active, lit):
 @pytest.mark.parametrize("share, filled", [(0, 0), (0.001, 1), (0.5, 5), (0.999, 9), (1, 10), (1.7, 10)])
 def test_a_bar_is_empty_or_full_only_at_0_and_at_1(share, filled):
     assert drawing.bar(share, 10) == ("█" * filled, "░" * (10 - filled))
-
-
-def test_a_directory_above_its_limit_is_marked(model):
-    model.directories[1].limit, model.directories[1].used = 2 * drawing.MIB, 3 * drawing.MIB
-    markup = drawing.card(in_state(model, State.MOUNTED), CARD_COLUMNS)
-    assert "3.0 of 2.0 MiB !" in text_of(markup)
-    assert any(piece[0] == "over" for piece in markup if isinstance(piece, tuple))
 
 
 @pytest.mark.parametrize("level", [0, 1, 50, 100])

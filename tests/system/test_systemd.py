@@ -113,21 +113,6 @@ def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_ca
         assert not is_mounted(system)
 
 
-def test_a_stop_waits_until_files_are_closed(systemd_board):
-    systemd_board.insert(Card.formatted())
-    with SystemdSystem(systemd_board) as system:
-        systemd_board.expect_state(State.MOUNTED, within=20)
-        hold_file_open(system)
-        stopping = system.start("systemctl", "stop", UNIT)
-        systemd_board.expect_state(State.CLOSING_FILES)
-        time.sleep(2)
-        assert stopping.running and is_mounted(system)
-        system.run("systemctl", "kill", "--signal=SIGKILL", "holder")
-        assert stopping.wait() == 0
-        assert system.show(UNIT, "Result") == "success"
-        assert not is_mounted(system)
-
-
 @pytest.mark.lasts(46)
 def test_the_time_to_stop_covers_all_waits(systemd_board):
     card = Card.formatted()
