@@ -1,11 +1,6 @@
 """The virtual board itself: what the other tests rely on."""
 
 import os
-import re
-import signal
-import subprocess
-import sys
-import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
@@ -15,7 +10,6 @@ from board.emulated import snapshot
 from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
-from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # about the boards' own working: once is enough
 

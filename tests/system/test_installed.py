@@ -1,15 +1,12 @@
 """The installed Debian package: what it puts in place, its init script, its removal."""
 
 import re
-import signal
-import time
 import xml.etree.ElementTree as ElementTree
 
 import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
-from board.names import (BOARD_DIRECTORY, E2FSCK, MEDIA_CONFIGURATION, SERVICE_NAME, SERVICE_PROGRAM,
-                         TRACKING_CONFIGURATION)
+from board.names import BOARD_DIRECTORY, MEDIA_CONFIGURATION, SERVICE_PROGRAM, TRACKING_CONFIGURATION
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
 INIT_SCRIPT = "/etc/init.d/sdcardd"

@@ -8,7 +8,7 @@ import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State
 from board.names import E2FSCK
-from steps import HELD_PROGRAM, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
+from steps import HELD_PROGRAM, eject, expect_mounted, go_on, start_with_mounted_card, take_out
 
 pytestmark = pytest.mark.emulated  # the other board has neither an MMC host nor pins
 
