@@ -67,7 +67,8 @@ def refusal(tmp_path):
 
 
 # A name that only contains "ext4" or "overlay" does not count.
-KNOWN_FILE_SYSTEMS = "printf 'nodev\\tproc\\n\\t%s\\n\\tx%s\\n' {} >/run/known; mount --bind /run/known /proc/filesystems"
+KNOWN_FILE_SYSTEMS = ("printf 'nodev\\tproc\\n\\t%s\\n\\tx%s\\n' {} >/run/known; "
+                      "mount --bind /run/known /proc/filesystems")
 OWN_RUN = "mount -t tmpfs none /run && "
 # The null device, which takes output, is the only device left.
 NO_DEVICES = "mount -t tmpfs none /dev && mknod -m 666 /dev/null c 1 3"
@@ -119,7 +120,8 @@ def test_the_summary_ends_with_one_line_of_all_counts(tmp_path):
 def test_the_summary_counts_no_test_of_a_program_that_its_suite_cannot_run(tmp_path):
     disabled = "<testcase name='b' status='disabled'><system-out>Disabled</system-out></testcase>"
     result = summarise(tmp_path, unit=totals("5 passed, 0 failed, 0 skipped") + 2 * disabled)
-    assert result.stdout.splitlines()[-2:] == ["  unit tests: 5, and 2 programs left to another suite", "5 passed, 0 failed"]
+    assert result.stdout.splitlines()[-2:] == ["  unit tests: 5, and 2 programs left to another suite",
+                                               "5 passed, 0 failed"]
 
 
 def test_the_summary_shows_the_notes_that_it_is_given(tmp_path):
@@ -138,7 +140,8 @@ def test_the_summary_shows_the_notes_that_it_is_given(tmp_path):
     ("<testcase name='a' status='disabled'/>", "0 passed, 0 failed"),
     ("", "0 passed, 1 failed"),
     (None, "0 passed, 1 failed"),
-], ids=["function failed", "program failed", "error", "crash after the totals", "no program ran", "no tests", "no results"])
+], ids=["function failed", "program failed", "error", "crash after the totals", "no program ran", "no tests",
+        "no results"])
 def test_a_failure_or_a_missing_result_makes_the_summary_fail(tmp_path, unit, line):
     result = summarise(tmp_path, unit=unit)
     assert result.returncode == 1
