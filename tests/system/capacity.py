@@ -1,4 +1,4 @@
-"""What the enforcement of a watched directory's share must do, computed independently of the service."""
+"""The expected result of enforcing a directory's share, computed independently of the service."""
 
 import os
 from collections.abc import Iterable
@@ -17,13 +17,13 @@ def start_with_watched_card(board: Board, card: Card | None = None) -> Card:
     """Starts the service with a card and waits until the run that follows the mount is over."""
     card = start_with_mounted_card(board, card)
     board.expect_signal("CardMounted")
-    assert board.state is State.MOUNTED  # an answer: all that follows the signal at once has been begun
+    assert board.state is State.MOUNTED  # after an answer, everything that follows the signal at once has begun
     board.expect("the end of the run", lambda: not _is_running(board))
     return card
 
 
 def _is_running(board: Board) -> bool:
-    """Whether a run's thread exists; a new one still bears the program's name."""
+    """Whether a run's thread exists; a new one still has the program's name."""
     pid = board.service.pid
     names = board.run("sh", "-c", f"cd /proc/{pid}/task && grep '' */comm").stdout.split()
     return any(name.endswith(f":{RUN_THREAD}") or (name.endswith(":sdcardd") and name != f"{pid}/comm:sdcardd")
@@ -31,7 +31,7 @@ def _is_running(board: Board) -> bool:
 
 
 def limit_of(contents: Contents, *percent: float) -> int:
-    """The bytes that shares in shares of the whole card allow."""
+    """The bytes of a share of a share ... of the whole card; shares in percent."""
     status = contents.file_system()
     share = 1.0
     for each in percent:
@@ -40,13 +40,13 @@ def limit_of(contents: Contents, *percent: float) -> int:
 
 
 def enforce(board: Board, identifier: str) -> None:
-    """Has the service enforce a directory's share."""
+    """Makes the service enforce a directory's share."""
     board.call(CARD_INTERFACE, "EnsureDirSize", identifier)
 
 
 def assert_well_chosen(before: list[Entry], after: list[Entry], limit: int,
                        not_removable: Iterable[bytes] = ()) -> None:
-    """The oldest files are gone, as many as had to, and with them the directories that they leave empty.
+    """The oldest files are gone, as many as necessary, and the directories that they leave empty.
 
     @p before and @p after are the entries of the watched directory; @p not_removable the paths of
     files that were chosen but could not be removed.

@@ -11,7 +11,7 @@ from board import MOUNT_POINT, Board
 KINDS = {b"d": "directory", b"f": "file"}
 NANOSECOND_DIGITS = 9
 
-# Calls functions of os, and these, in turn; a large set of files is not worth a program for each.
+# Calls functions of os, and these, in turn: one program for many files.
 CHANGES = """
 import fcntl, os, struct, sys, time
 SET_FLAGS, IMMUTABLE = 0x40006602 | struct.calcsize('l') << 16, 0x10
@@ -57,16 +57,16 @@ class Contents:
         self._board.run("fallocate", "-l", str(size), f"{MOUNT_POINT}/{name}", check=True)
 
     def change(self, *steps: tuple) -> None:
-        """Takes steps that follow each other as fast as they can: a function's name and its arguments.
+        """Calls functions in quick succession; a step is a function's name and its arguments.
 
-        Paths are str or bytes. The functions are those of os, but for write, and: write (path, size in bytes, data), which makes a file with
-        its directories, its data cut off at the size or followed by a hole; freeze (path, whether),
-        which keeps everybody from changing or removing a file, or allows it again; sleep (seconds).
+        Paths are str or bytes. The functions are those of os, and three more: write (path, size in bytes, data)
+        makes a file and its directories, with its data cut off at the size or followed by a hole; freeze (path,
+        whether) makes a file immutable, or mutable again; sleep (seconds).
         """
         self._board.run("/usr/bin/python3", "-I", "-S", "-c", CHANGES, MOUNT_POINT, input=repr(steps), check=True)
 
     def write(self, name: str | bytes, size: int = 0) -> None:
-        """Makes a file of so many bytes, which are all holes, with its directories."""
+        """Makes a file of this size, which is one hole, with its directories."""
         self.change(("write", name, size))
 
     def entries(self, directory: str | bytes) -> list[Entry]:
@@ -83,7 +83,7 @@ class Contents:
         return sum(entry.size for entry in self.entries(directory))
 
     def names(self, directory: str = ".") -> list[str]:
-        """What is in a directory itself, sorted."""
+        """The names in a directory itself, sorted."""
         return sorted(os.fsdecode(entry.path) for entry in self.entries(directory)
                       if entry.path and b"/" not in entry.path)
 
@@ -107,7 +107,7 @@ class Contents:
         result = self._board.run("find", path, "-printf", "".join(os.fsdecode(field) + r"\0" for field in fields),
                                  as_bytes=True)
         values = result.stdout.split(b"\0")[:-1]
-        # What goes while it is looked for is no more; anything else would be a tree half read.
+        # Files may vanish during the search; any other error would leave the tree half read.
         assert values and all(line.endswith("No such file or directory") for line in result.stderr.splitlines()), \
             result.stderr
         return zip(*(values[index::len(fields)] for index in range(len(fields))))

@@ -1,20 +1,20 @@
-"""Steps that many system tests share, in the words of the device's user."""
+"""Steps that many system tests share."""
 
 from board import Board, Card, LedPattern, State
 
-# What every start without a card says.
+# The records of every start without a card.
 START_RECORDS = ["Configuration successfully parsed", "Checking hardware..."]
 
 MOUNT_SECONDS = 30
 
 _GO_ON = "/run/board/go-on"
-# What a replaced program or a script (sh) does to wait for go_on(), however late that comes.
+# The code (sh) with which a replaced program or a script waits for go_on().
 HOLD = f"until [ -e {_GO_ON} ]; do sleep 0.1; done"
 HELD_PROGRAM = f'{HOLD}; exec "$ORIGINAL" "$@"'
 
 
 def go_on(board: Board) -> None:
-    """Lets all go on that HOLD holds, from now on."""
+    """Ends all waits of HOLD, also those that begin later."""
     board.write_file(_GO_ON, "")
 
 
@@ -49,7 +49,7 @@ def eject(board: Board, within: float = 10) -> None:
 
 
 def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
-    """Waits until the service says that the card may be taken out, and checks that this is true."""
+    """Waits until the service reports that the card may be taken out, and checks that it may."""
     card = board.card
     board.expect_state(State.UNMOUNTED, within)
     board.expect_leds(LedPattern.UNMOUNTED)
@@ -58,7 +58,7 @@ def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
 
 
 def take_out(board: Board) -> None:
-    """Takes the card out and waits until the service has noticed."""
+    """Takes the card out and waits until the service has detected it."""
     board.pull()
     board.expect_state(State.NO_CARD)
     board.expect_leds(LedPattern.OFF)

@@ -1,11 +1,6 @@
-"""The virtual board itself: what it promises to the tests that stand on it."""
+"""The virtual board itself: what the other tests rely on."""
 
 import os
-import re
-import signal
-import subprocess
-import sys
-import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
@@ -15,7 +10,6 @@ from board.emulated import snapshot
 from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
-from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # about the boards' own working: once is enough
 
@@ -52,35 +46,6 @@ def test_a_closed_board_leaves_nothing_even_with_the_card_mounted_and_in_use(mak
     assert remains_on_host(board.namespace, [board.card.name]) != []
     board.close()
     assert board.leftovers() == []
-
-
-@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
-def test_nothing_is_left_when_the_process_that_owns_the_board_dies(number):
-    # A shell in whose background the tests run has had the interruption ignored.
-    script = (f"import signal, sys, time; sys.path.insert(0, {str(ROOT)!r})\n"
-              "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
-              "from board import Card, VirtualBoard\n"
-              "board = VirtualBoard(); board.insert(Card.formatted())\n"
-              f"board.run('sh', '-c', {MOUNT_COMMAND!r}, check=True)\n"
-              "board.hold_file_open(ignore_sigterm=True)\n"
-              "print(board.namespace, board.card.name, flush=True)\n"
-              "time.sleep(1000)\n")
-    owner = subprocess.Popen([sys.executable, "-c", script], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                             text=True)
-    namespace, card_name = owner.stdout.readline().split()
-    remains = remains_on_host(namespace, [card_name])
-    assert len(remains) >= 3
-    process, first = remains[0].split()
-    assert process == "process"
-    # As long as this is open, no other board's namespace gets the number.
-    with open(f"/proc/{first}/ns/pid", "rb"):
-        owner.send_signal(number)
-        owner.wait()
-        owner.stdout.close()
-        deadline = time.monotonic() + 30
-        while remains_on_host(namespace, [card_name]) and time.monotonic() < deadline:
-            time.sleep(0.05)
-        assert remains_on_host(namespace, [card_name]) == []
 
 
 def test_the_host_environment_does_not_reach_the_board(bare_board, monkeypatch):
@@ -139,10 +104,6 @@ def test_cards_have_the_partitions_of_their_kind(make, kinds):
     assert [partition.kind for partition in make().partitions()] == kinds
 
 
-def test_a_card_as_bought_has_its_partition_elsewhere_than_a_formatted_one():
-    assert Card.as_bought().partitions()[0].offset != Card.formatted().partitions()[0].offset
-
-
 @pytest.mark.parametrize("make, automatic, full", [
     (Card.formatted, 0, 0),
     (Card.lightly_damaged, 1, 0),
@@ -156,11 +117,6 @@ def test_damaged_cards_need_the_repair_of_their_kind(bare_board, make, automatic
     assert bare_board.run("e2fsck", "-p", PARTITION_DEVICE).returncode == automatic
     assert bare_board.run("e2fsck", "-f", "-y", PARTITION_DEVICE).returncode == full
     assert card.is_clean() == (full <= 1)
-
-
-def test_a_card_bought_has_a_fat_file_system(bare_board):
-    bare_board.insert(Card.as_bought())
-    assert bare_board.run("blkid", "-p", "-o", "value", "-s", "TYPE", PARTITION_DEVICE).stdout == "vfat\n"
 
 
 def test_a_copy_of_a_card_is_a_card_of_its_own():
@@ -181,23 +137,11 @@ def test_a_replaced_tool_records_its_arguments_and_can_be_put_back(bare_board):
     assert len(bare_board.tool_calls("e2fsck")) == 1
 
 
-def test_a_watched_tool_still_does_its_work(bare_board):
-    bare_board.replace_tool("/usr/sbin/lsof")
-    assert bare_board.run("/usr/sbin/lsof", "-t", "-Q", "/media").returncode == 0
-    assert bare_board.tool_calls("lsof") == [["-t", "-Q", "/media"]]
-
-
 def test_several_threads_may_wait_for_one_program(bare_board):
     for _ in range(20):
         process = bare_board.start("sleep", "0.05")
         with ThreadPoolExecutor() as threads:
             assert list(threads.map(lambda _: process.wait(), range(4))) == [0] * 4
-
-
-def test_the_run_level_is_the_one_that_was_set(bare_board):
-    assert bare_board.run("runlevel").stdout == "N 5\n"
-    bare_board.set_runlevel(6)
-    assert bare_board.run("runlevel").stdout == "N 6\n"
 
 
 def test_the_button_file_is_never_empty_while_it_changes(bare_board):
@@ -246,38 +190,7 @@ def test_log_records_are_read_with_all_their_parts():
     assert records[1].function == "ThreadMounting::run"
 
 
-def test_a_crash_is_seen_with_its_signal(bare_board):
-    process = bare_board.start("sh", "-c", "kill -SEGV $$")
-    assert process.wait() == -signal.SIGSEGV
-    assert process.crashed
-
-
-def test_entries_of_the_system_log_are_kept(bare_board):
-    bare_board.run("logger", "-t", "board", "a word")
-    bare_board.expect("the entry", lambda: any("board: a word" in entry for entry in bare_board.system_log), within=10)
-
-
-def test_a_board_can_be_without_leds_and_button(make_board):
-    board = make_board(leds=False, eject_button=False)
-    assert not board.exists(LED_DIRECTORY)
-    assert not board.exists(EJECT_BUTTON)
-    assert board.led_panel.pattern is LedPattern.OFF
-
-
-def test_a_snapshot_is_made_anew_when_a_module_changes_that_says_what_is_installed():
-    package = ROOT / "board"
-    modules = {package / "installation.py"}
-    while True:
-        imported = {package / f"{name}.py" for module in modules
-                    for name in re.findall(r"^from \.(\w+) import", module.read_text(), re.M)}
-        if imported <= modules:
-            break
-        modules |= imported
-    assert package / "names.py" in modules
-    assert modules | {package / "emulated" / "snapshot.py"} <= {source.resolve() for source in snapshot._sources()}
-
-
-def test_a_snapshot_is_made_anew_for_an_image_made_anew_of_the_same(tmp_path):
+def test_a_new_image_gets_a_new_snapshot(tmp_path):
     root = tmp_path / "root.ext4"
     root.write_text("")
     first = snapshot.state_name(tmp_path, None, 256)

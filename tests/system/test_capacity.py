@@ -1,4 +1,4 @@
-"""Watched directories are kept within their share of the card: the limit, the choice, who asks and when."""
+"""The service keeps watched directories within their share of the card: limit, choice of files, times."""
 
 import os
 import time
@@ -103,13 +103,7 @@ def test_directories_left_empty_go_with_their_empty_parents(board, contents):
         b"", b"a", b"a/beside", b"d", b"d/new", b"empty-before"]
 
 
-def test_the_watched_directory_itself_stays(board, contents):
-    contents.write("watched/only", 7 * MIB)
-    enforce(board, "watched")
-    assert [entry.path for entry in contents.entries("watched")] == [b""]
-
-
-def test_a_directory_that_only_holds_directories_has_nothing_to_remove(make_board, program):
+def test_a_directory_of_directories_has_nothing_to_remove(make_board, program):
     board = make_board(program=program, media_config='<sdcard><dir size="0" capacitywatch="true">none</dir></sdcard>')
     start_with_watched_card(board)
     warning = card_path("none") + " exceed limit but there are no files to remove"
@@ -153,17 +147,6 @@ def test_an_empty_identifier_means_all_watched_directories(board, contents):
     assert len(names(contents, "unwatched")) == 9
 
 
-def test_of_two_watched_directories_of_one_name_the_first_is_enforced(make_board, program):
-    board = make_board(program=program, media_config="""
-        <sdcard><dir size="50">a<dir size="10" capacitywatch="true">data</dir></dir>
-        <dir size="50">b<dir size="10" capacitywatch="true">data</dir></dir></sdcard>""")
-    start_with_watched_card(board)
-    contents = Contents(board)
-    contents.change(*(("write", directory + "/file", 30 * MIB) for directory in ("a/data", "b/data")))
-    enforce(board, "data")
-    assert (names(contents, "a/data"), names(contents, "b/data")) == ([], ["file"])
-
-
 @pytest.mark.parametrize("mode, complaint", [("0300", "is not readable"), ("0500", "is not writable")])
 def test_a_directory_that_its_owner_may_not_use_is_not_watched(make_board, program, mode, complaint):
     board = make_board(program=program, media_config='<sdcard><dir size="1" capacitywatch="true" '
@@ -200,9 +183,8 @@ def test_a_card_is_brought_within_its_limits_as_soon_as_it_is_mounted(board, tmp
     assert watcher_messages(board, "WARN") == []
 
 
-@pytest.mark.parametrize("text", ["1500\n", "\t 1500 \n\n"])
-def test_runs_follow_each_other_in_the_interval_of_the_file(board, text):
-    board.write_file(INTERVAL_FILE, text)
+def test_runs_follow_each_other_in_the_interval_of_the_file(board):
+    board.write_file(INTERVAL_FILE, "\t 1500 \n\n")
     start_with_watched_card(board)
     board.expect_record("INFO", WATCHER, "Use special Storage Capacity Watcher interval of 1500 ms",
                         source="StorageCapacityWatcher", function="StorageCapacityWatcher::StorageCapacityWatcher")
@@ -210,32 +192,6 @@ def test_runs_follow_each_other_in_the_interval_of_the_file(board, text):
     for round_number in range(2):
         contents.write(f"watched/{round_number}", 30 * MIB)
         board.expect("the file is gone", lambda: names(contents, "watched") == [], within=4)
-
-
-def test_an_interval_that_is_no_positive_number_is_ignored_without_a_word(board):
-    board.write_file(INTERVAL_FILE, "1500 ms")
-    start_with_watched_card(board)
-    contents = Contents(board)
-    contents.write("watched/file", 30 * MIB)
-    time.sleep(2)
-    assert names(contents, "watched") == ["file"]
-    board.expect_no_record("Use special")
-
-
-def test_an_interval_file_that_cannot_be_read_is_ignored(board):
-    board.run("mkdir", INTERVAL_FILE, check=True)
-    start_with_watched_card(board)
-    board.expect_no_record("Use special")
-
-
-def test_the_interval_is_read_anew_for_every_question_about_use(board):
-    board.write_file(INTERVAL_FILE, "60000\n")
-    start_with_watched_card(board)
-    message = "Use special Storage Capacity Watcher interval of 60000 ms"
-    assert messages(board).count(message) == 1
-    board.call(CARD_INTERFACE, "getDirUsed", "watched")
-    board.call(CARD_INTERFACE, "getDirUsed", "")
-    assert messages(board).count(message) == 2
 
 
 def test_runs_go_on_after_the_card_was_out(board):
@@ -250,9 +206,9 @@ def test_runs_go_on_after_the_card_was_out(board):
     board.expect("the file is gone", lambda: names(contents, "watched") == [], within=4)
 
 
-def test_an_ejected_card_is_not_enforced(board, contents):
+def test_nothing_is_enforced_after_an_eject(board, contents):
     eject(board)
-    # The mount point is free for anybody now.
+    # The mount point is an ordinary directory now.
     board.run("mkdir", "-p", f"{MOUNT_POINT}/watched", check=True)
     board.run("truncate", "-s", "60M", f"{MOUNT_POINT}/watched/file", check=True)
     for identifier in ("watched", "", "unknown"):

@@ -1,4 +1,4 @@
-"""Enforcement that is under way while something else happens to the card."""
+"""Events during an enforcement run."""
 
 import time
 
@@ -18,14 +18,14 @@ MILLISECONDS_A_REMOVAL = 300
 
 
 class SlowRun:
-    """A service whose removals take their time, and the moment at which a background run has begun to remove."""
+    """A service with slow removals, at the moment when a background run has begun to remove files."""
 
     def __init__(self, board):
         self.board = board
         board.write_file("/etc/scw_interval", str(INTERVAL_MS))
         self.card = start_with_watched_card(board)
         self.contents = Contents(board)
-        # A tracer makes every step of lsof slow, which closes as many descriptors as it might have.
+        # A tracer makes lsof slow, which closes every descriptor that it could have.
         board.run("prlimit", "--pid", str(board.service.pid), "--nofile=256", check=True)
         # Slows down every removal of a file, and nothing else.
         self.tracer = board.start("strace", "-f", "-qq", "-o", "/run/board/removals", "-e", "trace=unlink,unlinkat",
@@ -52,8 +52,8 @@ class SlowRun:
         assert_well_chosen(self.before, self.contents.entries("watched"), limit_of(self.contents, PERCENT))
 
     def _write_files(self):
-        # Together they become part of the watched directory in one moment. Each has a time of its own: of two
-        # with the same time, one run may choose one, and another run the other.
+        # They get into the watched directory at the same moment. Each has a time of its own: of two files
+        # with the same time, one run may choose the one and another run the other.
         self.contents.change(*(step for number in range(FILES)
                                for step in (("write", f"aside/{number}", FILE_SIZE), PAUSE)),
                              ("rename", "aside", "watched/files"))
@@ -85,7 +85,7 @@ def test_two_enforcements_at_once_remove_no_more_than_one_would(run):
     enforce(run.board, "watched")
     run.finish_quickly()
     run.expect_end()
-    # A third look finds nothing to do.
+    # A third run finds nothing to do.
     enforce(run.board, "watched")
     run.expect_end()
     assert messages(run.board, "WARN", WATCHER) != []

@@ -1,4 +1,4 @@
-"""A card that comes back before the work on it has ended."""
+"""A card that comes back while a check or a script still runs."""
 
 from board import Card, State
 from board.names import E2FSCK

@@ -1,4 +1,4 @@
-"""Cards that are damaged, write-protected or mounted already, and tools that fail or are missing."""
+"""Damaged, write-protected and already mounted cards; tools that fail or are missing."""
 
 import signal
 
@@ -15,7 +15,7 @@ CARD_OPTIONS = "noatime,data=journal,nodelalloc,journal_checksum"
 
 
 def with_two_linux_partitions():
-    """A card of which the first partition can be mounted, but which is not laid out as expected."""
+    """A card whose first partition can be mounted, but which has a partition too many."""
     card = Card(64)
     card.partition(LINUX, LINUX)
     card.make_ext4(1)
@@ -27,19 +27,14 @@ def mount_by_hand(board, options):
     board.run("mount", "-t", "ext4", "-o", options, PARTITION_DEVICE, MOUNT_POINT, check=True)
 
 
-def test_an_intact_card_is_checked_once(board):
+@pytest.mark.parametrize("make, is_corrected", [(Card.formatted, False), (Card.lightly_damaged, True)])
+def test_an_intact_or_lightly_damaged_card_is_checked_once(board, make, is_corrected):
     board.replace_tool(E2FSCK)
-    start_with_mounted_card(board)
+    start_with_mounted_card(board, make())
     assert board.tool_calls("e2fsck") == [["-p", PARTITION_DEVICE]]
-    board.expect_no_record(CORRECTED)
-
-
-def test_light_damage_is_repaired_by_the_automatic_check(board):
-    board.replace_tool(E2FSCK)
-    start_with_mounted_card(board, Card.lightly_damaged())
-    assert board.tool_calls("e2fsck") == [["-p", PARTITION_DEVICE]]
-    board.expect_record("INFO", "St:Mounting", CORRECTED, source="StateMounting",
-                        function="ThreadMounting::mountDevice")
+    assert [(record.level, record.channel, record.source, record.function) for record in board.records
+            if record.message == CORRECTED] == [
+        ("INFO", "St:Mounting", "StateMounting", "ThreadMounting::mountDevice")] * is_corrected
     eject(board)
 
 
@@ -69,7 +64,7 @@ def test_a_card_that_cannot_be_repaired_is_corrupted_until_the_service_is_killed
     assert not board.exists(MOUNT_POINT)
     assert (board.property("MemState"), board.property("MemLevel"), board.property("IsMounted")) == (2, 0, False)
     assert board.call(CARD_INTERFACE, "RefreshMemState") == 2
-    # Whoever waits for the card learns it from the memory state and the state alone.
+    # Only the memory state and the state report this to clients.
     assert ("MemStateChanged", 2) in [(sent.name, *sent.arguments) for sent in board.signals]
     assert not {"CardCorrupt", "CardMounted", "CardNotMountable"} & set(signal_names(board))
     assert board.transition is Transition.CARD_INSERTED
@@ -98,13 +93,6 @@ def test_a_write_protected_card_is_corrupted(board):
     board.stop_service(signal.SIGKILL)
 
 
-def test_a_missing_e2fsck_does_not_keep_the_card_from_being_mounted(board):
-    board.remove_tool(E2FSCK)
-    start_with_mounted_card(board)
-    assert messages(board, channel="St:Mounting") == [
-        "SD Card Linux Ext4 format is ok", "Starting command failed (exitstatus:0)", CORRECTED]
-
-
 @pytest.mark.parametrize("first, calls", [(0, 1), (1, 1), (2, 2), (4, 2), (8, 2), (32, 2)])
 def test_a_second_check_follows_from_code_2_on_and_the_mount_in_any_case(board, first, calls):
     board.replace_tool(E2FSCK, f"[ $1 = -p ] && exit {first}\necho found; echo trouble >&2; exit 4")
@@ -119,9 +107,16 @@ def test_a_second_check_follows_from_code_2_on_and_the_mount_in_any_case(board, 
                             function="ThreadMounting::checkAndRepairFS")
 
 
-def test_a_crashing_e2fsck_does_not_keep_the_card_from_being_mounted(board):
+def test_an_e2fsck_that_is_missing_or_crashes_does_not_keep_the_card_from_being_mounted(board):
+    board.remove_tool(E2FSCK)
+    card = start_with_mounted_card(board)
+    assert messages(board, channel="St:Mounting") == [
+        "SD Card Linux Ext4 format is ok", "Starting command failed (exitstatus:0)", CORRECTED]
+    eject(board)
+    take_out(board)
     board.replace_tool(E2FSCK, "kill -SEGV $$")
-    start_with_mounted_card(board)
+    board.insert(card)
+    expect_mounted(board)
     assert any(message.startswith("QProcess::CrashExit: ") for message in messages(board, "ERROR", "St:Mounting"))
 
 
@@ -166,7 +161,7 @@ def test_a_service_started_on_a_mounted_card_takes_it_as_it_is(board):
     eject(board)
 
 
-def test_a_service_that_was_killed_finds_its_card_again(board):
+def test_a_service_started_again_after_a_kill_finds_its_card_mounted(board):
     card = start_with_mounted_card(board)
     board.stop_service(signal.SIGKILL)
     assert len(board.mounts()) == 1
@@ -196,27 +191,23 @@ def test_a_card_that_the_format_script_calls_ready_is_mounted(board, status, sai
         "New SD Card detected", f"Executing '{FORMAT_SCRIPT}'...", said]
 
 
-@pytest.mark.parametrize("status", [1, 2, 100])
-def test_a_failing_format_script_makes_the_card_not_mountable(board, status):
-    board.replace_tool(FORMAT_SCRIPT, f"echo no room >&2; exit {status}")
+@pytest.mark.parametrize("status, errors", [
+    (1, ["no room", "SD Card MMC formatting failed (exit code: 1)"]),
+    (100, ["no room", "SD Card MMC formatting failed (exit code: 100)"]),
+    (None, ["Starting command failed (exitstatus:0)", "SD Card MMC formatting failed (exit code: -1)"]),
+])
+def test_a_format_script_that_fails_or_is_missing_makes_the_card_not_mountable(board, status, errors):
+    if status is None:
+        board.remove_tool(FORMAT_SCRIPT)
+    else:
+        board.replace_tool(FORMAT_SCRIPT, f"echo no room >&2; exit {status}")
     board.insert(Card.as_bought())
     board.start_service()
     board.expect_state(State.NOT_MOUNTABLE)
     board.expect_leds(LedPattern.NOT_MOUNTABLE)
-    assert messages(board, "ERROR", "St:Mounting") == [
-        "no room", f"SD Card MMC formatting failed (exit code: {status})"]
+    assert messages(board, "ERROR", "St:Mounting") == errors
     assert signal_names(board).count("CardNotMountable") == 1
     assert board.property("IsMounted") is False
-    take_out(board)
-
-
-def test_a_missing_format_script_makes_the_card_not_mountable(board):
-    board.remove_tool(FORMAT_SCRIPT)
-    board.insert(Card.as_bought())
-    board.start_service()
-    board.expect_state(State.NOT_MOUNTABLE)
-    assert messages(board, "ERROR", "St:Mounting") == [
-        "Starting command failed (exitstatus:0)", "SD Card MMC formatting failed (exit code: -1)"]
     take_out(board)
     board.insert(Card.formatted())
     expect_mounted(board)

@@ -56,7 +56,7 @@ def test_a_card_left_in_the_slot_is_mounted_again_after_20_seconds(board):
 
 
 @pytest.mark.lasts(26)
-def test_a_card_taken_out_in_time_is_not_looked_for_20_seconds_later(board):
+def test_a_card_taken_out_in_time_is_not_mounted_20_seconds_later(board):
     start_with_mounted_card(board)
     eject(board)
     take_out(board)
@@ -68,59 +68,25 @@ def test_a_card_taken_out_in_time_is_not_looked_for_20_seconds_later(board):
 
 def test_the_card_is_unmounted_as_soon_as_the_last_program_has_let_go(board):
     card = start_with_mounted_card(board)
-    first = board.hold_file_open(f"{MOUNT_POINT}/one")
-    second = board.hold_file_open(f"{MOUNT_POINT}/two")
+    holder = board.hold_file_open(f"{MOUNT_POINT}/one")
+    # A working directory on the card counts like an open file.
+    dweller = board.start("sh", "-c", f"cd {MOUNT_POINT}/export && exec sleep 1000")
+    board.expect("sleep runs", lambda: board.run("pgrep", "-x", "sleep").returncode == 0)
     press_until_eject(board)
     board.expect_state(State.CLOSING_FILES)
     assert board.transition is Transition.EJECT_REQUESTED
-    first.stop()
+    holder.stop()
     board.expect_state_for(State.CLOSING_FILES, 1)
-    second.stop()
+    dweller.stop()
     let_go = time.monotonic()
     unmounted = board.expect_signal("CardUnmounted")
     assert unmounted.time - let_go < 2 * board.patience
     assert board.transition is Transition.FILES_CLOSED
     expect_safe_to_take_out(board)
-    assert {"one", "two"} <= set(card.list_files())
+    assert "one" in card.list_files()
     assert [message for message in messages(board, "INFO", "sdcard") if "rocess" in message or "'" in message] == [
-        f"Processes with open files on {MOUNT_POINT}:", f"{first.pid}: 'python3'", f"{second.pid}: 'python3'",
+        f"Processes with open files on {MOUNT_POINT}:", f"{holder.pid}: 'python3'", f"{dweller.pid}: 'sleep'",
         "Number of processes with open files: 2"]
-
-
-def test_a_program_whose_working_directory_is_on_the_card_uses_it(board):
-    start_with_mounted_card(board)
-    dweller = board.start("sh", "-c", f"cd {MOUNT_POINT}/export && exec sleep 1000")
-    board.expect("sleep runs", lambda: board.run("pgrep", "-x", "sleep").returncode == 0)
-    press_until_eject(board)
-    board.expect_record("INFO", "sdcard", f"{dweller.pid}: 'sleep'")
-    board.expect_state_for(State.CLOSING_FILES, 1)
-    dweller.stop()
-    expect_safe_to_take_out(board)
-
-
-def test_what_was_written_before_an_eject_is_on_the_card(board):
-    card = start_with_mounted_card(board)
-    board.run("dd", "if=/dev/urandom", f"of={MOUNT_POINT}/export/data", "bs=1M", "count=8", check=True)
-    digest = board.run("sha256sum", f"{MOUNT_POINT}/export/data").stdout.split()[0]
-    eject(board)
-    take_out(board)
-    board.insert(card)
-    expect_mounted(board)
-    assert board.run("sha256sum", f"{MOUNT_POINT}/export/data").stdout.split()[0] == digest
-
-
-@pytest.mark.lasts(50)
-def test_a_missing_lsof_counts_as_files_still_open(board):
-    start_with_mounted_card(board)
-    board.remove_tool(LSOF)
-    press_until_eject(board)
-    board.expect_state_for(State.CLOSING_FILES, 36)
-    expect_mounted(board, within=8)
-    assert board.transition is Transition.TIMED_OUT
-    assert messages(board, "ERROR")[:2] == ["Starting command failed (exitstatus:0)",
-                                            "Invoke of 'lsof' utility failed with exit code -1"]
-    board.run("ln", "-s", "/usr/bin/lsof", LSOF, check=True)
-    eject(board)
 
 
 def test_a_failing_lsof_is_asked_again_until_it_works(board):
@@ -144,14 +110,7 @@ def test_an_lsof_that_ends_with_1_has_found_nothing(board):
         "Cannot get number of processes with open files, 'lsof' utility failed with exit code 1"]
 
 
-def test_output_of_lsof_that_is_no_process_is_left_out(board):
-    start_with_mounted_card(board)
-    board.replace_tool(LSOF, "echo lsof: warning; echo 12x; echo; echo p1")
-    eject(board)
-    assert "Number of processes with open files: 0" in messages(board)
-
-
-def test_a_card_that_cannot_be_unmounted_is_used_on(board):
+def test_a_card_that_cannot_be_unmounted_stays_in_use(board):
     start_with_mounted_card(board)
     inside = f"{MOUNT_POINT}/export"
     board.run("mount", "-t", "tmpfs", "inside", inside, check=True)
@@ -168,7 +127,7 @@ def test_a_card_that_cannot_be_unmounted_is_used_on(board):
     eject(board)
 
 
-def test_a_card_that_somebody_else_has_unmounted_meanwhile_is_gone_for_the_service(board):
+def test_a_card_that_somebody_else_has_unmounted_is_gone_for_the_service(board):
     start_with_mounted_card(board)
     held = board.hold_file_open()
     press_until_eject(board)
@@ -195,33 +154,3 @@ def test_a_card_pulled_while_files_are_closed_is_gone_and_comes_back(board):
     board.insert(card)
     expect_mounted(board)
     eject(board)
-
-
-def test_the_memory_state_of_an_ejected_card_is_that_of_no_card(board):
-    start_with_mounted_card(board)
-    assert board.property("MemState") == 3
-    eject(board)
-    assert (board.property("MemState"), board.property("MemLevel")) == (1, 0)
-    assert board.call(CARD_INTERFACE, "RefreshMemState") == 1
-
-
-def test_a_refresh_while_files_are_closed_changes_nothing(board):
-    start_with_mounted_card(board)
-    held = board.hold_file_open()
-    press_until_eject(board)
-    board.run("fallocate", "-l", "30M", f"{MOUNT_POINT}/fill", check=True)
-    signals = len(board.signals)
-    level = board.property("MemLevel")
-    assert board.call(CARD_INTERFACE, "RefreshMemState") == 3
-    assert board.property("MemLevel") == level
-    assert len(board.signals) == signals
-    held.stop()
-    expect_safe_to_take_out(board)
-
-
-def test_ejecting_a_card_that_was_formatted_a_moment_ago_leaves_it_clean(board):
-    card = Card.as_bought()
-    start_with_mounted_card(board, card)
-    eject(board)
-    take_out(board)
-    assert board.transition is Transition.CARD_REMOVED

@@ -17,7 +17,7 @@ START_SECONDS = 120
 
 @pytest.fixture
 def open_terminal(tmp_path: Path, program: Path) -> Iterator[Callable[[str], Terminal]]:
-    """Opens one of the two in a terminal."""
+    """Opens the panel or the shell in a terminal."""
     terminals: list[Terminal] = []
 
     def open_with(shown: str) -> Terminal:

@@ -1,4 +1,4 @@
-"""Start-ups in which a call fails that does not fail on a device: a library before the system's sees to that."""
+"""Start-ups in which a call fails that does not fail on a device: a preloaded library makes it fail."""
 
 import re
 import subprocess

@@ -1,4 +1,4 @@
-"""The look at the card before the service is on the bus: a card is there, but not its partition's device node."""
+"""The check of a card without the device node of its partition, before the service is on the bus."""
 
 import pytest
 
@@ -6,14 +6,14 @@ from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, Transition
 from board.names import FORMAT_SCRIPT
 from steps import expect_mounted, messages, seconds_since_format, signal_names
 
-# A place for device nodes in which a node can be missing that the device manager makes in /dev.
+# A place for device nodes: one can be missing here that udev makes in /dev.
 NODES = "/run/nodes"
 CONFIGURATION = f'<sdcard devicepath="{NODES}/mmcblk0p1"/>'
 
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose service knows the card by names of which the partition's is missing."""
+    """A board without the device node of the card's partition, as the service sees it."""
     board = make_board(program=program, media_config=CONFIGURATION)
     board.run("mkdir", NODES, check=True)
     board.run("ln", "-s", CARD_DEVICE, f"{NODES}/mmcblk0", check=True)
@@ -21,7 +21,7 @@ def board(make_board, program):
 
 
 def looked_at(board):
-    """What the service says from the beginning of the check on."""
+    """The service's records from the beginning of the check on."""
     said = [record.message for record in board.records]
     return said[said.index("Checking hardware...") + 1:]
 
@@ -41,23 +41,14 @@ def test_a_card_with_its_partitions_device_node_is_not_looked_at(board):
     assert looked_at(board)[0] == "SD Card is already present"
 
 
-def test_a_card_with_one_linux_partition_is_not_formatted(board):
+@pytest.mark.parametrize("make, record", [(Card.formatted, "SD Card Linux Ext4 format is ok"),
+                                          (Card.blank, f"FDisk: Unable to get device path '{NODES}/mmcblk0p1'")])
+def test_a_card_with_one_linux_partition_or_none_is_not_formatted(board, make, record):
     board.replace_tool(FORMAT_SCRIPT)
-    board.insert(Card.formatted())
+    board.insert(make())
     board.start_service()
     board.expect_state(State.NO_CARD)
-    assert looked_at(board) == ["SD Card is available but not initialized, check it...",
-                                "SD Card Linux Ext4 format is ok"]
-    assert board.tool_calls("tavo-create-sdcardFS.sh") == []
-
-
-def test_a_card_without_a_partition_is_left_alone(board):
-    board.replace_tool(FORMAT_SCRIPT)
-    board.insert(Card.blank())
-    board.start_service()
-    board.expect_state(State.NO_CARD)
-    assert looked_at(board) == ["SD Card is available but not initialized, check it...",
-                                f"FDisk: Unable to get device path '{NODES}/mmcblk0p1'"]
+    assert looked_at(board) == ["SD Card is available but not initialized, check it...", record]
     assert board.tool_calls("tavo-create-sdcardFS.sh") == []
 
 
@@ -65,7 +56,7 @@ def test_a_card_without_a_partition_is_left_alone(board):
 def test_a_foreign_card_is_formatted_and_mounted(board, make):
     board.replace_tool(FORMAT_SCRIPT, f'"$ORIGINAL"; status=$?; ln -s {PARTITION_DEVICE} {NODES}; exit $status')
     board.insert(make())
-    # Making the partition anew has events of its own, which the hot-plug rule would tell of.
+    # A new partition causes events, which the hot-plug rule would report.
     with board.unannounced():
         board.start_service()
         expect_mounted(board)
@@ -76,28 +67,18 @@ def test_a_foreign_card_is_formatted_and_mounted(board, make):
     assert signal_names(board)[-1] == "CardMounted"
 
 
-def test_a_card_that_the_format_script_finds_ready_is_ok(board):
-    board.replace_tool(FORMAT_SCRIPT, "exit 0")
-    board.insert(Card.as_bought())
-    board.start_service()
-    assert looked_at(board)[-2:] == [f"Executing '{FORMAT_SCRIPT}'...", "SD Card Linux Ext4 format is ok"]
-
-
-@pytest.mark.parametrize("status", [1, 98, 100])
-def test_a_failing_format_does_not_keep_the_service_from_starting(board, status):
-    board.replace_tool(FORMAT_SCRIPT, f"exit {status}")
-    board.insert(Card.as_bought())
-    board.start_service()
-    board.expect_state(State.NO_CARD)
-    assert looked_at(board)[-1] == f"Executing '{FORMAT_SCRIPT}'..."
-
-
-def test_a_missing_format_script_does_not_keep_the_service_from_starting(board):
-    board.remove_tool(FORMAT_SCRIPT)
+@pytest.mark.parametrize("status, records", [
+    (0, ["SD Card Linux Ext4 format is ok"]), (1, []), (98, []), (100, []),
+    (None, ["Starting command failed (exitstatus:0)"])])
+def test_the_format_scripts_status_decides_what_is_logged(board, status, records):
+    if status is None:
+        board.remove_tool(FORMAT_SCRIPT)
+    else:
+        board.replace_tool(FORMAT_SCRIPT, f"exit {status}")
     board.insert(Card.as_bought())
     board.start_service()
     board.expect_state(State.NO_CARD)
-    assert looked_at(board)[-1] == "Starting command failed (exitstatus:0)"
+    assert looked_at(board)[2:] == [f"Executing '{FORMAT_SCRIPT}'...", *records]
 
 
 def test_a_removal_that_follows_the_format_is_its_echo(board):

@@ -1,4 +1,4 @@
-"""The helper of udev's rule on a board, called as udev calls it."""
+"""The helper of the udev rule on a board, called as udev calls it."""
 
 import time
 
@@ -20,14 +20,14 @@ REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
 
 
 def bring_helper(board: Board) -> None:
-    """Puts the helper on a board, with no settings but its own."""
+    """Puts the helper on a board, with its own settings alone."""
     board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
     board.remove_file(SETTINGS)
 
 
 @pytest.fixture
 def hotplug(make_board, program):
-    """A board with the helper on it, which nobody but the test calls."""
+    """A board with the helper on it, which only the test calls."""
     board = make_board(program=program)
     bring_helper(board)
     with board.unannounced():
@@ -43,7 +43,7 @@ def bare_hotplug(bare_board):
 
 
 def disk_number(board: Board) -> str:
-    """What tells one card from the next, as the kernel counts them."""
+    """The number by which the kernel distinguishes the cards."""
     return board.run("sh", "-c", f"cat /sys/dev/block/$(stat -L --format=%Hr:%Lr {CARD_DEVICE})/diskseq",
                      check=True).stdout.strip()
 
@@ -61,7 +61,7 @@ def event(board: Board, action: str, device: str, number: str | None = None) -> 
 
 
 def start_event_without_partition(board: Board) -> Process:
-    """Takes a card's partition away, reports that, and returns while the helper waits for it until told_by()."""
+    """Takes a card's partition away, reports that, and returns while the helper waits for it, until announced_by()."""
     board.insert(Card.formatted(), announce=False)
     board.replace_tool("/usr/bin/dbus-send", "")
     board.replace_tool("/usr/bin/sleep", f'[ "$1" = {PAUSE} ] || exec "$ORIGINAL" "$@"; {HOLD}')
@@ -73,19 +73,19 @@ def start_event_without_partition(board: Board) -> Process:
 
 
 def pauses(board: Board) -> int:
-    """How often the helper has waited for the partition."""
+    """The number of the helper's waits for the partition."""
     return board.tool_calls("sleep").count([PAUSE])
 
 
-def told_by(board: Board, helper: Process) -> list[str]:
-    """Lets the waiting helper go on to its end; what it has told the service then."""
+def announced_by(board: Board, helper: Process) -> list[str]:
+    """Lets the waiting helper end; returns the methods that it has called."""
     go_on(board)
     assert helper.wait(60) == 0
     return announced_methods(board)
 
 
 def announced_methods(board: Board) -> list[str]:
-    """What the replaced dbus-send was to call."""
+    """The methods that the replaced dbus-send was to call."""
     return [call[-1] for call in board.tool_calls("dbus-send")]
 
 
@@ -112,15 +112,6 @@ def announcements(board: Board) -> list[str]:
     return [signal.name for signal in board.signals if signal.name in ("CardInserted", "CardRemoved")]
 
 
-def test_a_card_that_is_put_in_and_taken_out_is_announced_once_each(hotplug):
-    hotplug.start_service()
-    number = put_in(hotplug, Card.formatted())
-    hotplug.expect_state(State.MOUNTED, within=20)
-    take_out(hotplug, number)
-    hotplug.expect_state(State.NO_CARD)
-    assert announcements(hotplug) == ["CardInserted", "CardRemoved"]
-
-
 def test_other_devices_are_not_announced(hotplug):
     hotplug.start_service()
     for device in ("/dev/mmcblk0p2", "/dev/mmcblk0p10", "/dev/mmcblk1", "/dev/mmcblk1p1", "/dev/mmcblk0boot0",
@@ -144,7 +135,7 @@ def test_the_card_is_the_one_that_the_settings_name(hotplug):
 
 
 @pytest.mark.parametrize("swaps", [1, 4])
-def test_a_burst_ends_with_the_card_that_is_in_the_slot(hotplug, swaps):
+def test_a_burst_of_events_ends_as_the_slot_does(hotplug, swaps):
     hotplug.start_service()
     number = put_in(hotplug, Card.formatted())
     for _ in range(swaps):
@@ -158,17 +149,15 @@ def test_a_burst_ends_with_the_card_that_is_in_the_slot(hotplug, swaps):
     hotplug.press_eject_button()
     hotplug.expect_state(State.UNMOUNTED, within=10)
     assert "here" in card.list_files()
-
-
-def test_a_burst_that_ends_with_a_removal_ends_without_a_card(hotplug):
-    hotplug.start_service()
-    for _ in range(3):
-        take_out(hotplug, put_in(hotplug, Card.formatted()))
+    for _ in range(swaps):
+        take_out(hotplug, number)
+        number = put_in(hotplug, Card.formatted())
+    take_out(hotplug, number)
     hotplug.expect_state(State.NO_CARD)
     hotplug.expect_state_for(State.NO_CARD, 2)
 
 
-def test_late_events_of_a_burst_still_end_with_the_card_that_is_in_the_slot(hotplug):
+def test_late_events_of_a_burst_end_with_the_card_in_the_slot(hotplug):
     hotplug.start_service()
     hotplug.insert(Card.formatted(), announce=False)
     first = disk_number(hotplug)
@@ -182,7 +171,7 @@ def test_late_events_of_a_burst_still_end_with_the_card_that_is_in_the_slot(hotp
     assert announcements(hotplug) == ["CardInserted", "CardRemoved", "CardInserted"]
 
 
-def test_a_table_that_is_read_anew_is_no_removal(hotplug):
+def test_a_partition_table_that_is_read_again_is_no_removal(hotplug):
     hotplug.start_service()
     number = put_in(hotplug, Card.formatted())
     hotplug.expect_signal("CardInserted")
@@ -192,52 +181,54 @@ def test_a_table_that_is_read_anew_is_no_removal(hotplug):
     hotplug.expect_no_signal("CardRemoved")
 
 
-def test_a_partition_that_comes_back_only_after_its_event_is_no_removal(bare_hotplug):
+def partition_comes_back(board):
+    board.run("partx", "--add", "--nr", "1", CARD_DEVICE, check=True)
+
+
+def card_goes(board):
+    board.pull(announce=False)
+
+
+def another_card_comes(board):
+    board.pull(announce=False)
+    board.insert(Card.formatted(), announce=False)
+    board.expect("its partition", lambda: board.exists(PARTITION_DEVICE))
+
+
+@pytest.mark.parametrize("change, announced, waits", [
+    (partition_comes_back, [], 1), (lambda board: None, [REMOVE_CARD], 50), (card_goes, [REMOVE_CARD], 1),
+    (another_card_comes, [REMOVE_CARD], 1)], ids=["comes back", "stays away", "card goes", "another card"])
+def test_a_missing_partition_is_a_removal_after_50_looks_or_without_its_card(bare_hotplug, change, announced, waits):
     helper = start_event_without_partition(bare_hotplug)
-    bare_hotplug.run("partx", "--add", "--nr", "1", CARD_DEVICE, check=True)
-    assert told_by(bare_hotplug, helper) == []
+    change(bare_hotplug)
+    assert announced_by(bare_hotplug, helper) == announced
+    assert pauses(bare_hotplug) == waits
 
 
-def test_a_partition_that_does_not_come_back_for_50_looks_is_a_removal(bare_hotplug):
-    helper = start_event_without_partition(bare_hotplug)
-    assert told_by(bare_hotplug, helper) == [REMOVE_CARD]
-    assert pauses(bare_hotplug) == 50
-
-
-def test_a_card_that_goes_after_its_partition_is_a_removal_at_once(bare_hotplug):
-    helper = start_event_without_partition(bare_hotplug)
-    bare_hotplug.pull(announce=False)
-    assert told_by(bare_hotplug, helper) == [REMOVE_CARD]
-    assert pauses(bare_hotplug) == 1
-
-
-def test_another_card_put_in_while_the_partition_is_waited_for_is_a_removal(bare_hotplug):
-    helper = start_event_without_partition(bare_hotplug)
-    bare_hotplug.pull(announce=False)
-    bare_hotplug.insert(Card.formatted(), announce=False)
-    bare_hotplug.expect("its partition", lambda: bare_hotplug.exists(PARTITION_DEVICE))
-    assert told_by(bare_hotplug, helper) == [REMOVE_CARD]
-
-
-def test_a_removal_is_told_at_once_where_the_kernel_does_not_number_disks(bare_hotplug):
+def test_a_removal_is_announced_at_once_where_the_kernel_does_not_number_disks(bare_hotplug):
     bare_hotplug.insert(Card.formatted(), announce=False)
     bare_hotplug.replace_tool("/usr/bin/dbus-send", "")
     event(bare_hotplug, "remove", PARTITION_DEVICE)
     assert announced_methods(bare_hotplug) == [REMOVE_CARD]
 
 
-def test_udev_goes_on_when_the_service_does_not_run(hotplug):
+def no_service(board):
+    pass
+
+
+def no_bus(board):
+    board.run("mv", "/run/dbus", "/run/dbus-gone", check=True)
+
+
+@pytest.mark.parametrize("fault", [no_service, no_bus])
+def test_udev_goes_on_without_the_service_or_the_bus(hotplug, fault):
+    fault(hotplug)
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
     assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
 
 
-def test_udev_goes_on_when_there_is_no_bus(hotplug):
-    hotplug.run("mv", "/run/dbus", "/run/dbus-gone", check=True)
-    assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
-
-
 def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
-    # Who waited for an answer would wait long.
+    # A helper that waits for an answer would wait this long.
     hotplug.write_file(SETTINGS, "BUS_SECONDS=60\n")
     service = hotplug.start_service()
     hotplug.run("kill", "-STOP", str(service.pid), check=True)
@@ -253,25 +244,22 @@ def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + BUS_SECONDS
 
 
-def test_a_blank_card_is_formatted_and_then_announced(hotplug):
+def test_a_blank_card_is_formatted_in_the_background_even_if_it_replaces_another_and_is_then_announced(hotplug):
     hotplug.start_service()
+    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
+    number = put_in(hotplug, Card.blank())
+    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
+    take_out(hotplug, number)
     card = Card.blank()
-    assert put_in(hotplug, card)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+    hotplug.insert(card, announce=False)
+    assert event(hotplug, "add", CARD_DEVICE, disk_number(hotplug)) < EVENT_SECONDS
+    assert event(hotplug, "change", CARD_DEVICE) < EVENT_SECONDS
+    go_on(hotplug)
+    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
     event(hotplug, "add", PARTITION_DEVICE, disk_number(hotplug))
     hotplug.expect_state(State.MOUNTED, within=20)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     hotplug.expect_no_record("New SD Card detected")
-
-
-def test_udev_goes_on_while_a_blank_card_is_formatted(hotplug):
-    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
-    hotplug.insert(Card.blank(), announce=False)
-    assert event(hotplug, "add", CARD_DEVICE) < EVENT_SECONDS
-    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
-    assert event(hotplug, "change", CARD_DEVICE) < EVENT_SECONDS
-    go_on(hotplug)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
 
 
 def bare_file_system() -> Card:
@@ -293,7 +281,7 @@ def gpt_without_partitions() -> Card:
 
 
 def format_now(board: Board) -> None:
-    """What the event starts in the background, to its end."""
+    """Runs what the event starts in the background."""
     board.run(HELPER, "format", check=True)
 
 
@@ -320,7 +308,7 @@ def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
     hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
 
 
-def test_a_card_that_cannot_be_read_does_not_pass_for_a_blank_one(bare_hotplug):
+def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):
     bare_hotplug.replace_tool(MAKE_FILE_SYSTEM)
     bare_hotplug.replace_tool("/usr/bin/dd", "echo 'dd: Input/output error' >&2; exit 1")
     bare_hotplug.insert(Card.blank())
@@ -328,18 +316,6 @@ def test_a_card_that_cannot_be_read_does_not_pass_for_a_blank_one(bare_hotplug):
     assert bare_hotplug.tool_calls("mke2fs") == []
     bare_hotplug.expect("the reason in the system log",
                       lambda: any("Input/output error" in entry for entry in bare_hotplug.system_log))
-
-
-def test_a_blank_card_that_replaces_another_is_formatted_too(hotplug):
-    hotplug.replace_tool(MAKE_FILE_SYSTEM, HELD_PROGRAM)
-    number = put_in(hotplug, Card.blank())
-    hotplug.expect("mke2fs runs", lambda: hotplug.tool_calls("mke2fs") != [])
-    take_out(hotplug, number)
-    second = Card.blank()
-    put_in(hotplug, second)
-    go_on(hotplug)
-    hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE), within=20)
-    assert [partition.kind for partition in second.partitions()] == ["83"]
 
 
 def test_the_rule_runs_the_helper_for_block_devices_that_come_and_go(bare_board):

@@ -1,9 +1,9 @@
-"""What every test's end relies on: a board tells what is left on it."""
+"""The check at the end of every test: a board reports what is left on it."""
 
 from board import MOUNT_POINT, PARTITION_DEVICE, Card
 
 
-def test_what_is_left_on_an_open_board_is_told(bare_board):
+def test_an_open_board_reports_what_is_left_on_it(bare_board):
     bare_board.insert(Card.formatted())
     assert bare_board.leftovers() == []
     bare_board.run("sh", "-c", f"mkdir {MOUNT_POINT} && mount {PARTITION_DEVICE} {MOUNT_POINT}", check=True)
@@ -14,12 +14,3 @@ def test_what_is_left_on_an_open_board_is_told(bare_board):
     assert process.startswith("process ") and process.endswith(": sleep 1000")
     assert mount.startswith(f"mount: {PARTITION_DEVICE} {MOUNT_POINT} ext4 ")
     assert directory == f"directory: {MOUNT_POINT}"
-
-
-def test_what_a_killed_service_leaves_is_told(board):
-    board.insert(Card.formatted())
-    board.start_service()
-    board.expect_signal("CardMounted", within=30)
-    board.stop_service(9)
-    mount, directory = board.leftovers()
-    assert mount.startswith(f"mount: {PARTITION_DEVICE} ") and directory == f"directory: {MOUNT_POINT}"

@@ -1,4 +1,4 @@
-"""Mount points that are spelled otherwise than the mount table spells them."""
+"""Mount points that the configuration spells differently from the mount table."""
 
 import signal
 
@@ -9,7 +9,7 @@ from steps import eject, start_with_mounted_card, take_out
 
 
 @pytest.mark.parametrize("spelling", ["/media/sdcard/", "//media//sdcard", "/media/./other/../sdcard"])
-def test_a_card_is_unmounted_however_the_path_is_written(make_board, program, spelling):
+def test_a_card_is_unmounted_however_the_path_is_spelled(make_board, program, spelling):
     board = make_board(program=program, media_config=f'<sdcard mountpoint="{spelling}"/>')
     start_with_mounted_card(board)
     assert board.mounts() != []
@@ -17,7 +17,7 @@ def test_a_card_is_unmounted_however_the_path_is_written(make_board, program, sp
     take_out(board)
 
 
-def test_a_card_that_is_mounted_twice_by_way_of_a_link_keeps_its_files(make_board, program):
+def test_a_card_behind_a_linked_mount_point_keeps_its_files(make_board, program):
     board = make_board(program=program, media_config='<sdcard mountpoint="/run/media/sdcard"/>')
     board.run("ln", "-s", "/media", "/run/media", check=True)
     card = start_with_mounted_card(board)

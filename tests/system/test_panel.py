@@ -1,4 +1,4 @@
-"""The board in a terminal: its keys are pressed and its screen is read."""
+"""The panel in a terminal: the tests press its keys and read its screen."""
 
 import os
 import re
@@ -40,12 +40,12 @@ class PanelTerminal(Terminal):
         self.expect("State       MOUNTED", IN_USE, "signal CardMounted")
 
     def traces(self) -> tuple[str, list[str]]:
-        """By what the panel's board can be found on this machine: its process namespace and its cards."""
+        """The process namespace and the cards of the panel's board, as this machine knows them."""
         own = os.readlink("/proc/self/ns/pid")
         inside = [pid for pid in descendants(self.pid) if os.readlink(f"/proc/{pid}/ns/pid") != own]
         namespaces = {os.readlink(f"/proc/{pid}/ns/pid") for pid in inside}
         assert len(namespaces) == 1
-        # As long as this is open, no other board's namespace gets the number.
+        # While this is open, no other board's namespace gets the number.
         weakref.finalize(self, os.close, os.open(f"/proc/{inside[0]}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         targets = [os.readlink(entry) for entry in Path(f"/proc/{self.pid}/fd").iterdir()]
         cards = [target.split()[0].removeprefix("/memfd:") for target in targets if f"memfd:{NAME_PREFIX}" in target]
@@ -167,7 +167,7 @@ def test_a_held_file_keeps_the_card_from_being_ejected_while_the_red_light_blink
     panel.expect("State       UNMOUNTED", "No file is held open.", f"process {pid} has ended", "not mounted")
 
 
-def test_a_button_that_is_let_go_early_ejects_nothing(panel):
+def test_a_button_that_is_released_early_ejects_nothing(panel):
     panel.put_in_own_card()
     panel.press("b")
     panel.expect("▣ button", "b  let the button go")
@@ -195,9 +195,9 @@ def test_a_service_that_does_not_end_is_killed_with_the_second_press(panel):
     panel.expect("ERROR  the service has ended by signal 9")
 
 
-def test_the_run_level_is_set_to_reboot_and_back(panel):
+def test_the_run_level_is_set_to_reboot_and_back_and_ctrl_z_stops_nothing(panel):
     panel.resize(120, 50)
-    panel.press("r")
+    panel.press("C-z", "r")
     panel.expect("run level 6\n", "set run level 6: the system is rebooting")
     panel.press("i")
     panel.expect("ERROR  sdcard: Ignoring SD Card insert event because of System is rebooting")
@@ -205,7 +205,7 @@ def test_the_run_level_is_set_to_reboot_and_back(panel):
     panel.expect("run level 5\n", "r  run level: reboot")
 
 
-def test_a_shell_on_the_board_gives_the_screen_back(panel):
+def test_the_panel_comes_back_after_a_shell_on_the_board(panel):
     panel.press("s")
     panel.expect("board:/#")
     panel.press("ls /dev/mmcblk0; tty; cat /run/board/runlevel", "Enter")
@@ -220,7 +220,7 @@ def test_a_shell_on_the_board_gives_the_screen_back(panel):
     assert panel.expect_end() == 0
 
 
-def test_keys_that_can_do_nothing_now_say_why(panel):
+def test_keys_that_do_nothing_at_the_moment_say_why(panel):
     panel.press("p")
     panel.expect("panel  There is no card to pull: put one in (i).")
     panel.press("e")
@@ -230,10 +230,10 @@ def test_keys_that_can_do_nothing_now_say_why(panel):
     panel.expect("panel  There is a card in the slot: pull it first (p).")
 
 
-def test_one_can_look_back_at_what_happened_and_return_to_the_end(panel):
+def test_the_log_scrolls_back_and_forth(panel):
     for _ in range(20):
         panel.press("p")
-    # More than the log shows at once: before that there is nothing to look back at.
+    # More lines than the log shows at once.
     panel.expect_match(r"(.* panel  There is no card to pull.*\n){7}")
     panel.press(*(["Up"] * 40))
     panel.expect("INFO   sdcard: Starting")
@@ -257,7 +257,7 @@ def test_the_panel_follows_the_size_of_its_terminal(panel):
 
 
 @pytest.mark.parametrize("number, status", [(signal.SIGTERM, 143), (signal.SIGHUP, 129), (signal.SIGQUIT, 131)])
-def test_a_signal_ends_the_panel_in_order(panel, number, status):
+def test_a_signal_ends_the_panel_and_restores_the_terminal(panel, number, status):
     panel.put_in_own_card()
     traces = panel.traces()
     assert remains_on_host(*traces) != []
@@ -266,7 +266,7 @@ def test_a_signal_ends_the_panel_in_order(panel, number, status):
     expect_nothing_left(*traces)
 
 
-def test_ctrl_c_ends_the_panel_in_order(panel):
+def test_ctrl_c_ends_the_panel_and_restores_the_terminal(panel):
     traces = panel.traces()
     panel.press("C-c")
     assert panel.expect_end() == 130
@@ -274,7 +274,7 @@ def test_ctrl_c_ends_the_panel_in_order(panel):
     expect_nothing_left(*traces)
 
 
-def test_a_signal_during_the_shell_gives_the_terminal_back(panel):
+def test_a_signal_during_the_shell_restores_the_terminal(panel):
     traces = panel.traces()
     panel.press("s")
     panel.expect("board:/#")
@@ -283,28 +283,18 @@ def test_a_signal_during_the_shell_gives_the_terminal_back(panel):
     expect_nothing_left(*traces)
 
 
-def test_a_closed_terminal_ends_the_board(panel):
+@pytest.mark.parametrize("end", [Terminal.close, lambda panel: os.kill(panel.pid, signal.SIGKILL)],
+                         ids=["closed terminal", "killed panel"])
+def test_a_closed_terminal_or_a_killed_panel_leaves_no_board(panel, end):
     panel.put_in_own_card()
     panel.press("o")
     panel.expect_match(r"Process \d+ holds a file\.")
     traces = panel.traces()
-    panel.close()
+    end(panel)
     expect_nothing_left(*traces)
 
 
-def test_a_killed_panel_leaves_no_board(panel):
-    panel.put_in_own_card()
-    traces = panel.traces()
-    os.kill(panel.pid, signal.SIGKILL)
-    expect_nothing_left(*traces)
-
-
-def test_ctrl_z_does_not_stop_the_panel(panel):
-    panel.press("C-z", "r")
-    panel.expect("run level 6\n")
-
-
-def test_no_colour_is_used_where_none_is_wanted(open_panel):
+def test_no_color_in_the_environment_switches_colours_off(open_panel):
     panel = open_panel("NO_COLOR=1")
     panel.service_starts()
     panel.put_in_own_card()
@@ -320,7 +310,7 @@ def test_a_terminal_of_16_colours_gets_no_others(open_panel):
     assert not re.search(r"\x1b\[(?:\d+;)*[34]8;", panel.screen(colours=True))
 
 
-def test_a_board_that_has_gone_ends_the_panel(panel):
+def test_a_lost_board_ends_the_panel(panel):
     machine = next(pid for pid in descendants(panel.pid)
                    if os.readlink(f"/proc/{pid}/ns/pid") != os.readlink("/proc/self/ns/pid"))
     os.kill(machine, signal.SIGKILL)
@@ -328,7 +318,7 @@ def test_a_board_that_has_gone_ends_the_panel(panel):
     assert "The panel has lost its board: the board's first process has gone." in panel.screen()
 
 
-def test_a_board_that_cannot_be_switched_on_is_told_in_one_line(tmp_path):
+def test_a_board_that_cannot_be_switched_on_is_reported_in_one_line(tmp_path):
     terminal = Terminal(tmp_path, [*PANEL, "/nowhere"], ENVIRONMENT)
     try:
         assert terminal.expect_end() == 1

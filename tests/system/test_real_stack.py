@@ -1,4 +1,4 @@
-"""What only the device's own kernel and hardware show: the MMC host, the LEDs' pins, the hot-plug events."""
+"""The MMC host, the LEDs' pins and the hot-plug events of the device's own kernel."""
 
 import re
 import time
@@ -8,7 +8,7 @@ import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, LedPattern, State
 from board.names import E2FSCK
-from steps import HELD_PROGRAM, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
+from steps import HELD_PROGRAM, eject, expect_mounted, go_on, start_with_mounted_card, take_out
 
 pytestmark = pytest.mark.emulated  # the other board has neither an MMC host nor pins
 
@@ -20,7 +20,7 @@ def announcements(board):
 
 
 def watch_lights(board, seconds):
-    """What both LEDs' pins show over a time: (moment, red, green) as often as they can be read."""
+    """The states of both LEDs' pins over a time: (moment, red, green), as often as they can be read."""
     seen = []
     end = time.monotonic() + seconds
     while time.monotonic() < end:
@@ -35,7 +35,7 @@ def changes(values):
 
 
 def lasting(seen):
-    """For how many seconds the red LED was on or off each time, of what watch_lights() has seen."""
+    """For how many seconds the red LED was on or off each time in the result of watch_lights()."""
     moments = [now for (_, before, _), (now, red, _) in zip(seen, seen[1:]) if before != red]
     return [later - earlier for earlier, later in zip(moments, moments[1:])]
 
@@ -47,8 +47,8 @@ def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board)
     card = Card.as_bought()
     board.insert(card)
     expect_mounted(board)
-    # Making the partition anew takes the old one away, which is no removal of the card: once or more often, as the
-    # device manager reads the table too. The monitor may be late.
+    # A new partition replaces the old one, which is no removal of the card. This happens once or more often, as
+    # udev reads the table too. The monitor may be late.
     board.expect("the partition's events", lambda: re.fullmatch(
         "add(,remove,add)+", ",".join(re.findall(r"(add|remove) .*/mmcblk0p1 ", monitor.output))))
     assert set(announcements(board)) == {"CardInserted"}
@@ -60,16 +60,6 @@ def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board)
     assert announcements(board)[-1] == "CardRemoved"
     assert announcements(board).count("CardRemoved") == 1
     assert board.lights() == {"mmc-red": False, "mmc-green": False}
-
-
-def test_a_card_as_bought_that_is_present_at_start_is_mounted(board):
-    card = Card.as_bought()
-    board.insert(card)
-    board.start_service()
-    expect_mounted(board)
-    assert "New SD Card detected" in messages(board)
-    eject(board)
-    assert "CardRemoved" not in announcements(board)
 
 
 def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):
@@ -114,7 +104,7 @@ def test_the_boards_counters_change_when_the_card_is_read_and_only_then(bare_boa
     assert bare_board.card_counters() == ""
 
 
-def test_a_different_card_put_in_is_mounted_in_the_first_ones_place(board):
+def test_another_card_is_mounted_in_the_place_of_the_first(board):
     start_with_mounted_card(board)
     board.write_file(f"{MOUNT_POINT}/export/first", "")
     board.run("sync", check=True)
@@ -157,7 +147,7 @@ def test_a_power_cut_while_files_are_written_loses_none_that_was_synced(board, m
     board.cut_power()
     synced = writer.output.split()
     header = card.run_tool("dumpe2fs", "-h", f"{card.path}?offset={card.partitions()[0].offset}").stdout
-    assert "needs_recovery" in header, "nothing is left for the journal to make good"
+    assert "needs_recovery" in header, "nothing is left for the journal to recover"
     again = make_board(program=program, cold_start=True)
     start_with_mounted_card(again, card)
     names = again.run("ls", f"{MOUNT_POINT}/export", check=True).stdout.split()
@@ -175,10 +165,10 @@ def test_sizes_of_large_cards_are_right_and_their_directories_kept_within_their_
     total = blocks * size
     assert total > gibibytes * 1024 * MIB * 0.9
     for name, share in (("csv", 0.3), ("export", 0.2)):
-        # The share is a floating-point number in the service as here; one byte may be rounded off.
+        # The service computes with floating-point numbers, too; one byte may be rounded off.
         assert abs(board.call("tavo.SDCard1", "GetDirSize", name) - total * share) <= 1
     assert board.property("MemLevel") in (0, 1, 2)
-    # Two fifths of the card, of which the older half has to go; their room is taken and not written.
+    # Two fifths of the card, allocated and not written; the older half has to go.
     csv = f"{MOUNT_POINT}/csv"
     for name in ("old", "new"):
         board.run("fallocate", "-l", str(total // 5), f"{csv}/{name}", check=True)
@@ -209,10 +199,3 @@ def test_files_above_two_gibibytes_and_newer_than_2038_are_kept_within_their_sha
     board.call("tavo.SDCard1", "EnsureDirSize", "csv")
     assert board.run("ls", csv, check=True).stdout.split() == ["new"]
     eject(board)
-
-
-def test_the_card_is_found_by_the_names_that_the_service_expects(bare_board):
-    bare_board.insert(Card.formatted())
-    assert bare_board.run("sh", "-c", "ls -d /sys/bus/mmc/devices/mmc0:*").returncode == 0
-    assert bare_board.exists(CARD_DEVICE)
-    bare_board.expect("the partition", lambda: bare_board.exists(PARTITION_DEVICE))

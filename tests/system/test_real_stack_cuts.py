@@ -1,4 +1,4 @@
-"""Cards that lose contact or power at the worst moment, with the kernel's own answers to that."""
+"""Cards that lose contact or power at the worst moment, with the kernel's own errors."""
 
 import signal
 
@@ -14,7 +14,7 @@ KIB, MIB = 1024, 1024 * 1024
 
 
 def expect_nothing_stuck(board):
-    """Nobody waits for a card that is gone, and nothing of it is mounted."""
+    """No process waits for a card that is gone, and nothing of it is mounted."""
     def waiting():
         states = board.run("ps", "-e", "-o", "stat=,args=", check=True).stdout.splitlines()
         return [line for line in states if line.startswith("D")]
@@ -23,7 +23,7 @@ def expect_nothing_stuck(board):
 
 
 def after_replay(card):
-    """What a card will be once its journal has been replayed."""
+    """A copy of a card whose journal has been replayed."""
     copy = card.copy()
     copy.run_tool("e2fsck", "-p", copy.path + f"?offset={copy.partitions()[0].offset}", check=False)
     return copy
@@ -56,7 +56,7 @@ def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the
     at_start = board.card_counters()
     board.expect("e2fsck reads", lambda: board.card_counters() != at_start)
     board.pull()
-    # The mount that follows the check fails, and mostly before the hot-plug rule has told of the removal;
+    # The mount that follows the check fails, and mostly before the hot-plug rule has reported the removal;
     # a corrupted card is one until the service ends.
     board.expect("the service gives up", lambda: board.state in (State.NO_CARD, State.CORRUPTED), MOUNT_SECONDS)
     board.expect("the end of e2fsck", lambda: board.run("pgrep", "-f", "e2fsck -f -y").returncode == 1, within=30)
@@ -99,7 +99,7 @@ def test_a_card_pulled_while_mke2fs_writes_it_is_formatted_when_it_comes_back(bo
     eject(board)
 
 
-def test_a_power_cut_while_the_card_is_formatted_is_made_good_at_the_next_start(board, make_board, program):
+def test_a_card_whose_format_a_power_cut_ended_is_formatted_at_the_next_start(board, make_board, program):
     card = start_formatting(board)
     board.cut_power()
     assert [partition.kind for partition in card.partitions()] != ["83"], "the format was complete already"

@@ -1,8 +1,7 @@
-"""The form of all shell scripts of the tree."""
+"""shellcheck finds nothing in the shell scripts of the tree."""
 
 import os
 import re
-import shutil
 import subprocess
 from pathlib import Path
 
@@ -23,25 +22,20 @@ def first_line_of(path: Path) -> bytes:
 
 
 def shell_scripts() -> list[str]:
-    """All shell scripts, by what they are called or begin with, also before they are under version control."""
+    """All shell scripts, by their suffix or first line, also those that git does not know yet."""
     scripts = []
     for directory, names, files in os.walk(ROOT):
         names[:] = set(names) - NOT_SOURCES
         paths = [Path(directory, name) for name in files]
         scripts += [str(path.relative_to(ROOT)) for path in paths
                     if path.name.endswith(SHELL_SUFFIXES) or (path.is_file() and SHELL_LINE.match(first_line_of(path)))]
+    assert len(scripts) > 10
     return sorted(scripts)
-
-
-def test_scripts_of_every_kind_are_found():
-    assert {"dev", ".ci/run", "board/emulated/image/init", "cmake/armhf-sysroot.sh", "debian/sdcardd.postrm",
-            "platform/sdcardd.init.in", "sdcardctl/sdcardctl.bash-completion"} <= set(shell_scripts())
 
 
 @pytest.mark.parametrize("script", shell_scripts())
 def test_a_script_is_clean_for_shellcheck(script):
-    assert shutil.which("shellcheck"), "shellcheck is missing: sudo ./dev test installs it"
-    # What the linter does not find out by itself.
+    # shellcheck does not detect these dialects.
     first_line = first_line_of(ROOT / script)
     dialect = ["--shell=dash"] if b"busybox" in first_line else [] if first_line.startswith(b"#!") else ["--shell=bash"]
     result = subprocess.run(["shellcheck", *dialect, str(ROOT / script)], capture_output=True, text=True)

@@ -1,4 +1,4 @@
-"""The story that ./dev run and ./dev emulate tell."""
+"""The story that ./dev run and ./dev emulate show."""
 
 import subprocess
 from pathlib import Path

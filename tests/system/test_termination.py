@@ -17,12 +17,29 @@ AT_ONCE_SECONDS = 2.8  # less than the service waits for any worker
 both_signals = pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP], ids=["SIGTERM", "SIGHUP"])
 
 
-@both_signals
-def test_the_service_ends_at_once_without_a_card(board, number):
+def in_an_empty_slot(board):
     board.start_service()
     board.expect_state(State.NO_CARD)
+
+
+def with_a_card_that_cannot_be_mounted(board):
+    board.start_service()
+    board.insert(Card.blank())
+    board.expect_leds(LedPattern.NOT_MOUNTABLE)
+
+
+def with_an_ejected_card(board):
+    start_with_mounted_card(board)
+    eject(board)
+
+
+@both_signals
+@pytest.mark.parametrize("start", [in_an_empty_slot, with_a_card_that_cannot_be_mounted, with_an_ejected_card])
+def test_the_service_ends_at_once_when_no_card_is_mounted(board, start, number):
+    start(board)
     assert board.stop_service(number, within=AT_ONCE_SECONDS) == 0
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
+    board.expect_leds(LedPattern.OFF)
 
 
 @pytest.mark.crashes
@@ -59,12 +76,16 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
     held = board.hold_file_open()
     board.service.send_signal(number)
     board.expect_state(State.CLOSING_FILES)
+    # More signals change nothing.
+    board.service.send_signal(signal.SIGHUP)
+    board.service.send_signal(signal.SIGTERM)
     board.expect_leds(LedPattern.BUSY)
     board.expect_state_for(State.CLOSING_FILES, 3)
     assert held.running
     held.stop()
     board.expect_service_end(0, within=10)
     assert card.is_clean()
+    assert signal_names(board).count("EjectPressed") == 1
     assert "Shutdown softly" not in "".join(messages(board))
 
 
@@ -78,7 +99,7 @@ def expect_40_seconds_of_closing(board):
 
 
 @pytest.mark.lasts(48)
-def test_a_program_that_will_not_let_go_is_asked_to_end(board):
+def test_a_program_that_keeps_its_file_open_is_asked_to_end(board):
     card = start_with_mounted_card(board)
     held = board.hold_file_open()
     began = expect_40_seconds_of_closing(board)
@@ -124,7 +145,7 @@ def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
     assert held.wait() == -signal.SIGKILL
     board.expect_record("WARN", "sdcard", "System is rebooting -> shutdown processes (!)", source="sdcard")
     assert not any("Shutdown softly" in message for message in messages(board))
-    # Nothing waits for the killed program: the unmount may come too early.
+    # The service does not wait for the killed program: the unmount may come too early.
     if "SD Card is successfully unmounted" in messages(board):
         assert board.mounts() == []
         assert card.is_clean()
@@ -133,7 +154,7 @@ def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
 
 
 @pytest.mark.lasts(46)
-def test_an_unmountable_card_is_unmounted_by_force_once_lsof_is_missing(board):
+def test_the_card_is_unmounted_by_force_when_lsof_is_missing(board):
     card = start_with_mounted_card(board)
     board.remove_tool(LSOF)
     expect_40_seconds_of_closing(board)
@@ -146,9 +167,9 @@ def test_an_unmountable_card_is_unmounted_by_force_once_lsof_is_missing(board):
 @pytest.mark.parametrize("run_level, record", [
     (5, "Kill softly failed: No such process"), (6, "Kill hardly failed: No such process")])
 @pytest.mark.leaves_card_mounted
-def test_a_program_that_is_gone_before_the_signal_is_noted(board, run_level, record):
+def test_a_program_that_is_gone_before_the_signal_is_logged(board, run_level, record):
     start_with_mounted_card(board)
-    # Nothing holds a file, but the card cannot be unmounted: the forced path follows at once.
+    # No file is open, but the card cannot be unmounted: the forced unmount follows at once.
     board.run("mount", "-t", "tmpfs", "inside", f"{MOUNT_POINT}/export", check=True)
     board.set_runlevel(run_level)
     board.replace_tool(LSOF, "[ ! -e /run/board/asked ] || echo 4194305\n: >/run/board/asked")
@@ -168,18 +189,21 @@ def test_the_service_ends_even_when_the_card_cannot_be_unmounted(board):
 
 
 @both_signals
-def test_a_signal_while_mounting_takes_effect_when_the_card_is_mounted(board, number):
-    board.replace_tool(E2FSCK, HELD_PROGRAM)
-    card = Card.formatted()
+@pytest.mark.parametrize("make, tool", [(Card.formatted, E2FSCK), (Card.formatted, f"{JOBS}/10-slow"),
+                                        (Card.as_bought, "/usr/sbin/mke2fs")], ids=["check", "script", "format"])
+def test_a_signal_while_mounting_takes_effect_when_the_card_is_mounted(board, make, tool, number):
+    board.replace_tool(tool, f"{HOLD}; [ ! -x \"$ORIGINAL\" ] || \"$ORIGINAL\" \"$@\"")
+    card = make()
     board.insert(card)
     board.start_service()
-    board.expect_state(State.MOUNTING)
+    board.expect("the tool runs", lambda: board.tool_calls(tool.rsplit("/")[-1]) != [])
     board.service.send_signal(number)
     board.expect_state_for(State.MOUNTING, 1.5)
     go_on(board)
-    board.expect_service_end(0, within=10)
+    board.expect_service_end(0, within=15)
     assert messages(board)[-4:] == ["SD Card is successfully mounted", "Number of processes with open files: 0",
                                     "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
+    assert [partition.kind for partition in card.partitions()] == ["83"]
     assert card.is_clean()
 
 
@@ -194,52 +218,9 @@ def test_a_signal_while_a_pulled_card_is_still_checked_ends_the_check(board):
     assert board.exists(f"/proc/{check}")
     assert board.stop_service(within=10) == 0
     board.expect("no check runs", lambda: not board.exists(f"/proc/{check}"), within=10)
-    # Its thread was ended before it could do so.
+    # The thread that would remove it has been ended.
     board.run("rmdir", MOUNT_POINT, check=True)
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
-
-
-def test_a_signal_while_a_script_prepares_the_card_takes_effect_afterwards(board):
-    board.write_file(f"{JOBS}/10-slow", f"#!/bin/sh\n: >/run/board/started\n{HOLD}\n: >/run/board/ended\n", 0o755)
-    card = Card.formatted()
-    board.insert(card)
-    board.start_service()
-    board.expect("the script runs", lambda: board.exists("/run/board/started"))
-    board.service.send_signal()
-    go_on(board)
-    board.expect_service_end(0, within=10)
-    assert board.exists("/run/board/ended")
-    assert card.is_clean()
-
-
-def test_a_signal_while_a_card_is_formatted_lets_the_format_be_finished(board):
-    board.replace_tool("/usr/sbin/mke2fs", HELD_PROGRAM)
-    card = Card.as_bought()
-    board.insert(card)
-    board.start_service()
-    board.expect("mke2fs runs", lambda: board.tool_calls("mke2fs") != [])
-    board.service.send_signal()
-    go_on(board)
-    board.expect_service_end(0, within=15)
-    assert [partition.kind for partition in card.partitions()] == ["83"]
-    assert card.is_clean()
-
-
-@both_signals
-def test_the_service_ends_at_once_with_a_card_that_cannot_be_mounted(board, number):
-    board.start_service()
-    board.insert(Card.blank())
-    board.expect_leds(LedPattern.NOT_MOUNTABLE)
-    assert board.stop_service(number, within=AT_ONCE_SECONDS) == 0
-    board.expect_leds(LedPattern.OFF)
-
-
-@both_signals
-def test_the_service_ends_at_once_with_an_ejected_card(board, number):
-    start_with_mounted_card(board)
-    eject(board)
-    assert board.stop_service(number, within=AT_ONCE_SECONDS) == 0
-    board.expect_leds(LedPattern.OFF)
 
 
 def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(board):
@@ -257,25 +238,12 @@ def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(bo
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
     start_with_mounted_card(board)
-    # Says that a file is held: when a real holder lets go, the service ends before the card is pulled.
+    # Reports an open file for ever: with a real one the service could end before the card is pulled.
     board.replace_tool(LSOF, "echo 4194305")
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
     board.pull()
     board.expect_service_end(0, within=10)
-
-
-def test_a_second_signal_changes_nothing(board):
-    card = start_with_mounted_card(board)
-    held = board.hold_file_open()
-    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGTERM):
-        board.service.send_signal(number)
-    board.expect_state(State.CLOSING_FILES)
-    board.expect_state_for(State.CLOSING_FILES, 1)
-    held.stop()
-    board.expect_service_end(0, within=10)
-    assert signal_names(board).count("EjectPressed") == 1
-    assert card.is_clean()
 
 
 def test_a_service_that_was_started_again_goes_on_with_the_same_card(board):

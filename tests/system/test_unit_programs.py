@@ -1,4 +1,4 @@
-"""The unit tests that user-mode emulation cannot carry, on a kernel of the target's own."""
+"""The unit tests that user-mode emulation cannot run, on the target's own kernel."""
 
 import io
 import re
@@ -16,7 +16,7 @@ from conftest import ROOT
 pytestmark = pytest.mark.emulated  # the other board's kernel does not execute the target's programs
 
 BUILD = ROOT / "build" / "armhf"
-# What the tests find by the names that things have where they were built.
+# What the tests find by its path in the build.
 STARTED_PROGRAMS = ("tests/unit/crashing_program", "tests/unit/tracking_program", "sdcardctl/sdcardctl")
 READ_DIRECTORIES = ("platform", "sdcardctl", "docs", "source/bus")
 TEST_SECONDS = 120
@@ -50,7 +50,7 @@ class ProgramBoard:
     def with_program(self, name: str) -> EmulatedBoard:
         """The board with a program on it, beside those that it may start."""
         if self._board is None:
-            # The tests bring their own LEDs and button: files, which can be told what to say.
+            # The tests bring their own LEDs and button: files that they write.
             self._board = EmulatedBoard(leds=False, eject_button=False)
             # They make card slots of loop devices, and a layer over the root file system: no mount may hide
             # what they read.
