@@ -9,15 +9,15 @@ from board import Board, State, VirtualBoard
 from board.emulated import EmulatedBoard
 from board.leds import LED_NAMES, Led
 from board.names import MemState, Transition
-from board.panel import drawing
-from board.panel.hands import BLANK_CARD, DAMAGED_CARD, OWN_CARD, TWO_PARTITIONS_CARD
-from board.panel.keys import KEYS
-from board.panel.lights import Lamp
-from board.panel.model import (BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Changes, Model, Properties,
+from panel import drawing
+from panel.hands import BLANK_CARD, DAMAGED_CARD, OWN_CARD, TWO_PARTITIONS_CARD
+from panel.keys import KEYS
+from panel.lights import Lamp
+from panel.model import (BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Changes, Model, Properties,
                                watched_directories)
-from board.panel.observer import plain
-from board.panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
-from board.panel.view import MIN_COLUMNS, PALETTE
+from panel.observer import plain
+from panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
+from panel.view import MIN_COLUMNS, PALETTE
 from conftest import ROOT
 
 pytestmark = pytest.mark.virtual  # about what is drawn; no board is needed

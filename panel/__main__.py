@@ -1,4 +1,4 @@
-"""A board in a terminal: python3 -m board.panel [--emulated] PROGRAM
+"""A board in a terminal: python3 -m panel [--emulated] PROGRAM
 
 Ends with status 0 when the user quits and nothing is left behind.
 """
@@ -13,13 +13,13 @@ from pathlib import Path
 
 import urwid
 
-from ..board import Board
-from ..client import install_client
-from ..emulated import EmulatedBoard, EmulatorError
-from ..names import MEDIA_CONFIGURATION
-from ..shell import open_shell
-from ..virtual_board import VirtualBoard
-from ..virtual_machine import MachineError
+from board.board import Board
+from board.client import install_client
+from board.emulated import EmulatedBoard, EmulatorError
+from board.names import MEDIA_CONFIGURATION
+from board.shell import open_shell
+from board.virtual_board import VirtualBoard
+from board.virtual_machine import MachineError
 from . import keys
 from .hands import Hands
 from .lights import CardActivity

@@ -1,6 +1,6 @@
 """Draws the model in marked-up text: lists of plain text and (attribute, text), as urwid takes them."""
 
-from ..leds import LED_NAMES
+from board.leds import LED_NAMES
 from .keys import KEYS
 from .model import EJECT_SECONDS, DirectoryUse, Event, Model
 

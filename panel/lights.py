@@ -2,8 +2,8 @@
 
 from dataclasses import replace
 
-from ..board import Board
-from ..leds import CARD_ACTIVITY_TRIGGER, Led
+from board.board import Board
+from board.leds import CARD_ACTIVITY_TRIGGER, Led
 
 
 class Lamp:

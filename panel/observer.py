@@ -3,10 +3,10 @@
 import time
 from collections.abc import Callable, Iterator
 
-from ..board import Board
-from ..bus import BusError, Signal
-from ..log_records import LogRecord
-from ..names import CARD_INTERFACE, MemState, State, Transition
+from board.board import Board
+from board.bus import BusError, Signal
+from board.log_records import LogRecord
+from board.names import CARD_INTERFACE, MemState, State, Transition
 from .model import Changes, Model, Properties, time_of_day
 from .workers import Repeater
 

@@ -5,8 +5,8 @@ import threading
 from collections.abc import Callable
 from queue import SimpleQueue
 
-from ..bus import BusError
-from ..virtual_machine import MachineError
+from board.bus import BusError
+from board.virtual_machine import MachineError
 from .model import Changes
 
 # What a board refuses or fails to do; anything else is a defect of the panel.

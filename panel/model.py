@@ -6,8 +6,8 @@ from dataclasses import dataclass
 from queue import Empty, SimpleQueue
 from xml.etree import ElementTree
 
-from ..leds import LED_NAMES
-from ..names import MemState, State, Transition
+from board.leds import LED_NAMES
+from board.names import MemState, State, Transition
 from .lights import Lamp
 
 EVENTS_KEPT = 1000

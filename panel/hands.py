@@ -6,10 +6,10 @@ import time
 from collections.abc import Callable
 from dataclasses import dataclass
 
-from ..board import Board
-from ..card import Card
-from ..names import CARD_INTERFACE, State
-from ..process import Process
+from board.board import Board
+from board.card import Card
+from board.names import CARD_INTERFACE, State
+from board.process import Process
 from .model import REBOOT_RUN_LEVEL, Changes, Model
 from .workers import Lane
 
