@@ -10,6 +10,8 @@ from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, BusError, C
 from contents import Contents
 from steps import HELD_PROGRAM, eject, go_on, messages, signal_names, start_with_mounted_card
 
+pytestmark = pytest.mark.installed
+
 PROPERTIES = "org.freedesktop.DBus.Properties"
 INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
 CARD_MEMBERS = [

@@ -10,6 +10,8 @@ from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, lim
 from contents import Contents
 from steps import eject, expect_mounted, messages, take_out
 
+pytestmark = pytest.mark.installed
+
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024
 PERCENT = 10

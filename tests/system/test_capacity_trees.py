@@ -11,6 +11,8 @@ from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, lim
 from contents import Contents
 from steps import messages
 
+pytestmark = pytest.mark.installed
+
 MIB = 1024 * 1024
 PERCENT = 10
 CONFIGURATION = f"""

@@ -9,6 +9,8 @@ from board import MOUNT_POINT, Card, LedPattern, State, Transition
 from board.names import E2FSCK, FORMAT_SCRIPT
 from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, start_with_mounted_card
 
+pytestmark = pytest.mark.installed
+
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 
 

@@ -14,6 +14,8 @@ from board import MOUNT_POINT, Board, Card, Process, State
 from board.client import CLIENT, COMPLETION, install_client
 from steps import HELD_PROGRAM, eject, expect_mounted, go_on, press_until_eject, start_with_mounted_card
 
+pytestmark = pytest.mark.installed
+
 _, _, USAGE, NOT_RUNNING, NOT_PERMITTED, UNKNOWN_DIRECTORY, TIMED_OUT, NO_BUS, BAD_CONFIGURATION = range(9)
 EXPECT_SECONDS = 30
 MIB = 1024 * 1024

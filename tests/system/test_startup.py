@@ -10,6 +10,8 @@ from board.names import BUS_POLICY, LOG_FILE, MEDIA_CONFIGURATION, TRACKING_CONF
 from conftest import ROOT
 from steps import messages
 
+pytestmark = pytest.mark.installed
+
 TRACKING_NAME = "tavo-sdcard.trackconfig.xml"
 NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"}
 STARTING = re.compile(r"Starting \(Version 2\.9\.851 by yocto, Build "

@@ -11,6 +11,8 @@ from board.names import E2FSCK
 from steps import (HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, messages, press_until_eject, signal_names,
                    start_with_mounted_card)
 
+pytestmark = pytest.mark.installed
+
 LSOF = "/usr/sbin/lsof"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 AT_ONCE_SECONDS = 2.8  # less than the service waits for any worker
