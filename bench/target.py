@@ -51,7 +51,7 @@ def _by_service(board: EmulatedBoard, card: Card) -> tuple[Run, Run]:
     board.expect_signal("EjectPressed", after=seen, within=WAIT_SECONDS)
     released = time.monotonic()
     board.release_eject_button()
-    while not board.lights()["mmc-green"]:
+    while not board.led_pins()["mmc-green"]:
         assert time.monotonic() < released + WAIT_SECONDS, "the green LED stays dark"
         time.sleep(LOOK_SECONDS)
     light = time.monotonic()

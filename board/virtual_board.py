@@ -9,12 +9,13 @@ from .board import Board
 from .bus import BusClient
 from .card import Card
 from .installation import RUN_LEVEL_PROGRAM, configuration_files, file, product_files
-from .leds import LED_FILES, LED_NAMES, LedPanel
+from .leds import LED_FILES, LED_NAMES
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
 from .names import (BOARD_DIRECTORY, CARD_DEVICE, EJECT_BUTTON, ENVIRONMENT, LED_DIRECTORY, LOG_FILE,
                     RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET)
 from .process import Process
+from .virtual_leds import VirtualLedPanel
 from .virtual_machine import VirtualMachine
 
 
@@ -51,7 +52,7 @@ class VirtualBoard(Board):
         # Held open so that no other board gets this one's number while its remains may be looked for.
         weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         try:
-            self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
+            self.led_panel = VirtualLedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
             if package is not None:
                 self._install_product(package, media_config, track_config)

@@ -82,8 +82,8 @@ class Panel:
         now = time.monotonic()
         for name, lamp in self.model.lamps.items():
             lamp.follow(self._board.led_panel.leds[name], now)
-        self.model.lights = self._board.lights()
-        if self.model.lights is None:
+        self.model.pins = self._board.led_pins()
+        if self.model.pins is None:
             self.model.card_active = self._activity.seen()
         self._changes.apply(self.model)
         if self.model.button.wants_release(now):

@@ -34,7 +34,7 @@ def slot(model: Model, now: float) -> Markup:
         markup = [f"┌{edge}┐\n│", ("dim", f"{'empty':^{SLOT_WIDTH}}"), f"│\n└{edge}┘\n"]
     for name in LED_NAMES:
         lamp, colour = model.lamps[name], LAMP_COLOURS[name]
-        lit = lamp.lit(now, model.card_active) if model.lights is None else model.lights[name]
+        lit = lamp.lit(now, model.card_active) if model.pins is None else model.pins[name]
         markup += [" ", (colour, "●") if lit else ("dim", "○"), f" {colour:7}{lamp.words}\n"]
     held = model.button.held(now)
     filled, empty = bar(held / EJECT_SECONDS, EJECT_SECONDS)

@@ -103,7 +103,7 @@ class Model:
         self.board_kind = board_kind
         self.lamps = {name: Lamp() for name in LED_NAMES}
         self.card_active = False
-        self.lights: dict[str, bool] | None = None  # see Board.lights
+        self.pins: dict[str, bool] | None = None  # see Board.led_pins()
         self.button = Button()
         self.card = ""  # what is in the slot, in words
         self.slot_busy = ""  # what the hands do at the slot right now, in words

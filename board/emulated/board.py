@@ -12,12 +12,12 @@ from ..board import Board
 from ..bus import BusClient
 from ..card import Card
 from ..installation import RUN_LEVEL_PROGRAM, configuration_files, file
+from ..leds import LED_NAMES, LedPanel
 from ..log_records import TRACKING_CONFIGURATION_TEXT
 from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION,
                      PARTITION_DEVICE, SYSTEM_BUS_SOCKET)
 from ..process import Process
-from .emulator import LED_PINS, MEMORY_MIB, Emulator, EmulatorError, processes_named
-from .led_panel import EmulatedLedPanel
+from .emulator import MEMORY_MIB, Emulator, EmulatorError, processes_named
 from .link import BoardGone, RemoteProgram, SocketGate
 from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume, strip
 from .terminal import relay_terminal
@@ -67,7 +67,7 @@ class EmulatedBoard(Board):
         self._emulator: Emulator | None = None
         self._files: dict[str, bytes] = {}
         self._unannounced = 0
-        self.led_panel = EmulatedLedPanel(self._notify)
+        self.led_panel = LedPanel(self._notify)
         self._emulator, self._link = start(self._program, memory_mib)
         self._name = self._emulator.name
         try:
@@ -81,7 +81,7 @@ class EmulatedBoard(Board):
 
     def _set_up(self, installed: dict[str, dict], leds: bool, eject_button: bool) -> None:
         self._link.keep_awake()
-        self._link.on_lights = self.led_panel.update
+        self._link.on_lights = self.led_panel.set_values
         self._link.ask("install", files=installed)
         self._link.ask("watch_lights")
         absent = [path for path, present in ((f"{BOARD_FILES}/mmc1_leds", leds),
@@ -157,12 +157,12 @@ class EmulatedBoard(Board):
     def log_size(self) -> int:
         return len(self._board_file(LOG_FILE))
 
-    def lights(self) -> dict[str, bool]:
-        """Which LED has current on its pin at this moment; none without power."""
+    def led_pins(self) -> dict[str, bool]:
+        """See Device; without power no LED is lit."""
         try:
-            return self._emulator.lights()
+            return self._emulator.led_pins()
         except EmulatorError:
-            return dict.fromkeys(LED_PINS, False)
+            return dict.fromkeys(LED_NAMES, False)
 
     def kernel_messages(self) -> str:
         """What the kernel has had to say."""

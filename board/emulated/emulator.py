@@ -8,9 +8,11 @@ import uuid
 from collections.abc import Sequence
 from pathlib import Path
 
+from ..leds import LED_NAMES
+
 # The general-purpose controller that the LEDs (outputs 0 and 1) and the button (input 4) are wired to.
 GPIO_ADDRESS = 0x09030000
-LED_PINS = {"mmc-red": 0, "mmc-green": 1}
+LED_PINS = dict(zip(LED_NAMES, (0, 1)))
 BUTTON_PIN = 4
 MEMORY_MIB = 256
 SLOT = "sdimg"
@@ -128,9 +130,9 @@ class Emulator:
         unlimited = dict.fromkeys(("bps_rd", "bps_wr", "iops", "iops_rd", "iops_wr"), 0)
         self.execute("block_set_io_throttle", device=SLOT, bps=bytes_per_second, **unlimited)
 
-    def lights(self) -> dict[str, bool]:
+    def led_pins(self) -> dict[str, bool]:
         """Which LED has current on its pin at this moment."""
-        # Each bit of the address lets one pin through.
+        # Each bit of the address selects one pin.
         mask = sum(1 << pin for pin in LED_PINS.values())
         level = int(self.monitor(f"xp /1xw {GPIO_ADDRESS + (mask << 2):#x}").split(":")[1], 16)
         return {name: bool(level & 1 << pin) for name, pin in LED_PINS.items()}

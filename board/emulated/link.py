@@ -5,14 +5,10 @@ import json
 import os
 import queue
 import socket
-import sys
 import threading
 from collections.abc import Callable
-from pathlib import Path
 
-AGENT = Path(__file__).parent / "agent"
-sys.path.append(str(AGENT))
-import frames  # noqa: E402  (the agent's own file, which is alone on the board)
+from .agent import frames
 
 ANSWER_SECONDS = 60
 HEARTBEAT_SECONDS = 1.0

@@ -14,11 +14,12 @@ from typing import Iterator
 from ..installation import PLATFORM, file, product_files
 from ..names import SERVICE_PROGRAM
 from .emulator import Emulator, EmulatorError
-from .link import AGENT, Link
+from .link import Link
 
 IMAGE_MAKER = Path(__file__).parent / "image" / "make.sh"
+AGENT = Path(__file__).parent / "agent"
 MACHINE = Path(__file__).resolve().parent.parent / "machine"
-SHARED_WITH_VIRTUAL_BOARD = ("programs.py", "system_log.py", "file_systems.py")
+SHARED_WITH_VIRTUAL_BOARD = ("programs.py", "system_log.py", "file_systems.py", "file_writes.py")
 BOARD_DIRECTORY = "usr/lib/board"
 HOTPLUG_RULE = "/usr/lib/udev/rules.d/60-tavo-sdcard.rules"
 HOTPLUG_HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"

@@ -141,7 +141,7 @@ def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
     problems = board.leftovers()
     card = board.card if status == 0 else None
     if not problems and card is not None and [partition.kind for partition in card.partitions()] == ["83"]:
-        check = board.fsck(card)
+        check = card.check()
         if not card.is_clean():
             problems.append(f"the card is not clean: {check.stdout}{check.stderr}")
     return problems
