@@ -27,13 +27,14 @@ class VirtualBoard(Board):
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
                  eject_button: bool = True, files: dict[str, str] | None = None,
-                 package: str | os.PathLike | None = None) -> None:
+                 package: str | os.PathLike | None = None, shared: Path | None = None) -> None:
         """Starts the board, without a card and without the service.
 
         @p program is the service's executable; the configurations are those of
         configuration_files(). @p files are further files (path to text). A Debian @p package is
         installed instead of the program and of all that the product puts on a board; without
-        @p media_config its own then stays.
+        @p media_config its own then stays. The programs of the board can write to the directory @p shared of this
+        machine, at the same path.
         """
         super().__init__()
         installed = product_files() | configuration_files(media_config, track_config)
@@ -47,7 +48,7 @@ class VirtualBoard(Board):
         installed |= {path: file(text) for path, text in (files or {}).items()}
         self._card_names: set[str] = set()
         self._machine: VirtualMachine | None = VirtualMachine(
-            SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
+            SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed, shared)
         self.namespace = self._machine.namespace
         # Held open so that no other board gets this one's number while its remains may be looked for.
         weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))

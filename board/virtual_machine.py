@@ -21,10 +21,10 @@ class MachineError(Exception):
 class VirtualMachine:
     """Starts, asks and ends the namespaces' first process."""
 
-    def __init__(self, service: str, program: Path | None, files: dict[str, dict]) -> None:
+    def __init__(self, service: str, program: Path | None, files: dict[str, dict], shared: Path | None = None) -> None:
         """Starts a machine on which @p program appears as @p service, with @p files.
 
-        Raises MachineError.
+        The directory @p shared is this machine's own, at the same path. Raises MachineError.
         """
         self._control, machine_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._control.settimeout(REPLY_SECONDS)
@@ -36,7 +36,8 @@ class VirtualMachine:
                 stdin=subprocess.DEVNULL, pass_fds=[machine_end.fileno()], start_new_session=True,
                 env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
         try:
-            reply = self._ask("build", service=service, program=program and str(program), files=files)
+            reply = self._ask("build", service=service, program=program and str(program), files=files,
+                              shared=shared and str(shared))
             self.host_pid: int = reply["host_pid"]
             self.namespace = os.readlink(f"/proc/{self.host_pid}/ns/pid")
         except BaseException:

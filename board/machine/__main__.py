@@ -68,10 +68,10 @@ class Machine:
         self._control.send(json.dumps(reply).encode())
         return True
 
-    def _do_build(self, _descriptors: list[int], service: str, program: str | None,
+    def _do_build(self, _descriptors: list[int], service: str, program: str | None, shared: str | None,
                   files: dict[str, dict]) -> dict:
         host_pid = int(os.readlink("/proc/self"))
-        build_root(service, program)
+        build_root(service, program, shared)
         self._slot.power_on()
         install_files(files)
         self._log.open()

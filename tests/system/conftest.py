@@ -98,9 +98,13 @@ def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator
     kind = BOARDS[request.config.getoption("--board")]
     boards: list[Board] = []
 
+    given: dict[str, object] = {} if package is None else {"package": package}
+    if request.config.getoption("--preset") == "coverage":
+        # Where the service on the board writes its counts.
+        given["shared"] = ROOT / "build" / "coverage"
+
     def make(**options: object) -> Board:
-        installed = {} if package is None else {"package": package}
-        boards.append(kind(**(installed | options)))
+        boards.append(kind(**(given | options)))
         return boards[-1]
 
     yield make
