@@ -1,4 +1,4 @@
-"""Boards on which the SD card service is tried: one language for every kind of board."""
+"""Boards to run the SD card service on, with one interface for every kind of board."""
 
 from .board import Board, Unexpected
 from .bus import BusError, Signal

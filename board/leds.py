@@ -22,7 +22,7 @@ class Light(Enum):
 
 
 class LedPattern(Enum):
-    """What both LEDs tell the user: the light of the red one and of the green one."""
+    """What the user sees: the light of the red LED and of the green LED."""
 
     OFF = (Light.OFF, Light.OFF)
     MOUNTED = (Light.CARD_ACTIVITY, Light.OFF)

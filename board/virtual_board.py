@@ -1,4 +1,4 @@
-"""A board on this machine's own kernel, in namespaces of its own."""
+"""A board on this machine's kernel, in namespaces of its own."""
 
 import os
 import subprocess
@@ -20,7 +20,7 @@ from .virtual_machine import VirtualMachine
 
 
 class VirtualBoard(Board):
-    """See Board. Several boards run side by side without knowing of each other."""
+    """See Board. Several boards can run at the same time."""
 
     kind = "virtual"
 
@@ -50,7 +50,7 @@ class VirtualBoard(Board):
         self._machine: VirtualMachine | None = VirtualMachine(
             SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed, shared)
         self.namespace = self._machine.namespace
-        # Held open so that no other board gets this one's number while its remains may be looked for.
+        # While it is open, no other board's namespace gets this number, by which remains are found.
         weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         try:
             self.led_panel = VirtualLedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
@@ -67,7 +67,7 @@ class VirtualBoard(Board):
 
     @property
     def host_pid(self) -> int:
-        """The board's first process as this machine numbers it, for nsenter and the like."""
+        """The process id of the board's first process on this machine, for nsenter."""
         return self._machine.host_pid
 
     def close(self) -> None:
@@ -86,7 +86,7 @@ class VirtualBoard(Board):
             return False
 
     def open_terminal(self, command: str) -> int:
-        # script(1) gives it a terminal of the board's own: with jobs, and with Ctrl-C for them alone.
+        # script(1) opens a terminal on the board: the shell has job control, and Ctrl-C reaches only its jobs.
         shell = ["nsenter", "--target", str(self.host_pid), "--mount", "--pid", "--root", "--wdns=/",
                  "script", "--quiet", "--return", "--command", command, "/dev/null"]
         return subprocess.call(shell, env=ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")})

@@ -22,7 +22,7 @@ SigactionFunction realSigaction()
     return kFunction;
 }
 
-// A process without privileges cannot write its counts; without this, it would complain on standard error.
+// A process without privileges cannot write its counts, and would complain on standard error.
 __attribute__((constructor)) void complainToNobody()
 {
     if (::geteuid() != 0) {

@@ -1,1 +1,1 @@
-"""The virtual board as something to look at and play with in a terminal."""
+"""A board in a terminal, to look at and to play with."""

@@ -34,7 +34,7 @@ ENDING_SIGNALS = (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
 
 
 class Panel:
-    """The screen, the keys and the threads behind them, for one board."""
+    """The screen, the keys and the threads for one board."""
 
     def __init__(self, board: Board) -> None:
         """Starts to watch the board."""
@@ -51,7 +51,7 @@ class Panel:
         self._loop = urwid.MainLoop(self._view.widget, PALETTE, screen, handle_mouse=False, unhandled_input=self._press)
 
     def run(self) -> None:
-        """Shows the panel until the user quits. The terminal is as before however this ends."""
+        """Shows the panel until the user quits. Restores the terminal however this ends."""
         self.hands.start_service()
         self._loop.set_alarm_in(0, self._tick)
         try:
@@ -93,22 +93,22 @@ class Panel:
 
 @contextmanager
 def kept_terminal() -> Iterator[None]:
-    """Gives the terminal its settings back at the end, and keeps Ctrl-Z from stopping this program."""
+    """Restores the terminal's settings at the end, and keeps Ctrl-Z from stopping this program."""
     descriptor = sys.stdin.fileno()
     settings = termios.tcgetattr(descriptor)
-    # Stopped, the panel would leave its screen behind. Not ignored, which the board's programs would inherit.
+    # A stopped panel would leave its screen behind. Not ignored: the board's programs would inherit that.
     signal.signal(signal.SIGTSTP, lambda number, frame: None)
     try:
         yield
     finally:
-        # A shell that was killed may have left the terminal to other processes; the terminal may be gone.
+        # A killed shell may have left the terminal to other processes, and the terminal may be closed.
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTTOU})
         with suppress(termios.error):
             termios.tcsetattr(descriptor, termios.TCSANOW, settings)
 
 
 def end_by_signal(number: int, _frame: object) -> None:
-    """Ends the program in order, with the status that a shell gives for the signal."""
+    """Ends the program normally, with the exit status that a shell reports for the signal."""
     raise SystemExit(SIGNALLED + number)
 
 

@@ -40,7 +40,7 @@ class Emulator:
 
     def __init__(self, image: Path, options: list[str], memory_mib: int = MEMORY_MIB,
                  files: Sequence[int] = ()) -> None:
-        """@p options say what it boots or from which state it goes on; @p files are the descriptors that they name.
+        """@p options choose what it boots or which state it resumes; @p files are the descriptors that they name.
 
         Raises EmulatorError.
         """
@@ -80,11 +80,11 @@ class Emulator:
 
     @property
     def running(self) -> bool:
-        """Whether it has power."""
+        """Whether it is switched on."""
         return self._process.poll() is None
 
     def switch_off(self) -> None:
-        """Cuts the power, wherever the machine is. Twice is no error."""
+        """Cuts the power; twice does nothing."""
         self._process.kill()
         self._process.wait()
         self._process.stdout.close()
@@ -112,21 +112,21 @@ class Emulator:
         return str(self.execute("human-monitor-command", **{"command-line": line}))
 
     def insert(self, image: str) -> None:
-        """Puts a card into the slot, which takes no image that may not be written. Raises EmulatorError."""
+        """Inserts a card; its image must be writable. Raises EmulatorError."""
         answer = self.monitor(f"change {SLOT} {image} raw read-write")
         if answer.strip():
             raise EmulatorError(answer.strip())
-        # The slot remembers how slow the last card was.
+        # The slot keeps the speed limit of the last card.
         self.slow_card_down(0)
 
     def pull(self) -> None:
-        """Takes the card out of the slot."""
+        """Removes the card."""
         answer = self.monitor(f"eject -f {SLOT}")
         if answer.strip():
             raise EmulatorError(answer.strip())
 
     def slow_card_down(self, bytes_per_second: int) -> None:
-        """Lets the card in the slot read and write no faster; 0 is no limit. Raises EmulatorError."""
+        """Limits reads and writes of the card in the slot; 0 is no limit. Raises EmulatorError."""
         unlimited = dict.fromkeys(("bps_rd", "bps_wr", "iops", "iops_rd", "iops_wr"), 0)
         self.execute("block_set_io_throttle", device=SLOT, bps=bytes_per_second, **unlimited)
 
@@ -145,7 +145,7 @@ class Emulator:
             raise EmulatorError(f"set_irq_in: {answer}")
 
     def console(self) -> str:
-        """What the kernel has written to its console since the last call."""
+        """The output on the kernel's console since the last call."""
         return str(self.execute("ringbuf-read", device="console", size=65536))
 
     def _find_gpio(self) -> str:

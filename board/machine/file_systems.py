@@ -1,4 +1,4 @@
-"""Builds the machine's own root file system out of the host's."""
+"""Builds the machine's root file system from the host's."""
 
 import ctypes
 import os
@@ -9,7 +9,7 @@ from pathlib import Path
 MS_NOSUID, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 2, 8, 4096, 16384, 1 << 18
 MNT_DETACH = 2
 
-# What a service installed on the host would leave; the board brings its own or has none.
+# Files of a service that is installed on the host; the board has its own, or none.
 HIDDEN_FROM_HOST = (
     "/etc/tavo", "/etc/scw_interval", "/etc/default/tavo-sdcard", "/opt/tavo",
     "/etc/dbus-1/system.d/tavo.SDCard1.conf", "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
@@ -42,10 +42,10 @@ def build_root(service: str, program: str | None, shared: str | None) -> None:
     machine's programs can write to it. Every mount made here belongs to this mount namespace and ends with it.
     """
     mount("none", "/", flags=MS_REC | MS_PRIVATE)
-    # Opened by its name now, which may be hidden below.
+    # Opened now: the mounts below may hide their names.
     program_descriptor = os.open(program, os.O_PATH | os.O_CLOEXEC) if program else None
     shared_descriptor = os.open(shared, os.O_PATH | os.O_CLOEXEC) if shared else None
-    # Any directory would do: it serves as scratch space in this namespace only.
+    # Scratch space, in this namespace only.
     scratch = "/tmp"
     mount("sdcardd-board", scratch, "tmpfs", options="mode=0755")
     upper, work, root = (f"{scratch}/{name}" for name in ("upper", "work", "root"))

@@ -141,14 +141,14 @@ def test_the_button_is_let_go_when_the_service_has_seen_it_and_else_after_a_whil
 
 def test_the_oldest_events_are_dropped_when_there_are_too_many(model):
     for number in range(EVENTS_KEPT + 3):
-        model.tell("board", str(number))
+        model.add_event("board", str(number))
     assert (len(model.events), model.events_dropped, model.events[0].text) == (EVENTS_KEPT, 3, "3")
 
 
 def test_changes_are_applied_in_their_order_and_a_failure_comes_out(model):
     changes = Changes()
-    changes.tell("board", "first")
-    changes.tell("board", "second")
+    changes.add_event("board", "first")
+    changes.add_event("board", "second")
     changes.fail(ValueError("broken"))
     with pytest.raises(ValueError, match="broken"):
         changes.apply(model)
