@@ -1,11 +1,12 @@
 """Draws the model in marked-up text: lists of plain text and (attribute, text), as urwid takes them."""
 
 from board.leds import LED_NAMES
+
 from .keys import KEYS
 from .model import EJECT_SECONDS, DirectoryUse, Event, Model
 
 MIB = 1024 * 1024
-LAMP_COLOURS = {"mmc-red": "red", "mmc-green": "green"}
+LAMP_COLOURS = {name: name.removeprefix("mmc-") for name in LED_NAMES}
 SLOT_WIDTH = 26
 SLOT_ROWS = 7
 CARD_ROWS = 4  # and one for each directory
