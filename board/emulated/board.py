@@ -82,7 +82,7 @@ class EmulatedBoard(Board):
         self._link.keep_awake()
         self._link.on_lights = self.led_panel.set_values
         self._link.ask("install", files=installed)
-        self._link.ask("watch_lights")
+        self._link.ask("watch_lights", names=LED_NAMES)
         absent = [path for path, present in ((f"{BOARD_FILES}/mmc1_leds", leds),
                                              (f"{BOARD_FILES}/mmc1_eject", eject_button)) if not present]
         if absent:

@@ -31,7 +31,6 @@ class Agent:
         self._selector = selectors.DefaultSelector()
         self._programs = Programs()
         self._log = SystemLog()
-        self._lights = Lights()
         self._connections: dict[int, socket.socket] = {}
 
     def run(self) -> None:
@@ -39,7 +38,6 @@ class Agent:
         self._log.open()
         self._watch(self._port, self._serve_port)
         self._watch(self._log, self._log.drain)
-        self._watch(self._lights, self._report_lights)
         self._watch(self._programs.child_signal_descriptor(), self._programs.reap)
         self._send(frames.READY, 0, b"")
         while True:
@@ -165,11 +163,13 @@ class Agent:
     def _do_set_clock(self, _number: int, seconds: float) -> None:
         time.clock_settime(time.CLOCK_REALTIME, seconds)
 
-    def _do_watch_lights(self, _number: int) -> None:
-        self._report_lights()
+    def _do_watch_lights(self, _number: int, names: list[str]) -> None:
+        lights = Lights(names)
+        self._watch(lights, lambda: self._report_lights(lights))
+        self._report_lights(lights)
 
-    def _report_lights(self) -> None:
-        self._send(frames.LIGHTS, 0, json.dumps(self._lights.read()).encode())
+    def _report_lights(self, lights: Lights) -> None:
+        self._send(frames.LIGHTS, 0, json.dumps(lights.read()).encode())
 
 
 Agent().run()

@@ -1,8 +1,8 @@
 """The values of the board's LED files, read whenever a program has written to one of them."""
 
 import errno
-import os
 import time
+from collections.abc import Iterable
 from pathlib import Path
 
 from file_writes import FileWrites
@@ -14,8 +14,9 @@ SETTLE_SECONDS = 0.02
 class Lights:
     """A selectable source of writes to the files of the slot's LEDs."""
 
-    def __init__(self) -> None:
-        self._leds = [LED_CLASS / name for name in os.listdir(LED_CLASS) if name.startswith("mmc-")]
+    def __init__(self, names: Iterable[str]) -> None:
+        """Raises OSError when an LED is missing."""
+        self._leds = [LED_CLASS / name for name in names]
         self._writes = FileWrites(self._leds)
 
     def fileno(self) -> int:
