@@ -22,11 +22,12 @@ SigactionFunction realSigaction()
     return kFunction;
 }
 
-// A process without privileges cannot write its counts, and would complain on standard error.
-__attribute__((constructor)) void complainToNobody()
+// A process without privileges cannot write among the counts of root, and would complain on
+// standard error. Its counts are lost.
+__attribute__((constructor)) void divertUnprivilegedCounts()
 {
     if (::geteuid() != 0) {
-        ::setenv("GCOV_ERROR_FILE", "/dev/null", 0);
+        ::setenv("GCOV_PREFIX", "/tmp", 0);
     }
 }
 
