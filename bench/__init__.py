@@ -1,1 +1,1 @@
-"""The service beside what a user would use instead, measured in turn in one run."""
+"""The service beside the tools that could replace it, measured in turn in one run."""

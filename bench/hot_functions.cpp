@@ -1,4 +1,4 @@
-// The functions that run once for each file, mount table line or poll, alone.
+// The functions that run once for each file, line of the mount table or poll.
 
 #include <string>
 

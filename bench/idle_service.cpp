@@ -1,4 +1,4 @@
-// The least that a Qt service on the system bus can be: it owns a name and waits.
+// The smallest Qt service on the system bus: it owns a name and waits.
 
 #include <QCoreApplication>
 #include <QDBusConnection>

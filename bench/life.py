@@ -1,4 +1,4 @@
-"""The service's own pace beside the same work done by hand, on a board."""
+"""The service's times beside those of the same work done by hand, on a board."""
 
 import re
 import statistics
@@ -20,8 +20,8 @@ BUTTON_POLLS_A_SECOND = 5
 MOUNT_GOAL = 1.10
 CARD_MIB = 256
 
-# What the service does from the end of the insert delay on: is it a card of ours, is it sound, mount it,
-# lay it out.
+# What the service does after the insert delay: check the partition table, check the file system, mount it, create
+# the directories.
 MOUNT_BY_HAND = f"""
 set -e
 ! grep -q {MOUNT_POINT} /proc/mounts
@@ -47,7 +47,7 @@ class LifeBench:
         self.kind = kind
 
     def start_up(self) -> Iterator[Row]:
-        """From the start of the process to the bus name, and what it costs to wait."""
+        """From the start of the process to the bus name, and the cost of an idle service."""
         pairs = [(self._start(self.service), self._start(self.idle_service)) for _ in range(self.rounds)]
         yield Row("start-up to the bus name", "empty Qt service", compared(pairs))
         ours, theirs = self._idle(self.service, with_card=True), self._idle(self.idle_service, with_card=False)
@@ -101,15 +101,14 @@ class LifeBench:
 
 
 def _lay_out(board: Board, card: Card) -> None:
-    # Neither side is to make the directories that the other one finds.
+    # So that neither side has to create the directories.
     board.insert(card, announce=False)
     board.run("sh", "-c", f"{MOUNT_BY_HAND}\numount {MOUNT_POINT}", check=True)
     board.pull(announce=False)
 
 
 def _unmount_seconds(board: Board) -> Run:
-    # The record of the closed files is the last thing before the unmounting, the one of the success
-    # follows its signal.
+    # The record of the closed files comes directly before the unmounting; the record of the success follows its signal.
     moments = {}
     for record in board.records:
         for text in ("Number of processes with open files: 0", "SD Card is successfully unmounted"):
@@ -120,7 +119,7 @@ def _unmount_seconds(board: Board) -> Run:
 
 
 def nanoseconds(text: str) -> Run:
-    """The run that a command around which TIMED was put tells."""
+    """The run of a command inside TIMED, from its output."""
     return Run(int(text.split()[-1]) / 1e9, float("nan"))
 
 

@@ -1,4 +1,4 @@
-"""Timing of commands in turn: A B A B ..., so that a ratio holds while the machine's speed drifts."""
+"""Times commands in turn (A B A B ...), so that a change of the machine's speed does not change the ratio."""
 
 import statistics
 import subprocess
@@ -10,7 +10,7 @@ from dataclasses import dataclass
 
 @dataclass(frozen=True)
 class Run:
-    """What one run of a command took."""
+    """The cost of one run of a command."""
 
     wall: float      # seconds
     peak_mib: float  # largest resident set of any of its processes
@@ -31,7 +31,7 @@ Command = Callable[[], list[str]]
 def measure(command: list[str]) -> Run:
     """Runs a command once. Raises RuntimeError when it fails."""
     with tempfile.NamedTemporaryFile("r") as peak:
-        # A process that this one starts would be charged with the size of this one; GNU time is small.
+        # The peak of a child includes the size of its parent at the fork, and GNU time is small.
         timed = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak.name}", *command]
         started = time.perf_counter()
         result = subprocess.run(timed, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
@@ -48,7 +48,7 @@ def median(runs: list[Run]) -> Run:
 
 
 def compare(ours: Command, theirs: Command, rounds: int, prepare: Callable[[], object]) -> Comparison:
-    """Runs two commands in turn, each after @p prepare, which is not timed. The commands are made after it."""
+    """Runs two commands in turn, each after @p prepare, which is not timed."""
     return compare_all(ours, [theirs], rounds, prepare)[0]
 
 

@@ -9,7 +9,7 @@ MISSED = "missed"
 
 @dataclass(frozen=True)
 class Row:
-    """One comparison. A goal is the largest ratio that is good enough; None where there is none."""
+    """One comparison. A goal is the largest ratio that is good enough, or None."""
 
     name: str
     peer: str
@@ -43,6 +43,6 @@ HEAD = ["what", "beside", "ours s", "MiB", "theirs s", "MiB", "ratio", "goal"]
 
 
 def as_markdown(rows: list[Row]) -> str:
-    """The rows as a table that README.md can carry."""
+    """The rows as a table in Markdown."""
     lines = [HEAD, ["---"] * len(HEAD), *(row.cells() for row in rows)]
     return "\n".join("| " + " | ".join(line) + " |" for line in lines)

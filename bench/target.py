@@ -24,8 +24,9 @@ class TargetBench(LifeBench):
     """What the device's user waits for."""
 
     def contact_and_button(self) -> Iterator[Row]:
-        """From the card's contact to its use, and from the button, let go as soon as the service takes it,
-        to the light that says that the card may be taken out.
+        """From the card's contact to its use, and from the button's release to the green light.
+
+        The button is released as soon as the service reacts to it.
         """
         mounts, unmounts = [], []
         with self.kind(program=self.service) as board:
@@ -51,7 +52,7 @@ def _by_service(board: EmulatedBoard, card: Card) -> tuple[Run, Run]:
     board.expect_signal("EjectPressed", after=seen, within=WAIT_SECONDS)
     released = time.monotonic()
     board.release_eject_button()
-    while not board.lights()["mmc-green"]:
+    while not board.led_pins()["mmc-green"]:
         assert time.monotonic() < released + WAIT_SECONDS, "the green LED stays dark"
         time.sleep(LOOK_SECONDS)
     light = time.monotonic()

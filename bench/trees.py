@@ -13,7 +13,7 @@ FILE_SIZE = 1000
 PAUSE_SECONDS = 1.0
 DEEP_LEVELS = 200
 
-# Part of the files that go; the tree's change times have a gap behind each, for a tool that goes by age.
+# Shares of the files to delete; the change times have a gap behind each, for a tool that deletes by age.
 SHARES = (0.01, 0.1, 0.9)
 
 
@@ -40,7 +40,7 @@ class CardImage:
         self.cuts: dict[float, float] = {}
 
     def make(self) -> None:
-        """Makes the template where it is missing, and reads where its gaps are."""
+        """Makes the template if it is missing, and reads the times of its gaps."""
         self.mount_point.mkdir(parents=True, exist_ok=True)
         self.unmount()
         if not self.template.exists():
@@ -81,7 +81,7 @@ class CardImage:
         (self.mount_point / "cuts").write_text(" ".join(map(str, cuts)))
 
     def _mount(self, image: Path) -> None:
-        # Direct, so that the image's pages are not cached a second time below the file system.
+        # Direct, so that pages are not cached twice.
         device = subprocess.run(["losetup", "--find", "--show", "--direct-io=on", image], check=True,
                                 capture_output=True, text=True).stdout.strip()
         try:
@@ -90,7 +90,7 @@ class CardImage:
             subprocess.run(["losetup", "--detach", device], check=True)  # takes effect with the unmount
 
     def mount(self) -> None:
-        """Mounts the template, with nothing of it cached."""
+        """Mounts the template with an empty cache."""
         self.unmount()
         self._mount(self.template)
 

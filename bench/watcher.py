@@ -27,14 +27,14 @@ class WatcherBench:
         self.seconds_per_file: dict[tuple[str, int], float] = {}
 
     def start(self) -> Iterator[Row]:
-        """What the tool takes before it scans: a running service has that behind it."""
+        """The time of the tool's start, which a running service does not spend again."""
         with tempfile.TemporaryDirectory() as empty:
             result = compare(lambda: [self.tool, "size", empty], lambda: ["du", "-s", "--apparent-size", empty],
                              START_ROUNDS, lambda: None)
         yield Row("scan an empty directory: the start alone", "du", result)
 
     def scan(self, shape: str, files: int) -> Iterator[Row]:
-        """Measures a whole tree, with its status records cached and not."""
+        """Measures a whole tree, with a warm and with a cold cache."""
         image = CardImage(shape, files)
         image.make()
         tree = str(image.tree)
@@ -55,7 +55,7 @@ class WatcherBench:
             image.close()
 
     def growth(self) -> Iterator[Row]:
-        """Time a file of the largest tree beside that of the smallest, of each shape."""
+        """Time per file in the largest tree beside that in the smallest, for each shape."""
         for shape in {shape for shape, _ in self.seconds_per_file}:
             sizes = sorted(files for known, files in self.seconds_per_file if known == shape)
             if len(sizes) > 1:

@@ -1,6 +1,6 @@
-// The capacity watcher as a command, so that it can be timed beside other commands:
-//   watcher_tool size DIR            prints the bytes that DIR holds
-//   watcher_tool enforce DIR BYTES   deletes the oldest files of DIR until it is below BYTES
+// The capacity watcher as a command, to time it beside other commands:
+//   watcher_tool size DIR            prints the size of all files in DIR, in bytes
+//   watcher_tool enforce DIR BYTES   deletes the oldest files until DIR is below BYTES
 
 #include <cstring>
 #include <iostream>

@@ -1,9 +1,8 @@
-"""Boards on which the SD card service is tried: one language for every kind of board."""
+"""Boards to run the SD card service on, with one interface for every kind of board."""
 
-from .board import Board
+from .board import Board, Unexpected
 from .bus import BusError, Signal
 from .card import Card, Partition
-from .expectations import Unexpected
 from .leds import LedPattern
 from .log_records import LogRecord
 from .names import (CARD_DEVICE, CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, State,

@@ -1,4 +1,4 @@
-"""The test's own connection to a board's system bus: calls, properties and a record of all signals."""
+"""A connection to a board's system bus: calls, properties and a record of all signals."""
 
 import time
 from collections.abc import Callable
@@ -27,7 +27,7 @@ class BusError(Exception):
 
 @dataclass(frozen=True)
 class Signal:
-    """A signal as it came over the bus."""
+    """A signal from the bus."""
 
     time: float  # of time.monotonic()
     interface: str
@@ -36,7 +36,7 @@ class Signal:
 
 
 class SignalRecord:
-    """Keeps all signals in their order; made to be a jeepney filter's queue."""
+    """Keeps all signals in order; serves as the queue of a jeepney filter."""
 
     def __init__(self, on_signal: Callable[[], None]) -> None:
         self.signals: list[Signal] = []
@@ -51,7 +51,7 @@ class SignalRecord:
 
 
 class BusClient:
-    """A connection to the bus at a socket. Calls raise BusError, or TimeoutError without an answer."""
+    """A connection to the bus at a socket. Calls raise BusError for an error reply and TimeoutError without a reply."""
 
     def __init__(self, socket_path: str, on_signal: Callable[[], None]) -> None:
         self._connection = open_dbus_connection(f"unix:path={socket_path}", auth_timeout=10)
@@ -63,7 +63,7 @@ class BusClient:
         self._ask(message_bus.AddMatch(rule), CALL_SECONDS)
 
     def close(self) -> None:
-        """Leaves the bus; a second time does nothing."""
+        """Closes the connection; closing twice does nothing."""
         if not self._closed:
             self._closed = True
             self._router.close()
@@ -80,7 +80,7 @@ class BusClient:
 
     def call(self, interface: str, method: str, *arguments: str | int | bool,
              within: float = CALL_SECONDS) -> object:
-        """Calls a method of the service; returns None, its one result, or a tuple of several."""
+        """Calls a method of the service; returns None, its result, or a tuple of its results."""
         signature = "".join({str: "s", int: "i", bool: "b"}[type(argument)] for argument in arguments)
         address = DBusAddress(OBJECT_PATH, SERVICE_NAME, interface)
         result = self._ask(new_method_call(address, method, signature or None, arguments), within)
@@ -99,11 +99,11 @@ class BusClient:
         return self.call(INTROSPECTABLE, "Introspect")
 
     def announce_insertion(self) -> None:
-        """Tells the service that a card was put in."""
+        """Notifies the service that a card was inserted."""
         self.call(CONTROLLER_INTERFACE, "InsertCard")
 
     def announce_removal(self) -> None:
-        """Tells the service that the card was taken out."""
+        """Notifies the service that the card was removed."""
         self.call(CONTROLLER_INTERFACE, "RemoveCard")
 
     def _ask(self, message: Message, within: float) -> tuple:

@@ -1,6 +1,6 @@
-"""SD cards: images in this process's memory, of every kind that a user may put into the slot.
+"""SD cards: images in this process's memory, of every kind that a user may insert.
 
-An image has no name in any file system, so a card leaves nothing behind however a test ends.
+An image has no name in any file system, so nothing remains of a card however a test ends.
 """
 
 import os
@@ -19,7 +19,7 @@ NAME_PREFIX = "sdcard-"
 
 @dataclass(frozen=True)
 class Partition:
-    """A partition as it stands on the card: number, place and size in bytes, type in hexadecimal."""
+    """An entry of the partition table: number, offset and size in bytes, type in hexadecimal."""
 
     number: int
     offset: int
@@ -55,7 +55,7 @@ class Card:
 
     @classmethod
     def as_bought(cls, size_mib: int = 64) -> "Card":
-        """One FAT partition, at the place where cards are sold with it and not where the format script puts its own."""
+        """One FAT partition, at the offset of new cards, which differs from the format script's."""
         card = cls(size_mib)
         card.partition(FAT32, first_sector=FIRST_SECTOR_AS_BOUGHT)
         card.make_fat(1)
@@ -80,14 +80,14 @@ class Card:
 
     @classmethod
     def lightly_damaged(cls, size_mib: int = 64) -> "Card":
-        """ext4 whose errors are mended by the automatic repair (e2fsck -p ends with 1)."""
+        """ext4 with errors that the automatic repair fixes (e2fsck -p ends with 1)."""
         card = cls.formatted(size_mib)
         card.edit_ext4("set_super_value free_blocks_count 7", "set_super_value state 0")
         return card
 
     @classmethod
     def damaged(cls, size_mib: int = 64) -> "Card":
-        """ext4 that the automatic repair gives up (e2fsck -p ends with 4) and the full one mends."""
+        """ext4 with errors that only the full repair fixes (e2fsck -p ends with 4)."""
         card = cls.formatted(size_mib)
         card.edit_ext4("clri <2>", "set_super_value state 2")
         return card
@@ -109,7 +109,7 @@ class Card:
         return f"/proc/self/fd/{self._image}"
 
     def copy(self) -> "Card":
-        """A card with the same content at this moment: after a power cut, were it in use."""
+        """A card with the content of this moment, as a power cut would leave it."""
         twin = Card(self.size // MIB, self.read_only)
         position = 0
         while True:
@@ -126,7 +126,7 @@ class Card:
 
     @property
     def stored(self) -> int:
-        """How many bytes the image takes: it grows with every place that is written to for the first time."""
+        """How many bytes the image takes; it grows with every block that is written for the first time."""
         return os.fstat(self._image).st_blocks * SECTOR_BYTES
 
     def read(self, offset: int, size: int) -> bytes:
@@ -138,7 +138,7 @@ class Card:
         os.pwrite(self._image, data, offset)
 
     def partition(self, *kinds: str, first_sector: int = FIRST_SECTOR) -> None:
-        """Writes a DOS partition table with partitions of one size each, of the given types.
+        """Writes a DOS partition table with partitions of equal size and the given types.
 
         The first begins at @p first_sector (of 512 bytes).
         """
@@ -175,7 +175,7 @@ class Card:
                       self.path, f"{partition.size // 1024}k")
 
     def edit_ext4(self, *commands: str) -> None:
-        """Changes the first partition's file system with commands of debugfs, as a defect would."""
+        """Damages the first partition's file system with commands of debugfs."""
         self.run_tool("debugfs", "-w", "-f", "-", self._file_system(),
                       standard_input="\n".join(commands) + "\n")
 
@@ -184,7 +184,7 @@ class Card:
         return self.run_tool("e2fsck", "-fn", self._file_system(), check=False)
 
     def is_clean(self) -> bool:
-        """Whether check() finds nothing to mend, to replay or to recount."""
+        """Whether check() finds no error, no journal to replay and no wrong count."""
         result = self.check()
         return result.returncode == 0 and not any(
             mark in result.stdout + result.stderr for mark in ("Fix?", "WARNING", "Warning", "error"))

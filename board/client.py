@@ -10,7 +10,7 @@ SOURCE = Path(__file__).resolve().parent.parent / "sdcardctl"
 
 
 def install_client(board: Board, program: Path | None) -> None:
-    """Installs the client that was built with the service's @p program; without one, a package has brought it."""
+    """Installs the client from the build tree of the service's @p program; None: a package has installed it."""
     if program is None:
         return
     board.install_program(program.parents[1] / "sdcardctl" / "sdcardctl", CLIENT)

@@ -27,10 +27,10 @@ def product_files() -> dict[str, dict]:
 
 def configuration_files(media_config: str | None = None,
                         track_config: str | None = TRACKING_CONFIGURATION_TEXT) -> dict[str, dict]:
-    """The files that a test may choose.
+    """The files that a test may choose, path to file.
 
-    The configurations are the files' texts: the media configuration of platform/ by default, and one
-    that has log records written where the board reads them; None installs none.
+    The configurations are texts. By default they are the media configuration of platform/, and a tracking
+    configuration that writes log records where the board reads them; None for the latter installs none.
     """
     if media_config is None:
         media_config = (PLATFORM / "tavo-sdcard.config.xml").read_text()

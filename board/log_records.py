@@ -5,7 +5,7 @@ from dataclasses import dataclass
 
 from .names import LOG_FILE
 
-# The record's parts in one line; the message comes last, since it may hold anything.
+# The message comes last, because it may contain separators and line ends.
 TRACKING_CONFIGURATION_TEXT = f"""<?xml version="1.0" encoding="UTF-8"?>
 <log4j:configuration xmlns:log4j="http://jakarta.apache.org/log4j/">
   <appender name="records" class="org.apache.log4j.FileAppender">
@@ -42,7 +42,7 @@ class LogRecord:
 
 
 def parse_records(text: str) -> list[LogRecord]:
-    """All complete records of a log; a message may span lines."""
+    """All complete records of a log; a message may have several lines."""
     text = text[:text.rfind("\n") + 1]
     starts = list(_RECORD_START.finditer(text))
     ends = [match.start() for match in starts[1:]] + [len(text)]

@@ -1,4 +1,4 @@
-"""Names, paths and numbers by which a board and the service on it know each other."""
+"""Names, paths and numbers that the boards and the service share."""
 
 from enum import IntEnum
 
@@ -23,7 +23,7 @@ MOUNT_POINT = "/media/sdcard"
 CARD_DEVICE = "/dev/mmcblk0"
 PARTITION_DEVICE = "/dev/mmcblk0p1"
 
-# What only a board has: its log records, its system log, its run level, what replaced tools saw.
+# Exists on boards only: log records, system log, run level, calls of replaced tools.
 BOARD_DIRECTORY = "/run/board"
 LOG_FILE = BOARD_DIRECTORY + "/records"
 SYSTEM_LOG = BOARD_DIRECTORY + "/syslog"

@@ -14,7 +14,7 @@ SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: 
 
 
 class Process:
-    """A program on a board; its output is kept in memory and its end is reported through a pipe."""
+    """A program on a board. Its output is kept in memory; its wait status comes through a pipe."""
 
     def __init__(self, arguments: list[str], standard_input: bytes,
                  kill: Callable[[int, int], None]) -> None:
@@ -32,7 +32,7 @@ class Process:
 
     @contextmanager
     def status_pipe_writer(self) -> Iterator[IO[bytes]]:
-        """The pipe's end for the board, closed here when the block is left."""
+        """The pipe's end for the board; closed on this side when the block ends."""
         reader, writer = os.pipe2(os.O_CLOEXEC)
         self._status_pipe = os.fdopen(reader, "rb", buffering=0)
         with os.fdopen(writer, "wb", buffering=0) as pipe:
@@ -60,7 +60,7 @@ class Process:
 
     @property
     def output_bytes(self) -> bytes:
-        """The same, whether it is text or not."""
+        """The same as bytes."""
         return _bytes(self._output)
 
     @property
@@ -70,7 +70,7 @@ class Process:
 
     @property
     def crashed(self) -> bool:
-        """Whether it ended by a crash signal or a sanitizer has found something in it."""
+        """Whether a crash signal ended it, or a sanitizer has reported an error."""
         status = self.exit_status
         return ((status is not None and -status in CRASH_SIGNALS)
                 or any(mark in self.errors for mark in SANITIZER_MARKS))
@@ -84,12 +84,12 @@ class Process:
         return status
 
     def send_signal(self, number: int = signal.SIGTERM) -> None:
-        """Sends a signal; nothing happens when it has ended already."""
+        """Sends a signal; does nothing when the program has ended."""
         if self.running:
             self._kill(self.pid, number)
 
     def stop(self, number: int = signal.SIGTERM, within: float = 10) -> int:
-        """Sends a signal and waits for the end; returns the exit status."""
+        """Sends a signal, waits until the program has ended and returns its exit status."""
         self.send_signal(number)
         return self.wait(within)
 
@@ -98,11 +98,11 @@ class Process:
             return
         if not select.select([self._status_pipe], [], [], max(0.0, seconds))[0]:
             return
-        # Several threads may have waited. The pipe stays open for them, and the first of them reads it.
+        # Several threads may have waited; the first reads the pipe, and the pipe stays open for the others.
         with self._status_lock:
             if self._wait_status is None:
                 text = self._status_pipe.read(16)
-                # An end without a word: the whole board was switched off.
+                # The pipe was closed without a status: the board was switched off.
                 self._wait_status = int(text) if text else int(signal.SIGKILL)
 
 

@@ -16,7 +16,7 @@ A shell on the {{kind}} board; exit leaves it.
   the service's log           tail -f {LOG_FILE}
   the LEDs                    head {LED_DIRECTORY}/*/*
 """
-# On the emulated board there is no busctl, and nothing can press the button, which is a pin.
+# The emulated board has no busctl, and its button is a pin, which no program on the board can set.
 ON_VIRTUAL_BOARD = f"""\
   its object on the bus       busctl introspect {SERVICE_NAME} {OBJECT_PATH}
   hold the eject button       echo 1 >{EJECT_BUTTON}
@@ -26,9 +26,9 @@ SETTINGS = f"PS1='board:\\w# '\nsource {COMPLETION}\n"
 
 
 def open_shell(board: Board) -> int:
-    """Leaves this terminal to a shell on the board, which has the client, until its user leaves it.
+    """Connects this terminal to a shell on a board with the client, until the user leaves it.
 
-    Returns an exit status.
+    Returns the shell's exit status.
     """
     board.write_file(SETTINGS_FILE, SETTINGS)
     emulated = isinstance(board, EmulatedBoard)

@@ -1,6 +1,6 @@
-"""The life of a card, played once on a board: python3 -m board.story [--emulated] PROGRAM
+"""A card's life, played and shown in a terminal: python3 -m board.story [--emulated] PROGRAM
 
-Ends with status 0 only if every step was seen.
+Ends with status 0 when every step was seen.
 """
 
 import sys
@@ -16,8 +16,9 @@ from .card import Card
 from .emulated import BoardGone, EmulatedBoard, EmulatorError
 from .emulated.light_watch import LightWatch
 from .installation import PLATFORM
+from .leds import LED_NAMES, LedPattern
 from .names import CARD_DEVICE, CARD_INTERFACE, MOUNT_POINT, PARTITION_DEVICE
-from .telling import NotSeen, Teller
+from .reporter import NotSeen, Reporter
 from .virtual_board import VirtualBoard
 from .virtual_machine import MachineError
 
@@ -33,70 +34,72 @@ KINDS = {VirtualBoard: "A virtual board", EmulatedBoard: "An emulated 32-bit ARM
 
 
 def play(kind: type[Board], program: Path) -> None:
-    """Plays and tells the story on a board of a kind. Raises NotSeen."""
+    """Plays the story on a board of a kind and reports each step. Raises NotSeen."""
     console = (PLATFORM / "tavo-sdcard.trackconfig.console.xml").read_text()
     with kind(program=program, track_config=console) as board, _light_watch(board) as lights:
-        teller = Teller(board, lights)
+        reporter = Reporter(board, lights)
         card = Card.as_bought(CARD_MIB)
 
         print(f"{KINDS[kind]}; it is {time.strftime('%H:%M:%S')}, and times are seconds from now on.")
-        teller.heading("The device starts with an empty slot")
+        reporter.heading("The device starts with an empty slot")
         board.start_service()
-        teller.until_seen(["State: NO_CARD", "LEDs: OFF", "log: INFO  sdcard      Starting (Version"], within=10)
+        reporter.until_seen(["State: NO_CARD", f"LEDs: {LedPattern.OFF.name}",
+                             "log: INFO  sdcard      Starting (Version"], within=10)
 
         # Busy for long enough to be seen on any machine.
         board.write_file(PREPARATION_SCRIPT, "#!/bin/sh\nsleep 2\n", 0o755)
-        teller.heading(f"A card of {CARD_MIB} MiB as it is bought is put in")
+        reporter.heading(f"A card of {CARD_MIB} MiB as it is bought is put in")
         board.insert(card)
-        teller.tell("card", _on_card(board))
-        teller.until_seen(["signal: CardInserted", "State: MOUNTING, last transition CARD_INSERTED", "LEDs: BUSY",
-                           "log: INFO  St:Mounting New SD Card detected",
-                           "log: INFO  St:Mounting SD Card Linux Ext4 format was new initialized",
-                           "log: INFO  sdcard      SD Card is successfully mounted",
-                           "signal: CardMounted", "signal: MemStateChanged", "State: MOUNTED", "LEDs: MOUNTED",
-                           *_light(board, "blinks fast", "off")], within=60)
-        teller.tell("card", _on_card(board))
-        teller.tell("card", _content(board))
-        teller.tell("memory", f"state {board.property('MemState')}, {board.property('MemLevel')} % used")
+        reporter.report("card", _on_card(board))
+        reporter.until_seen(["signal: CardInserted", "State: MOUNTING, last transition CARD_INSERTED",
+                             "log: INFO  St:Mounting New SD Card detected",
+                             "log: INFO  St:Mounting SD Card Linux Ext4 format was new initialized",
+                             "log: INFO  sdcard      SD Card is successfully mounted",
+                             "signal: CardMounted", "signal: MemStateChanged", "State: MOUNTED",
+                             f"LEDs: {LedPattern.MOUNTED.name}", *_led_steps(board, LedPattern.BUSY)], within=60)
+        reporter.report("card", _on_card(board))
+        reporter.report("card", _content(board))
+        reporter.report("memory", f"state {board.property('MemState')}, {board.property('MemLevel')} % used")
         board.write_file(f"{MOUNT_POINT}/{LOGGER_DATABASE}", "kept\n")
-        teller.tell("logger", f"leaves {LOGGER_DATABASE} at the card's root, as older versions did")
+        reporter.report("logger", f"leaves {LOGGER_DATABASE} at the card's root, as older versions did")
 
-        teller.heading("The eject button is held for five seconds")
+        reporter.heading("The eject button is held for five seconds")
         board.press_eject_button()
-        teller.until_seen(["signal: EjectPressed", "log: INFO  sdcard      SD Card eject trigger received",
-                           "log: INFO  sdcard      SD Card is successfully unmounted", "signal: CardUnmounted",
-                           "State: UNMOUNTED, last transition FILES_CLOSED", "LEDs: UNMOUNTED",
-                           *_light(board, "off", "on")],
-                          within=BUTTON_SECONDS + 10)
+        reporter.until_seen(["signal: EjectPressed", "log: INFO  sdcard      SD Card eject trigger received",
+                             "log: INFO  sdcard      SD Card is successfully unmounted", "signal: CardUnmounted",
+                             "State: UNMOUNTED, last transition FILES_CLOSED",
+                             *_led_steps(board, LedPattern.UNMOUNTED)], within=BUTTON_SECONDS + 10)
         board.release_eject_button()
-        _check(teller, board, card)
+        _check(reporter, board, card)
 
-        teller.heading("The card is taken out, and put in again")
+        reporter.heading("The card is taken out, and put in again")
         board.pull()
-        teller.until_seen(["signal: CardRemoved", "State: NO_CARD, last transition CARD_REMOVED", "LEDs: OFF",
-                           *_light(board, "off", "off")], within=10)
+        reporter.until_seen(["signal: CardRemoved", "State: NO_CARD, last transition CARD_REMOVED",
+                             *_led_steps(board, LedPattern.OFF)], within=10)
         board.write_file(PREPARATION_SCRIPT, '#!/bin/sh\necho "$0 is called with $*"\n', 0o755)
         board.insert(card)
-        teller.until_seen(["log: INFO  St:Mounting SD Card Linux Ext4 format is ok",
-                           "log: INFO  St:Preparing Succesffully moved logger database into new location",
-                           f"log: INFO  St:Preparing {PREPARATION_SCRIPT} is called with logger=/logger",
-                           "signal: CardMounted", "State: MOUNTED, last transition CARD_INSERTED", "LEDs: MOUNTED"], within=60)
+        reporter.until_seen(["log: INFO  St:Mounting SD Card Linux Ext4 format is ok",
+                             "log: INFO  St:Preparing Succesffully moved logger database into new location",
+                             f"log: INFO  St:Preparing {PREPARATION_SCRIPT} is called with logger=/logger",
+                             "signal: CardMounted", "State: MOUNTED, last transition CARD_INSERTED",
+                             f"LEDs: {LedPattern.MOUNTED.name}"], within=60)
         if board.read_file(f"{MOUNT_POINT}/logger/{LOGGER_DATABASE}") != "kept\n":
             raise NotSeen("the logger's database in its directory")
-        teller.tell("card", _content(board))
+        reporter.report("card", _content(board))
 
-        teller.heading(f"More is written to {WATCHED} than its share of the card")
-        _overfill(teller, board)
+        reporter.heading(f"More is written to {WATCHED} than its share of the card")
+        _overfill(reporter, board)
 
-        teller.heading("The service is told to end (SIGTERM)")
+        reporter.heading("The service is asked to end (SIGTERM)")
         board.service.send_signal()
-        teller.until(lambda: not board.service.running, 60, lambda: "the service's end")
-        teller.until_seen(["log: INFO  sdcard      SD Card is successfully unmounted", "signal: CardUnmounted",
-                           "LEDs: OFF", "log: INFO  sdcard      Terminating sdcardd with exit code 0"], within=5)
-        teller.tell("service", f"ended with status {board.service.exit_status}")
+        reporter.until(lambda: not board.service.running, 60, lambda: "the service's end")
+        reporter.until_seen(["log: INFO  sdcard      SD Card is successfully unmounted", "signal: CardUnmounted",
+                             f"LEDs: {LedPattern.OFF.name}",
+                             "log: INFO  sdcard      Terminating sdcardd with exit code 0"], within=5)
+        reporter.report("service", f"ended with status {board.service.exit_status}")
         if board.service.exit_status != 0:
             raise NotSeen(f"the service did not end with status 0: {board.service.errors}")
-        _check(teller, board, card)
+        _check(reporter, board, card)
     if remains := board.leftovers():
         raise NotSeen("a board that leaves nothing behind: " + "; ".join(remains))
     print("\nEvery step was seen, and nothing is left behind.")
@@ -104,37 +107,43 @@ def play(kind: type[Board], program: Path) -> None:
 
 @contextmanager
 def _light_watch(board: Board) -> Iterator[LightWatch | None]:
-    if board.lights() is None:
+    if board.led_pins() is None:
         yield None
         return
-    watch = LightWatch(board.lights)
+    watch = LightWatch(board.led_pins)
     try:
         yield watch
     finally:
         watch.close()
 
 
-def _overfill(teller: Teller, board: Board) -> None:
-    """Writes files until a watched directory is beyond its share, and has the oldest deleted."""
+def _led_steps(board: Board, pattern: LedPattern) -> list[str]:
+    """What is reported when the LEDs show a pattern; their pins only where a board has them."""
+    at_pins = ", ".join(f"{name} {light.value}" for name, light in zip(LED_NAMES, pattern.value))
+    return [f"LEDs: {pattern.name}", *([] if board.led_pins() is None else [f"pins: {at_pins}"])]
+
+
+def _overfill(reporter: Reporter, board: Board) -> None:
+    """Writes files until a watched directory exceeds its share; then the service deletes the oldest."""
     share = board.call(CARD_INTERFACE, "GetDirSize", WATCHED)
     count = share // WATCHED_FILE_BYTES + WATCHED_FILES_BEYOND
     path = f"{MOUNT_POINT}/{WATCHED}"
     board.run("sh", "-c", f"for i in $(seq 101 {100 + count}); do truncate -s {WATCHED_FILE_BYTES} {path}/$i.csv && "
                           "sleep 0.01; done", check=True)
     written = sorted(board.run("ls", path, check=True).stdout.split())
-    _tell_use(teller, board, share)
+    _report_use(reporter, board, share)
     board.call(CARD_INTERFACE, "EnsureDirSize", WATCHED)
     left = sorted(board.run("ls", path, check=True).stdout.split())
-    _tell_use(teller, board, share)
+    _report_use(reporter, board, share)
     gone = written[:len(written) - len(left)]
     if not gone or left != written[len(gone):] or board.call(CARD_INTERFACE, "getDirUsed", WATCHED) >= share:
         raise NotSeen(f"the oldest files gone, and no more than needed: {written} became {left}")
-    teller.tell(WATCHED, f"the oldest are gone: {' '.join(gone)}")
+    reporter.report(WATCHED, f"the oldest are gone: {' '.join(gone)}")
 
 
-def _tell_use(teller: Teller, board: Board, share: int) -> None:
+def _report_use(reporter: Reporter, board: Board, share: int) -> None:
     used = board.call(CARD_INTERFACE, "getDirUsed", WATCHED)
-    teller.tell(WATCHED, f"{used / 1e6:.1f} MB of the {share / 1e6:.1f} MB that are its share")
+    reporter.report(WATCHED, f"{used / 1e6:.1f} MB of the {share / 1e6:.1f} MB that are its share")
 
 
 def _on_card(board: Board) -> str:
@@ -149,17 +158,12 @@ def _content(board: Board) -> str:
     return f"{MOUNT_POINT} ({used[2]}, {used[0]} of {used[1]} used) holds {' '.join(names)}"
 
 
-def _light(board: Board, red: str, green: str) -> list[str]:
-    """What is to be seen of the LEDs, where there is something that can shine."""
-    return [] if board.lights() is None else [f"pins: mmc-red {red}, mmc-green {green}"]
-
-
-def _check(teller: Teller, board: Board, card: Card) -> None:
+def _check(reporter: Reporter, board: Board, card: Card) -> None:
     if remains := board.mounts():
         raise NotSeen(f"an unmounted card: {remains}")
     if not card.is_clean():
         raise NotSeen(f"a clean card: {card.check().stdout}")
-    teller.tell("card", "not mounted, and e2fsck finds it clean")
+    reporter.report("card", "not mounted, and e2fsck finds it clean")
 
 
 def main() -> int:

@@ -1,4 +1,4 @@
-"""Replaced tools: scripts in the place of programs on a board, which record how they are called."""
+"""Replaced tools: scripts in the place of programs on a board, which record their calls."""
 
 import os
 import shlex
@@ -13,18 +13,18 @@ printf '%s\\0' "$(($# + 1))" {name} "$@" >>{calls}
 
 
 def original_of(path: str) -> str:
-    """Where the program that stood at @p path is kept while it is replaced."""
+    """Where the program at @p path is kept while it is replaced."""
     return f"{ORIGINALS}/{os.path.basename(path)}"
 
 
 def recording_script(path: str, body: str) -> str:
-    """The script that records its call and then does @p body (sh; the real one is "$ORIGINAL")."""
+    """A script that records its call and then runs @p body (sh; "$ORIGINAL" is the real program)."""
     return RECORD_CALL.format(original=shlex.quote(original_of(path)), name=shlex.quote(os.path.basename(path)),
                               calls=TOOL_CALLS_FILE) + body + "\n"
 
 
 def parse_calls(data: str, name: str) -> list[list[str]]:
-    """The arguments of each call of the tool @p name, out of the file of all calls."""
+    """The arguments of each call of the tool @p name; @p data is the file with the calls of all tools."""
     fields = data.split("\0")
     calls = []
     position = 0

@@ -1,4 +1,4 @@
-"""A board on this machine's own kernel, in namespaces of its own."""
+"""A board on this machine's kernel, in namespaces of its own."""
 
 import os
 import subprocess
@@ -9,30 +9,32 @@ from .board import Board
 from .bus import BusClient
 from .card import Card
 from .installation import RUN_LEVEL_PROGRAM, configuration_files, file, product_files
-from .leds import LED_FILES, LED_NAMES, LedPanel
+from .leds import LED_FILES, LED_NAMES
 from .leftovers import remains_on_host
 from .log_records import TRACKING_CONFIGURATION_TEXT
 from .names import (BOARD_DIRECTORY, CARD_DEVICE, EJECT_BUTTON, ENVIRONMENT, LED_DIRECTORY, LOG_FILE,
                     RUN_LEVEL_FILE, SERVICE_PROGRAM, SYSTEM_BUS_SOCKET)
 from .process import Process
+from .virtual_leds import VirtualLedPanel
 from .virtual_machine import VirtualMachine
 
 
 class VirtualBoard(Board):
-    """See Board. Several boards run side by side without knowing of each other."""
+    """See Board. Several boards can run at the same time."""
 
     kind = "virtual"
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
                  track_config: str | None = TRACKING_CONFIGURATION_TEXT, leds: bool = True,
                  eject_button: bool = True, files: dict[str, str] | None = None,
-                 package: str | os.PathLike | None = None) -> None:
+                 package: str | os.PathLike | None = None, shared: Path | None = None) -> None:
         """Starts the board, without a card and without the service.
 
         @p program is the service's executable; the configurations are those of
         configuration_files(). @p files are further files (path to text). A Debian @p package is
         installed instead of the program and of all that the product puts on a board; without
-        @p media_config its own then stays.
+        @p media_config its own then stays. The programs of the board can write to the directory @p shared of this
+        machine, at the same path.
         """
         super().__init__()
         installed = product_files() | configuration_files(media_config, track_config)
@@ -46,12 +48,12 @@ class VirtualBoard(Board):
         installed |= {path: file(text) for path, text in (files or {}).items()}
         self._card_names: set[str] = set()
         self._machine: VirtualMachine | None = VirtualMachine(
-            SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed)
+            SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed, shared)
         self.namespace = self._machine.namespace
-        # Held open so that no other board gets this one's number while its remains may be looked for.
+        # While it is open, no other board's namespace gets this number, by which remains are found.
         weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         try:
-            self.led_panel = LedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
+            self.led_panel = VirtualLedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)
             self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
             if package is not None:
                 self._install_product(package, media_config, track_config)
@@ -65,7 +67,7 @@ class VirtualBoard(Board):
 
     @property
     def host_pid(self) -> int:
-        """The board's first process as this machine numbers it, for nsenter and the like."""
+        """The process id of the board's first process on this machine, for nsenter."""
         return self._machine.host_pid
 
     def close(self) -> None:
@@ -84,7 +86,7 @@ class VirtualBoard(Board):
             return False
 
     def open_terminal(self, command: str) -> int:
-        # script(1) gives it a terminal of the board's own: with jobs, and with Ctrl-C for them alone.
+        # script(1) opens a terminal on the board: the shell has job control, and Ctrl-C reaches only its jobs.
         shell = ["nsenter", "--target", str(self.host_pid), "--mount", "--pid", "--root", "--wdns=/",
                  "script", "--quiet", "--return", "--command", command, "/dev/null"]
         return subprocess.call(shell, env=ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")})

@@ -15,16 +15,16 @@ REPLY_SECONDS = 30
 
 
 class MachineError(Exception):
-    """The machine could not do what it was asked for."""
+    """The machine could not carry out a request."""
 
 
 class VirtualMachine:
-    """Starts, asks and ends the namespaces' first process."""
+    """Starts the namespaces' first process, sends it requests and ends it."""
 
-    def __init__(self, service: str, program: Path | None, files: dict[str, dict]) -> None:
+    def __init__(self, service: str, program: Path | None, files: dict[str, dict], shared: Path | None = None) -> None:
         """Starts a machine on which @p program appears as @p service, with @p files.
 
-        Raises MachineError.
+        The directory @p shared is this machine's own, at the same path. Raises MachineError.
         """
         self._control, machine_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._control.settimeout(REPLY_SECONDS)
@@ -36,7 +36,8 @@ class VirtualMachine:
                 stdin=subprocess.DEVNULL, pass_fds=[machine_end.fileno()], start_new_session=True,
                 env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
         try:
-            reply = self._ask("build", service=service, program=program and str(program), files=files)
+            reply = self._ask("build", service=service, program=program and str(program), files=files,
+                              shared=shared and str(shared))
             self.host_pid: int = reply["host_pid"]
             self.namespace = os.readlink(f"/proc/{self.host_pid}/ns/pid")
         except BaseException:
@@ -67,14 +68,14 @@ class VirtualMachine:
         return process
 
     def signal(self, pid: int, number: int) -> None:
-        """Sends a signal to a process of the machine; one that has gone is left alone."""
+        """Sends a signal to a process of the machine; does nothing when it has ended."""
         try:
             self._ask("kill", pid=pid, number=number)
         except ProcessLookupError:
             pass
 
     def path_from_host(self, path: str) -> Path:
-        """Where a path of the machine is seen from here. No part of it may be an absolute link."""
+        """The path on this machine of a path on the other. No part of it may be an absolute link."""
         return Path(f"/proc/{self.host_pid}/root{path}")
 
     def _ask(self, what: str, descriptors: list[int] | None = None, **arguments: object) -> dict:

@@ -2,9 +2,9 @@
 
     summary.py DIRECTORY SUITE... [-- NOTE...]
 
-Each suite has left its results in DIRECTORY/SUITE.xml (JUnit). A unit test program counts as many
-tests as it tells itself to have run; one that its suite cannot run counts none and is told apart.
-Each note is a line of its own: what was not asked for.
+The results of each suite are in DIRECTORY/SUITE.xml (JUnit). A unit test program counts as many tests as it
+reports. A program that its suite cannot run counts none and is listed separately. Each note becomes a line:
+what was skipped.
 """
 
 import re

@@ -12,12 +12,12 @@ from ..board import Board
 from ..bus import BusClient
 from ..card import Card
 from ..installation import RUN_LEVEL_PROGRAM, configuration_files, file
+from ..leds import LED_NAMES, LedPanel
 from ..log_records import TRACKING_CONFIGURATION_TEXT
 from ..names import (BOARD_DIRECTORY, BOARD_FILES, CARD_DEVICE, ENVIRONMENT, LOG_FILE, MEDIA_CONFIGURATION,
                      PARTITION_DEVICE, SYSTEM_BUS_SOCKET)
 from ..process import Process
-from .emulator import LED_PINS, MEMORY_MIB, Emulator, EmulatorError, processes_named
-from .led_panel import EmulatedLedPanel
+from .emulator import MEMORY_MIB, Emulator, EmulatorError, processes_named
 from .link import BoardGone, RemoteProgram, SocketGate
 from .snapshot import HOTPLUG_RULE, boot, hotplug_and_product_files, resume, strip
 from .terminal import relay_terminal
@@ -25,7 +25,7 @@ from .terminal import relay_terminal
 SLOT_SECONDS = 20
 CONTACT_SECONDS = 10
 PATIENCE = 4
-# Stands in the hot-plug rule's place where a test announces cards itself.
+# Replaces the hot-plug rule while a test announces cards itself.
 MASKED_RULE = "/run/udev/rules.d/" + Path(HOTPLUG_RULE).name
 HOTPLUG_CONFIGURATION = "/etc/default/tavo-sdcard"
 TERMINAL_SOCKET = "/run/board/terminal"
@@ -39,10 +39,10 @@ class EmulatedBoard(Board):
 
     kind = "emulated"
     patience = PATIENCE
-    # Its packages are unpacked and not installed: dpkg knows of none of them.
+    # Its packages were only unpacked, so dpkg knows none of them.
     _dpkg_options = ("--force-depends",)
-    # The hot-plug rule's program may still be at work on the last event. The device manager has been seen to
-    # close the connection instead of answering.
+    # The hot-plug rule's program may still handle the last event. udevd sometimes closes the connection
+    # instead of answering, so settle is tried twice.
     _settle = "{ udevadm settle || udevadm settle; }"
 
     def __init__(self, program: str | os.PathLike | None = None, media_config: str | None = None,
@@ -52,10 +52,9 @@ class EmulatedBoard(Board):
                  package: str | os.PathLike | None = None) -> None:
         """Starts the board, without a card and without the service.
 
-        @p program is the service's executable for 32-bit ARM. With @p format_blank_cards the hot-plug
-        helper does what it does on the device when it meets a blank card. With @p cold_start the
-        board boots; otherwise it goes on from a snapshot. A Debian @p package is installed as on the
-        virtual board.
+        @p program is the service's executable for 32-bit ARM. With @p format_blank_cards the hot-plug helper
+        formats blank cards, as on the device. With @p cold_start the board boots; otherwise it resumes from a
+        snapshot. A Debian @p package is installed as on the virtual board.
         """
         super().__init__()
         installed = configuration_files(media_config, track_config)
@@ -67,7 +66,7 @@ class EmulatedBoard(Board):
         self._emulator: Emulator | None = None
         self._files: dict[str, bytes] = {}
         self._unannounced = 0
-        self.led_panel = EmulatedLedPanel(self._notify)
+        self.led_panel = LedPanel(self._notify)
         self._emulator, self._link = start(self._program, memory_mib)
         self._name = self._emulator.name
         try:
@@ -81,9 +80,9 @@ class EmulatedBoard(Board):
 
     def _set_up(self, installed: dict[str, dict], leds: bool, eject_button: bool) -> None:
         self._link.keep_awake()
-        self._link.on_lights = self.led_panel.update
+        self._link.on_lights = self.led_panel.set_values
         self._link.ask("install", files=installed)
-        self._link.ask("watch_lights")
+        self._link.ask("watch_lights", names=LED_NAMES)
         absent = [path for path, present in ((f"{BOARD_FILES}/mmc1_leds", leds),
                                              (f"{BOARD_FILES}/mmc1_eject", eject_button)) if not present]
         if absent:
@@ -95,7 +94,7 @@ class EmulatedBoard(Board):
 
     @contextmanager
     def _gate_to(self, board_path: str) -> Iterator[str]:
-        """A socket of this machine that leads to one of the board's; connections outlive the gate."""
+        """A socket of this machine that is forwarded to one of the board; connections outlive the gate."""
         with tempfile.TemporaryDirectory(prefix="sdcardd-board-") as directory:
             gate = SocketGate(self._link, board_path, directory + "/socket")
             try:
@@ -123,7 +122,7 @@ class EmulatedBoard(Board):
         self._emulator = None
 
     def cut_power(self) -> None:
-        """Ends everything at once, whatever is being written. The card keeps what has reached it."""
+        """Switches the board off in the middle of any write. The card keeps what has reached it."""
         self.close()
 
     @property
@@ -144,35 +143,35 @@ class EmulatedBoard(Board):
         return int(self.read_file(TERMINAL_STATUS))
 
     def card_counters(self) -> str:
-        # The emulator itself does not count what a card of this kind reads and writes.
+        # The emulator does not count the accesses to an SD card.
         try:
             return self._read(CARD_STATISTICS, 0)[0].decode()
         except (OSError, BoardGone):
             return ""
 
     def slow_card_down(self, bytes_per_second: int) -> None:
-        """Makes the card in the slot a slow one, until it is pulled."""
+        """Limits the speed of the card in the slot, until it is pulled."""
         self._emulator.slow_card_down(bytes_per_second)
 
     def log_size(self) -> int:
         return len(self._board_file(LOG_FILE))
 
-    def lights(self) -> dict[str, bool]:
-        """Which LED has current on its pin at this moment; none without power."""
+    def led_pins(self) -> dict[str, bool]:
+        """See Device; without power no LED is lit."""
         try:
-            return self._emulator.lights()
+            return self._emulator.led_pins()
         except EmulatorError:
-            return dict.fromkeys(LED_PINS, False)
+            return dict.fromkeys(LED_NAMES, False)
 
     def kernel_messages(self) -> str:
-        """What the kernel has had to say."""
+        """The kernel's messages."""
         return self.run("dmesg", check=True).stdout
 
     def insert(self, card: Card, announce: bool | None = True) -> None:
-        """As on any board; but the announcement comes from the board's own hot-plug rule.
+        """As on any board, but the board's own hot-plug rule announces the card.
 
-        That rule knows nothing of a card without a first partition: such a card is announced from here,
-        unless @p announce is None. Without a service the rule is through with the card on return.
+        The rule ignores a card without a first partition; such a card is announced from here, unless @p announce
+        is None. Without a service, the rule has handled the card on return.
         """
         has_partition = any(partition.number == 1 for partition in card.partitions())
         if announce is False:
@@ -182,7 +181,7 @@ class EmulatedBoard(Board):
             self._insert(card)
         self.card = card
         if announce and not self.bus.has_service():
-            # Or a service that is started next would still be told.
+            # Otherwise the rule would still notify a service that is started next.
             self.settle()
         elif announce and not has_partition:
             self.bus.announce_insertion()
@@ -202,7 +201,7 @@ class EmulatedBoard(Board):
 
     @contextmanager
     def unannounced(self) -> Iterator[None]:
-        """See Board; here it is the hot-plug rule that announces them, and that is put out of force."""
+        """See Device; masks the hot-plug rule."""
         self._unannounced += 1
         try:
             if self._unannounced == 1:
@@ -214,7 +213,7 @@ class EmulatedBoard(Board):
                 self._set_hotplug(True)
 
     def settle(self) -> None:
-        """Waits until all that the kernel's events have started has ended."""
+        """Waits until udev has handled all events of the kernel."""
         self.run("sh", "-c", self._settle, check=True)
 
     def report(self) -> str:
@@ -230,8 +229,8 @@ class EmulatedBoard(Board):
 
     def _set_hotplug(self, on: bool) -> None:
         change = f"rm -f {MASKED_RULE}" if on else f"mkdir -p {MASKED_RULE.rsplit('/', 1)[0]} && ln -s /dev/null {MASKED_RULE}"
-        # Events on their way are dealt with by the rules as they are. The device manager listens to one at a time,
-        # and says nothing to a request that comes while the last one's connection is still open: so twice.
+        # Pending events still get the present rules. udevd serves one request at a time and ignores one that comes
+        # while the last connection is still open, so the rules are reloaded twice.
         self.run("sh", "-c", f"{self._settle} && {change} && udevadm control --reload && sleep 0.1 && "
                              "udevadm control --reload", check=True)
 
@@ -259,11 +258,11 @@ class EmulatedBoard(Board):
 
     def _insert(self, card: Card) -> None:
         self._emulator.insert(f"/proc/{os.getpid()}{card.path.removeprefix('/proc/self')}")
-        # The device manager has it once its partitions are known, and all their events are on their way.
+        # udev has a record of the card as soon as the kernel has sent the events of all its partitions.
         self._await_on_board(f"[ -b {CARD_DEVICE} ] && [ -e /run/udev/data/b$(cat {CARD_NUMBER}) ]", CONTACT_SECONDS,
                              "the card")
         if card.read_only:
-            # As the driver does for a card whose switch says so; the emulated slot has no contact for that.
+            # The emulated slot has no contact for the write-protect switch; the driver would do the same.
             self.run("blockdev", "--setro", CARD_DEVICE, check=True)
 
     def _pull(self) -> None:
@@ -294,7 +293,7 @@ class EmulatedBoard(Board):
         return self._files[path].decode(errors="replace")
 
     def _read(self, path: str, offset: int) -> tuple[bytes, int]:
-        """What stands in a file from an offset on, and its size. Raises OSError, BoardGone."""
+        """The content of a file from an offset on, and its size. Raises OSError, BoardGone."""
         received: list[bytes] = []
         number = self._link.new_number()
         try:
@@ -304,7 +303,7 @@ class EmulatedBoard(Board):
         return b"".join(received), answer["size"]
 
     def _is_system_process(self, parent: str, arguments: str) -> bool:
-        # The kernel's own threads are the children of process 2 (and of process 0, as that one is).
+        # Kernel threads are children of process 2, which itself is a child of process 0.
         return (parent in ("0", "2") or super()._is_system_process(parent, arguments)
                 or "udevd" in arguments or arguments.strip("[]") == "(udev-worker)")
 

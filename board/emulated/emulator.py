@@ -8,9 +8,11 @@ import uuid
 from collections.abc import Sequence
 from pathlib import Path
 
+from ..leds import LED_NAMES
+
 # The general-purpose controller that the LEDs (outputs 0 and 1) and the button (input 4) are wired to.
 GPIO_ADDRESS = 0x09030000
-LED_PINS = {"mmc-red": 0, "mmc-green": 1}
+LED_PINS = dict(zip(LED_NAMES, (0, 1)))
 BUTTON_PIN = 4
 MEMORY_MIB = 256
 SLOT = "sdimg"
@@ -38,7 +40,7 @@ class Emulator:
 
     def __init__(self, image: Path, options: list[str], memory_mib: int = MEMORY_MIB,
                  files: Sequence[int] = ()) -> None:
-        """@p options say what it boots or from which state it goes on; @p files are the descriptors that they name.
+        """@p options choose what it boots or which state it resumes; @p files are the descriptors that they name.
 
         Raises EmulatorError.
         """
@@ -78,11 +80,11 @@ class Emulator:
 
     @property
     def running(self) -> bool:
-        """Whether it has power."""
+        """Whether it is switched on."""
         return self._process.poll() is None
 
     def switch_off(self) -> None:
-        """Cuts the power, wherever the machine is. Twice is no error."""
+        """Cuts the power; twice does nothing."""
         self._process.kill()
         self._process.wait()
         self._process.stdout.close()
@@ -110,27 +112,27 @@ class Emulator:
         return str(self.execute("human-monitor-command", **{"command-line": line}))
 
     def insert(self, image: str) -> None:
-        """Puts a card into the slot, which takes no image that may not be written. Raises EmulatorError."""
+        """Inserts a card; its image must be writable. Raises EmulatorError."""
         answer = self.monitor(f"change {SLOT} {image} raw read-write")
         if answer.strip():
             raise EmulatorError(answer.strip())
-        # The slot remembers how slow the last card was.
+        # The slot keeps the speed limit of the last card.
         self.slow_card_down(0)
 
     def pull(self) -> None:
-        """Takes the card out of the slot."""
+        """Removes the card."""
         answer = self.monitor(f"eject -f {SLOT}")
         if answer.strip():
             raise EmulatorError(answer.strip())
 
     def slow_card_down(self, bytes_per_second: int) -> None:
-        """Lets the card in the slot read and write no faster; 0 is no limit. Raises EmulatorError."""
+        """Limits reads and writes of the card in the slot; 0 is no limit. Raises EmulatorError."""
         unlimited = dict.fromkeys(("bps_rd", "bps_wr", "iops", "iops_rd", "iops_wr"), 0)
         self.execute("block_set_io_throttle", device=SLOT, bps=bytes_per_second, **unlimited)
 
-    def lights(self) -> dict[str, bool]:
+    def led_pins(self) -> dict[str, bool]:
         """Which LED has current on its pin at this moment."""
-        # Each bit of the address lets one pin through.
+        # Each bit of the address selects one pin.
         mask = sum(1 << pin for pin in LED_PINS.values())
         level = int(self.monitor(f"xp /1xw {GPIO_ADDRESS + (mask << 2):#x}").split(":")[1], 16)
         return {name: bool(level & 1 << pin) for name, pin in LED_PINS.items()}
@@ -143,7 +145,7 @@ class Emulator:
             raise EmulatorError(f"set_irq_in: {answer}")
 
     def console(self) -> str:
-        """What the kernel has written to its console since the last call."""
+        """The output on the kernel's console since the last call."""
         return str(self.execute("ringbuf-read", device="console", size=65536))
 
     def _find_gpio(self) -> str:

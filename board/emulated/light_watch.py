@@ -5,24 +5,27 @@ import time
 from collections import deque
 from collections.abc import Callable, Iterator
 
+from ..leds import Light
+
 LOOK_SECONDS = 0.02
 # Long enough for four changes of an LED that blinks in intervals of 100 ms.
 WINDOW_SECONDS = 0.7
 BLINK_SECONDS = (0.04, 0.25)
-# What lasts shorter is on its way from one pattern to the next.
+# A shorter one is part of the change from one pattern to the next.
 STEADY_SECONDS = 0.3
+FLICKERS = "flickers"
 
 
-class Light:
+class ObservedLed:
     """One LED over time."""
 
     def __init__(self) -> None:
         self._changes: deque[float] = deque()
         self._lit: bool | None = None
-        self._words = "off"
+        self._words = Light.OFF.value
 
     def see(self, lit: bool, now: float) -> str:
-        """What it does, in words, now that it was looked at (@p now in seconds of any clock that runs evenly)."""
+        """Takes one look and returns what the LED does, in words; @p now is in seconds of any steady clock."""
         if self._lit not in (None, lit):
             self._changes.append(now)
         self._lit = lit
@@ -31,21 +34,21 @@ class Light:
         moments = list(self._changes)
         if len(moments) < 4:
             if not moments or now - moments[-1] > BLINK_SECONDS[1]:
-                self._words = "on" if lit else "off"
+                self._words = (Light.ON if lit else Light.OFF).value
         else:
             even = all(BLINK_SECONDS[0] <= later - earlier <= BLINK_SECONDS[1]
                        for earlier, later in zip(moments, moments[1:]))
-            self._words = "blinks fast" if even else "flickers"
+            self._words = Light.BLINKS_FAST.value if even else FLICKERS
         return self._words
 
 
 class LightWatch:
-    """Looks at LEDs that really shine, until it is closed."""
+    """Watches the pins of LEDs until it is closed."""
 
     def __init__(self, look: Callable[[], dict[str, bool]]) -> None:
-        """@p look says which LED shines at the moment; it is called in another thread."""
+        """@p look returns which LED is lit at the moment; it is called in another thread."""
         self._look = look
-        self._lights: dict[str, Light] = {}
+        self._leds: dict[str, ObservedLed] = {}
         self._seen: list[tuple[float, str]] = []
         self._stopped = threading.Event()
         self._thread = threading.Thread(target=self._watch, name="lights", daemon=True)
@@ -57,19 +60,18 @@ class LightWatch:
         self._thread.join()
 
     def news(self, after: int) -> Iterator[tuple[float, str]]:
-        """Everything that they did from index @p after on, each with the moment (of time.monotonic()) when
-        it was sure."""
+        """Every steady pattern from index @p after on, with the moment (of time.monotonic()) when it was steady."""
         yield from self._seen[after:]
 
     def _watch(self) -> None:
-        told, since = "", time.monotonic()
-        latest = told
+        reported, since = "", time.monotonic()
+        latest = reported
         while not self._stopped.wait(LOOK_SECONDS):
             now = time.monotonic()
-            words = ", ".join(f"{name} {self._lights.setdefault(name, Light()).see(lit, now)}"
+            words = ", ".join(f"{name} {self._leds.setdefault(name, ObservedLed()).see(lit, now)}"
                               for name, lit in self._look().items())
             if words != latest:
                 latest, since = words, now
-            if latest != told and now - since >= STEADY_SECONDS:
-                told = latest
-                self._seen.append((now, told))
+            if latest != reported and now - since >= STEADY_SECONDS:
+                reported = latest
+                self._seen.append((now, reported))

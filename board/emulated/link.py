@@ -5,14 +5,10 @@ import json
 import os
 import queue
 import socket
-import sys
 import threading
 from collections.abc import Callable
-from pathlib import Path
 
-AGENT = Path(__file__).parent / "agent"
-sys.path.append(str(AGENT))
-import frames  # noqa: E402  (the agent's own file, which is alone on the board)
+from .agent import frames
 
 ANSWER_SECONDS = 60
 HEARTBEAT_SECONDS = 1.0
@@ -20,15 +16,15 @@ READ_BYTES = 65536
 
 
 class BoardGone(Exception):
-    """The board does not answer: it was switched off, or it hangs."""
+    """The board does not answer: it was switched off or hangs."""
 
 
 class Link:
-    """Sends requests and hands on what comes back. For use by any thread."""
+    """Sends requests and passes on what comes back. Any thread may use it."""
 
     def __init__(self, channel: socket.socket) -> None:
         self.ready = threading.Event()
-        # Gets the values of the LEDs' files, in another thread.
+        # Called with the values of the LEDs' files, in another thread.
         self.on_lights: Callable[[dict], None] = lambda _: None
         self._channel = channel
         self._numbers = itertools.count(1)
@@ -40,7 +36,7 @@ class Link:
         self._thread.start()
 
     def close(self) -> None:
-        """Ends the connection; whatever is still awaited ends with it."""
+        """Closes the connection; requests without an answer fail."""
         self._closed.set()
         try:
             self._channel.shutdown(socket.SHUT_RDWR)
@@ -51,10 +47,10 @@ class Link:
 
     def ask(self, what: str, listener: Callable[[int, bytes], None] | None = None, number: int | None = None,
             within: float = ANSWER_SECONDS, **arguments: object) -> dict:
-        """Asks the agent for something and returns its answer.
+        """Sends the agent a request and returns its answer.
 
-        @p listener gets all frames that the request brings about, also later ones, in another thread.
-        Raises OSError with the board's reason, BoardGone.
+        @p listener is called in another thread with every frame that belongs to the request, also after the answer.
+        Raises OSError with the board's reason, RuntimeError, and BoardGone.
         """
         number = number or next(self._numbers)
         answer = self._answers[number] = queue.SimpleQueue()
@@ -77,10 +73,10 @@ class Link:
         return reply
 
     def keep_awake(self) -> None:
-        """Sends the board something from time to time, until the connection is closed.
+        """Sends the board a frame every second, until the connection is closed.
 
-        On a busy machine the emulator has been seen to forget the board's next timer: then no program of
-        the board was ever interrupted for another, until something came in from outside.
+        On a busy machine the emulator sometimes loses the board's next timer interrupt. The board then stops
+        scheduling until another interrupt arrives.
         """
         threading.Thread(target=self._beat, name="heartbeat", daemon=True).start()
 
@@ -92,11 +88,11 @@ class Link:
                 return
 
     def new_number(self) -> int:
-        """A number for a request that is known before it is sent."""
+        """A number for a request, to know before it is sent."""
         return next(self._numbers)
 
     def forget(self, number: int) -> None:
-        """Nothing more is expected of a request."""
+        """Ends the listening to a request."""
         self._listeners.pop(number, None)
 
     def send(self, kind: int, number: int, payload: bytes) -> None:
@@ -133,7 +129,7 @@ class Link:
 
 
 class SocketGate:
-    """A socket of this machine behind which a socket of the board answers."""
+    """A socket of this machine that is forwarded to a socket of the board."""
 
     def __init__(self, link: Link, board_path: str, path: str) -> None:
         self._link = link
@@ -144,7 +140,7 @@ class SocketGate:
         threading.Thread(target=self._serve, name="gate", daemon=True).start()
 
     def close(self) -> None:
-        """Lets nobody in any more; who is inside stays."""
+        """Accepts no more connections; open connections stay."""
         self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
 
@@ -180,7 +176,7 @@ class SocketGate:
 
 
 class RemoteProgram:
-    """Receives what a program of the board writes, and its end."""
+    """Receives the output and the wait status of a program of the board."""
 
     def __init__(self, link: Link, number: int, output: int, errors: int, status_pipe: int) -> None:
         """The descriptors are duplicated."""
@@ -201,6 +197,6 @@ class RemoteProgram:
             self.close()
 
     def close(self) -> None:
-        """Lets go of the descriptors."""
+        """Closes the descriptors."""
         for descriptor in (self._output, self._errors, self._status_pipe):
             os.close(descriptor)

@@ -1,4 +1,4 @@
-"""Booted boards to go on from, which is ten times as fast as to boot."""
+"""Snapshots of booted boards: to resume one is ten times as fast as to boot."""
 
 import fcntl
 import hashlib
@@ -14,17 +14,18 @@ from typing import Iterator
 from ..installation import PLATFORM, file, product_files
 from ..names import SERVICE_PROGRAM
 from .emulator import Emulator, EmulatorError
-from .link import AGENT, Link
+from .link import Link
 
 IMAGE_MAKER = Path(__file__).parent / "image" / "make.sh"
+AGENT = Path(__file__).parent / "agent"
 MACHINE = Path(__file__).resolve().parent.parent / "machine"
-SHARED_WITH_VIRTUAL_BOARD = ("programs.py", "system_log.py", "file_systems.py")
+SHARED_WITH_VIRTUAL_BOARD = ("programs.py", "system_log.py", "file_systems.py", "file_writes.py")
 BOARD_DIRECTORY = "usr/lib/board"
 HOTPLUG_RULE = "/usr/lib/udev/rules.d/60-tavo-sdcard.rules"
 HOTPLUG_HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 
-# Emulated instructions are dear, and dearest when they are met for the first time. So memory is not cleared
-# and copies are not checked beyond what is needed, and programs lie where they lay the last time.
+# Emulated instructions are slow, most of all when they are translated for the first time. So the kernel skips
+# what only hardens it, and programs keep their addresses, which keeps the translations.
 KERNEL_OPTIONS = ("console=ttyAMA0 rdinit=/init panic=-1 "
                   "norandmaps init_on_alloc=0 hardened_usercopy=off cgroup_disable=memory audit=0 apparmor=0")
 BOOT_SECONDS = 240
@@ -33,7 +34,7 @@ KEPT_SNAPSHOTS = 3
 
 
 def make_image() -> Path:
-    """The directory of what the board boots, made if need be. Raises CalledProcessError."""
+    """The directory with what the board boots; it is made if needed. Raises CalledProcessError."""
     with _locked(_cache() / "image.lock"):
         result = subprocess.run([IMAGE_MAKER], check=True, stdout=subprocess.PIPE, text=True)
     return Path(result.stdout.strip())
@@ -52,7 +53,7 @@ def boot(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
 
 
 def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
-    """The same, gone on with from a snapshot, which is made if need be. Raises EmulatorError."""
+    """The same, resumed from a snapshot, which is made if needed. Raises EmulatorError."""
     image = make_image()
     snapshots = _cache() / "snapshots"
     snapshots.mkdir(parents=True, exist_ok=True)
@@ -70,8 +71,8 @@ def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
 
 
 def state_name(image: Path, program: Path | None, memory_mib: int) -> str:
-    """What tells the snapshot of such a board from all others."""
-    # A saved board knows where its files lie, and no two images have them in one place, whatever both were made from.
+    """The name of the snapshot of such a board; every other board has another."""
+    # A saved board knows the blocks of its files, which differ in every image, even in one made from the same files.
     digest = hashlib.sha256(f"{memory_mib} {(image / 'root.ext4').stat().st_mtime_ns}".encode())
     for path in sorted([*_sources(), *([program] if program else [])]):
         digest.update(path.name.encode() + path.read_bytes())
@@ -98,7 +99,7 @@ def _save(program: Path | None, memory_mib: int, state: Path) -> None:
 
 
 def _connect(emulator: Emulator, boot_seconds: float | None) -> Link:
-    """Waits for the booted board; one that was saved is ready as soon as its state is loaded."""
+    """Waits until the board has booted; a resumed board is ready as soon as its state is loaded."""
     link = Link(emulator.board_channel)
     try:
         if boot_seconds is not None and not link.ready.wait(boot_seconds):
@@ -115,7 +116,7 @@ def _connect(emulator: Emulator, boot_seconds: float | None) -> Link:
 
 
 def strip(program: Path, copy: Path) -> Path:
-    """Copies a program of the target without what a debugger needs, which would only fill the board's memory."""
+    """Copies a program of the target without its debug information, which would fill the board's memory."""
     subprocess.run(["arm-linux-gnueabihf-strip", "-o", copy, program], check=True)
     return copy
 
@@ -155,7 +156,7 @@ def hotplug_and_product_files() -> dict[str, dict]:
 
 
 def _sources() -> list[Path]:
-    """All files that a booted board's state depends on, but for the service's program."""
+    """All files that the state of a booted board depends on, except the service's program."""
     return [*(path for path in AGENT.iterdir() if path.is_file()), *(MACHINE / name for name in SHARED_WITH_VIRTUAL_BOARD),
             *(path for path in PLATFORM.iterdir() if path.is_file()), Path(__file__).parent / "emulator.py",
             *(MACHINE.parent / name for name in ("installation.py", "log_records.py", "names.py")), Path(__file__)]

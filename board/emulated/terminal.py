@@ -1,4 +1,4 @@
-"""This terminal as the terminal of a program that is reached through a socket."""
+"""Connects this terminal to a program behind a socket."""
 
 import os
 import select
@@ -11,7 +11,7 @@ READ_BYTES = 65536
 
 
 def relay_terminal(connection: socket.socket) -> None:
-    """Passes on what is typed and shows what comes back, until the other end closes the connection."""
+    """Passes on input and output until the other end closes the connection."""
     keyboard, screen = sys.stdin.fileno(), sys.stdout.fileno()
     settings = termios.tcgetattr(keyboard)
     tty.setraw(keyboard)

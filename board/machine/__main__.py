@@ -1,8 +1,8 @@
 """The first process of a virtual board's machine.
 
-Runs as process 1 of fresh mount and process namespaces, makes a device of them, and serves the
-requests of the test process on the socket whose number is its only argument. When the test
-process goes away, however it ends, that socket closes and the machine with it.
+Runs as process 1 of new mount and process namespaces, turns them into a device, and serves the requests of the
+test process on a socket; the socket's descriptor is the only argument. When the test process ends, the socket
+closes and the machine ends too.
 """
 
 import json
@@ -24,7 +24,7 @@ MAX_DESCRIPTORS = 8
 
 
 class Machine:
-    """Serves requests; each is a JSON object with "do" and its arguments, with descriptors beside it."""
+    """Serves requests. Each is a JSON object with "do" and its arguments, and may carry descriptors."""
 
     def __init__(self, control: socket.socket) -> None:
         self._control = control
@@ -68,10 +68,10 @@ class Machine:
         self._control.send(json.dumps(reply).encode())
         return True
 
-    def _do_build(self, _descriptors: list[int], service: str, program: str | None,
+    def _do_build(self, _descriptors: list[int], service: str, program: str | None, shared: str | None,
                   files: dict[str, dict]) -> dict:
         host_pid = int(os.readlink("/proc/self"))
-        build_root(service, program)
+        build_root(service, program, shared)
         self._slot.power_on()
         install_files(files)
         self._log.open()
@@ -93,7 +93,7 @@ class Machine:
 
 
 def main() -> None:
-    # The kernel keeps signals without a handler away from a namespace's first process.
+    # The kernel does not deliver signals without a handler to a namespace's first process.
     signal.signal(signal.SIGINT, signal.SIG_DFL)
     Machine(socket.socket(fileno=int(sys.argv[1]))).run()
 

@@ -10,7 +10,7 @@ START_SECONDS = 10
 
 
 def start_message_bus() -> None:
-    """Starts the daemon and returns when it can be reached; raises RuntimeError."""
+    """Starts the daemon and returns when it accepts connections. Raises RuntimeError."""
     with open(MESSAGES, "wb") as messages:
         daemon = subprocess.Popen(["dbus-daemon", "--system", "--nofork", "--nopidfile", "--nosyslog"],
                                   stdin=subprocess.DEVNULL, stderr=messages, start_new_session=True)
@@ -19,7 +19,7 @@ def start_message_bus() -> None:
         if daemon.poll() is not None or time.monotonic() > deadline:
             raise RuntimeError("the message bus daemon did not start")
         time.sleep(0.005)
-    # The machine collects the status of all its processes in one place.
+    # Programs.reap() collects its status.
     daemon.returncode = 0
 
 

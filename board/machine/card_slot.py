@@ -1,4 +1,4 @@
-"""The machine's card slot: a loop device that bears the names of an MMC host's card."""
+"""The machine's card slot: a loop device with the names of an MMC host's card."""
 
 import errno
 import fcntl
@@ -29,7 +29,7 @@ def _loop_info(flags: int, size_limit_bytes: int = 0) -> bytes:
 
 
 class CardSlot:
-    """Inserts card images and pulls them, and keeps /dev and sysfs in step as a device manager does."""
+    """Inserts card images and pulls them, and keeps /dev and sysfs up to date, as the kernel and udev do."""
 
     def __init__(self) -> None:
         self._loop_control = os.open("/dev/loop-control", os.O_RDWR | os.O_CLOEXEC)
@@ -38,13 +38,13 @@ class CardSlot:
         self._flags = 0
 
     def power_on(self) -> None:
-        """Makes the parts of sysfs that are the slot's own."""
+        """Creates the slot's own parts of sysfs."""
         mount("tmpfs", str(BLOCK_CLASS), "tmpfs", options="mode=0755")
         mount("tmpfs", "/sys/bus", "tmpfs", options="mode=0755")
         MMC_DEVICES.mkdir(parents=True)
 
     def insert(self, image: int, read_only: bool) -> int:
-        """Puts the card behind the descriptor @p image into the slot; the loop device's number."""
+        """Inserts the card with the descriptor @p image; returns the loop device's number."""
         if self._loop_number is not None:
             raise RuntimeError("there is a card in the slot already")
         self._flags = LO_FLAGS_AUTOCLEAR | LO_FLAGS_PARTSCAN | (LO_FLAGS_READ_ONLY if read_only else 0)
@@ -59,24 +59,24 @@ class CardSlot:
             except OSError as problem:
                 os.close(self._device)
                 os.unlink(f"/dev/{CARD}")
-                # Busy: another board was faster.
+                # Another board has taken this loop device meanwhile.
                 if problem.errno != errno.EBUSY:
                     raise
         self._add_to_sysfs(CARD, f"{LOOP_MAJOR}:{self._loop_number}")
         sysfs_device = BLOCK_CLASS / CARD / "device"
         sysfs_device.mkdir()
         (MMC_DEVICES / MMC_CARD).symlink_to(sysfs_device)
-        # A kernel without a reader for the table's format leaves this to user space.
+        # Some kernels do not read DOS partition tables themselves.
         subprocess.run(["partx", "--add", f"/dev/{CARD}"], capture_output=True, check=False)
         self.update_device_nodes()
         return self._loop_number
 
     def pull(self) -> None:
-        """Takes the card out: whoever still uses it gets I/O errors from now on."""
+        """Removes the card; whoever still uses it gets I/O errors from now on."""
         if self._loop_number is None:
             raise RuntimeError("there is no card in the slot")
         for partition in self._partitions():
-            # Partitions in use cannot be deleted; one of a single sector has nothing to read or write.
+            # A partition in use cannot be deleted, so it shrinks to one sector: every access fails.
             subprocess.run(["resizepart", f"/dev/{CARD}", str(partition), "1"], capture_output=True, check=False)
         fcntl.ioctl(self._device, LOOP_SET_STATUS64, _loop_info(self._flags, size_limit_bytes=1))
         self._loop_number = None
@@ -87,7 +87,7 @@ class CardSlot:
         os.close(self._device)
 
     def update_device_nodes(self) -> None:
-        """Makes and removes partition names until they are those that the kernel knows."""
+        """Creates and removes names until they match the partitions that the kernel knows."""
         wanted = {f"{CARD}p{number}": device for number, device in self._partitions().items()}
         for path in Path("/dev").glob(f"{CARD}p*"):
             device = path.stat().st_rdev

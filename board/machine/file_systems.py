@@ -1,4 +1,4 @@
-"""Builds the machine's own root file system out of the host's."""
+"""Builds the machine's root file system from the host's."""
 
 import ctypes
 import os
@@ -6,10 +6,10 @@ import shutil
 import subprocess
 from pathlib import Path
 
-MS_RDONLY, MS_NOSUID, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 1, 2, 8, 4096, 16384, 1 << 18
+MS_NOSUID, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 2, 8, 4096, 16384, 1 << 18
 MNT_DETACH = 2
 
-# What a service installed on the host would leave; the board brings its own or has none.
+# Files of a service that is installed on the host; the board has its own, or none.
 HIDDEN_FROM_HOST = (
     "/etc/tavo", "/etc/scw_interval", "/etc/default/tavo-sdcard", "/opt/tavo",
     "/etc/dbus-1/system.d/tavo.SDCard1.conf", "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
@@ -35,16 +35,17 @@ def detach(target: str) -> None:
         raise OSError(ctypes.get_errno(), f"umount {target}")
 
 
-def build_root(service: str, program: str | None) -> None:
+def build_root(service: str, program: str | None, shared: str | None) -> None:
     """Makes an overlay of the host's root the machine's root.
 
-    The host's file @p program appears as @p service. Every mount made here belongs to this mount
-    namespace and goes with it.
+    The host's file @p program appears as @p service, and the host's directory @p shared at its own path, where the
+    machine's programs can write to it. Every mount made here belongs to this mount namespace and ends with it.
     """
     mount("none", "/", flags=MS_REC | MS_PRIVATE)
-    # Opened by its name now, which may be hidden below.
+    # Opened now: the mounts below may hide their names.
     program_descriptor = os.open(program, os.O_PATH | os.O_CLOEXEC) if program else None
-    # Any directory would do: it serves as scratch space in this namespace only.
+    shared_descriptor = os.open(shared, os.O_PATH | os.O_CLOEXEC) if shared else None
+    # Scratch space, in this namespace only.
     scratch = "/tmp"
     mount("sdcardd-board", scratch, "tmpfs", options="mode=0755")
     upper, work, root = (f"{scratch}/{name}" for name in ("upper", "work", "root"))
@@ -61,6 +62,10 @@ def build_root(service: str, program: str | None) -> None:
     for directory in ("run", "tmp", "media"):
         mount("tmpfs", f"{root}/{directory}", "tmpfs",
               options="mode=1777" if directory == "tmp" else "mode=0755")
+    if shared_descriptor is not None:
+        os.makedirs(root + shared, exist_ok=True)
+        mount(f"/proc/self/fd/{shared_descriptor}", root + shared, flags=MS_BIND)
+        os.close(shared_descriptor)
     os.mkdir(root + "/run/oldroot")
     subprocess.run(["pivot_root", root, root + "/run/oldroot"], check=True)
     os.chdir("/")

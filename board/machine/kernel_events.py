@@ -1,4 +1,4 @@
-"""The kernel's announcements of devices that come and go."""
+"""The kernel's events for added and removed devices."""
 
 import re
 import socket
@@ -21,7 +21,7 @@ class KernelEvents:
         return self._socket.fileno()
 
     def drain(self) -> bool:
-        """Reads all events at hand; true when one of them is about a loop device's partition."""
+        """Reads all pending events; returns whether one concerns a loop device's partition."""
         found = False
         while True:
             try:
@@ -29,7 +29,7 @@ class KernelEvents:
             except BlockingIOError:
                 return found
             except OSError:
-                # Events were lost: anything may have happened.
+                # Events were lost: assume the worst.
                 found = True
                 continue
             if re.search(rb"/block/loop\d+/loop\d+p\d+\0", event):

@@ -1,4 +1,4 @@
-"""Starts the machine's programs and tells how they ended."""
+"""Starts the machine's programs and reports how they ended."""
 
 import os
 import pwd
@@ -7,7 +7,7 @@ import subprocess
 
 
 class Programs:
-    """The machine's processes, whose parent it is, as the first process of a system is."""
+    """The machine's processes. The machine is their parent, like the first process of any system."""
 
     def __init__(self) -> None:
         self._status_pipes: dict[int, int] = {}
@@ -34,7 +34,7 @@ class Programs:
         process = subprocess.Popen(arguments, env=environment, cwd="/", stdin=standard_input,
                                    stdout=standard_output, stderr=standard_error,
                                    start_new_session=True, **identity)
-        # reap() collects the status; Popen must not wait for it a second time.
+        # reap() collects the status, so Popen must not wait for it.
         process.returncode = 0
         self._status_pipes[process.pid] = os.dup(status_pipe)
         return process.pid

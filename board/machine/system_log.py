@@ -1,4 +1,4 @@
-"""The machine's system log: what programs send to /dev/log, one entry a line."""
+"""The machine's system log: all that programs send to /dev/log, one entry a line."""
 
 import os
 import socket
@@ -19,12 +19,12 @@ class SystemLog:
         return self._socket.fileno()
 
     def open(self) -> None:
-        """Starts to listen."""
+        """Opens /dev/log."""
         self._socket.bind("/dev/log")
         os.chmod("/dev/log", 0o666)
 
     def drain(self) -> None:
-        """Stores all entries at hand."""
+        """Stores all pending entries."""
         with open(SYSTEM_LOG, "ab") as log:
             while True:
                 try:

@@ -25,13 +25,13 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 def pytest_configure(config: pytest.Config) -> None:
     if os.geteuid() != 0:
-        pytest.exit("the system tests need root: sudo ./dev test", returncode=2)
+        pytest.exit("the system tests need root; as root: ./dev test", returncode=2)
     if _is_emulated(config) and not config.getoption("timeout", None):
         config.option.timeout = EMULATED_TIMEOUT_SECONDS
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Without the tests of another kind of board or of the package where there is none; in a quick order."""
+    """Deselects the tests of another kind of board, and those of the package without one; sorts the rest."""
     others = set(BOARDS) - {config.getoption("--board")}
     if config.getoption("--package") is None:
         others.add("package")
@@ -42,10 +42,10 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
 
 
 def in_quick_order(items: list[pytest.Item], spread: bool) -> list[pytest.Item]:
-    """The long ones first: side by side with all others these cost no time.
+    """The long ones first: beside all others they cost no time.
 
-    With @p spread they are spread over the first half: an emulator keeps a core busy, and most of the
-    long ones leave it to the others while they wait.
+    With @p spread they are spread over the first half. An emulator needs a core while its board works, and most of
+    the long ones wait most of the time.
     """
     def seconds(item: pytest.Item) -> int:
         marker = item.get_closest_marker("lasts")
@@ -75,14 +75,14 @@ def _is_emulated(config: pytest.Config) -> bool:
 
 @pytest.fixture(scope="session")
 def package(pytestconfig: pytest.Config) -> Path | None:
-    """The Debian package that is tested, if it is one."""
+    """The Debian package under test, or None."""
     chosen = pytestconfig.getoption("--package")
     return Path(chosen).resolve(strict=True) if chosen else None
 
 
 @pytest.fixture(scope="session")
 def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
-    """The service's executable; None where the package brings it."""
+    """The service's executable; None when a package is tested."""
     if package is not None:
         return None
     chosen = pytestconfig.getoption("--program")
@@ -94,13 +94,17 @@ def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
 
 @pytest.fixture
 def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator[Callable[..., Board]]:
-    """Makes boards, and checks each after the test: no crash, and nothing left behind unless by a service killed."""
+    """Makes boards and checks each after the test: no crash, and nothing left behind except by a killed service."""
     kind = BOARDS[request.config.getoption("--board")]
     boards: list[Board] = []
 
+    given: dict[str, object] = {} if package is None else {"package": package}
+    if request.config.getoption("--preset") == "coverage":
+        # Where the service on the board writes its counts.
+        given["shared"] = ROOT / "build" / "coverage"
+
     def make(**options: object) -> Board:
-        installed = {} if package is None else {"package": package}
-        boards.append(kind(**(installed | options)))
+        boards.append(kind(**(given | options)))
         return boards[-1]
 
     yield make
@@ -124,10 +128,10 @@ def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator
 
 
 def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
-    """Ends what still runs on a board; says what should not be there then.
+    """Ends what still runs on a board, and returns what was left behind.
 
-    A service that a signal has ended could not clean up, and one that did not start has not touched
-    the card. @p may_stay: the card may stay mounted.
+    A service that a signal has ended could not clean up, and one that did not start has not touched the card.
+    @p may_stay: the card may stay mounted.
     """
     if board.service is None:
         return []
@@ -141,7 +145,7 @@ def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
     problems = board.leftovers()
     card = board.card if status == 0 else None
     if not problems and card is not None and [partition.kind for partition in card.partitions()] == ["83"]:
-        check = board.fsck(card)
+        check = card.check()
         if not card.is_clean():
             problems.append(f"the card is not clean: {check.stdout}{check.stderr}")
     return problems

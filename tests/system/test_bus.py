@@ -1,14 +1,15 @@
 """The service on the system bus: its description, its properties, its methods and their error replies."""
 
 import math
-import re
 import xml.etree.ElementTree as ElementTree
 
 import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, BusError, Card, State, Transition
 from contents import Contents
-from steps import HELD_PROGRAM, eject, go_on, messages, signal_names, start_with_mounted_card
+from steps import eject, messages, signal_names, start_with_mounted_card
+
+pytestmark = pytest.mark.installed
 
 INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
 CARD_MEMBERS = [

@@ -9,6 +9,8 @@ from board import CARD_INTERFACE, CONTROLLER_INTERFACE, Board
 from board.names import OBJECT_PATH, SERVICE_NAME
 from conftest import ROOT
 
+pytestmark = pytest.mark.installed
+
 PROPERTIES = "org.freedesktop.DBus.Properties"
 INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
 PEER = "org.freedesktop.DBus.Peer"

@@ -1,14 +1,15 @@
 """The service keeps watched directories within their share of the card: limit, choice of files, times."""
 
 import os
-import time
 
 import pytest
 
-from board import CARD_INTERFACE, MOUNT_POINT, BusError, Card
+from board import MOUNT_POINT, BusError, Card
 from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
 from contents import Contents
 from steps import eject, expect_mounted, messages, take_out
+
+pytestmark = pytest.mark.installed
 
 INTERVAL_FILE = "/etc/scw_interval"
 MIB = 1024 * 1024

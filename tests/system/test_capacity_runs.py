@@ -9,6 +9,8 @@ from capacity import PAUSE, WATCHER, assert_well_chosen, enforce, limit_of, star
 from contents import Contents
 from steps import expect_mounted, expect_safe_to_take_out, messages, press_until_eject, take_out
 
+pytestmark = pytest.mark.installed
+
 PERCENT = 10
 FILES = 150
 FILE_SIZE = 60_000

@@ -1,15 +1,15 @@
 """Enforcement in directories with odd names, links, other file systems and entries that cannot be removed."""
 
 import os
-import random
-import stat
 
 import pytest
 
 from board import CARD_INTERFACE, Card
-from capacity import PAUSE, WATCHER, assert_well_chosen, card_path, enforce, limit_of, start_with_watched_card
+from capacity import PAUSE, WATCHER, card_path, enforce, start_with_watched_card
 from contents import Contents
 from steps import messages
+
+pytestmark = pytest.mark.installed
 
 MIB = 1024 * 1024
 CONFIGURATION = """

@@ -9,6 +9,8 @@ from board.names import CARD_DEVICE, E2FSCK, FORMAT_SCRIPT
 from steps import (HELD_PROGRAM, START_RECORDS, eject, expect_mounted, go_on, messages, press_until_eject,
                    seconds_since_format, signal_names, start_with_mounted_card, take_out)
 
+pytestmark = pytest.mark.installed
+
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 COARSE = 0.05  # of its time, by which a timer of the service may be early
 

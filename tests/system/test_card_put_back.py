@@ -1,8 +1,12 @@
 """A card that comes back while a check or a script still runs."""
 
+import pytest
+
 from board import Card, State
 from board.names import E2FSCK
 from steps import eject, expect_mounted
+
+pytestmark = pytest.mark.installed
 
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 

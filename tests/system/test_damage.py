@@ -9,6 +9,8 @@ from board.card import LINUX
 from board.names import CARD_INTERFACE, E2FSCK, FORMAT_SCRIPT
 from steps import eject, expect_mounted, messages, signal_names, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.installed
+
 CORRECTED = "Corrected some file system errors on SD Card!"
 DEEP_CHECK = "Run deeply file system check"
 CARD_OPTIONS = "noatime,data=journal,nodelalloc,journal_checksum"

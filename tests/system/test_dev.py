@@ -1,5 +1,7 @@
 """The front door and the summary of the tests."""
 
+import json
+import re
 import subprocess
 from pathlib import Path
 
@@ -33,7 +35,7 @@ def summarise(directory: Path, **suites: str) -> subprocess.CompletedProcess:
 
 
 @pytest.mark.parametrize("arguments", [["nonsense"], ["test", "--nonsense"], ["test", "-k"], ["emulate", "--nonsense"],
-                                       ["lint", "--nonsense"], ["test", "--unit", "--system"],
+                                       ["lint", "--nonsense"], ["coverage", "--nonsense"], ["test", "--unit", "--system"],
                                        ["test", "--unit", "-k", "life"], ["test", "--emulated", "--asan"]])
 def test_a_wrong_command_line_is_reported_in_one_line_with_status_2(arguments):
     result = dev(*arguments)
@@ -41,13 +43,13 @@ def test_a_wrong_command_line_is_reported_in_one_line_with_status_2(arguments):
     assert len(result.stderr.splitlines()) == 1
 
 
-@pytest.mark.parametrize("command", ["run", "board", "test", "emulate", "shell"])
+@pytest.mark.parametrize("command", ["run", "board", "test", "coverage", "emulate", "shell"])
 def test_missing_root_rights_are_reported_in_one_line(command):
     # The script is passed as text, since other users may not be able to read the tree.
     script = (ROOT / "dev").read_text()
     result = subprocess.run(["bash", "-c", script, "dev", command], capture_output=True, text=True, user=65534, cwd="/")
     assert result.returncode == 1
-    assert result.stderr == f"dev: '{command}' needs root, for namespaces and loop devices: sudo ./dev {command}\n"
+    assert result.stderr == f"dev: '{command}' needs namespaces and loop devices; as root: ./dev {command}\n"
 
 
 @pytest.fixture
@@ -146,3 +148,33 @@ def test_a_failure_or_a_missing_result_makes_the_summary_fail(tmp_path, unit, li
     result = summarise(tmp_path, unit=unit)
     assert result.returncode == 1
     assert result.stdout.splitlines()[-1] == line
+
+
+def coverage_of(directory: Path, counts: list[int]) -> subprocess.CompletedProcess:
+    """The report of a source file whose lines have these counts, and of a covered one of another folder."""
+    def file(name: str, counts: list[int]) -> dict:
+        return {"file": name, "functions": [{"lineno": 1, "name": "(anonymous namespace)::first(int)"}],
+                "lines": [{"line_number": number, "count": count, "branches": [{"count": count}]}
+                          for number, count in enumerate(counts, 1)]}
+    report = directory / "report"
+    report.write_text(json.dumps({"files": [file("source/main.cpp", counts),
+                                            file("libtavoutil/src/TrackLog.cpp", [1])]}))
+    (directory / "gcovr").write_text(f"#!/bin/sh\nexec cat '{report}'\n")
+    (directory / "gcovr").chmod(0o755)
+    return subprocess.run(["/usr/bin/python3", str(ROOT / "tests" / "coverage.py"), "build/none"],
+                          capture_output=True, text=True, env={"PATH": f"{directory}:/usr/bin:/bin"})
+
+
+def test_coverage_above_the_targets_passes_and_names_each_folder(tmp_path):
+    result = coverage_of(tmp_path, 50 * [1])
+    assert result.returncode == 0, result.stderr
+    assert re.search(r"^libtavoutil +1 of 1 +100.0 % +1 of 1 +100.0 %$", result.stdout, re.M)
+    assert re.search(r"^all of source +50 of 50 +100.0 %", result.stdout, re.M)
+
+
+def test_coverage_below_a_target_fails_and_lists_the_uncovered_lines(tmp_path):
+    result = coverage_of(tmp_path, [1, 0] + 40 * [1])
+    assert result.returncode == 1
+    text = (ROOT / "source/main.cpp").read_text().splitlines()[1].strip()
+    assert f"  source/main.cpp:2  first: {text}\n      no reason is given\n" in result.stdout
+    assert "missed" in result.stdout.splitlines()[-1]

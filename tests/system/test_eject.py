@@ -4,10 +4,11 @@ import time
 
 import pytest
 
-from board import MOUNT_POINT, Card, LedPattern, State, Transition
-from board.names import CARD_INTERFACE
+from board import MOUNT_POINT, LedPattern, State, Transition
 from steps import (eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, signal_names,
                    start_with_mounted_card, steady_leds, take_out)
+
+pytestmark = pytest.mark.installed
 
 LSOF = "/usr/sbin/lsof"
 

@@ -21,7 +21,7 @@ def open_terminal(tmp_path: Path, program: Path) -> Iterator[Callable[[str], Ter
     terminals: list[Terminal] = []
 
     def open_with(shown: str) -> Terminal:
-        command = ["/usr/bin/python3", "-B", "-m", f"board.{shown}", "--emulated", str(program)]
+        command = ["/usr/bin/python3", "-B", "-m", shown, "--emulated", str(program)]
         terminals.append(Terminal(tmp_path, command, ENVIRONMENT))
         return terminals[-1]
     yield open_with
@@ -43,7 +43,7 @@ def test_the_panel_shows_a_cards_life_and_the_light_at_the_pins(open_terminal):
 
 
 def test_the_shell_has_a_mounted_card_and_the_client(open_terminal):
-    shell = open_terminal("shell")
+    shell = open_terminal("board.shell")
     shell.expect("A shell on the emulated board", "board:/#", within=START_SECONDS)
     shell.press("sdcardctl status", "Enter")
     shell.expect_match(r"(?m)^State +mounted")

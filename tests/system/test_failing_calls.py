@@ -5,6 +5,8 @@ import subprocess
 
 import pytest
 
+pytestmark = pytest.mark.installed
+
 COMPILERS = {"virtual": "g++", "emulated": "arm-linux-gnueabihf-g++"}
 LIBRARY = "/run/failing-calls.so"
 NO_SOCKET = """

@@ -10,6 +10,8 @@ from board.card import LINUX
 from board.names import FORMAT_SCRIPT
 from steps import HOLD, go_on
 
+pytestmark = pytest.mark.installed
+
 NOTHING_TO_DO, MADE_FILE_SYSTEM, FAILED = 0, 99, 1
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 

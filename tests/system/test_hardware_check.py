@@ -6,6 +6,8 @@ from board import CARD_DEVICE, PARTITION_DEVICE, Card, State, Transition
 from board.names import FORMAT_SCRIPT
 from steps import expect_mounted, messages, seconds_since_format, signal_names
 
+pytestmark = pytest.mark.installed
+
 # A place for device nodes: one can be missing here that udev makes in /dev.
 NODES = "/run/nodes"
 CONFIGURATION = f'<sdcard devicepath="{NODES}/mmcblk0p1"/>'

@@ -9,6 +9,8 @@ from board.process import Process
 from conftest import ROOT
 from steps import HELD_PROGRAM, HOLD, go_on
 
+pytestmark = pytest.mark.installed
+
 PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 SETTINGS = "/etc/default/tavo-sdcard"

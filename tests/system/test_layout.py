@@ -8,6 +8,8 @@ from board import MOUNT_POINT, Card
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.installed
+
 WARNING = "Cannot apply sdcard layout"
 CONFIGURATION = """
 <sdcard>

@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from board.emulated.light_watch import Light, LightWatch
+from board.emulated.light_watch import LightWatch, ObservedLed
 
 pytestmark = pytest.mark.virtual  # no board is needed
 
@@ -13,7 +13,7 @@ LOOK_SECONDS = 0.02
 
 def words_of(lit_at, seconds: float = 3.0) -> list[str]:
     """The words for an LED that is lit at the moments for which @p lit_at is true; each once in a row."""
-    light = Light()
+    light = ObservedLed()
     words: list[str] = []
     for step in range(int(seconds / LOOK_SECONDS)):
         now = step * LOOK_SECONDS

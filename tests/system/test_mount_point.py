@@ -7,6 +7,8 @@ import pytest
 from board import MOUNT_POINT, State
 from steps import eject, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.installed
+
 
 @pytest.mark.parametrize("spelling", ["/media/sdcard/", "//media//sdcard", "/media/./other/../sdcard"])
 def test_a_card_is_unmounted_however_the_path_is_spelled(make_board, program, spelling):

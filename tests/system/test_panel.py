@@ -18,7 +18,7 @@ from terminal import Terminal
 
 pytestmark = pytest.mark.virtual  # the keys and the screen are the same with any board
 
-PANEL = ["/usr/bin/python3", "-B", "-m", "board.panel"]
+PANEL = ["/usr/bin/python3", "-B", "-m", "panel"]
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/", "LC_ALL": "C.UTF-8", "PYTHONPATH": str(ROOT)}
 EMPTY_SLOT = "▸ The slot is empty: put a card in (i)."
 IN_USE = "▸ In use."

@@ -5,20 +5,15 @@ from xml.etree import ElementTree
 
 import pytest
 
-from board import Board, State, VirtualBoard
-from board.emulated import EmulatedBoard
-from board.leds import LED_NAMES, Led
+from board import State, VirtualBoard
+from board.leds import Led
 from board.names import MemState, Transition
-from board.panel import drawing
-from board.panel.hands import BLANK_CARD, DAMAGED_CARD, OWN_CARD, TWO_PARTITIONS_CARD
-from board.panel.keys import KEYS
-from board.panel.lights import Lamp
-from board.panel.model import (BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Changes, Model, Properties,
-                               watched_directories)
-from board.panel.observer import plain
-from board.panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
-from board.panel.view import MIN_COLUMNS, PALETTE
-from conftest import ROOT
+from panel import drawing
+from panel.lights import Lamp
+from panel.model import BUTTON_PATIENCE_SECONDS, EVENTS_KEPT, HINTS, Changes, Model, Properties
+from panel.observer import plain
+from panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
+from panel.view import MIN_COLUMNS
 
 pytestmark = pytest.mark.virtual  # about what is drawn; no board is needed
 
@@ -109,14 +104,14 @@ def test_the_button_is_released_when_the_service_has_seen_it_or_after_a_while(mo
 
 def test_the_oldest_events_are_dropped_when_there_are_too_many(model):
     for number in range(EVENTS_KEPT + 3):
-        model.tell("board", str(number))
+        model.add_event("board", str(number))
     assert (len(model.events), model.events_dropped, model.events[0].text) == (EVENTS_KEPT, 3, "3")
 
 
 def test_changes_are_applied_in_their_order_and_a_failure_is_raised(model):
     changes = Changes()
-    changes.tell("board", "first")
-    changes.tell("board", "second")
+    changes.add_event("board", "first")
+    changes.add_event("board", "second")
     changes.fail(ValueError("broken"))
     with pytest.raises(ValueError, match="broken"):
         changes.apply(model)

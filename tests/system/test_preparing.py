@@ -6,6 +6,8 @@ from board import MOUNT_POINT, Card, LedPattern, State
 from contents import Contents
 from steps import HOLD, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
 
+pytestmark = pytest.mark.installed
+
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 CALLS = "/run/board/calls"
 DOUBLED = f"csv{MOUNT_POINT}/csv"

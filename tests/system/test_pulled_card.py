@@ -7,7 +7,9 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
 from board.names import E2FSCK, FORMAT_SCRIPT
-from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, start_with_mounted_card
+from steps import HOLD, eject, expect_mounted, go_on, start_with_mounted_card
+
+pytestmark = pytest.mark.installed
 
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 

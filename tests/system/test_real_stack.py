@@ -24,7 +24,7 @@ def watch_lights(board, seconds):
     seen = []
     end = time.monotonic() + seconds
     while time.monotonic() < end:
-        lights = board.lights()
+        lights = board.led_pins()
         seen.append((time.monotonic(), lights["mmc-red"], lights["mmc-green"]))
         time.sleep(0.005)
     return seen
@@ -55,11 +55,11 @@ def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in board.mounts()[0]
     eject(board)
-    assert board.lights() == {"mmc-red": False, "mmc-green": True}
+    assert board.led_pins() == {"mmc-red": False, "mmc-green": True}
     take_out(board)
     assert announcements(board)[-1] == "CardRemoved"
     assert announcements(board).count("CardRemoved") == 1
-    assert board.lights() == {"mmc-red": False, "mmc-green": False}
+    assert board.led_pins() == {"mmc-red": False, "mmc-green": False}
 
 
 def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):

@@ -14,6 +14,8 @@ from board import MOUNT_POINT, Board, Card, Process, State
 from board.client import CLIENT, COMPLETION, install_client
 from steps import HELD_PROGRAM, eject, expect_mounted, go_on, press_until_eject, start_with_mounted_card
 
+pytestmark = pytest.mark.installed
+
 NOT_PERMITTED, TIMED_OUT = 4, 6
 EXPECT_SECONDS = 30
 MIB = 1024 * 1024

@@ -7,8 +7,8 @@ import pytest
 from board import State
 from board.log_records import TRACKING_CONFIGURATION_TEXT, parse_records
 from board.names import BUS_POLICY, LOG_FILE, MEDIA_CONFIGURATION, TRACKING_CONFIGURATION
-from conftest import ROOT
-from steps import messages
+
+pytestmark = pytest.mark.installed
 
 TRACKING_NAME = "tavo-sdcard.trackconfig.xml"
 NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"}

@@ -11,6 +11,8 @@ from conftest import ROOT
 from contents import Contents
 from steps import eject, expect_mounted, expect_safe_to_take_out, messages, press_until_eject, start_with_mounted_card
 
+pytestmark = pytest.mark.installed
+
 PLATFORM = ROOT / "platform"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SHIPPED_CONFIGURATION = (PLATFORM / "tavo-sdcard.config.xml").read_text()

@@ -1,8 +1,7 @@
-"""The first process of an emulated board: does on it what the test process asks for.
+"""The first process of an emulated board: carries out the requests of the test process.
 
-The two talk through a serial port, in frames (see frames.py). Every request has a number; its answer
-bears the same one, and so does everything that the request brings about later: a program's output and
-end, the bytes of a connection.
+Both exchange frames over a serial port (see frames.py). Every request has a number. The answer has the same number,
+and so have all later frames of the request: a program's output and wait status, the bytes of a connection.
 """
 
 import base64
@@ -32,7 +31,6 @@ class Agent:
         self._selector = selectors.DefaultSelector()
         self._programs = Programs()
         self._log = SystemLog()
-        self._lights = Lights()
         self._connections: dict[int, socket.socket] = {}
 
     def run(self) -> None:
@@ -40,12 +38,11 @@ class Agent:
         self._log.open()
         self._watch(self._port, self._serve_port)
         self._watch(self._log, self._log.drain)
-        self._watch(self._lights, self._report_lights)
         self._watch(self._programs.child_signal_descriptor(), self._programs.reap)
         self._send(frames.READY, 0, b"")
         while True:
             for key, _ in self._selector.select():
-                # An earlier one of this round may have ended it.
+                # An earlier action of this round may have closed it.
                 if key.fd in self._selector.get_map():
                     key.data()
 
@@ -60,7 +57,7 @@ class Agent:
     def _serve_port(self) -> None:
         data = os.read(self._port, READ_BYTES)
         if not data:
-            # Nobody is connected at the moment; the port stays readable meanwhile.
+            # The port stays readable while nobody is connected.
             time.sleep(0.05)
         for kind, number, payload in self._reader.feed(data):
             if kind == frames.REQUEST:
@@ -114,7 +111,7 @@ class Agent:
         return False
 
     def _report_end(self, number: int, status: int, output: int, errors: int) -> None:
-        # What it has written before its end comes first; a descendant may hold the pipes longer.
+        # The program's last output comes first. The pipes may stay open, as a descendant may have them.
         for reader, kind in ((output, frames.OUTPUT), (errors, frames.ERRORS)):
             while reader in self._selector.get_map() and self._forward_output(number, reader, kind):
                 pass
@@ -152,7 +149,7 @@ class Agent:
             connection.close()
 
     def _do_read(self, number: int, path: str, offset: int) -> dict:
-        """A file's size, and what stands in it from an offset on (as a DATA frame)."""
+        """A file's size; its content from an offset on follows as a DATA frame."""
         with open(path, "rb") as file:
             file.seek(offset)
             data = file.read()
@@ -166,11 +163,13 @@ class Agent:
     def _do_set_clock(self, _number: int, seconds: float) -> None:
         time.clock_settime(time.CLOCK_REALTIME, seconds)
 
-    def _do_watch_lights(self, _number: int) -> None:
-        self._report_lights()
+    def _do_watch_lights(self, _number: int, names: list[str]) -> None:
+        lights = Lights(names)
+        self._watch(lights, lambda: self._report_lights(lights))
+        self._report_lights(lights)
 
-    def _report_lights(self) -> None:
-        self._send(frames.LIGHTS, 0, json.dumps(self._lights.read()).encode())
+    def _report_lights(self, lights: Lights) -> None:
+        self._send(frames.LIGHTS, 0, json.dumps(lights.read()).encode())
 
 
 Agent().run()

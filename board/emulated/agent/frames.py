@@ -1,4 +1,4 @@
-"""The frames in which the test process and an emulated board talk. Both ends use this file."""
+"""The frames between the test process and an emulated board. Both ends use this file."""
 
 import struct
 from collections.abc import Iterator
@@ -21,7 +21,7 @@ class Reader:
         self._data = bytearray()
 
     def feed(self, data: bytes) -> Iterator[tuple[int, int, bytes]]:
-        """Takes more bytes and gives each frame that is complete now: kind, number, payload."""
+        """Takes more bytes and yields each complete frame: kind, number, payload."""
         self._data += data
         while len(self._data) >= HEADER.size:
             kind, number, size = HEADER.unpack_from(self._data)

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Finishes the emulated board's root file system: what the packages' own scripts would have done,
-# as far as it is needed, and nothing that the board does not use.
+# Finishes the emulated board's root file system: does what the packages' scripts would have done, as far as
+# needed, and removes what the board does not use.
 set -eu
 root=$1
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
@@ -9,18 +9,18 @@ rm -rf "$root"/usr/share/doc "$root"/usr/share/man "$root"/usr/share/locale "$ro
     "$root"/usr/share/mime "$root"/usr/lib/linux-image-* "$root"/usr/lib/udev/hwdb.d \
     "$root"/var/lib/dpkg "$root"/var/cache/apt "$root"/var/lib/apt
 
-# A package can be installed, as if it were the first.
+# An empty database, so that a package can be installed.
 mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/triggers"
 : >"$root/var/lib/dpkg/status"
 
-# The kernel's modules that the board has a use for, with all that these need.
+# Keeps only the kernel modules that the board uses, with their dependencies.
 version=$(ls "$root/usr/lib/modules")
 modules=$root/usr/lib/modules/$version
 depmod --basedir "$root/usr" "$version"
 needed=
 for module in virtio_pci virtio_blk virtio_console sdhci-pci mmc_block ext4 crc32c_generic overlay \
     leds-gpio ledtrig-timer ledtrig-default-on vfat nls_cp437 nls_ascii nls_iso8859-1 loop; do
-    # Not at the head of a pipeline, where nobody would see that there is no such module.
+    # Not in a pipeline, which would hide that a module is missing.
     needed="$needed
 $(modprobe --dirname "$root/usr" --set-version "$version" --show-depends "$module")"
 done

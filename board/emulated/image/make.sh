@@ -1,6 +1,6 @@
 #!/bin/sh
 # Makes what the emulated board boots: kernel, initial RAM disk, device tree and root file system.
-# Prints the directory. Nothing is made that is there already; SDCARDD_ARMHF_DIR overrides the place.
+# Prints the directory. Keeps what is up to date; SDCARDD_ARMHF_DIR overrides the place.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 cache=${SDCARDD_ARMHF_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/sdcardd}
@@ -8,8 +8,8 @@ root=$cache/image-root
 image=$cache/image
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
 
-# The kernel for long addresses: the other one guards the programs' memory with a register at each system
-# call, and each time the emulator forgets all its translations of addresses.
+# The LPAE kernel: the other one changes a register at each system call to protect the programs' memory, and the
+# emulator then discards all its address translations.
 "$here/../../../cmake/armhf-root.sh" "$root" --hook "$here/finish-root.sh" \
     base-files base-passwd libc-bin dash coreutils sed grep findutils mawk debianutils procps psmisc \
     mount util-linux bsdutils fdisk e2fsprogs dosfstools lsof sysvinit-core kmod udev \
@@ -30,7 +30,7 @@ trap 'exit 1' HUP INT TERM
 version=$(ls "$root/usr/lib/modules")
 cp "$root/boot/vmlinuz-$version" "$new/kernel"
 
-# The initial RAM disk: just enough to find the root file system.
+# The initial RAM disk: only what mounts the root file system.
 disk=$new/disk
 mkdir -p "$disk/bin" "$disk/proc" "$disk/sys" "$disk/dev" "$disk/lower" "$disk/upper" "$disk/root"
 cp "$root/usr/bin/busybox" "$disk/bin/busybox"
@@ -59,7 +59,7 @@ for led in red:0 green:1; do
     fdtput -t x "$new/board.dtb" "/leds/mmc-${led%:*}" gpios "$gpio" "${led#*:}" 0
 done
 
-# The board never writes to it: what is free in it is for packages to come.
+# Read-only on the board, so no journal.
 mke2fs -q -t ext4 -O ^has_journal -d "$root" "$new/root.ext4" 200m >/dev/null
 printf '%s\n' "$made_from" >"$new/made-from"
 rm -rf "$image"

@@ -54,6 +54,12 @@ QString TestDevice::enter()
             return failed("bind");
         }
     }
+#ifdef COVERAGE_DIRECTORY
+    const QByteArray counts = QByteArray("root") + COVERAGE_DIRECTORY;
+    if (::mount(COVERAGE_DIRECTORY, counts.constData(), nullptr, MS_BIND, nullptr) != 0) {
+        return failed("bind the directory of the coverage counts");
+    }
+#endif
     if (::chdir("root") != 0 || ::syscall(SYS_pivot_root, ".", ".") != 0 ||
         ::umount2(".", MNT_DETACH) != 0 || ::chdir("/") != 0) {
         return failed("pivot_root");

@@ -1,20 +1,20 @@
-"""Threads of the panel: whatever may take time happens in one of these, never where the screen is drawn."""
+"""Threads of the panel. All that may take time runs in one of these, never in the thread that draws."""
 
 import subprocess
 import threading
 from collections.abc import Callable
 from queue import SimpleQueue
 
-from ..bus import BusError
-from ..virtual_machine import MachineError
+from board.bus import BusError
+from board.virtual_machine import MachineError
 from .model import Changes
 
-# What a board refuses or fails to do; anything else is a defect of the panel.
+# The ways in which a board can fail; anything else is a defect of the panel.
 BOARD_PROBLEMS = (BusError, MachineError, OSError, AssertionError, subprocess.CalledProcessError)
 
 
 class Lane:
-    """Does jobs one after the other; problems of the board are told, others end the panel."""
+    """Does jobs one after the other. A failure of the board becomes an event; any other ends the panel."""
 
     def __init__(self, name: str, changes: Changes) -> None:
         self._changes = changes
@@ -22,7 +22,7 @@ class Lane:
         threading.Thread(target=self._work, name=name, daemon=True).start()
 
     def do(self, job: Callable[[], None]) -> None:
-        """Has a job done after those before it."""
+        """Queues a job."""
         self._jobs.put(job)
 
     def _work(self) -> None:
@@ -31,13 +31,13 @@ class Lane:
             try:
                 job()
             except BOARD_PROBLEMS as problem:
-                self._changes.tell("ERROR", " ".join(str(problem).split()))
+                self._changes.add_event("ERROR", " ".join(str(problem).split()))
             except Exception as problem:  # pylint: disable=broad-except
                 self._changes.fail(problem)
 
 
 class Repeater:
-    """Does something again and again until it is stopped."""
+    """Calls a function at intervals until it is stopped."""
 
     def __init__(self, name: str, changes: Changes, what: Callable[[], None], every_seconds: float) -> None:
         self._changes = changes
@@ -47,7 +47,7 @@ class Repeater:
         threading.Thread(target=self._work, name=name, daemon=True).start()
 
     def stop(self) -> None:
-        """Lets it end after what it does now."""
+        """Ends it after the current call."""
         self._stopped.set()
 
     def _work(self) -> None:

@@ -1,4 +1,4 @@
-"""A board in a terminal: python3 -m board.panel [--emulated] PROGRAM
+"""A board in a terminal: python3 -m panel [--emulated] PROGRAM
 
 Ends with status 0 when the user quits and nothing is left behind.
 """
@@ -13,13 +13,13 @@ from pathlib import Path
 
 import urwid
 
-from ..board import Board
-from ..client import install_client
-from ..emulated import EmulatedBoard, EmulatorError
-from ..names import MEDIA_CONFIGURATION
-from ..shell import open_shell
-from ..virtual_board import VirtualBoard
-from ..virtual_machine import MachineError
+from board.board import Board
+from board.client import install_client
+from board.emulated import EmulatedBoard, EmulatorError
+from board.names import MEDIA_CONFIGURATION
+from board.shell import open_shell
+from board.virtual_board import VirtualBoard
+from board.virtual_machine import MachineError
 from . import keys
 from .hands import Hands
 from .lights import CardActivity
@@ -34,7 +34,7 @@ ENDING_SIGNALS = (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
 
 
 class Panel:
-    """The screen, the keys and the threads behind them, for one board."""
+    """The screen, the keys and the threads for one board."""
 
     def __init__(self, board: Board) -> None:
         """Starts to watch the board."""
@@ -51,7 +51,7 @@ class Panel:
         self._loop = urwid.MainLoop(self._view.widget, PALETTE, screen, handle_mouse=False, unhandled_input=self._press)
 
     def run(self) -> None:
-        """Shows the panel until the user quits. The terminal is as before however this ends."""
+        """Shows the panel until the user quits. Restores the terminal however this ends."""
         self.hands.start_service()
         self._loop.set_alarm_in(0, self._tick)
         try:
@@ -82,8 +82,8 @@ class Panel:
         now = time.monotonic()
         for name, lamp in self.model.lamps.items():
             lamp.follow(self._board.led_panel.leds[name], now)
-        self.model.lights = self._board.lights()
-        if self.model.lights is None:
+        self.model.pins = self._board.led_pins()
+        if self.model.pins is None:
             self.model.card_active = self._activity.seen()
         self._changes.apply(self.model)
         if self.model.button.wants_release(now):
@@ -93,22 +93,22 @@ class Panel:
 
 @contextmanager
 def kept_terminal() -> Iterator[None]:
-    """Gives the terminal its settings back at the end, and keeps Ctrl-Z from stopping this program."""
+    """Restores the terminal's settings at the end, and keeps Ctrl-Z from stopping this program."""
     descriptor = sys.stdin.fileno()
     settings = termios.tcgetattr(descriptor)
-    # Stopped, the panel would leave its screen behind. Not ignored, which the board's programs would inherit.
+    # A stopped panel would leave its screen behind. Not ignored: the board's programs would inherit that.
     signal.signal(signal.SIGTSTP, lambda number, frame: None)
     try:
         yield
     finally:
-        # A shell that was killed may have left the terminal to other processes; the terminal may be gone.
+        # A killed shell may have left the terminal to other processes, and the terminal may be closed.
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTTOU})
         with suppress(termios.error):
             termios.tcsetattr(descriptor, termios.TCSANOW, settings)
 
 
 def end_by_signal(number: int, _frame: object) -> None:
-    """Ends the program in order, with the status that a shell gives for the signal."""
+    """Ends the program normally, with the exit status that a shell reports for the signal."""
     raise SystemExit(SIGNALLED + number)
 
 

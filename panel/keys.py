@@ -1,4 +1,4 @@
-"""Which key does what, and when."""
+"""The keys: what each does, and when."""
 
 import signal
 from collections.abc import Callable
@@ -10,13 +10,13 @@ from .model import NORMAL_RUN_LEVEL, REBOOT_RUN_LEVEL, Model
 
 
 class Panel(Protocol):
-    """What a key can reach."""
+    """The part of the panel that a key acts on."""
 
     model: Model
     hands: Hands
 
     def open_shell(self) -> None:
-        """Leaves the screen to a shell on the board and comes back."""
+        """Shows a shell on the board until it ends."""
 
     def quit(self) -> None:
         """Ends the panel."""
@@ -24,7 +24,7 @@ class Panel(Protocol):
 
 @dataclass(frozen=True)
 class Key:
-    """A key: its label, its action, and in words why it does nothing now (empty when it does)."""
+    """A key: its label, its action, and the reason why it has no effect now (empty when it has one)."""
 
     key: str
     label: Callable[[Model], str]
@@ -34,7 +34,7 @@ class Key:
 
     @property
     def shown(self) -> str:
-        """The key as it is called on a keyboard."""
+        """The key's name on a keyboard."""
         return self.name or self.key
 
 
@@ -104,7 +104,7 @@ def _run_level_label(model: Model) -> str:
     return "run level: normal" if model.run_level == REBOOT_RUN_LEVEL else "run level: reboot"
 
 
-# As they are shown: a title and its keys, one line each.
+# In the order of the screen, one line each: a title and its keys.
 KEYS: list[tuple[str, list[Key]]] = [
     ("Put in", [
         Key("i", _always("your card"), _insertion(OWN_CARD), _slot_is_taken),
@@ -129,7 +129,7 @@ KEYS: list[tuple[str, list[Key]]] = [
         Key("t", _end_or_start_label, _end_or_start),
         Key("r", _run_level_label, _set_other_run_level),
         Key("s", _always("shell"), lambda panel: panel.open_shell()),
-        # The list of events takes these itself; they come here when it is at its end.
+        # The list of events handles these; they arrive here when it is at its end.
         Key("up", _always("log"), lambda panel: None, name="↑↓"),
         Key("q", _always("quit"), lambda panel: panel.quit()),
     ]),
@@ -137,13 +137,13 @@ KEYS: list[tuple[str, list[Key]]] = [
 
 
 def press(key: str, panel: Panel) -> bool:
-    """Does what a key is for, or tells why not now; false when it is for nothing."""
+    """Runs a key's action, or reports why it has no effect now; returns false for an unknown key."""
     for _, row in KEYS:
         for entry in row:
             if entry.key == key:
                 refusal = entry.refusal(panel.model)
                 if refusal:
-                    panel.model.tell("panel", refusal)
+                    panel.model.add_event("panel", refusal)
                 else:
                     entry.act(panel)
                 return True

@@ -12,7 +12,7 @@ SLOT_BOX_COLUMNS = drawing.SLOT_WIDTH + 4
 BOX_EDGES = 2
 MANY_COLOURS, FEW_COLOURS, NO_COLOURS = 256, 16, 1
 
-# Name, colours of 16, background, without colours, colours of 256. Dark grey is no colour of every terminal.
+# Name, colour of 16, background, without colours, colour of 256, background. Some terminals lack dark grey.
 PALETTE = [
     ("header", "white", "dark blue", "standout", "#fff", "#008"),
     ("title", "default,bold", "default", "bold", "bold", ""),
@@ -41,7 +41,7 @@ PALETTE = [
 
 
 class _Events(urwid.ListBox):
-    """The lines of what happened; stays at the newest unless the user has gone back."""
+    """The list of events; shows the newest unless the user has scrolled back."""
 
     def __init__(self) -> None:
         super().__init__(urwid.SimpleFocusListWalker([]))
@@ -53,7 +53,7 @@ class _Events(urwid.ListBox):
         return super().render(size, focus)
 
     def add(self, events: list[Event], keep: int) -> None:
-        """Appends lines, and removes the oldest until so many are left."""
+        """Appends lines, and removes the oldest until @p keep are left."""
         at_end = self._size is None or not self.body or "bottom" in self.ends_visible(self._size)
         self.body.extend([urwid.Text(drawing.event(event), wrap="ellipsis") for event in events])
         del self.body[:-keep]
@@ -63,7 +63,7 @@ class _Events(urwid.ListBox):
 
 
 class _Text(urwid.Text):
-    """A text that is drawn again only when it has changed."""
+    """A text that is only redrawn when it has changed."""
 
     _markup: object = None
 
@@ -86,7 +86,7 @@ class View:
         box_rows = BOX_EDGES + max(drawing.SLOT_ROWS, drawing.CARD_ROWS + directories)
         boxes = urwid.Columns([
             (SLOT_BOX_COLUMNS, urwid.LineBox(urwid.Filler(self._slot, "top"), "Slot", title_align="left")),
-            urwid.LineBox(urwid.Filler(self._card, "top"), "Card, as the service tells it on the bus",
+            urwid.LineBox(urwid.Filler(self._card, "top"), "Card, as the service shows it on the bus",
                           title_align="left"),
         ])
         top = urwid.Pile([("pack", urwid.AttrMap(self._header, "header")), (box_rows, boxes)])
@@ -117,7 +117,7 @@ class View:
 
 
 def colours_of_terminal() -> int:
-    """How many colours to use: as many as the terminal says it has, none where NO_COLOR is set."""
+    """How many colours to use: as TERM says, and none when NO_COLOR is set."""
     if os.environ.get("NO_COLOR"):
         return NO_COLOURS
     return MANY_COLOURS if "256color" in os.environ.get("TERM", "") else FEW_COLOURS

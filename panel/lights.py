@@ -2,25 +2,25 @@
 
 from dataclasses import replace
 
-from ..board import Board
-from ..leds import CARD_ACTIVITY_TRIGGER, Led
+from board.board import Board
+from board.leds import CARD_ACTIVITY_TRIGGER, Led
 
 
 class Lamp:
-    """One LED over time: blinks in the intervals that its files were given."""
+    """One LED over time: blinks in the intervals of its files."""
 
     def __init__(self) -> None:
         self._led = Led()
         self._since = 0.0
 
     def follow(self, led: Led, now: float) -> None:
-        """Takes over what the LED's files say at @p now (seconds of any clock that runs evenly)."""
+        """Takes the values of the LED's files at @p now (seconds of any steady clock)."""
         if led != self._led:
             self._led = replace(led)
             self._since = now
 
     def lit(self, now: float, card_active: bool) -> bool:
-        """Whether it gives light at @p now; @p card_active says whether the card is being read or written."""
+        """Whether it is lit at @p now; @p card_active: the card is being read or written."""
         led = self._led
         if led.trigger == "timer":
             if led.delay_on == 0 or led.delay_off == 0:
@@ -32,18 +32,18 @@ class Lamp:
 
     @property
     def words(self) -> str:
-        """What its files say, in words."""
+        """The values of its files, in words."""
         return "card activity" if self._led.trigger == CARD_ACTIVITY_TRIGGER else self._led.shows
 
 
 class CardActivity:
-    """Sees whether the card in a board's slot was read or written."""
+    """Detects reads and writes of the card in a board's slot."""
 
     def __init__(self, board: Board) -> None:
         self._board = board
         self._counters = ""
 
     def seen(self) -> bool:
-        """Whether there was any since the last call; never while the slot is empty."""
+        """Whether there were any since the last call; false while the slot is empty."""
         before, self._counters = self._counters, self._board.card_counters()
         return before not in ("", self._counters)

@@ -3,10 +3,10 @@
 import time
 from collections.abc import Callable, Iterator
 
-from ..board import Board
-from ..bus import BusError, Signal
-from ..log_records import LogRecord
-from ..names import CARD_INTERFACE, MemState, State, Transition
+from board.board import Board
+from board.bus import BusError, Signal
+from board.log_records import LogRecord
+from board.names import CARD_INTERFACE, MemState, State, Transition
 from .model import Changes, Model, Properties, time_of_day
 from .workers import Repeater
 
@@ -22,10 +22,10 @@ class BoardGone(Exception):
 
 
 class Observer:
-    """Hands everything that changes on a board to the panel."""
+    """Posts everything that changes on a board to the panel."""
 
     def __init__(self, board: Board, directories: list[str], changes: Changes) -> None:
-        """Starts to watch; @p directories are the identifiers of those to ask for their use."""
+        """Starts to watch; @p directories are the identifiers of the watched directories."""
         self._board = board
         self._directories = directories
         self._changes = changes
@@ -35,7 +35,7 @@ class Observer:
         self._holder: int | None = None
         self._state: State | None = None
         self._directories_asked = 0.0
-        # The service may keep a question waiting; what it tells by itself comes nevertheless.
+        # Two threads: the service may answer a call late, and its signals and records must not wait for that.
         self._threads = [Repeater("listener", changes, self._listen, LISTEN_SECONDS),
                          Repeater("asker", changes, self._ask, ASK_SECONDS)]
 
@@ -47,7 +47,7 @@ class Observer:
     def _listen(self) -> None:
         self._see_board()
         signals = list(self._new_signals())
-        # What is logged and then signalled in one millisecond is told in that order.
+        # Records first: within one millisecond, the service logs before it signals.
         for _, change in sorted([*self._new_records(), *signals], key=lambda news: news[0]):
             self._changes.post(change)
         self._see_service()
@@ -70,7 +70,7 @@ class Observer:
         self._log_bytes = size
         for record in self._board.records[self._records:]:
             self._records += 1
-            # The lines of a tool's output; the empty ones would only push others off the screen.
+            # A tool's output has empty lines, which would only take space.
             if words := plain(record.message):
                 yield _of_record(record, words)
 
@@ -105,7 +105,7 @@ class Observer:
                                 MemState(answer["MemState"]), answer["MemLevel"])
         self._changes.post(lambda model: setattr(model, "properties", properties))
         state_before, self._state = self._state, properties.state
-        # On a card that is about to go nothing changes, and nobody should keep it from going.
+        # A question would open the directories and delay the unmounting.
         if properties.state in (State.CLOSING_FILES, State.UNMOUNTING):
             return
         if properties.state is state_before and time.monotonic() - self._directories_asked < DIRECTORIES_SECONDS:
@@ -135,9 +135,9 @@ def _of_signal(signal: Signal, moment: str) -> News:
 
 
 def _of_record(record: LogRecord, words: str) -> News:
-    return record.time, lambda model: model.tell(record.level, f"{record.channel}: {words}", record.time)
+    return record.time, lambda model: model.add_event(record.level, f"{record.channel}: {words}", record.time)
 
 
 def plain(text: str) -> str:
-    """A text in one line, without the control characters of progress bars."""
+    """A text as one line, without control characters."""
     return " ".join("".join(character if character.isprintable() else " " for character in text).split())

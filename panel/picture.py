@@ -1,4 +1,4 @@
-"""Makes a picture (SVG) of a terminal's screen: tmux capture-pane -ep | python3 -m board.panel.picture >docs/panel.svg"""
+"""Makes a picture (SVG) of a terminal's screen: tmux capture-pane -ep | python3 -m panel.picture >docs/panel.svg"""
 
 import re
 import sys

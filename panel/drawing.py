@@ -1,11 +1,12 @@
 """Draws the model in marked-up text: lists of plain text and (attribute, text), as urwid takes them."""
 
-from ..leds import LED_NAMES
+from board.leds import LED_NAMES
+
 from .keys import KEYS
 from .model import EJECT_SECONDS, DirectoryUse, Event, Model
 
 MIB = 1024 * 1024
-LAMP_COLOURS = {"mmc-red": "red", "mmc-green": "green"}
+LAMP_COLOURS = {name: name.removeprefix("mmc-") for name in LED_NAMES}
 SLOT_WIDTH = 26
 SLOT_ROWS = 7
 CARD_ROWS = 4  # and one for each directory
@@ -17,9 +18,9 @@ Markup = list[str | tuple[str, str]]
 
 
 def bar(share: float, width: int) -> tuple[str, str]:
-    """A gauge as its filled and its empty part; @p share of 1 is full, and more stays full."""
+    """A gauge as its filled and its empty part; a @p share of 1 or more is full."""
     filled = round(min(max(share, 0.0), 1.0) * width)
-    # What is there can be seen, and what is not full does not look so.
+    # A little shows, and a gauge that is not full does not look full.
     if 0 < share < 1:
         filled = min(max(filled, 1), width - 1)
     return "█" * filled, "░" * (width - filled)
@@ -34,7 +35,7 @@ def slot(model: Model, now: float) -> Markup:
         markup = [f"┌{edge}┐\n│", ("dim", f"{'empty':^{SLOT_WIDTH}}"), f"│\n└{edge}┘\n"]
     for name in LED_NAMES:
         lamp, colour = model.lamps[name], LAMP_COLOURS[name]
-        lit = lamp.lit(now, model.card_active) if model.lights is None else model.lights[name]
+        lit = lamp.lit(now, model.card_active) if model.pins is None else model.pins[name]
         markup += [" ", (colour, "●") if lit else ("dim", "○"), f" {colour:7}{lamp.words}\n"]
     held = model.button.held(now)
     filled, empty = bar(held / EJECT_SECONDS, EJECT_SECONDS)
@@ -45,7 +46,7 @@ def slot(model: Model, now: float) -> Markup:
 
 
 def card(model: Model, width: int) -> Markup:
-    """What the service tells of the card, in lines of @p width columns."""
+    """What the service publishes about the card, in lines of @p width columns."""
     known = model.properties
     rows = {
         "State": known.state.name if known else "-",
@@ -75,7 +76,7 @@ def _directory(directory: DirectoryUse, chosen: bool, width: int) -> Markup:
 
 
 def _gauge(attribute: str, share: float, width: int) -> Markup:
-    # A piece without a character would make urwid lose its place in the line.
+    # urwid loses its position in the line after an empty piece.
     return [piece for piece in zip((attribute, "dim"), bar(share, width)) if piece[1]] + [" "]
 
 
@@ -87,12 +88,12 @@ def header(model: Model, width: int) -> str:
 
 
 def event(shown: Event) -> Markup:
-    """One line of what happened."""
+    """The line of one event."""
     return [("dim", shown.time[:10]), " ", (shown.subject, f"{shown.subject:6}"), f" {shown.text}"]
 
 
 def keys(model: Model) -> Markup:
-    """Which key does what; keys that do nothing now are dim."""
+    """The keys with their labels; keys without an effect now are dim."""
     markup: Markup = []
     for title, row in KEYS:
         markup.append(("title", f"{title:7}"))

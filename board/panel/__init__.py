@@ -1,1 +1,0 @@
-"""The virtual board as something to look at and play with in a terminal."""
