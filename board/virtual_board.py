@@ -91,6 +91,16 @@ class VirtualBoard(Board):
                  "script", "--quiet", "--return", "--command", command, "/dev/null"]
         return subprocess.call(shell, env=ENVIRONMENT | {"TERM": os.environ.get("TERM", "xterm")})
 
+    def stop_message_bus(self) -> None:
+        """Ends the board's message bus at once, as a crash would."""
+        self.bus.close()
+        self.run("sh", "-c", "kill -9 $(pidof dbus-daemon)")
+
+    def start_message_bus(self) -> None:
+        """Starts the message bus again and connects to it."""
+        self.run("sh", "-c", f"rm -f {SYSTEM_BUS_SOCKET}; dbus-daemon --system --fork --nopidfile --nosyslog")
+        self.bus = BusClient(str(self._machine.path_from_host(SYSTEM_BUS_SOCKET)), self._notify)
+
     def card_counters(self) -> str:
         try:
             device = self._machine.path_from_host(CARD_DEVICE).stat().st_rdev

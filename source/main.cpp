@@ -7,6 +7,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QFile>
 #include <QTextStream>
@@ -18,7 +19,9 @@
 #include <tavoutil/TrackLog.h>
 #include <tavoutil/TrackSystem.h>
 
+#include "BusNames.h"
 #include "ConfigFileLookup.h"
+#include "InstanceLock.h"
 #include "VersionRecord.h"
 #include "config.h"
 #include "sdcard.h"
@@ -50,16 +53,18 @@ void resumeDeviceEvents()
 // The objects of a run, in the order in which they are built. They are destroyed in reverse.
 struct Service
 {
+    InstanceLock lock;
     std::optional<ConfigHandler> config;
     std::optional<QDBusConnection> bus;
     std::optional<Sdcard> sdcard;
 };
 
-int run(Service& service, QCoreApplication& application, const QString& configFile,
-        const log4cxx::LoggerPtr& logger)
+int run(Service& service, QCoreApplication& application, const QCommandLineParser& parser,
+        const QCommandLineOption& configOption, const log4cxx::LoggerPtr& logger)
 {
     service.config.emplace();
-    if (!configFile.isNull()) {
+    if (parser.isSet(configOption)) {
+        const QString configFile = parser.value(configOption);
         if (!QFile::exists(configFile)) {
             QTextStream(stderr) << "Abort. Media configuration file '" << configFile
                                 << "' not found\n";
@@ -77,6 +82,11 @@ int run(Service& service, QCoreApplication& application, const QString& configFi
         // Qt names the connection "qt_default_system_bus".
         TRACK_FATAL(logger,
                     "Cannot connect to the D-Bus " + bus.name().section('_', 2, 2) + " bus");
+        return kFailure;
+    }
+    // Another instance that has lost the bus would not be seen there.
+    if (service.lock.isTaken() && !bus.interface()->isServiceRegistered(BusNames::kService)) {
+        TRACK_ERROR(logger, "Another instance of the service is using the card");
         return kFailure;
     }
     service.sdcard.emplace(bus, *service.config, &application);
@@ -134,7 +144,7 @@ int main(int argc, char* argv[])
         Service service;
         try {
             resumeDeviceEvents();
-            status = run(service, application, parser.value(configOption), logger);
+            status = run(service, application, parser, configOption, logger);
         } catch (...) {
             TRACK_FATAL(logger, "Unhandled Exception catched!");
         }

@@ -12,7 +12,7 @@
 #include <tavoutil/SystemError.h>
 #include <tavoutil/TrackLog.h>
 
-#include "BusNames.h"
+#include "BusRegistration.h"
 #include "CardLights.h"
 #include "MemoryGauge.h"
 #include "MountedFileSystem.h"
@@ -88,13 +88,12 @@ void Sdcard::checkHardware()
                                      otherPartitions) != 0) {
         return;
     }
-    if (linuxPartitions == 1 && otherPartitions == 0) {
-        TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
-        return;
+    int code = SdcardDefs::kMmcFormatNotNeeded;
+    if (linuxPartitions != 1 || otherPartitions != 0) {
+        TRACK_INFO(logger(), "New SD Card detected");
+        code = ProgramRunner::run(logger(), SdcardDefs::kMmcFormatCmd, {}, true,
+                                  SdcardDefs::kMmcFormatTimeoutMs);
     }
-    TRACK_INFO(logger(), "New SD Card detected");
-    const int code = ProgramRunner::run(logger(), SdcardDefs::kMmcFormatCmd, {}, true,
-                                        SdcardDefs::kMmcFormatTimeoutMs);
     if (code == SdcardDefs::kMmcFormatNotNeeded) {
         TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
     } else if (code == SdcardDefs::kMmcFormatCreated) {
@@ -106,14 +105,24 @@ void Sdcard::checkHardware()
 void Sdcard::registerBusObject(QDBusConnection& bus)
 {
     mService = new SDCardImpl(mConfig.mountPoint(), this);
-    if (!bus.registerService(BusNames::kService)) {
+    auto* const registration = new BusRegistration(bus, mService, this);
+    if (!registration->takeName()) {
         TRACK_ERROR(logger(), "Connect to dbus failed");
         return;
     }
-    mServiceRegistered =
-        bus.registerObject(BusNames::kCardObject, mService, QDBusConnection::ExportAdaptors);
+    mServiceRegistered = registration->exportObject();
+    connect(registration, &BusRegistration::restored, this, &Sdcard::lookForCardAnew);
     connect(mService, &SDCardImpl::CardInserted, this, &Sdcard::ADD_DEVICE);
     connect(mService, &SDCardImpl::CardRemoved, this, &Sdcard::REMOVE_DEVICE);
+}
+
+// Nobody could announce a card or its removal while the bus was away.
+void Sdcard::lookForCardAnew()
+{
+    const bool isKnown = mService->state() != static_cast<int>(State::NoCard);
+    if (QFile::exists(mConfig.devicePath()) != isKnown) {
+        isKnown ? Q_EMIT REMOVE_DEVICE() : Q_EMIT ADD_DEVICE();
+    }
 }
 
 void Sdcard::setUpTimers()
@@ -366,22 +375,12 @@ void Sdcard::timeoutTriggered()
     mStateTimer.stop();
 }
 
-void Sdcard::setFsBirthDate(const QDateTime& birth)
-{
-    mFormatEcho.setBirth(birth);
-}
-
 void Sdcard::noSdCard()
 {
     mService->setState(State::NoCard);
     mService->setIsMounted(false);
     CardLights::show(CardLights::Pattern::Off);
     mService->setMemState(MemState::NoCard);
-}
-
-void Sdcard::setMountingState()
-{
-    setBusyState(State::Mounting);
 }
 
 void Sdcard::mounted()
@@ -467,17 +466,17 @@ int Sdcard::checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
     const bool logsProcesses = logLevel != eLogLevel::Silent;
     QList<QByteArray> found;
     const int exitCode = mOpenFiles.findProcesses(mountPoint, found);
+    const QByteArray code = QByteArray::number(exitCode);
     if (exitCode == OpenFiles::kNothingFound) {
         if (logsProcesses) {
             TRACK_ERROR(logger(), "Cannot get number of processes with open files, 'lsof' utility "
                                   "failed with exit code " +
-                                      QByteArray::number(exitCode));
+                                      code);
         }
         return 0;
     }
     if (exitCode != 0) {
-        TRACK_ERROR(logger(), "Invoke of 'lsof' utility failed with exit code " +
-                                  QByteArray::number(exitCode));
+        TRACK_ERROR(logger(), "Invoke of 'lsof' utility failed with exit code " + code);
         return -1;
     }
     for (const QByteArray& processId : found) {
@@ -530,29 +529,37 @@ void Sdcard::checkFiles()
     }
 }
 
-void Sdcard::unmounting()
+bool Sdcard::beginUnmounting()
 {
-    const QString& mountPoint = mConfig.mountPoint();
-    if (mountStateOf(mountPoint) == MountState::NotMounted) {
+    if (mountStateOf(mConfig.mountPoint()) == MountState::NotMounted) {
         Q_EMIT UMOUNT_SUCCESS();
-        return;
+        return false;
     }
     setBusyState(State::Unmounting);
-    if (umountDevice(mountPoint, false)) {
+    return true;
+}
+
+void Sdcard::finishUnmounting(bool force)
+{
+    if (umountDevice(mConfig.mountPoint(), force)) {
         setUnmountedState();
     } else {
         Q_EMIT UNMOUNT_FAILED();
     }
 }
 
+void Sdcard::unmounting()
+{
+    if (beginUnmounting()) {
+        finishUnmounting(false);
+    }
+}
+
 void Sdcard::forced_unmounting()
 {
-    const QString& mountPoint = mConfig.mountPoint();
-    if (mountStateOf(mountPoint) == MountState::NotMounted) {
-        Q_EMIT UMOUNT_SUCCESS();
+    if (!beginUnmounting()) {
         return;
     }
-    setBusyState(State::Unmounting);
     const bool isRebooting = isSystemRebooting();
     if (isRebooting) {
         TRACK_WARN(logger(), "System is rebooting -> shutdown processes (!)");
@@ -561,7 +568,7 @@ void Sdcard::forced_unmounting()
     // The service itself is spared, and so is the wait for it.
     const auto findOthers = [&](eLogLevel logLevel) {
         processIds.clear();
-        checkOpenFiles(mountPoint, processIds, logLevel);
+        checkOpenFiles(mConfig.mountPoint(), processIds, logLevel);
         processIds.removeAll(::getpid());
     };
     findOthers(isRebooting ? eLogLevel::Silent : eLogLevel::Files);
@@ -575,16 +582,11 @@ void Sdcard::forced_unmounting()
                         (isRebooting ? "Kill hardly failed: " : "Kill softly failed: ") + why);
         }
     }
-    for (int poll = 0; !isRebooting && poll < kSoftKillPolls; ++poll) {
+    bool isWaiting = !isRebooting;
+    for (int poll = 0; isWaiting && poll < kSoftKillPolls; ++poll) {
         QThread::usleep(kSoftKillPollUs);
         findOthers(eLogLevel::Silent);
-        if (processIds.isEmpty()) {
-            break;
-        }
+        isWaiting = !processIds.isEmpty();
     }
-    if (umountDevice(mountPoint, true)) {
-        setUnmountedState();
-    } else {
-        Q_EMIT UNMOUNT_FAILED();
-    }
+    finishUnmounting(true);
 }

@@ -47,8 +47,7 @@ public:
     /// Looks at the hardware, takes the bus name and starts the machine.
     /// @param config must outlive the controller; its setup() is done
     Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent);
-    Sdcard(const Sdcard&) = delete;
-    Sdcard& operator=(const Sdcard&) = delete;
+    Q_DISABLE_COPY(Sdcard)
     ~Sdcard() override;
 
     /// Whether the bus object could be registered.
@@ -125,20 +124,22 @@ public Q_SLOTS:
     void checkFiles();
     void checkSDcardPresent();
     void readInputDevice();
-    void setFsBirthDate(const QDateTime& birth);
-    void setMountingState();
+    void setFsBirthDate(const QDateTime& birth) { mFormatEcho.setBirth(birth); }
+    void setMountingState() { setBusyState(State::Mounting); }
 
 private:
     void checkHardware();
     void registerBusObject(QDBusConnection& bus);
+    void lookForCardAnew();
     void setUpTimers();
     void buildMachine();
     void connectTriggers();
-
     bool isSystemRebooting();
     bool areFilesClosed(eLogLevel logLevel);
     void setBusyState(State state);
     void setUnmountedState();
+    bool beginUnmounting();
+    void finishUnmounting(bool force);
 
     SDCardImpl* mService = nullptr;
     ConfigHandler& mConfig;
