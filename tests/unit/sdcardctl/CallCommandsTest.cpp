@@ -26,19 +26,15 @@ private Q_SLOTS:
     void list_of_watched_directories_leaves_the_others_out();
     void path_size_and_used_print_the_answer_alone();
     void an_answer_of_0_without_a_card_is_explained();
-    void an_unknown_directory_has_its_own_status_data();
     void an_unknown_directory_has_its_own_status();
     void ensure_without_an_identifier_means_all();
     void refresh_prints_the_new_memory_state();
-    void insert_and_remove_reach_the_service();
-    void a_service_that_does_not_run_has_its_own_status_data();
     void a_service_that_does_not_run_has_its_own_status();
     void a_bus_that_cannot_be_reached_has_its_own_status();
     void the_bus_is_the_system_bus_by_default();
-    void a_call_that_the_bus_refuses_has_its_own_status_data();
-    void a_call_that_the_bus_refuses_has_its_own_status();
-    void a_service_that_ends_during_a_call_is_told_from_a_slow_one();
-    void another_failure_is_told_in_the_services_words();
+    void a_service_that_ends_during_a_call_differs_from_a_slow_one();
+    void another_failure_is_reported_in_the_services_words();
+    void output_that_cannot_be_written_has_its_own_status();
 
 private:
     PrivateBus mBus;
@@ -123,23 +119,16 @@ void CallCommandsTest::an_answer_of_0_without_a_card_is_explained()
     QCOMPARE(mounted.notes(), QString());
 }
 
-void CallCommandsTest::an_unknown_directory_has_its_own_status_data()
-{
-    QTest::addColumn<QString>("command");
-    for (const char* const command : {"path", "size", "used", "ensure"}) {
-        QTest::newRow(command) << command;
-    }
-}
-
 void CallCommandsTest::an_unknown_directory_has_its_own_status()
 {
-    QFETCH(const QString, command);
     const FakeService service(mBus);
-    ProgramRun run({command, "nowhere", "--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
-    QCOMPARE(run.output(), QString());
-    QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
-    QVERIFY2(run.notes().contains("sdcardctl list"), qPrintable(run.notes()));
+    for (const char* const command : {"path", "size", "used", "ensure"}) {
+        ProgramRun run({command, "nowhere", "--bus", mBus.address()});
+        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
+        QCOMPARE(run.output(), QString());
+        QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
+        QVERIFY2(run.notes().contains("sdcardctl list"), qPrintable(run.notes()));
+    }
 }
 
 void CallCommandsTest::ensure_without_an_identifier_means_all()
@@ -167,39 +156,19 @@ void CallCommandsTest::refresh_prints_the_new_memory_state()
              (QJsonObject{{"memState", 7}, {"memStateName", "more-than-80-percent"}}));
 }
 
-void CallCommandsTest::insert_and_remove_reach_the_service()
-{
-    const FakeService service(mBus);
-    QStringList events;
-    connect(&service.card, &SDCardImpl::CardInserted, this, [&] { events.append("inserted"); });
-    connect(&service.card, &SDCardImpl::CardRemoved, this, [&] { events.append("removed"); });
-    ProgramRun insert({"insert", "--bus", mBus.address()});
-    QCOMPARE(insert.status(), 0);
-    ProgramRun remove({"remove", "--bus", mBus.address()});
-    QCOMPARE(remove.status(), 0);
-    QCOMPARE(events, (QStringList{"inserted", "removed"}));
-}
-
-void CallCommandsTest::a_service_that_does_not_run_has_its_own_status_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("status") << QStringList{"status"};
-    QTest::newRow("list") << QStringList{"list", "--config", card.configFile()};
-    for (const char* const command : {"path", "size", "used", "ensure"}) {
-        QTest::newRow(command) << QStringList{command, "csv"};
-    }
-    for (const char* const command : {"refresh", "insert", "remove"}) {
-        QTest::newRow(command) << QStringList{command};
-    }
-}
-
 void CallCommandsTest::a_service_that_does_not_run_has_its_own_status()
 {
-    QFETCH(const QStringList, arguments);
-    ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
-    QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
-    QCOMPARE(run.output(), QString());
+    const QVector<QStringList> calls{{"status"},      {"list", "--config", card.configFile()},
+                                     {"path", "csv"}, {"size", "csv"},
+                                     {"used", "csv"}, {"ensure"},
+                                     {"refresh"},     {"insert"},
+                                     {"remove"}};
+    for (const QStringList& call : calls) {
+        ProgramRun run(call + QStringList{"--bus", mBus.address()});
+        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
+        QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
+        QCOMPARE(run.output(), QString());
+    }
 }
 
 void CallCommandsTest::a_bus_that_cannot_be_reached_has_its_own_status()
@@ -220,26 +189,7 @@ void CallCommandsTest::the_bus_is_the_system_bus_by_default()
     QCOMPARE(run.output(), QString("/media/sdcard/csv\n"));
 }
 
-void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("insert") << QStringList{"insert"};
-    QTest::newRow("remove") << QStringList{"remove"};
-    QTest::newRow("ensure") << QStringList{"ensure"};
-}
-
-void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status()
-{
-    QFETCH(const QStringList, arguments);
-    const PrivateBus bus("<deny send_interface=\"tavo.SDCardController1\"/>"
-                         "<deny send_interface=\"tavo.SDCard1\" send_member=\"EnsureDirSize\"/>");
-    const FakeService service(bus);
-    ProgramRun run(arguments + QStringList{"--bus", bus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotPermitted));
-    QVERIFY2(run.notes().contains("as root"), qPrintable(run.notes()));
-}
-
-void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one()
+void CallCommandsTest::a_service_that_ends_during_a_call_differs_from_a_slow_one()
 {
     const QString name = QStringLiteral("ending service");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
@@ -254,7 +204,7 @@ void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
 }
 
-void CallCommandsTest::another_failure_is_told_in_the_services_words()
+void CallCommandsTest::another_failure_is_reported_in_the_services_words()
 {
     const QString name = QStringLiteral("service without an object");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
@@ -265,6 +215,22 @@ void CallCommandsTest::another_failure_is_told_in_the_services_words()
              qPrintable(run.notes()));
     service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
+}
+
+void CallCommandsTest::output_that_cannot_be_written_has_its_own_status()
+{
+    const QVector<QStringList> calls{{"refresh", "--bus", mBus.address()},
+                                     {"monitor", "--bus", mBus.address()},
+                                     {"help", "wait"},
+                                     {"--version"},
+                                     {"__complete", ""}};
+    const FakeService service(mBus);
+    for (const QStringList& call : calls) {
+        ProgramRun run(call, "/dev/full");
+        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::OutputFailed));
+        QCOMPARE(run.notes(),
+                 QString("sdcardctl: The output cannot be written: No space left on device.\n"));
+    }
 }
 
 QTEST_GUILESS_MAIN(CallCommandsTest)

@@ -250,8 +250,9 @@ void ConfigCheckTest::the_program_fails_on_errors_and_on_warnings_only_if_asked(
     const Document odd("<sdcard><dir size='0'>a</dir></sdcard>");
     ProgramRun lenient({"check-config", odd.name()});
     QCOMPARE(lenient.status(), 0);
-    ProgramRun strict({"check-config", "--strict", odd.name()});
+    ProgramRun strict({"check-config", "--strict", "--no-legend", odd.name()});
     QCOMPARE(strict.status(), ProgramRun::number(ExitStatus::BadConfiguration));
+    QCOMPARE(lenient.output(), strict.output() + odd.name() + ": 0 errors, 1 warning\n");
 }
 
 QTEST_GUILESS_MAIN(ConfigCheckTest)

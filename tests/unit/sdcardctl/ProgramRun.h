@@ -19,6 +19,12 @@ public:
         mProcess.setProcessEnvironment(environment);
         mProcess.start(QStringLiteral(SDCARDCTL_PROGRAM), arguments);
     }
+    /// A run whose standard output goes to a file.
+    ProgramRun(const QStringList& arguments, const char* outputFile)
+    {
+        mProcess.setStandardOutputFile(outputFile);
+        mProcess.start(QStringLiteral(SDCARDCTL_PROGRAM), arguments);
+    }
 
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun(ProgramRun&&) = delete;
