@@ -23,7 +23,6 @@ class CallCommandsTest : public QObject
 
 private Q_SLOTS:
     void list_prints_the_identifiers_that_the_service_knows();
-    void list_of_watched_directories_leaves_the_others_out();
     void path_size_and_used_print_the_answer_alone();
     void an_answer_of_0_without_a_card_is_explained();
     void an_unknown_directory_has_its_own_status();
@@ -37,6 +36,11 @@ private Q_SLOTS:
     void output_that_cannot_be_written_has_its_own_status();
 
 private:
+    QStringList onBus(const QStringList& call) const
+    {
+        return QStringList{"--bus", mBus.address()} + call;
+    }
+
     PrivateBus mBus;
 };
 
@@ -65,23 +69,12 @@ void CallCommandsTest::list_prints_the_identifiers_that_the_service_knows()
 {
     FakeService service(mBus);
     SampleCard::mount(service);
+    const QStringList list = onBus({"list", "--config", card.configFile()});
+    QCOMPARE(ProgramRun::answer(list + QStringList{"--watched"}), QString("logger\n"));
     service.directories.remove("archive");
-    ProgramRun run({"list", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("logger\ncsv\n"));
-    ProgramRun forPrograms(
-        {"list", "--json", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(forPrograms.status(), 0);
-    QCOMPARE(jsonOf(forPrograms.output()), (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
-}
-
-void CallCommandsTest::list_of_watched_directories_leaves_the_others_out()
-{
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun run({"list", "--watched", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("logger\n"));
+    QCOMPARE(ProgramRun::answer(list), QString("logger\ncsv\n"));
+    QCOMPARE(jsonOf(ProgramRun::answer(list + QStringList{"--json"})),
+             (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
 }
 
 void CallCommandsTest::path_size_and_used_print_the_answer_alone()
@@ -89,9 +82,8 @@ void CallCommandsTest::path_size_and_used_print_the_answer_alone()
     FakeService service(mBus);
     SampleCard::mount(service);
     service.directories["logger"].size = 5'000'000'000;
-    const auto printed = [this](const QStringList& arguments) {
-        ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
-        return run.status() == 0 ? run.output() : "failed: " + run.notes();
+    const auto printed = [this](const QStringList& call) {
+        return ProgramRun::answer(onBus(call));
     };
     QCOMPARE(printed({"path", "logger"}), QString("/media/sdcard/logger\n"));
     QCOMPARE(printed({"size", "logger"}), QString("5000000000\n"));
@@ -108,51 +100,39 @@ void CallCommandsTest::an_answer_of_0_without_a_card_is_explained()
 {
     FakeService service(mBus);
     service.directories = {{"csv", {"/csv", 0, 0}}};
-    ProgramRun run({"used", "csv", "--bus", mBus.address()});
+    ProgramRun run(onBus({"used", "csv"}));
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("0\n"));
     QCOMPARE(run.notes(), QString("sdcardctl: No card is mounted, so the answer is 0.\n"));
-
     service.card.setIsMounted(true);
-    ProgramRun mounted({"used", "csv", "--bus", mBus.address()});
-    QCOMPARE(mounted.status(), 0);
-    QCOMPARE(mounted.notes(), QString());
+    QCOMPARE(ProgramRun::answer(onBus({"used", "csv"})), QString("0\n"));
 }
 
 void CallCommandsTest::an_unknown_directory_has_its_own_status()
 {
     const FakeService service(mBus);
     for (const char* const command : {"path", "size", "used", "ensure"}) {
-        ProgramRun run({command, "nowhere", "--bus", mBus.address()});
-        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
-        QCOMPARE(run.output(), QString());
-        QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
-        QVERIFY2(run.notes().contains("sdcardctl list"), qPrintable(run.notes()));
+        const QString note =
+            ProgramRun::refusal(ExitStatus::UnknownDirectory, onBus({command, "nowhere"}));
+        QVERIFY2(note.startsWith("sdcardctl: ") && note.contains("'nowhere'") &&
+                     note.contains("\"sdcardctl list\""),
+                 qPrintable(note));
     }
 }
 
 void CallCommandsTest::ensure_without_an_identifier_means_all()
 {
     FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun one({"ensure", "csv", "--bus", mBus.address()});
-    QCOMPARE(one.status(), 0);
-    ProgramRun all({"ensure", "--bus", mBus.address()});
-    QCOMPARE(all.status(), 0);
-    QCOMPARE(service.ensured, (QStringList{"csv", ""}));
-    QCOMPARE(one.output() + all.output(), QString());
+    QCOMPARE(ProgramRun::answer(onBus({"ensure"})), QString());
+    QCOMPARE(service.ensured, QStringList{""});
 }
 
 void CallCommandsTest::refresh_prints_the_new_memory_state()
 {
     FakeService service(mBus);
     service.refreshedMemState = static_cast<int>(MemState::MoreThan80);
-    ProgramRun run({"refresh", "--bus", mBus.address()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("more-than-80-percent\n"));
-    ProgramRun forPrograms({"refresh", "--json", "--bus", mBus.address()});
-    QCOMPARE(forPrograms.status(), 0);
-    QCOMPARE(jsonOf(forPrograms.output()),
+    QCOMPARE(ProgramRun::answer(onBus({"refresh"})), QString("more-than-80-percent\n"));
+    QCOMPARE(jsonOf(ProgramRun::answer(onBus({"refresh", "--json"}))),
              (QJsonObject{{"memState", 7}, {"memStateName", "more-than-80-percent"}}));
 }
 
@@ -164,18 +144,17 @@ void CallCommandsTest::a_service_that_does_not_run_has_its_own_status()
                                      {"refresh"},     {"insert"},
                                      {"remove"}};
     for (const QStringList& call : calls) {
-        ProgramRun run(call + QStringList{"--bus", mBus.address()});
-        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
-        QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
-        QCOMPARE(run.output(), QString());
+        QCOMPARE(ProgramRun::refusal(ExitStatus::NotRunning, onBus(call)),
+                 QString("sdcardctl: The service is not running: tavo.SDCard1 has no owner on the "
+                         "bus. Start sdcardd, or select another bus with --bus.\n"));
     }
 }
 
 void CallCommandsTest::a_bus_that_cannot_be_reached_has_its_own_status()
 {
-    ProgramRun run({"status", "--bus", "unix:path=/nonexistent"});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NoBus));
-    QVERIFY2(run.notes().contains("--bus"), qPrintable(run.notes()));
+    const QString note =
+        ProgramRun::refusal(ExitStatus::NoBus, {"status", "--bus", "unix:path=/nonexistent"});
+    QVERIFY2(note.endsWith("Start the bus, or select another one with --bus.\n"), qPrintable(note));
 }
 
 void CallCommandsTest::the_bus_is_the_system_bus_by_default()
@@ -184,7 +163,7 @@ void CallCommandsTest::the_bus_is_the_system_bus_by_default()
     SampleCard::mount(service);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("DBUS_SYSTEM_BUS_ADDRESS", mBus.address());
-    ProgramRun run({"path", "csv"}, environment);
+    ProgramRun run({"path", "csv"}, QString(), environment);
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("/media/sdcard/csv\n"));
 }
@@ -196,7 +175,7 @@ void CallCommandsTest::a_service_that_ends_during_a_call_differs_from_a_slow_one
     QVERIFY(service.registerService(BusNames::kService));
     SilentObject object;
     QVERIFY(service.registerVirtualObject(BusNames::kCardObject, &object));
-    ProgramRun run({"path", "csv", "--bus", mBus.address()});
+    ProgramRun run(onBus({"path", "csv"}));
     QTRY_VERIFY(object.wasCalled);
     service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
@@ -209,26 +188,23 @@ void CallCommandsTest::another_failure_is_reported_in_the_services_words()
     const QString name = QStringLiteral("service without an object");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
     QVERIFY(service.registerService(BusNames::kService));
-    ProgramRun run({"path", "csv", "--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Failure));
-    QVERIFY2(run.notes().startsWith("sdcardctl: The service answered: No such object path"),
-             qPrintable(run.notes()));
+    const QString note = ProgramRun::refusal(ExitStatus::Failure, onBus({"path", "csv"}));
+    QVERIFY2(note.startsWith("sdcardctl: The service answered: No such object path"),
+             qPrintable(note));
     service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
 }
 
 void CallCommandsTest::output_that_cannot_be_written_has_its_own_status()
 {
-    const QVector<QStringList> calls{{"refresh", "--bus", mBus.address()},
-                                     {"monitor", "--bus", mBus.address()},
+    const FakeService service(mBus);
+    const QVector<QStringList> calls{onBus({"refresh"}),
+                                     onBus({"monitor"}),
                                      {"help", "wait"},
                                      {"--version"},
                                      {"__complete", ""}};
-    const FakeService service(mBus);
     for (const QStringList& call : calls) {
-        ProgramRun run(call, "/dev/full");
-        QCOMPARE(run.status(), ProgramRun::number(ExitStatus::OutputFailed));
-        QCOMPARE(run.notes(),
+        QCOMPARE(ProgramRun::refusal(ExitStatus::OutputFailed, call, "/dev/full"),
                  QString("sdcardctl: The output cannot be written: No space left on device.\n"));
     }
 }

@@ -24,8 +24,7 @@ class FollowingCommandsTest : public QObject
 private Q_SLOTS:
     void monitor_shows_each_signal_once();
     void monitor_shows_the_property_changes_that_go_with_a_signal();
-    void monitor_shows_a_change_that_no_signal_announces();
-    void monitor_begins_with_the_present_values();
+    void monitor_begins_with_the_values_and_shows_changes_without_a_signal();
     void monitor_for_programs_writes_one_object_a_line();
     void monitor_ends_with_success_on_SIGTERM();
     void monitor_ends_with_the_bus();
@@ -98,28 +97,21 @@ void FollowingCommandsTest::monitor_shows_the_property_changes_that_go_with_a_si
                                                  "  IsMounted: false -> true\n"));
 }
 
-void FollowingCommandsTest::monitor_shows_a_change_that_no_signal_announces()
-{
-    FakeService service(mBus);
-    const auto run = startMonitor(mBus);
-    QVERIFY(run);
-    service.card.setState(static_cast<int>(State::Mounting));
-    QTRY_VERIFY(eventsOf(*run).endsWith("\n  State: unknown -> mounting\n"));
-}
-
-void FollowingCommandsTest::monitor_begins_with_the_present_values()
+void FollowingCommandsTest::monitor_begins_with_the_values_and_shows_changes_without_a_signal()
 {
     FakeService service(mBus);
     SampleCard::mount(service);
     const auto run = startMonitor(mBus);
     QVERIFY(run);
-    QCOMPARE(eventsOf(*run), QString("service is running\n"
-                                     "  State: mounted\n"
-                                     "  Transition: card-inserted\n"
-                                     "  MemState: up-to-20-percent\n"
-                                     "  MemLevel: 7 %\n"
-                                     "  IsMounted: true\n"
-                                     "  MountPoint: /media/sdcard\n"));
+    service.card.setState(static_cast<int>(State::Mounting));
+    QTRY_COMPARE(eventsOf(*run), QString("service is running\n"
+                                         "  State: mounted\n"
+                                         "  Transition: card-inserted\n"
+                                         "  MemState: up-to-20-percent\n"
+                                         "  MemLevel: 7 %\n"
+                                         "  IsMounted: true\n"
+                                         "  MountPoint: /media/sdcard\n"
+                                         "  State: mounted -> mounting\n"));
 }
 
 void FollowingCommandsTest::monitor_for_programs_writes_one_object_a_line()
@@ -170,24 +162,22 @@ void FollowingCommandsTest::wait_ends_at_once_in_the_wanted_state()
 {
     FakeService service(mBus);
     service.card.setState(static_cast<int>(State::NoCard));
-    ProgramRun run({"wait", "no-card", "--timeout", "10", "--bus", mBus.address()});
-    QCOMPARE(run.status(), 0);
+    QCOMPARE(ProgramRun::answer({"wait", "no-card", "--timeout", "10", "--bus", mBus.address()}),
+             QString());
 }
 
 void FollowingCommandsTest::wait_gives_up_after_its_timeout()
 {
     FakeService service(mBus);
     service.card.setState(static_cast<int>(State::ClosingFiles));
-    ProgramRun run({"wait", "unmounted", "--timeout", "0.7", "--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::TimedOut));
-    QCOMPARE(run.notes(),
+    QCOMPARE(ProgramRun::refusal(ExitStatus::TimedOut, {"wait", "unmounted", "--timeout", "0.7",
+                                                        "--bus", mBus.address()}),
              QString("sdcardctl: Timed out waiting for unmounted; state is closing-files.\n"));
     const PrivateBus emptyBus;
-    ProgramRun alone({"wait", "unmounted", "--timeout", "1", "--bus", emptyBus.address()});
-    QCOMPARE(alone.status(), ProgramRun::number(ExitStatus::TimedOut));
-    QVERIFY2(
-        alone.notes().endsWith("Timed out waiting for unmounted; the service is not running.\n"),
-        qPrintable(alone.notes()));
+    QCOMPARE(ProgramRun::refusal(ExitStatus::TimedOut, {"wait", "unmounted", "--timeout", "1",
+                                                        "--bus", emptyBus.address()}),
+             QString("sdcardctl: The service is not running; waiting for it to start.\n"
+                     "sdcardctl: Timed out waiting for unmounted; the service is not running.\n"));
 }
 
 void FollowingCommandsTest::wait_waits_for_the_service_to_start()
@@ -201,9 +191,8 @@ void FollowingCommandsTest::wait_waits_for_the_service_to_start()
 
 void FollowingCommandsTest::wait_refuses_an_unknown_state()
 {
-    ProgramRun run({"wait", "Mounted"});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Usage));
-    QVERIFY2(run.notes().contains("no-card, not-mountable, mounted"), qPrintable(run.notes()));
+    const QString note = ProgramRun::refusal(ExitStatus::Usage, {"wait", "Mounted"});
+    QVERIFY2(note.contains("no-card, not-mountable, mounted"), qPrintable(note));
 }
 
 QTEST_GUILESS_MAIN(FollowingCommandsTest)
