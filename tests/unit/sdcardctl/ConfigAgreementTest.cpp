@@ -19,7 +19,7 @@ class ConfigAgreementTest : public QObject
 
 private Q_SLOTS:
     void check_and_service_agree_on_a_file();
-    void check_and_service_agree_on_damaged_configurations();
+    void check_and_service_agree_on_random_configurations();
 
 private:
     QTemporaryDir mDirectory;
@@ -81,50 +81,36 @@ void write(const QString& file, const QByteArray& content)
     out.write(content);
 }
 
-// What of the configuration is replaced, and by what.
-struct Damage
-{
-    QByteArrayList present;
-    QByteArrayList replacements;
-};
-
-const QVector<Damage> kDamages{
-    {{">"},
-     {"><dir size=\"5\">x</dir>", "><dir size=\"5\"/>", "><dir>x</dir>", "><symlink>y</symlink>",
-      "><symlink target=\"x\"/>", "><file/>", ">text", "><!-- comment -->", ">&#65;",
-      "><![CDATA[y]]>"}},
-    {{"size=\"40\"", "size=\"25\"", "size=\"1e1\"", "target=\"../..\"",
-      "target=\"logger/archive\""},
-     {"", "size=\"\"", "size=\"1,5\"", "size=\"nan\"", "size=\" 7 \"", "size=\"-1e400\"",
-      "Size=\"5\"", "target=\"\"", "target=\"\xC3\xA4\"", R"(size="5" size="6")"}},
-    {{"logger", "archive", "csv", "up", "sdcard"},
-     {"", " ", "..", "a/b", "\xC3\xA4", "\xFF", "&amp;", "&x;"}},
-};
-
-class Damager
+// Configurations put together at random, most of them well-formed.
+class RandomConfig
 {
 public:
-    // Most of the damages leave the text well-formed.
-    QByteArray damaged(QByteArray text)
+    QByteArray text()
     {
-        for (int damages = 1 + below(3); damages > 0 && !text.isEmpty(); --damages) {
-            const int kind = below(kDamages.size() + 1);
-            const int at = below(text.size());
-            if (kind == kDamages.size()) {
-                text.remove(at, 1 + below(12));
-                continue;
-            }
-            const QByteArray present = oneOf(kDamages[kind].present);
-            const int next = text.indexOf(present, at);
-            const int found = next >= 0 ? next : text.indexOf(present);
-            if (found >= 0) {
-                text.replace(found, present.size(), oneOf(kDamages[kind].replacements));
-            }
-        }
-        return text;
+        QByteArray all = "<sdcard>" + elements(3) + "</sdcard>";
+        return below(10) == 0 ? all.remove(below(all.size()), 1 + below(12)) : all;
     }
 
 private:
+    QByteArray elements(int depth)
+    {
+        static const QByteArrayList kNames{"dir", "dir", "dir", "dir", "dir", "symlink", "file"};
+        static const QByteArrayList kAttributes{" size='40'",  " size='1e1'",    " size=' 7 '",
+                                                " size='nan'", " size='-1e400'", " size='1,5'",
+                                                " size=''",    " Size='5'",      "",
+                                                " target=''",  " target='../..'"};
+        static const QByteArrayList kTexts{
+            "logger",        "a/b",     "..", "", " ", "&#65;", "<!-- comment -->c",
+            "<![CDATA[y]]>", "\xC3\xA4"};
+        QByteArray all;
+        for (int count = below(3); count > 0 && depth > 0; --count) {
+            const QByteArray name = oneOf(kNames);
+            const QByteArray attribute = name == "symlink" ? " target='x'" : oneOf(kAttributes);
+            all += "<" + name + attribute + ">" + oneOf(kTexts) + elements(depth - 1) + "</" +
+                   name + ">";
+        }
+        return all;
+    }
     int below(int limit) { return std::uniform_int_distribution<int>(0, limit - 1)(mRandom); }
     const QByteArray& oneOf(const QByteArrayList& list) { return list.at(below(list.size())); }
 
@@ -172,15 +158,15 @@ void ConfigAgreementTest::check_and_service_agree_on_a_file()
     }
 }
 
-void ConfigAgreementTest::check_and_service_agree_on_damaged_configurations()
+void ConfigAgreementTest::check_and_service_agree_on_random_configurations()
 {
     constexpr int kDocuments = 1000;
-    Damager damager;
-    const QString file = mDirectory.filePath("damaged.xml");
+    RandomConfig random;
+    const QString file = mDirectory.filePath("random.xml");
     int accepted = 0;
     int refusedElements = 0;
     for (int i = 0; i < kDocuments; ++i) {
-        const QByteArray text = damager.damaged(kConfiguration);
+        const QByteArray text = random.text();
         write(file, text);
         const Reading service = readingOf(file);
         const QString difference = disagreement(file, service);
@@ -188,7 +174,7 @@ void ConfigAgreementTest::check_and_service_agree_on_damaged_configurations()
         accepted += service.isAccepted ? 1 : 0;
         refusedElements += service.error.startsWith("Parsing errror: ") ? 1 : 0;
     }
-    // The damages reach both outcomes.
+    // Both outcomes occur.
     QVERIFY2(accepted > kDocuments / 10, qPrintable(QString::number(accepted)));
     QVERIFY2(refusedElements > kDocuments / 10, qPrintable(QString::number(refusedElements)));
 }
