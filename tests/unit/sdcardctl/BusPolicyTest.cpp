@@ -13,6 +13,7 @@ class BusPolicyTest : public QObject
 
 private Q_SLOTS:
     void the_shipped_policies_give_the_control_group();
+    void each_group_is_listed_once();
     void other_policies_give_no_group();
     void a_refusal_names_root_and_the_groups();
 
@@ -35,6 +36,14 @@ void BusPolicyTest::the_shipped_policies_give_the_control_group()
     QCOMPARE(groupsIn(group.readAll().replace("@SDCARDD_CONTROL_GROUP@", "disk")),
              QStringList{"disk"});
     QCOMPARE(controlGroups({SOURCE_DIRECTORY "/platform"}), QStringList());
+}
+
+void BusPolicyTest::each_group_is_listed_once()
+{
+    const QByteArray allow = "<allow send_interface='tavo.SDCardController1'/>";
+    QCOMPARE(groupsIn("<busconfig><policy group='a'>" + allow + allow +
+                      "</policy><policy group='b'>" + allow + "</policy></busconfig>"),
+             (QStringList{"a", "b"}));
 }
 
 void BusPolicyTest::other_policies_give_no_group()
