@@ -13,7 +13,7 @@ namespace sdcardctl {
 
 struct Command;
 
-/// A command line that makes sense.
+/// A valid command line.
 struct Invocation
 {
     const Command* command = nullptr;
