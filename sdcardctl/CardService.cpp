@@ -6,9 +6,10 @@
 #include <QDBusMessage>
 #include <QDBusPendingReply>
 
+#include "BusNames.h"
+#include "BusPolicy.h"
 #include "SDCard1Proxy.h"
 #include "SDCardController1Proxy.h"
-#include "BusNames.h"
 
 namespace sdcardctl {
 
@@ -27,7 +28,8 @@ bool read(const QVariantMap& map, const char* name, Value& value)
 
 Failure failureOfCall(const QDBusConnection& bus, const QDBusError& error)
 {
-    // A service that ends during a call and one that is too slow get the same error reply.
+    // The error reply is the same for a service that ends during a call and for one that is too
+    // slow.
     if (error.type() == QDBusError::NoReply && bus.isConnected() &&
         !bus.interface()->isServiceRegistered(BusNames::kService)) {
         return {ExitStatus::NotRunning,
@@ -73,8 +75,8 @@ Result<CardProperties> CardProperties::fromMap(const QVariantMap& map)
         read(map, "IsMounted", properties.isMounted);
     if (!complete) {
         return Failure{ExitStatus::Failure,
-                       QStringLiteral("The service lacks a property of its interface. Its version "
-                                      "does not fit this program's.")};
+                       QStringLiteral("The service lacks a property. Its version differs from the "
+                                      "version of this program.")};
     }
     return properties;
 }
@@ -86,7 +88,7 @@ Result<QDBusConnection> connectToBus(const QString& address)
     if (!bus.isConnected()) {
         return Failure{ExitStatus::NoBus,
                        "The message bus cannot be reached: " + bus.lastError().message() +
-                           ". Start the bus, or name another with --bus."};
+                           ". Start the bus, or select another one with --bus."};
     }
     return bus;
 }
@@ -96,22 +98,21 @@ Failure failureOf(const QDBusError& error)
     switch (error.type()) {
     case QDBusError::ServiceUnknown:
         return {ExitStatus::NotRunning,
-                "The service is not running: nobody owns " + BusNames::kService +
-                    " on the bus. Start sdcardd, or name another bus with --bus."};
+                "The service is not running: " + BusNames::kService +
+                    " has no owner on the bus. Start sdcardd, or select another bus with --bus."};
     case QDBusError::AccessDenied:
-        return {ExitStatus::NotPermitted,
-                QStringLiteral("The bus does not permit this to you. Try again as root.")};
+        return {ExitStatus::NotPermitted, permissionDenied(controlGroups())};
     case QDBusError::InvalidArgs:
         return {ExitStatus::UnknownDirectory,
-                error.message() + ". \"sdcardctl list\" shows the identifiers."};
+                error.message() + ". \"sdcardctl list\" lists the identifiers."};
     case QDBusError::NoReply:
     case QDBusError::Timeout:
     case QDBusError::TimedOut:
         return {ExitStatus::TimedOut,
-                QStringLiteral("The service did not answer in time. It may be unmounting the card "
-                               "or deleting files; try again later.")};
+                QStringLiteral("Timed out waiting for an answer. The service may be unmounting the "
+                               "card or deleting files; try again later.")};
     case QDBusError::Disconnected:
-        return {ExitStatus::NoBus, QStringLiteral("The message bus has gone.")};
+        return {ExitStatus::NoBus, QStringLiteral("The connection to the message bus is lost.")};
     default:
         return {ExitStatus::Failure, "The service answered: " + error.message()};
     }
@@ -121,10 +122,9 @@ CardService::CardService(QDBusConnection bus) : mBus(std::move(bus)) {}
 
 QDBusPendingCall CardService::requestProperties(const QDBusConnection& bus)
 {
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(BusNames::kService, BusNames::kCardObject,
-                                       kPropertiesInterface, QStringLiteral("GetAll"));
-    call << QString::fromLatin1(tavo::SDCard1::staticInterfaceName());
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        BusNames::kService, BusNames::kCardObject, kPropertiesInterface, QStringLiteral("GetAll"));
+    call << BusNames::kCardInterface;
     return bus.asyncCall(call);
 }
 

@@ -10,7 +10,7 @@
 
 namespace sdcardctl {
 
-/// The service's properties as they were at one moment.
+/// The service's properties at one moment.
 struct CardProperties
 {
     int state = 0;      ///< of the enumeration State; the next two likewise
@@ -27,12 +27,12 @@ struct CardProperties
 /// The bus that the service is on: the one at @p address, the system bus where that is empty.
 Result<QDBusConnection> connectToBus(const QString& address);
 
-/// What an error reply means to the user.
+/// The failure that an error reply stands for, in words for the user.
 Failure failureOf(const QDBusError& error);
 
-/// The service, asked and waited for. Directories are named by their identifiers in the media
-/// configuration. Each call fails with NotRunning, NotPermitted, TimedOut or Failure; those that
-/// take an identifier also with UnknownDirectory.
+/// Calls of the service that wait for its answer. Directories are named by their identifiers in the
+/// media configuration. Each call fails with NotRunning, NotPermitted, TimedOut or Failure; those
+/// that take an identifier also with UnknownDirectory.
 class CardService
 {
 public:
@@ -48,13 +48,13 @@ public:
     Result<qint64> directorySize(const QString& id) const;
     /// Bytes that a directory occupies, for an empty @p id the whole card; 0 as above.
     Result<qint64> directoryUsed(const QString& id) const;
-    /// Has the oldest files of a watched directory, for an empty @p id of each, deleted until it is
-    /// within its share. Waits for that as long as it takes.
+    /// Deletes the oldest files of a watched directory until it is within its share; of all watched
+    /// directories if @p id is empty. Waits without a time limit.
     Result<bool> ensureDirectorySize(const QString& id) const;
-    /// Has memory state and level measured anew.
+    /// Measures memory state and level again.
     /// @return the memory state, of the enumeration MemState
     Result<int> refreshMemState() const;
-    /// Tells the service that a card was put in, or taken out.
+    /// Announces an inserted or removed card.
     Result<bool> announceInsertion() const;
     Result<bool> announceRemoval() const;
 

@@ -100,7 +100,7 @@ void CardWatcher::finishReading(QDBusPendingCallWatcher* reading)
     reading->deleteLater();
     mIsReading = false;
     const QDBusPendingReply<QVariantMap> reply = *reading;
-    // Errors pass: a service that is just starting or ending, or one that is busy.
+    // Other errors are passing: the service is starting, ending or busy.
     if (!reply.isError()) {
         const auto properties = CardProperties::fromMap(reply.value());
         if (!properties) {
@@ -122,7 +122,8 @@ void CardWatcher::finishReading(QDBusPendingCallWatcher* reading)
 
 void CardWatcher::busDisconnected()
 {
-    Q_EMIT failed({ExitStatus::NoBus, QStringLiteral("The message bus has gone.")});
+    Q_EMIT failed(
+        {ExitStatus::NoBus, QStringLiteral("The connection to the message bus is lost.")});
 }
 
 } // namespace sdcardctl

@@ -14,9 +14,9 @@ class QDBusPendingCallWatcher;
 
 namespace sdcardctl {
 
-/// Follows the service, whether it runs or not, and over its restarts. The service does not
-/// announce changes of its properties, and some of them come with no signal at all; so they are
-/// read after every signal and kReadIntervalMs after the last reading.
+/// Follows the service over its restarts. The service does not announce changes of its properties,
+/// and some of them have no signal at all; so they are read after every signal and kReadIntervalMs
+/// after the last reading.
 class CardWatcher : public QObject
 {
     Q_OBJECT
@@ -26,7 +26,7 @@ public:
 
     explicit CardWatcher(const QDBusConnection& bus, QObject* parent = nullptr);
 
-    /// Begins; all that follows is reported from the event loop.
+    /// Starts; reports come from the event loop.
     void start();
 
 Q_SIGNALS:
@@ -36,7 +36,7 @@ Q_SIGNALS:
     void signalReceived(const QString& name, std::optional<int> argument);
     /// The properties, after each reading.
     void propertiesRead(const sdcardctl::CardProperties& properties);
-    /// Nothing more will come.
+    /// The last report.
     void failed(const sdcardctl::Failure& failure);
 
 private Q_SLOTS:

@@ -59,9 +59,12 @@ ExitStatus runCheckConfig(const Invocation& invocation, Output& output)
         for (const ConfigFinding& finding : findings) {
             printFinding(output, file, finding);
         }
-        output.line(findings.isEmpty() ? file + ": no problems"
-                                       : file + ": " + countText(errors, "error") + ", " +
-                                             countText(warnings, "warning"));
+        const QString summary =
+            findings.isEmpty() ? QStringLiteral("no problems")
+                               : countText(errors, "error") + ", " + countText(warnings, "warning");
+        if (invocation.hasLegend) {
+            output.line(file + ": " + summary);
+        }
     }
     const bool isBad = errors > 0 || (invocation.isStrict && warnings > 0);
     return isBad ? ExitStatus::BadConfiguration : ExitStatus::Success;

@@ -1,13 +1,14 @@
 #include "CommandLine.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
+#include <vector>
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
+#include "CardStatus.h"
 #include "Commands.h"
 
 namespace sdcardctl {
@@ -15,70 +16,109 @@ namespace sdcardctl {
 namespace {
 
 constexpr int kMsPerSecond = 1000;
+constexpr int kCallWidth = 20;
+// More letters to change, and a suggestion is a guess.
+constexpr int kMaxTypos = 2;
 
 Failure usage(const QString& message)
 {
     return {ExitStatus::Usage, message + " Try \"sdcardctl --help\"."};
 }
 
-QString description()
+QString callOf(const Command& command)
 {
-    QString text = QStringLiteral("Shows and drives the SD card through its service.\n\nCommands:");
-    for (const Command& command : commands()) {
-        const QString call = QString::fromLatin1(command.name) + " " + command.arguments;
-        text += "\n  " + call.leftJustified(20) + QLatin1String(command.description);
-    }
-    return text;
+    return (QString::fromLatin1(command.name) + " " + command.arguments).trimmed();
 }
 
-const Command* commandNamed(const QString& name)
+QString description(const Command* command)
+{
+    QString text =
+        command != nullptr
+            ? QLatin1String(command->description) + "."
+            : QStringLiteral("Shows and controls the SD card through its service.\n\nCommands:");
+    if (command == nullptr) {
+        for (const Command& each : commands()) {
+            text += "\n  " + callOf(each).leftJustified(kCallWidth) + each.description;
+        }
+    } else if (command->argument == Argument::State) {
+        text += QStringLiteral("\n\nStates:");
+        for (const PublishedValue& state : kStates) {
+            text += QStringLiteral("\n  ") + QString(state.word).leftJustified(kCallWidth) +
+                    state.meaning;
+        }
+    }
+    return text + "\n\nSee sdcardctl(1).";
+}
+
+// "status, list: " for an option that only these commands take.
+QString ownersOf(const Option& option)
+{
+    QStringList owners;
+    for (const Command& command : commands()) {
+        if (option.flag != NoOption && command.takes(option)) {
+            owners.append(command.name);
+        }
+    }
+    return owners.isEmpty() ? QString() : owners.join(", ") + ": ";
+}
+
+// All options, or only those that @p command takes.
+void addOptions(QCommandLineParser& parser, const Command* command)
+{
+    for (const Option& option : kOptions) {
+        if (command != nullptr && !command->takes(option)) {
+            continue;
+        }
+        QStringList names{option.name};
+        if (*option.shortName != '\0') {
+            names.prepend(option.shortName);
+        }
+        const QString prefix = command == nullptr ? ownersOf(option) : QString();
+        parser.addOption(
+            QCommandLineOption(names, prefix + option.description, QString(option.value)));
+    }
+}
+
+// How many letters differ: changed, missing or added.
+int typosBetween(const QString& left, const QString& right)
+{
+    std::vector<int> row(static_cast<std::size_t>(right.size()) + 1);
+    for (std::size_t j = 0; j < row.size(); ++j) {
+        row[j] = static_cast<int>(j);
+    }
+    for (int i = 0; i < left.size(); ++i) {
+        int diagonal = row[0];
+        row[0] = i + 1;
+        for (std::size_t j = 1; j < row.size(); ++j) {
+            const int changed = diagonal + (left[i] == right[static_cast<int>(j) - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+Failure unknownCommand(const QString& name)
 {
     const auto& all = commands();
-    const auto* const found = std::find_if(all.begin(), all.end(), [&name](const Command& command) {
-        return name == QLatin1String(command.name);
-    });
-    return found == all.end() ? nullptr : found;
+    const auto* const nearest = std::min_element(
+        all.begin(), all.end(), [&name](const Command& left, const Command& right) {
+            return typosBetween(name, left.name) < typosBetween(name, right.name);
+        });
+    QString message = "There is no command \"" + name + "\".";
+    if (typosBetween(name, nearest->name) <= kMaxTypos) {
+        message += QStringLiteral(" Did you mean \"") + nearest->name + "\"?";
+    }
+    return usage(message);
 }
 
-struct Options
+// The options that are set and that @p command does not take.
+QStringList strayOptions(const QCommandLineParser& parser, const Command& command)
 {
-    QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
-                            QStringLiteral("Show this help.")};
-    QCommandLineOption version{{QStringLiteral("v"), QStringLiteral("version")},
-                               QStringLiteral("Show the version.")};
-    QCommandLineOption json{QStringLiteral("json"), QStringLiteral("Print JSON, for programs.")};
-    QCommandLineOption bus{QStringLiteral("bus"),
-                           QStringLiteral("Use this message bus instead of the system bus."),
-                           QStringLiteral("address")};
-    QCommandLineOption config{QStringLiteral("config"),
-                              QStringLiteral("status, list: the media configuration that the "
-                                             "service was started with, if it is not the default."),
-                              QStringLiteral("file")};
-    QCommandLineOption timeout{QStringLiteral("timeout"),
-                               QStringLiteral("wait: give up after so many seconds."),
-                               QStringLiteral("seconds")};
-    QCommandLineOption strict{QStringLiteral("strict"),
-                              QStringLiteral("check-config: fail on warnings, too.")};
-    QCommandLineOption watched{QStringLiteral("watched"),
-                               QStringLiteral("list: only directories with a watched size.")};
-};
-
-// The options of single commands that are set but do not belong to @p command.
-QStringList strayOptions(const QCommandLineParser& parser, const Options& options,
-                         const Command& command)
-{
-    struct Owned
-    {
-        const QCommandLineOption& option;
-        CommandOption flag;
-    };
     QStringList stray;
-    for (const Owned& owned : {Owned{options.config, ConfigOption},
-                               {options.timeout, TimeoutOption},
-                               {options.strict, StrictOption},
-                               {options.watched, WatchedOption}}) {
-        if (parser.isSet(owned.option) && (command.options & owned.flag) == 0) {
-            stray.append("--" + owned.option.names().constFirst());
+    for (const Option& option : kOptions) {
+        if (parser.isSet(option.name) && !command.takes(option)) {
+            stray.append(QStringLiteral("--") + option.name);
         }
     }
     return stray;
@@ -94,65 +134,97 @@ std::optional<int> millisecondsFrom(const QString& seconds)
     return static_cast<int>(value);
 }
 
-Result<ParsedCommandLine> invocationOf(const QCommandLineParser& parser, const Options& options)
+Result<ParsedCommandLine> invocationOf(const QCommandLineParser& parser, const Command& command,
+                                       const QStringList& arguments)
 {
-    QStringList arguments = parser.positionalArguments();
-    if (arguments.isEmpty()) {
-        return usage(QStringLiteral("A command is missing."));
+    const int maxArguments = command.argument == Argument::None ? 0 : 1;
+    const int minArguments = command.isOptional ? 0 : maxArguments;
+    if (arguments.size() < minArguments || arguments.size() > maxArguments) {
+        return usage("The usage is \"sdcardctl " + callOf(command) + "\".");
+    }
+    const QStringList stray = strayOptions(parser, command);
+    if (!stray.isEmpty()) {
+        return usage(QStringLiteral("The command \"") + command.name + "\" does not take " +
+                     stray.join(", ") + ".");
     }
     Invocation invocation;
-    const QString name = arguments.takeFirst();
-    invocation.command = commandNamed(name);
-    if (invocation.command == nullptr) {
-        return usage("There is no command \"" + name + "\".");
-    }
-    const Command& command = *invocation.command;
-    if (arguments.size() < command.minArguments || arguments.size() > command.maxArguments) {
-        const QString call = (name + " " + command.arguments).trimmed();
-        return usage("The command is called as \"sdcardctl " + call + "\".");
-    }
-    const QStringList stray = strayOptions(parser, options, command);
-    if (!stray.isEmpty()) {
-        return usage("The command \"" + name + "\" does not take " + stray.join(", ") + ".");
-    }
-    if (parser.isSet(options.timeout)) {
-        invocation.timeoutMs = millisecondsFrom(parser.value(options.timeout));
+    if (parser.isSet(QStringLiteral("timeout"))) {
+        invocation.timeoutMs = millisecondsFrom(parser.value(QStringLiteral("timeout")));
         if (!invocation.timeoutMs) {
             return usage(QStringLiteral("--timeout takes a number of seconds."));
         }
     }
+    invocation.command = &command;
     invocation.arguments = arguments;
-    invocation.isJson = parser.isSet(options.json);
-    invocation.busAddress = parser.value(options.bus);
-    invocation.configFile = parser.value(options.config);
-    invocation.isStrict = parser.isSet(options.strict);
-    invocation.onlyWatched = parser.isSet(options.watched);
+    invocation.isJson = parser.isSet(QStringLiteral("json"));
+    invocation.hasLegend = !parser.isSet(QStringLiteral("no-legend"));
+    invocation.busAddress = parser.value(QStringLiteral("bus"));
+    invocation.configFile = parser.value(QStringLiteral("config"));
+    invocation.isStrict = parser.isSet(QStringLiteral("strict"));
+    invocation.onlyWatched = parser.isSet(QStringLiteral("watched"));
     return ParsedCommandLine{invocation, {}};
 }
 
 } // namespace
 
+const Command* commandNamed(const QString& name)
+{
+    const auto& all = commands();
+    const auto* const found = std::find_if(all.begin(), all.end(), [&name](const Command& command) {
+        return name == QLatin1String(command.name);
+    });
+    return found == all.end() ? nullptr : found;
+}
+
+QString helpText(const Command* command)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(description(command));
+    addOptions(parser, command);
+    const QString call =
+        command != nullptr ? callOf(*command) : QStringLiteral("command [argument]");
+    parser.addPositionalArgument(QString(), QString(), call);
+    // What follows the options is a list of arguments without a text.
+    return parser.helpText().section(QStringLiteral("\n\nArguments:"), 0, 0).trimmed();
+}
+
 Result<ParsedCommandLine> parseCommandLine(const QStringList& arguments)
 {
-    const Options options;
     QCommandLineParser parser;
-    parser.setApplicationDescription(description());
-    parser.addOptions({options.help, options.version, options.json, options.bus, options.config,
-                       options.timeout, options.strict, options.watched});
-    parser.addPositionalArgument(QStringLiteral("command"),
-                                 QStringLiteral("What to do; see above and sdcardctl(1)."),
-                                 QStringLiteral("command [argument]"));
+    addOptions(parser, nullptr);
     if (!parser.parse(arguments)) {
         return usage(parser.errorText());
     }
-    if (parser.isSet(options.help)) {
-        return ParsedCommandLine{std::nullopt, parser.helpText().trimmed()};
-    }
-    if (parser.isSet(options.version)) {
+    if (parser.isSet(QStringLiteral("version"))) {
         return ParsedCommandLine{std::nullopt, QCoreApplication::applicationName() + " " +
                                                    QCoreApplication::applicationVersion()};
     }
-    return invocationOf(parser, options);
+    QStringList words = parser.positionalArguments();
+    const bool isHelp = parser.isSet(QStringLiteral("help"));
+    if (words.isEmpty()) {
+        if (isHelp) {
+            return ParsedCommandLine{std::nullopt, helpText(nullptr)};
+        }
+        return usage(QStringLiteral("A command is missing."));
+    }
+    const QString name = words.takeFirst();
+    // The command that "help" names has to exist, too.
+    for (const QString& word : QStringList{name} + (name == "help" ? words : QStringList())) {
+        if (commandNamed(word) == nullptr) {
+            return unknownCommand(word);
+        }
+    }
+    const Command* const command = commandNamed(name);
+    if (isHelp) {
+        return ParsedCommandLine{std::nullopt, helpText(command)};
+    }
+    return invocationOf(parser, *command, words);
+}
+
+ExitStatus runHelp(const Invocation& invocation, Output& output)
+{
+    output.line(helpText(commandNamed(invocation.arguments.value(0))));
+    return ExitStatus::Success;
 }
 
 } // namespace sdcardctl

@@ -6,7 +6,7 @@
 
 namespace sdcardctl {
 
-constexpr std::size_t kCommandCount = 12;
+constexpr std::size_t kCommandCount = 13;
 
 /// All commands in the order in which the help shows them.
 const std::array<Command, kCommandCount>& commands();
@@ -24,5 +24,6 @@ ExitStatus runInsert(const Invocation& invocation, Output& output);
 ExitStatus runRemove(const Invocation& invocation, Output& output);
 ExitStatus runWait(const Invocation& invocation, Output& output);
 ExitStatus runCheckConfig(const Invocation& invocation, Output& output);
+ExitStatus runHelp(const Invocation& invocation, Output& output);
 
 } // namespace sdcardctl

@@ -11,7 +11,7 @@ struct ConfigFinding
     enum Severity
     {
         Error,  ///< the service refuses the file
-        Warning ///< the service takes it, but it cannot be what was meant
+        Warning ///< the service accepts it, but it is probably a mistake
     };
     Severity severity;
     int line;   ///< of the element, from 1; 0 where the finding has no place in the text
@@ -19,8 +19,7 @@ struct ConfigFinding
     QString message;
 };
 
-/// Checks a media configuration. Errors are found by the service's own reading, which would end at
-/// the first of them: there is an error if and only if the service refuses the file.
+/// Checks a media configuration. There is an error if and only if the service refuses the file.
 /// @return all findings in the order of the text
 QVector<ConfigFinding> checkConfig(const QString& file);
 

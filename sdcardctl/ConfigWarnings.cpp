@@ -83,7 +83,7 @@ void warnOfRoot(const ITCXMLNode& root, Warnings& warnings)
         if (value != nullptr && (value[0] != '/' || value[1] == '\0')) {
             warnings.add(root, quoted(QString::fromLatin1(name)) + " is " +
                                    quoted(QString::fromUtf8(value)) +
-                                   "; it has to be an absolute path other than '/'");
+                                   "; it must be an absolute path other than '/'");
         }
     }
 }
@@ -94,12 +94,12 @@ void warnOfName(const ITCXMLNode& node, const QString& name, Warnings& warnings)
         warnings.add(node, "the name " + quoted(name) + " is not one component of a path");
     }
     if (hasControlCharacter(name)) {
-        warnings.add(node, "the name holds a line break or another control character; does text "
-                           "stand on both sides of a nested element?");
+        warnings.add(node, "the name contains a line break or another control character; is there "
+                           "text before and after a nested element?");
     }
     if (!isAscii(name)) {
-        warnings.add(node, QStringLiteral("the name holds characters beyond ASCII, which get "
-                                          "another form on the card"));
+        warnings.add(node, QStringLiteral("the name contains characters beyond ASCII, which "
+                                          "are different on the card"));
     }
     if (name.toUtf8().size() > kMaxNameBytes) {
         warnings.add(node, "the name is longer than " + QString::number(kMaxNameBytes) +
@@ -113,14 +113,14 @@ void warnOfShare(const CheckedDir& dir, Warnings& warnings)
         return;
     }
     QString message = "the share of " + quoted(dir.info.name) + " is " +
-                      QString::number(dir.percent) + " %; it has to be a number above 0";
+                      QString::number(dir.percent) + " %; it must be a number above 0";
     if (dir.info.capacitywatch && dir.percent <= 0) {
         message += QStringLiteral(", or every file in this watched directory is deleted");
     }
     warnings.add(dir.node, message);
 }
 
-// The directories side by side share the one around them.
+// Sibling directories share their parent.
 void warnOfSums(const QVector<CheckedDir>& dirs, Warnings& warnings)
 {
     QHash<QString, qreal> sums;
@@ -169,7 +169,7 @@ void warnOfAttributes(const CheckedDir& dir, Warnings& warnings)
     }
 }
 
-void warnOfDoubles(const CheckedConfig& config, Warnings& warnings)
+void warnOfDoubles(const ConfigFile& config, Warnings& warnings)
 {
     QHash<QString, ITCXMLNode> identifiers;
     QSet<QString> watched;
@@ -179,10 +179,11 @@ void warnOfDoubles(const CheckedConfig& config, Warnings& warnings)
         const auto first = identifiers.constFind(name);
         if (first != identifiers.constEnd()) {
             const bool isEnsured = dir.info.capacitywatch && !watched.contains(name);
-            warnings.add(dir.node, "the identifier " + quoted(name) + " means the directory of " +
-                                       placeOf(*first) + "; this one " +
-                                       (isEnsured ? "is meant by EnsureDirSize alone"
-                                                  : "cannot be asked for"));
+            warnings.add(dir.node, "the identifier " + quoted(name) +
+                                       " belongs to the directory of " + placeOf(*first) +
+                                       "; this one " +
+                                       (isEnsured ? "is reached by EnsureDirSize only"
+                                                  : "is not reached by any call"));
         } else {
             identifiers.insert(name, dir.node);
         }
@@ -196,15 +197,15 @@ void warnOfDoubles(const CheckedConfig& config, Warnings& warnings)
     for (const CheckedSymlink& symlink : config.symlinks) {
         const auto first = paths.constFind(symlink.info.path);
         if (first != paths.constEnd()) {
-            warnings.add(symlink.node, quoted(symlink.info.path) + " is the place of " +
-                                           placeOf(*first) + " already");
+            warnings.add(symlink.node,
+                         quoted(symlink.info.path) + " is already used by " + placeOf(*first));
         } else {
             paths.insert(symlink.info.path, symlink.node);
         }
     }
 }
 
-void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
+void warnOfSymlinks(const ConfigFile& config, Warnings& warnings)
 {
     const char* const configured = config.root.getAttribute(ConfigReading::kMountPointAttribute);
     LinkTargets targets(configured != nullptr ? QString::fromUtf8(configured)
@@ -223,8 +224,9 @@ void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
         }
         const QString& target = symlink.info.target;
         if (!isAscii(target)) {
-            warnings.add(symlink.node, QStringLiteral("the target holds characters beyond ASCII, "
-                                                      "which get another form on the card"));
+            warnings.add(symlink.node,
+                         QStringLiteral("the target contains characters beyond ASCII, "
+                                        "which are different on the card"));
         }
         switch (targets.outcomeOf(symlink.info.path, target)) {
         case LinkTargets::OnCard:
@@ -236,10 +238,10 @@ void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
             break;
         case LinkTargets::MissingOffCard:
             warnings.add(symlink.node, "the target " + quoted(target) +
-                                           " lies outside the card and is missing on this machine");
+                                           " is outside the card and missing on this machine");
             break;
         case LinkTargets::Endless:
-            warnings.add(symlink.node, "the target " + quoted(target) + " leads in a circle");
+            warnings.add(symlink.node, "the target " + quoted(target) + " is a loop of links");
             break;
         }
     }
@@ -247,7 +249,7 @@ void warnOfSymlinks(const CheckedConfig& config, Warnings& warnings)
 
 } // namespace
 
-QVector<ConfigFinding> warningsOf(const CheckedConfig& config)
+QVector<ConfigFinding> warningsOf(const ConfigFile& config)
 {
     Warnings warnings;
     warnOfRoot(config.root, warnings);

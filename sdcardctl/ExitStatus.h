@@ -9,13 +9,14 @@ enum class ExitStatus : int
 {
     Success = 0,
     Failure = 1,          ///< anything that has no status of its own
-    Usage = 2,            ///< the command line makes no sense
-    NotRunning = 3,       ///< nobody owns the service's name on the bus
+    Usage = 2,            ///< the command line is wrong
+    NotRunning = 3,       ///< the service's name has no owner on the bus
     NotPermitted = 4,     ///< the bus policy refuses the call to this user
     UnknownDirectory = 5, ///< no (watched) directory has the identifier
     TimedOut = 6,         ///< the state was not reached, or the service did not answer, in time
-    NoBus = 7,            ///< the bus cannot be reached, or has gone
-    BadConfiguration = 8  ///< the checked configuration has problems
+    NoBus = 7,            ///< the bus cannot be reached, or is gone
+    BadConfiguration = 8, ///< the checked configuration has problems
+    OutputFailed = 9      ///< the results could not be written
 };
 
 /// Why a command could not do its work, in words for its user.

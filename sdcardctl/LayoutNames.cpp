@@ -1,45 +1,47 @@
 #include "LayoutNames.h"
 
+#include "ConfigFile.h"
 #include "ConfigReading.h"
 
 namespace sdcardctl {
 
-namespace {
-
-class Directories : public ConfigReading::Listener
-{
-public:
-    bool onProblem(const ITCXMLNode& /*node*/, const QByteArray& /*message*/) override
-    {
-        return false;
-    }
-    void onDir(const ITCXMLNode& /*node*/, const DirInfo& dir, qreal /*percent*/) override
-    {
-        found.append(dir);
-    }
-    void onSymlink(const ITCXMLNode& /*node*/, const SymlinkInfo& /*symlink*/) override {}
-
-    QVector<DirInfo> found;
-};
-
-} // namespace
-
 Result<QVector<DirInfo>> configuredDirectories(const QString& configFile)
 {
     const QString file = configFile.isEmpty() ? ConfigReading::kDefaultFile : configFile;
-    IXMLDomParser parser;
-    ITCXMLResults results;
-    const ITCXMLNode root =
-        parser.parseFile(file.toUtf8().constData(), ConfigReading::kRootElement, results);
-    Directories directories;
-    if (results.error != 0 ||
-        !ConfigReading::readChildNodes(root, QString(), 1.0, directories)) {
+    const ConfigFile config = readConfigFile(file);
+    if (!config.errors.isEmpty()) {
         return Failure{ExitStatus::BadConfiguration,
                        "The media configuration '" + file +
                            "' cannot be read. \"sdcardctl check-config " + file +
-                           "\" says why; --config names another."};
+                           "\" lists its errors; --config selects another file."};
     }
-    return directories.found;
+    QVector<DirInfo> directories;
+    for (const CheckedDir& dir : config.dirs) {
+        directories.append(dir.info);
+    }
+    return directories;
+}
+
+Result<QStringList> knownIdentifiers(const CardService& service, const QString& configFile,
+                                     bool onlyWatched)
+{
+    const auto directories = configuredDirectories(configFile);
+    if (!directories) {
+        return directories.failure();
+    }
+    QStringList identifiers;
+    for (const DirInfo& directory : *directories) {
+        if ((onlyWatched && !directory.capacitywatch) || identifiers.contains(directory.name)) {
+            continue;
+        }
+        const auto path = service.directoryPath(directory.name);
+        if (path) {
+            identifiers.append(directory.name);
+        } else if (path.failure().status != ExitStatus::UnknownDirectory) {
+            return path.failure();
+        }
+    }
+    return identifiers;
 }
 
 } // namespace sdcardctl

@@ -26,57 +26,57 @@ QString argumentText(const QString& signal, int argument)
                                                       : memLevelText(argument);
 }
 
-// Tells what happens, one line each with the time at which it was noticed.
-class Teller
+// Reports what happens, one line each with the time at which this program detected it.
+class Reporter
 {
 public:
-    explicit Teller(Output& output) : mOutput(output) {}
+    explicit Reporter(Output& output) : mOutput(output) {}
 
-    void tellRunning(bool isRunning)
+    void reportRunning(bool isRunning)
     {
         mKnown.reset();
         if (mOutput.isJson()) {
-            tell({{"event", "service"}, {"running", isRunning}});
+            report({{"event", "service"}, {"running", isRunning}});
         } else {
-            tell(isRunning
-                     ? mOutput.coloured(Colour::Good, QStringLiteral("service is running"))
-                     : mOutput.coloured(Colour::Bad, QStringLiteral("service is not running")));
+            report(isRunning
+                       ? mOutput.coloured(Colour::Good, QStringLiteral("service is running"))
+                       : mOutput.coloured(Colour::Bad, QStringLiteral("service is not running")));
         }
     }
 
-    void tellSignal(const QString& name, std::optional<int> argument)
+    void reportSignal(const QString& name, std::optional<int> argument)
     {
         if (mOutput.isJson()) {
             QJsonObject event{{"event", "signal"}, {"name", name}};
             if (argument) {
                 event.insert("value", *argument);
             }
-            tell(event);
+            report(event);
             return;
         }
         const QString value = argument ? " " + argumentText(name, *argument) : QString();
-        tell(mOutput.coloured(Colour::Event, name) + value);
+        report(mOutput.coloured(Colour::Event, name) + value);
     }
 
-    void tellChanges(const CardProperties& now)
+    void reportChanges(const CardProperties& now)
     {
-        tellChange("State", &CardProperties::state, now,
-                   [](int value) { return valueText(stateName(value), value); });
-        tellChange("Transition", &CardProperties::transition, now,
-                   [](int value) { return valueText(transitionName(value), value); });
-        tellChange("MemState", &CardProperties::memState, now, memStateText);
-        tellChange("MemLevel", &CardProperties::memLevel, now, memLevelText);
-        tellChange("IsMounted", &CardProperties::isMounted, now,
-                   [](bool value) { return QVariant(value).toString(); });
-        tellChange("MountPoint", &CardProperties::mountPoint, now,
-                   [](const QString& path) { return path; });
+        reportChange("State", &CardProperties::state, now,
+                     [](int value) { return valueText(stateName(value), value); });
+        reportChange("Transition", &CardProperties::transition, now,
+                     [](int value) { return valueText(transitionName(value), value); });
+        reportChange("MemState", &CardProperties::memState, now, memStateText);
+        reportChange("MemLevel", &CardProperties::memLevel, now, memLevelText);
+        reportChange("IsMounted", &CardProperties::isMounted, now,
+                     [](bool value) { return QVariant(value).toString(); });
+        reportChange("MountPoint", &CardProperties::mountPoint, now,
+                     [](const QString& path) { return path; });
         mKnown = now;
     }
 
 private:
     template <typename Value, typename Text>
-    void tellChange(const char* name, Value CardProperties::*property, const CardProperties& now,
-                    Text text)
+    void reportChange(const char* name, Value CardProperties::*property, const CardProperties& now,
+                      Text text)
     {
         const Value& value = now.*property;
         if (mKnown && (*mKnown).*property == value) {
@@ -87,24 +87,34 @@ private:
             if (mKnown) {
                 event.insert("previous", (*mKnown).*property);
             }
-            tell(event);
+            report(event);
             return;
         }
         const QString before = mKnown ? text((*mKnown).*property) + " -> " : QString();
-        tell(QStringLiteral("  ") + name + ": " + before + text(value));
+        report(QStringLiteral("  ") + name + ": " + before + text(value));
     }
 
-    void tell(QJsonObject event)
+    void report(QJsonObject event)
     {
         event.insert("time",
                      QDateTime::currentDateTime().toOffsetFromUtc(0).toString(Qt::ISODateWithMs));
         mOutput.line(event);
+        endWithOutput();
     }
 
-    void tell(const QString& text)
+    void report(const QString& text)
     {
-        mOutput.line(QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss.zzz")) + "  " +
-                     text);
+        mOutput.line(
+            QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz")) +
+            "  " + text);
+        endWithOutput();
+    }
+
+    void endWithOutput() const
+    {
+        if (mOutput.isBroken()) {
+            QCoreApplication::exit(static_cast<int>(ExitStatus::OutputFailed));
+        }
     }
 
     Output& mOutput;
@@ -122,16 +132,16 @@ ExitStatus runMonitor(const Invocation& invocation, Output& output)
     if (!bus) {
         return output.fail(bus.failure());
     }
-    Teller teller(output);
+    Reporter reporter(output);
     CardWatcher watcher(*bus);
     QObject::connect(&watcher, &CardWatcher::runningChanged,
-                     [&teller](bool isRunning) { teller.tellRunning(isRunning); });
+                     [&reporter](bool isRunning) { reporter.reportRunning(isRunning); });
     QObject::connect(&watcher, &CardWatcher::signalReceived,
-                     [&teller](const QString& name, std::optional<int> argument) {
-                         teller.tellSignal(name, argument);
+                     [&reporter](const QString& name, std::optional<int> argument) {
+                         reporter.reportSignal(name, argument);
                      });
     QObject::connect(&watcher, &CardWatcher::propertiesRead,
-                     [&teller](const CardProperties& now) { teller.tellChanges(now); });
+                     [&reporter](const CardProperties& now) { reporter.reportChanges(now); });
     QObject::connect(&watcher, &CardWatcher::failed, [&output](const Failure& failure) {
         QCoreApplication::exit(static_cast<int>(output.fail(failure)));
     });

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include <array>
+#include <cerrno>
 #include <cmath>
 
 #include <QJsonDocument>
@@ -38,7 +39,11 @@ QString Output::coloured(Colour colour, const QString& text) const
 
 void Output::line(const QString& text)
 {
+    errno = 0;
     mResults << text << Qt::endl;
+    if (isBroken() && mWriteError.isEmpty()) {
+        mWriteError = qt_error_string(errno);
+    }
 }
 
 void Output::line(const QJsonObject& object)
@@ -55,6 +60,13 @@ ExitStatus Output::fail(const Failure& failure)
 {
     note(failure.message);
     return failure.status;
+}
+
+ExitStatus Output::finish(ExitStatus status)
+{
+    return isBroken() ? fail({ExitStatus::OutputFailed,
+                              "The output cannot be written: " + mWriteError + "."})
+                      : status;
 }
 
 QString valueText(const QString& name, int value)

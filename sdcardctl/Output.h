@@ -34,14 +34,20 @@ public:
     /// Writes one line of results at once.
     void line(const QString& text);
     void line(const QJsonObject& object);
+    /// Whether a line of results could not be written.
+    bool isBroken() const { return mResults.status() != QTextStream::Ok; }
     /// Writes a line about the work itself to standard error.
     void note(const QString& text);
     /// Notes why a command failed.
     /// @return the failure's status
     ExitStatus fail(const Failure& failure);
+    /// Notes whether the results could not be written.
+    /// @return @p status, or in that case OutputFailed
+    ExitStatus finish(ExitStatus status);
 
 private:
     QTextStream& mResults;
+    QString mWriteError;
     QTextStream& mNotes;
     bool mIsJson;
     bool mIsColoured;

@@ -52,28 +52,15 @@ ExitStatus runList(const Invocation& invocation, Output& output)
     if (!bus) {
         return output.fail(bus.failure());
     }
-    const auto directories = configuredDirectories(invocation.configFile);
-    if (!directories) {
-        return output.fail(directories.failure());
-    }
-    const CardService service(*bus);
-    QStringList identifiers;
-    for (const DirInfo& directory : *directories) {
-        if ((invocation.onlyWatched && !directory.capacitywatch) ||
-            identifiers.contains(directory.name)) {
-            continue;
-        }
-        const auto path = service.directoryPath(directory.name);
-        if (path) {
-            identifiers.append(directory.name);
-        } else if (path.failure().status != ExitStatus::UnknownDirectory) {
-            return output.fail(path.failure());
-        }
+    const auto identifiers =
+        knownIdentifiers(CardService(*bus), invocation.configFile, invocation.onlyWatched);
+    if (!identifiers) {
+        return output.fail(identifiers.failure());
     }
     if (output.isJson()) {
-        output.line(QJsonObject{{"ids", QJsonArray::fromStringList(identifiers)}});
+        output.line(QJsonObject{{"ids", QJsonArray::fromStringList(*identifiers)}});
     } else {
-        for (const QString& identifier : identifiers) {
+        for (const QString& identifier : *identifiers) {
             output.line(identifier);
         }
     }

@@ -18,7 +18,7 @@ constexpr int kShareWidth = 8;
 constexpr int kColumnGap = 2;
 constexpr qreal kNearlyFull = 0.8;
 
-// A configured directory as the service answers for it.
+// A configured directory with the service's answers.
 struct DirectoryStatus
 {
     DirInfo configured;
@@ -139,13 +139,24 @@ QString usageText(const Output& output, const DirectoryStatus& directory)
     return output.coloured(colour, barText(share, kBarWidth)) + percent.rightJustified(kShareWidth);
 }
 
-void printDirectories(Output& output, const QVector<DirectoryStatus>& directories)
+void printDirectories(Output& output, const QVector<DirectoryStatus>& directories, bool hasLegend)
 {
-    int nameWidth = 0;
+    const QString heading = QStringLiteral("Directory");
+    int nameWidth = hasLegend ? heading.size() : 0;
+    bool isUseShown = false;
     for (const DirectoryStatus& directory : directories) {
         nameWidth = std::max(nameWidth, directory.configured.name.size());
+        isUseShown = isUseShown || directory.size > 0;
     }
     const QString gap(kColumnGap, ' ');
+    if (hasLegend) {
+        const QString use = QStringLiteral("Used").rightJustified(kBytesWidth) + " of" +
+                            QStringLiteral("Allotted").rightJustified(kBytesWidth) + gap +
+                            QString(kBarWidth + 2 + kShareWidth, ' ') + gap;
+        output.line(heading.leftJustified(nameWidth) + gap +
+                    QStringLiteral("Share").rightJustified(kShareWidth) + gap +
+                    (isUseShown ? use : QString()) + "Path");
+    }
     for (const DirectoryStatus& directory : directories) {
         QString line = directory.configured.name.leftJustified(nameWidth) + gap +
                        percentText(directory.configured.size).rightJustified(kShareWidth) + gap;
@@ -195,10 +206,10 @@ ExitStatus runStatus(const Invocation& invocation, Output& output)
         printCard(output, *card);
         if (configured && !directories->isEmpty()) {
             output.line(QString());
-            printDirectories(output, *directories);
+            printDirectories(output, *directories, invocation.hasLegend);
         }
     }
-    // The card's state is what was asked for first: it is shown without the directories, too.
+    // A broken configuration does not hide the state of the card.
     return configured ? ExitStatus::Success : output.fail(configured.failure());
 }
 

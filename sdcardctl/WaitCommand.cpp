@@ -12,9 +12,13 @@ ExitStatus runWait(const Invocation& invocation, Output& output)
     const QString& name = invocation.arguments.first();
     const auto wanted = stateNamed(name);
     if (!wanted) {
-        return output.fail({ExitStatus::Usage, "There is no state \"" + name +
-                                                   "\"; the states are " + stateNames().join(", ") +
-                                                   "."});
+        QStringList states;
+        for (const PublishedValue& state : kStates) {
+            states.append(state.word);
+        }
+        return output.fail(
+            {ExitStatus::Usage,
+             "There is no state \"" + name + "\". The states are " + states.join(", ") + "."});
     }
     const auto bus = connectToBus(invocation.busAddress);
     if (!bus) {
@@ -25,15 +29,15 @@ ExitStatus runWait(const Invocation& invocation, Output& output)
         QCoreApplication::exit(static_cast<int>(status));
     };
     CardWatcher watcher(*bus);
-    QString current = QStringLiteral("not known");
+    QString current = QStringLiteral("state is not known");
     QObject::connect(&watcher, &CardWatcher::runningChanged, [&](bool isRunning) {
         if (!isRunning) {
-            current = QStringLiteral("not known, as the service is not running");
+            current = QStringLiteral("the service is not running");
             output.note(QStringLiteral("The service is not running; waiting for it to start."));
         }
     });
     QObject::connect(&watcher, &CardWatcher::propertiesRead, [&](const CardProperties& card) {
-        current = valueText(stateName(card.state), card.state);
+        current = "state is " + valueText(stateName(card.state), card.state);
         if (card.state == static_cast<int>(*wanted)) {
             end(ExitStatus::Success);
         }
@@ -44,8 +48,8 @@ ExitStatus runWait(const Invocation& invocation, Output& output)
     QTimer timeout;
     timeout.setSingleShot(true);
     QObject::connect(&timeout, &QTimer::timeout, [&] {
-        end(output.fail({ExitStatus::TimedOut,
-                         "The card is not " + name + " yet; its state is " + current + "."}));
+        end(output.fail(
+            {ExitStatus::TimedOut, "Timed out waiting for " + name + "; " + current + "."}));
     });
     if (invocation.timeoutMs) {
         timeout.start(*invocation.timeoutMs);

@@ -5,12 +5,13 @@
 #include <log4cxx/spi/loggerrepository.h>
 
 #include "CommandLine.h"
+#include "Completion.h"
 #include "Output.h"
 
 namespace {
 
-// The configuration is read by the service's own code, whose log records nobody asked for here.
-// Counts as configured, or log4cxx would look for a configuration in the working directory.
+// Code that the service shares logs, too. Counts as configured, or log4cxx would look for a
+// configuration in the working directory.
 void switchLoggingOff()
 {
     const log4cxx::spi::LoggerRepositoryPtr repository = log4cxx::LogManager::getLoggerRepository();
@@ -29,7 +30,13 @@ int main(int argc, char* argv[])
 
     QTextStream results(stdout);
     QTextStream notes(stderr);
-    const auto parsed = parseCommandLine(QCoreApplication::arguments());
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.value(1) == kCompleteCommand) {
+        Output output(results, notes, false, false);
+        printCompletion(arguments.mid(2), output);
+        return static_cast<int>(output.finish(ExitStatus::Success));
+    }
+    const auto parsed = parseCommandLine(arguments);
     const bool isJson = parsed && parsed->invocation && parsed->invocation->isJson;
     Output output(results, notes, isJson, !isJson && Output::coloursWanted());
     if (!parsed) {
@@ -37,8 +44,8 @@ int main(int argc, char* argv[])
     }
     if (!parsed->invocation) {
         output.line(parsed->text);
-        return static_cast<int>(ExitStatus::Success);
+        return static_cast<int>(output.finish(ExitStatus::Success));
     }
     const Invocation& invocation = *parsed->invocation;
-    return static_cast<int>(invocation.command->run(invocation, output));
+    return static_cast<int>(output.finish(invocation.command->run(invocation, output)));
 }

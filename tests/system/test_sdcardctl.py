@@ -12,6 +12,7 @@ import pytest
 
 from board import MOUNT_POINT, Board, Card, Process, State
 from board.client import CLIENT, COMPLETION, install_client
+from conftest import ROOT
 from steps import HELD_PROGRAM, eject, expect_mounted, go_on, press_until_eject, start_with_mounted_card
 
 pytestmark = pytest.mark.installed
@@ -67,9 +68,9 @@ def test_status_shows_the_mounted_card_and_its_directories(board):
     assert lines[0] == "State            mounted"
     assert lines[4] == "Mount point      /media/sdcard"
     directories = [line.split()[0] for line in lines[6:]]
-    assert directories == ["logger", "archive", "csv", "export"]
+    assert directories == ["Directory", "logger", "archive", "csv", "export"]
     assert re.search(r"^csv +30 % .* of +[\d.]+ MiB  \[#\.+\] +\d+ %  /media/sdcard/csv \(watched\)$",
-                     lines[8]), lines[8]
+                     lines[9]), lines[9]
     status = json.loads(answer(board, "status", "--json"))
     assert (status["state"], status["stateName"]) == (State.MOUNTED, "mounted")
     assert status["memLevel"] == board.property("MemLevel")
@@ -87,8 +88,17 @@ def test_a_user_without_privileges_sees_everything_and_changes_nothing(board):
     for command in (["insert"], ["remove"], ["ensure"], ["ensure", "logger"]):
         refused = ctl(board, *command, user="nobody")
         assert refused.returncode == NOT_PERMITTED
-        assert refused.stderr == "sdcardctl: The bus does not permit this to you. Try again as root.\n"
+        assert refused.stderr == "sdcardctl: Permission denied: root is required.\n"
     board.expect_state(State.MOUNTED)
+
+
+def test_a_refused_user_reads_which_group_is_required(board):
+    policy = (ROOT / "platform" / "tavo.SDCard1-group.conf.in").read_text().replace("@SDCARDD_CONTROL_GROUP@", "games")
+    board.write_file("/etc/dbus-1/system.d/tavo.SDCard1-group.conf", policy)
+    board.start_service()
+    refused = ctl(board, "insert", user="nobody")
+    assert refused.returncode == NOT_PERMITTED
+    assert refused.stderr == "sdcardctl: Permission denied: root or group games is required.\n"
 
 
 def test_ensure_brings_a_watched_directory_back_within_its_share(board):
@@ -143,7 +153,7 @@ def test_monitor_reports_a_cards_life_over_a_restart_of_the_service(board):
 
     monitor.send_signal(signal.SIGINT)
     assert monitor.wait(10) == 0
-    assert all(re.match(r"\d\d:\d\d:\d\d\.\d{3}  ", line) for line in monitor.output.splitlines())
+    assert all(re.match(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}  ", line) for line in monitor.output.splitlines())
     assert monitor.errors == ""
 
 

@@ -20,7 +20,8 @@ FIXED = {
 }
 BELOW_PREFIX = {
     "bin/sdcardctl", "sbin/sdcardd",
-    "share/bash-completion/completions/sdcardctl",
+    "share/bash-completion/completions/sdcardctl", "share/fish/vendor_completions.d/sdcardctl.fish",
+    "share/zsh/site-functions/_sdcardctl",
     "share/dbus-1/interfaces/tavo.SDCard1.xml", "share/dbus-1/interfaces/tavo.SDCardController1.xml",
     "share/doc/sdcardd/examples/restrict-card-mount",
     "share/doc/sdcardd/examples/tavo-sdcard.trackconfig.console.xml",

@@ -23,24 +23,24 @@ class CallCommandsTest : public QObject
 
 private Q_SLOTS:
     void list_prints_the_identifiers_that_the_service_knows();
-    void list_of_watched_directories_leaves_the_others_out();
     void path_size_and_used_print_the_answer_alone();
     void an_answer_of_0_without_a_card_is_explained();
-    void an_unknown_directory_has_its_own_status_data();
     void an_unknown_directory_has_its_own_status();
     void ensure_without_an_identifier_means_all();
     void refresh_prints_the_new_memory_state();
-    void insert_and_remove_reach_the_service();
-    void a_service_that_does_not_run_has_its_own_status_data();
     void a_service_that_does_not_run_has_its_own_status();
     void a_bus_that_cannot_be_reached_has_its_own_status();
     void the_bus_is_the_system_bus_by_default();
-    void a_call_that_the_bus_refuses_has_its_own_status_data();
-    void a_call_that_the_bus_refuses_has_its_own_status();
-    void a_service_that_ends_during_a_call_is_told_from_a_slow_one();
-    void another_failure_is_told_in_the_services_words();
+    void a_service_that_ends_during_a_call_differs_from_a_slow_one();
+    void another_failure_is_reported_in_the_services_words();
+    void output_that_cannot_be_written_has_its_own_status();
 
 private:
+    QStringList onBus(const QStringList& call) const
+    {
+        return QStringList{"--bus", mBus.address()} + call;
+    }
+
     PrivateBus mBus;
 };
 
@@ -69,23 +69,12 @@ void CallCommandsTest::list_prints_the_identifiers_that_the_service_knows()
 {
     FakeService service(mBus);
     SampleCard::mount(service);
+    const QStringList list = onBus({"list", "--config", card.configFile()});
+    QCOMPARE(ProgramRun::answer(list + QStringList{"--watched"}), QString("logger\n"));
     service.directories.remove("archive");
-    ProgramRun run({"list", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("logger\ncsv\n"));
-    ProgramRun forPrograms(
-        {"list", "--json", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(forPrograms.status(), 0);
-    QCOMPARE(jsonOf(forPrograms.output()), (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
-}
-
-void CallCommandsTest::list_of_watched_directories_leaves_the_others_out()
-{
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun run({"list", "--watched", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("logger\n"));
+    QCOMPARE(ProgramRun::answer(list), QString("logger\ncsv\n"));
+    QCOMPARE(jsonOf(ProgramRun::answer(list + QStringList{"--json"})),
+             (QJsonObject{{"ids", QJsonArray{"logger", "csv"}}}));
 }
 
 void CallCommandsTest::path_size_and_used_print_the_answer_alone()
@@ -93,9 +82,8 @@ void CallCommandsTest::path_size_and_used_print_the_answer_alone()
     FakeService service(mBus);
     SampleCard::mount(service);
     service.directories["logger"].size = 5'000'000'000;
-    const auto printed = [this](const QStringList& arguments) {
-        ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
-        return run.status() == 0 ? run.output() : "failed: " + run.notes();
+    const auto printed = [this](const QStringList& call) {
+        return ProgramRun::answer(onBus(call));
     };
     QCOMPARE(printed({"path", "logger"}), QString("/media/sdcard/logger\n"));
     QCOMPARE(printed({"size", "logger"}), QString("5000000000\n"));
@@ -112,101 +100,61 @@ void CallCommandsTest::an_answer_of_0_without_a_card_is_explained()
 {
     FakeService service(mBus);
     service.directories = {{"csv", {"/csv", 0, 0}}};
-    ProgramRun run({"used", "csv", "--bus", mBus.address()});
+    ProgramRun run(onBus({"used", "csv"}));
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("0\n"));
     QCOMPARE(run.notes(), QString("sdcardctl: No card is mounted, so the answer is 0.\n"));
-
     service.card.setIsMounted(true);
-    ProgramRun mounted({"used", "csv", "--bus", mBus.address()});
-    QCOMPARE(mounted.status(), 0);
-    QCOMPARE(mounted.notes(), QString());
-}
-
-void CallCommandsTest::an_unknown_directory_has_its_own_status_data()
-{
-    QTest::addColumn<QString>("command");
-    for (const char* const command : {"path", "size", "used", "ensure"}) {
-        QTest::newRow(command) << command;
-    }
+    QCOMPARE(ProgramRun::answer(onBus({"used", "csv"})), QString("0\n"));
 }
 
 void CallCommandsTest::an_unknown_directory_has_its_own_status()
 {
-    QFETCH(const QString, command);
     const FakeService service(mBus);
-    ProgramRun run({command, "nowhere", "--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::UnknownDirectory));
-    QCOMPARE(run.output(), QString());
-    QVERIFY2(run.notes().contains("'nowhere'"), qPrintable(run.notes()));
-    QVERIFY2(run.notes().contains("sdcardctl list"), qPrintable(run.notes()));
+    for (const char* const command : {"path", "size", "used", "ensure"}) {
+        const QString note =
+            ProgramRun::refusal(ExitStatus::UnknownDirectory, onBus({command, "nowhere"}));
+        QVERIFY2(note.startsWith("sdcardctl: ") && note.contains("'nowhere'") &&
+                     note.contains("\"sdcardctl list\""),
+                 qPrintable(note));
+    }
 }
 
 void CallCommandsTest::ensure_without_an_identifier_means_all()
 {
     FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun one({"ensure", "csv", "--bus", mBus.address()});
-    QCOMPARE(one.status(), 0);
-    ProgramRun all({"ensure", "--bus", mBus.address()});
-    QCOMPARE(all.status(), 0);
-    QCOMPARE(service.ensured, (QStringList{"csv", ""}));
-    QCOMPARE(one.output() + all.output(), QString());
+    QCOMPARE(ProgramRun::answer(onBus({"ensure"})), QString());
+    QCOMPARE(service.ensured, QStringList{""});
 }
 
 void CallCommandsTest::refresh_prints_the_new_memory_state()
 {
     FakeService service(mBus);
     service.refreshedMemState = static_cast<int>(MemState::MoreThan80);
-    ProgramRun run({"refresh", "--bus", mBus.address()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output(), QString("more-than-80-percent\n"));
-    ProgramRun forPrograms({"refresh", "--json", "--bus", mBus.address()});
-    QCOMPARE(forPrograms.status(), 0);
-    QCOMPARE(jsonOf(forPrograms.output()),
+    QCOMPARE(ProgramRun::answer(onBus({"refresh"})), QString("more-than-80-percent\n"));
+    QCOMPARE(jsonOf(ProgramRun::answer(onBus({"refresh", "--json"}))),
              (QJsonObject{{"memState", 7}, {"memStateName", "more-than-80-percent"}}));
-}
-
-void CallCommandsTest::insert_and_remove_reach_the_service()
-{
-    const FakeService service(mBus);
-    QStringList events;
-    connect(&service.card, &SDCardImpl::CardInserted, this, [&] { events.append("inserted"); });
-    connect(&service.card, &SDCardImpl::CardRemoved, this, [&] { events.append("removed"); });
-    ProgramRun insert({"insert", "--bus", mBus.address()});
-    QCOMPARE(insert.status(), 0);
-    ProgramRun remove({"remove", "--bus", mBus.address()});
-    QCOMPARE(remove.status(), 0);
-    QCOMPARE(events, (QStringList{"inserted", "removed"}));
-}
-
-void CallCommandsTest::a_service_that_does_not_run_has_its_own_status_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("status") << QStringList{"status"};
-    QTest::newRow("list") << QStringList{"list", "--config", card.configFile()};
-    for (const char* const command : {"path", "size", "used", "ensure"}) {
-        QTest::newRow(command) << QStringList{command, "csv"};
-    }
-    for (const char* const command : {"refresh", "insert", "remove"}) {
-        QTest::newRow(command) << QStringList{command};
-    }
 }
 
 void CallCommandsTest::a_service_that_does_not_run_has_its_own_status()
 {
-    QFETCH(const QStringList, arguments);
-    ProgramRun run(arguments + QStringList{"--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
-    QVERIFY2(run.notes().contains("Start sdcardd"), qPrintable(run.notes()));
-    QCOMPARE(run.output(), QString());
+    const QVector<QStringList> calls{{"status"},      {"list", "--config", card.configFile()},
+                                     {"path", "csv"}, {"size", "csv"},
+                                     {"used", "csv"}, {"ensure"},
+                                     {"refresh"},     {"insert"},
+                                     {"remove"}};
+    for (const QStringList& call : calls) {
+        QCOMPARE(ProgramRun::refusal(ExitStatus::NotRunning, onBus(call)),
+                 QString("sdcardctl: The service is not running: tavo.SDCard1 has no owner on the "
+                         "bus. Start sdcardd, or select another bus with --bus.\n"));
+    }
 }
 
 void CallCommandsTest::a_bus_that_cannot_be_reached_has_its_own_status()
 {
-    ProgramRun run({"status", "--bus", "unix:path=/nonexistent"});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NoBus));
-    QVERIFY2(run.notes().contains("--bus"), qPrintable(run.notes()));
+    const QString note =
+        ProgramRun::refusal(ExitStatus::NoBus, {"status", "--bus", "unix:path=/nonexistent"});
+    QVERIFY2(note.endsWith("Start the bus, or select another one with --bus.\n"), qPrintable(note));
 }
 
 void CallCommandsTest::the_bus_is_the_system_bus_by_default()
@@ -215,38 +163,19 @@ void CallCommandsTest::the_bus_is_the_system_bus_by_default()
     SampleCard::mount(service);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("DBUS_SYSTEM_BUS_ADDRESS", mBus.address());
-    ProgramRun run({"path", "csv"}, environment);
+    ProgramRun run({"path", "csv"}, QString(), environment);
     QCOMPARE(run.status(), 0);
     QCOMPARE(run.output(), QString("/media/sdcard/csv\n"));
 }
 
-void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("insert") << QStringList{"insert"};
-    QTest::newRow("remove") << QStringList{"remove"};
-    QTest::newRow("ensure") << QStringList{"ensure"};
-}
-
-void CallCommandsTest::a_call_that_the_bus_refuses_has_its_own_status()
-{
-    QFETCH(const QStringList, arguments);
-    const PrivateBus bus("<deny send_interface=\"tavo.SDCardController1\"/>"
-                         "<deny send_interface=\"tavo.SDCard1\" send_member=\"EnsureDirSize\"/>");
-    const FakeService service(bus);
-    ProgramRun run(arguments + QStringList{"--bus", bus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotPermitted));
-    QVERIFY2(run.notes().contains("as root"), qPrintable(run.notes()));
-}
-
-void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one()
+void CallCommandsTest::a_service_that_ends_during_a_call_differs_from_a_slow_one()
 {
     const QString name = QStringLiteral("ending service");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
     QVERIFY(service.registerService(BusNames::kService));
     SilentObject object;
     QVERIFY(service.registerVirtualObject(BusNames::kCardObject, &object));
-    ProgramRun run({"path", "csv", "--bus", mBus.address()});
+    ProgramRun run(onBus({"path", "csv"}));
     QTRY_VERIFY(object.wasCalled);
     service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
@@ -254,17 +183,30 @@ void CallCommandsTest::a_service_that_ends_during_a_call_is_told_from_a_slow_one
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::NotRunning));
 }
 
-void CallCommandsTest::another_failure_is_told_in_the_services_words()
+void CallCommandsTest::another_failure_is_reported_in_the_services_words()
 {
     const QString name = QStringLiteral("service without an object");
     QDBusConnection service = QDBusConnection::connectToBus(mBus.address(), name);
     QVERIFY(service.registerService(BusNames::kService));
-    ProgramRun run({"path", "csv", "--bus", mBus.address()});
-    QCOMPARE(run.status(), ProgramRun::number(ExitStatus::Failure));
-    QVERIFY2(run.notes().startsWith("sdcardctl: The service answered: No such object path"),
-             qPrintable(run.notes()));
+    const QString note = ProgramRun::refusal(ExitStatus::Failure, onBus({"path", "csv"}));
+    QVERIFY2(note.startsWith("sdcardctl: The service answered: No such object path"),
+             qPrintable(note));
     service.unregisterService(BusNames::kService);
     QDBusConnection::disconnectFromBus(name);
+}
+
+void CallCommandsTest::output_that_cannot_be_written_has_its_own_status()
+{
+    const FakeService service(mBus);
+    const QVector<QStringList> calls{onBus({"refresh"}),
+                                     onBus({"monitor"}),
+                                     {"help", "wait"},
+                                     {"--version"},
+                                     {"__complete", ""}};
+    for (const QStringList& call : calls) {
+        QCOMPARE(ProgramRun::refusal(ExitStatus::OutputFailed, call, "/dev/full"),
+                 QString("sdcardctl: The output cannot be written: No space left on device.\n"));
+    }
 }
 
 QTEST_GUILESS_MAIN(CallCommandsTest)

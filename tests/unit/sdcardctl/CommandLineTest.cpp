@@ -15,6 +15,7 @@ private Q_SLOTS:
     void a_line_that_makes_no_sense_is_refused_data();
     void a_line_that_makes_no_sense_is_refused();
     void the_help_names_every_command();
+    void a_command_has_its_own_help();
     void the_version_is_printed_with_the_program();
 };
 
@@ -52,12 +53,18 @@ void CommandLineTest::a_line_that_makes_no_sense_is_refused_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("message");
     QTest::newRow("nothing") << QStringList{} << "A command is missing.";
-    QTest::newRow("unknown command") << QStringList{"eject"} << "There is no command \"eject\".";
+    QTest::newRow("unknown command")
+        << QStringList{"xyzzy"} << "There is no command \"xyzzy\". Try";
+    for (const char* const typo : {"moniter", "montor", "monittor", "mointor"}) {
+        QTest::newRow(typo) << QStringList{typo} << "\". Did you mean \"monitor\"?";
+    }
+    QTest::newRow("help of an unknown command")
+        << QStringList{"help", "stat"} << "There is no command \"stat\". Did you mean \"status\"?";
     QTest::newRow("unknown option") << QStringList{"status", "--all"} << "Unknown option 'all'.";
     QTest::newRow("too few arguments")
-        << QStringList{"path"} << "The command is called as \"sdcardctl path ID\".";
+        << QStringList{"path"} << "The usage is \"sdcardctl path ID\".";
     QTest::newRow("too many arguments")
-        << QStringList{"status", "now"} << "The command is called as \"sdcardctl status\".";
+        << QStringList{"status", "now"} << "The usage is \"sdcardctl status\".";
     QTest::newRow("another command's option")
         << QStringList{"insert", "--timeout", "3"} << "\"insert\" does not take --timeout.";
     for (const char* const timeout : {"-1", "soon", "nan", "1e30", ""}) {
@@ -86,6 +93,31 @@ void CommandLineTest::the_help_names_every_command()
         for (const Command& command : commands()) {
             QVERIFY2(parsed->text.contains(QString("\n  ") + command.name + " "), command.name);
         }
+    }
+}
+
+void CommandLineTest::a_command_has_its_own_help()
+{
+    const QString help = helpText(commandNamed("wait"));
+    QVERIFY2(help.contains("[options] wait STATE\n"), qPrintable(help));
+    QVERIFY2(help.contains("\n  mounted             ready for use\n"), qPrintable(help));
+    QVERIFY2(help.contains("  --timeout <seconds>  Give up"), qPrintable(help));
+    QVERIFY2(!help.contains("--strict") && !help.contains("Arguments:"), qPrintable(help));
+    for (const QStringList& call :
+         {QStringList{"wait", "--help"}, QStringList{"-h", "wait", "x"}}) {
+        const auto parsed = parse(call);
+        QVERIFY(parsed && !parsed->invocation);
+        QCOMPARE(parsed->text, help);
+    }
+    QString text;
+    QTextStream results(&text);
+    Output output(results, results, false, false);
+    for (const char* const name : {"wait", ""}) {
+        const auto parsed = parse(QStringList{"help", name}.mid(0, *name == '\0' ? 1 : 2));
+        QVERIFY(parsed && parsed->invocation);
+        text.clear();
+        QCOMPARE(runHelp(*parsed->invocation, output), ExitStatus::Success);
+        QCOMPARE(text, helpText(commandNamed(name)) + "\n");
     }
 }
 

@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "FakeService.h"
 #include "PrivateBus.h"
+#include "ProgramRun.h"
 #include "SampleCard.h"
 
 using namespace sdcardctl;
@@ -13,34 +14,51 @@ class CompletionTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void the_first_word_is_a_command();
-    void a_beginning_is_completed();
-    void wait_takes_the_states();
-    void path_size_and_used_take_the_directories_of_the_service_data();
-    void path_size_and_used_take_the_directories_of_the_service();
-    void ensure_takes_watched_directories();
-    void identifiers_with_blanks_are_quoted();
-    void nothing_is_offered_where_no_service_runs();
-    void addresses_that_bash_breaks_into_words_are_one_word();
-    void identifiers_that_bash_breaks_into_words_are_completed_from_the_break();
-    void only_one_argument_is_completed();
-    void every_option_is_offered_where_it_is_taken_data();
+    void a_line_is_completed_with_what_fits();
     void every_option_is_offered_where_it_is_taken();
-    void files_are_offered_for_checks_and_configurations();
+    void directories_come_from_the_running_service();
+    void bash_offers_what_begins_like_the_word();
+    void addresses_that_bash_breaks_into_words_are_one_word();
+    void bash_quotes_identifiers_and_completes_them_from_its_last_break();
+    void zsh_and_fish_offer_the_candidates();
 
 private:
+    QStringList onCard(const QStringList& words) const
+    {
+        return QStringList{"--bus", mBus.address(), "--config", mCard.configFile()} + words;
+    }
+
     PrivateBus mBus;
+    SampleCard mCard;
 };
 
 namespace {
 
-const SampleCard card;
+const QStringList kFiles{""};
+
+// The candidates without their meaning.
+QStringList candidatesFor(const QStringList& words)
+{
+    const QString lines = ProgramRun::answer(QStringList{"__complete"} + words);
+    QStringList candidates;
+    for (const QString& line : lines.split('\n', Qt::SkipEmptyParts)) {
+        candidates.append(line.section('\t', 0, 0));
+    }
+    return candidates;
+}
+
+QString outputOf(QProcess& process)
+{
+    const bool hasEnded =
+        QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 20000);
+    return hasEnded
+               ? QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError())
+               : "it does not end";
+}
 
 // What bash offers for the last of the words.
 QStringList completionsOf(const QStringList& words)
 {
-    QProcess bash;
-    bash.setProcessChannelMode(QProcess::SeparateChannels);
     // compopt works only while bash itself completes.
     const QString script = R"(compopt() { :; }
 source "$1"
@@ -48,15 +66,12 @@ shift
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
 _sdcardctl "$1"
 [ ${#COMPREPLY[@]} = 0 ] || printf '%s\n' "${COMPREPLY[@]}")";
-    const QString completion = SOURCE_DIRECTORY "/sdcardctl/sdcardctl.bash-completion";
-    bash.start("bash",
-               QStringList{"--norc", "-c", script, "bash", completion, SDCARDCTL_PROGRAM} + words);
-    if (!QTest::qWaitFor([&] { return bash.state() == QProcess::NotRunning; }, 20000)) {
-        return {"bash does not end"};
-    }
-    const QString errors = QString::fromUtf8(bash.readAllStandardError());
-    return (QString::fromUtf8(bash.readAllStandardOutput()) + errors)
-        .split('\n', Qt::SkipEmptyParts);
+    QProcess bash;
+    bash.start("bash", QStringList{"--norc", "-c", script, "bash",
+                                   SOURCE_DIRECTORY "/sdcardctl/sdcardctl.bash-completion",
+                                   SDCARDCTL_PROGRAM} +
+                           words);
+    return outputOf(bash).split('\n', Qt::SkipEmptyParts);
 }
 
 // The words as bash has them: its default breaks are words of their own.
@@ -67,85 +82,78 @@ QStringList brokenByBash(const QString& line)
     for (auto found = word.globalMatch(line); found.hasNext();) {
         words.append(found.next().captured());
     }
-    return line.endsWith(' ') ? words + QStringList{""} : words;
-}
-
-QStringList withBus(const PrivateBus& bus, const QStringList& words)
-{
-    return QStringList{"--bus", bus.address()} + words;
+    return words;
 }
 
 } // namespace
 
-void CompletionTest::the_first_word_is_a_command()
+void CompletionTest::a_line_is_completed_with_what_fits()
 {
     QStringList names;
     for (const Command& command : commands()) {
         names.append(command.name);
     }
-    QCOMPARE(completionsOf({""}), names);
-    QCOMPARE(completionsOf({"--json", ""}), names);
+    QStringList states;
+    for (const PublishedValue& state : kStates) {
+        states.append(state.word);
+    }
+    const auto row = [](const QStringList& words, const QStringList& expected) {
+        const QStringList candidates = candidatesFor(words);
+        QVERIFY2(candidates == expected,
+                 qPrintable(words.join(' ') + ": " + candidates.join(", ")));
+    };
+    row({""}, names);
+    row({"--json", ""}, names);
+    row({"--bus=unix:path=/b", ""}, names);
+    row({"help", ""}, names);
+    row({"wait", ""}, states);
+    row({"wait", "--timeout", "5", ""}, states);
+    row({"wait", "--timeout", ""}, {});
+    row({"wait", "--timeout=5", "--", "-"}, states);
+    row({"wait", "mounted", ""}, {});
+    row({"--bus", ""}, {});
+    row({"status", ""}, {});
+    row({"moniter", ""}, {});
+    row({"check-config", ""}, kFiles);
+    row({"status", "--config", ""}, kFiles);
 }
 
-void CompletionTest::a_beginning_is_completed()
+void CompletionTest::every_option_is_offered_where_it_is_taken()
+{
+    for (const Command& command : commands()) {
+        QStringList expected;
+        for (const Option& option : kOptions) {
+            if (command.takes(option)) {
+                expected.append(QString("--") + option.name);
+            }
+        }
+        QCOMPARE(candidatesFor({command.name, "-"}), expected);
+    }
+    QCOMPARE(candidatesFor({"-"}), (QStringList{"--help", "--version", "--json", "--bus"}));
+}
+
+void CompletionTest::directories_come_from_the_running_service()
+{
+    QCOMPARE(candidatesFor(onCard({"path", ""})), QStringList());
+    FakeService service(mBus);
+    SampleCard::mount(service);
+    service.directories.remove("archive");
+    for (const char* const command : {"path", "size", "used"}) {
+        QCOMPARE(candidatesFor(onCard({command, ""})), (QStringList{"logger", "csv"}));
+    }
+    QCOMPARE(candidatesFor(onCard({"ensure", ""})), QStringList{"logger"});
+    QCOMPARE(
+        candidatesFor({"ensure", "--bus=" + mBus.address(), "--config=" + mCard.configFile(), ""}),
+        QStringList{"logger"});
+}
+
+void CompletionTest::bash_offers_what_begins_like_the_word()
 {
     QCOMPARE(completionsOf({"re"}), (QStringList{"refresh", "remove"}));
     QCOMPARE(completionsOf({"--ju"}), QStringList());
     QCOMPARE(completionsOf({"--j"}), QStringList{"--json"});
-}
-
-void CompletionTest::wait_takes_the_states()
-{
-    QCOMPARE(completionsOf({"wait", ""}), stateNames());
-    QCOMPARE(completionsOf({"wait", "--timeout", "5", "mount"}),
-             (QStringList{"mounted", "mounting"}));
-    QCOMPARE(completionsOf({"wait", "--timeout", ""}), QStringList());
-}
-
-void CompletionTest::path_size_and_used_take_the_directories_of_the_service_data()
-{
-    QTest::addColumn<QString>("command");
-    for (const char* const command : {"path", "size", "used"}) {
-        QTest::newRow(command) << command;
-    }
-}
-
-void CompletionTest::path_size_and_used_take_the_directories_of_the_service()
-{
-    QFETCH(const QString, command);
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, ""})),
-             (QStringList{"logger", "archive", "csv"}));
-    service.directories.remove("archive");
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, ""})),
-             (QStringList{"logger", "csv"}));
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), command, "c"})),
-             QStringList{"csv"});
-}
-
-void CompletionTest::ensure_takes_watched_directories()
-{
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), "ensure", ""})),
-             QStringList{"logger"});
-}
-
-void CompletionTest::identifiers_with_blanks_are_quoted()
-{
-    QTemporaryDir directory;
-    const QString file = directory.filePath("blanks.xml");
-    QFile configuration(file);
-    QVERIFY(configuration.open(QIODevice::WriteOnly));
-    configuration.write("<sdcard><dir size='1'>old logs</dir></sdcard>");
-    configuration.close();
-    FakeService service(mBus);
-    service.directories = {{"old logs", {"/old logs", 0, 0}}};
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", file, "path", "old"})),
-             QStringList{"old\\ logs"});
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", file, "path", "old\\ l"})),
-             QStringList{"old\\ logs"});
+    QCOMPARE(completionsOf({"check-config", mCard.configFile().chopped(3)}),
+             QStringList{mCard.configFile()});
 }
 
 void CompletionTest::addresses_that_bash_breaks_into_words_are_one_word()
@@ -153,68 +161,70 @@ void CompletionTest::addresses_that_bash_breaks_into_words_are_one_word()
     FakeService service(mBus);
     SampleCard::mount(service);
     for (const char* const option : {"--bus ", "--bus="}) {
-        const QString line = option + mBus.address() + " --config=" + card.configFile() + " path l";
+        const QString line =
+            option + mBus.address() + " --config=" + mCard.configFile() + " path l";
         QVERIFY(brokenByBash(line).size() > 8);
         QCOMPARE(completionsOf(brokenByBash(line)), QStringList{"logger"});
         QCOMPARE(completionsOf(brokenByBash(option + mBus.address())), QStringList());
     }
-    QCOMPARE(completionsOf(brokenByBash("--timeout=5 wait cor")), QStringList{"corrupted"});
 }
 
-void CompletionTest::identifiers_that_bash_breaks_into_words_are_completed_from_the_break()
+void CompletionTest::bash_quotes_identifiers_and_completes_them_from_its_last_break()
 {
-    QTemporaryDir directory;
-    const QString file = directory.filePath("breaks.xml");
-    QFile configuration(file);
-    QVERIFY(configuration.open(QIODevice::WriteOnly));
-    configuration.write("<sdcard><dir size='1'>a:b=cd</dir></sdcard>");
-    configuration.close();
+    const QTemporaryDir directory;
     FakeService service(mBus);
-    service.directories = {{"a:b=cd", {"/a:b=cd", 0, 0}}};
-    const QStringList call = withBus(mBus, {"--config", file, "path"});
-    QCOMPARE(completionsOf(call + QStringList{"a"}), QStringList{"a:b=cd"});
-    QCOMPARE(completionsOf(call + QStringList{"a", ":", "b"}), QStringList{"b=cd"});
-    QCOMPARE(completionsOf(call + QStringList{"a", ":", "b", "=", "c"}), QStringList{"cd"});
+    const auto call = [&](const QString& id, const QStringList& words) {
+        QFile file(directory.filePath("card.xml"));
+        if (file.open(QIODevice::WriteOnly)) {
+            file.write("<sdcard><dir size='1'>" + id.toUtf8() + "</dir></sdcard>");
+        }
+        file.close();
+        service.directories = {{id, {"/" + id, 0, 0}}};
+        return completionsOf(
+            QStringList{"--bus", mBus.address(), "--config", file.fileName(), "path"} + words);
+    };
+    QCOMPARE(call("old logs", {"old"}), QStringList{"old\\ logs"});
+    QCOMPARE(call("old logs", {"old\\ l"}), QStringList{"old\\ logs"});
+    QCOMPARE(call("a:b=cd", {"a"}), QStringList{"a:b=cd"});
+    QCOMPARE(call("a:b=cd", {"a", ":", "b"}), QStringList{"b=cd"});
+    QCOMPARE(call("a:b=cd", {"a", ":", "b", "=", "c"}), QStringList{"cd"});
 }
 
-void CompletionTest::nothing_is_offered_where_no_service_runs()
+void CompletionTest::zsh_and_fish_offer_the_candidates()
 {
-    QCOMPARE(completionsOf(withBus(mBus, {"--config", card.configFile(), "path", ""})),
-             QStringList());
-}
+    FakeService service(mBus);
+    SampleCard::mount(service);
+    const QTemporaryDir home;
+    const QString completions = SOURCE_DIRECTORY "/sdcardctl/";
+    QVERIFY(QFile::copy(completions + "sdcardctl.zsh", home.filePath("_sdcardctl")));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("HOME", home.path());
+    environment.insert("PATH", QFileInfo(SDCARDCTL_PROGRAM).path() + ":" + qgetenv("PATH"));
+    const QString line = "sdcardctl " + onCard({}).join(' ');
 
-void CompletionTest::only_one_argument_is_completed()
-{
-    QCOMPARE(completionsOf({"wait", "mounted", ""}), QStringList());
-    QCOMPARE(completionsOf({"status", ""}), QStringList());
-}
+    QProcess fish;
+    fish.setProcessEnvironment(environment);
+    fish.start("fish",
+               {"--no-config", "--command",
+                QString("source %1sdcardctl.fish; complete -C '%2 path l'; "
+                        "complete -C 'sdcardctl wait clo'; complete -C 'sdcardctl check-config %3'")
+                    .arg(completions, line, home.filePath("_sd"))});
+    QCOMPARE(outputOf(fish), "logger\nclosing-files\twaiting for programs to close files\n" +
+                                 home.filePath("_sdcardctl") + "\n");
 
-void CompletionTest::every_option_is_offered_where_it_is_taken_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::addColumn<unsigned int>("options");
-    for (const Command& command : commands()) {
-        QTest::newRow(command.name) << command.name << command.options;
-    }
-}
-
-void CompletionTest::every_option_is_offered_where_it_is_taken()
-{
-    QFETCH(const QString, command);
-    QFETCH(const unsigned int, options);
-    QStringList expected{"--help", "--version", "--json", "--bus"};
-    expected += (options & ConfigOption) != 0 ? QStringList{"--config"} : QStringList();
-    expected += (options & WatchedOption) != 0 ? QStringList{"--watched"} : QStringList();
-    expected += (options & TimeoutOption) != 0 ? QStringList{"--timeout"} : QStringList();
-    expected += (options & StrictOption) != 0 ? QStringList{"--strict"} : QStringList();
-    QCOMPARE(completionsOf({command, "-"}), expected);
-}
-
-void CompletionTest::files_are_offered_for_checks_and_configurations()
-{
-    const QString beginning = card.configFile().chopped(3);
-    QCOMPARE(completionsOf({"check-config", beginning}), QStringList{card.configFile()});
-    QCOMPARE(completionsOf({"status", "--config", beginning}), QStringList{card.configFile()});
+    // zsh completes only what is typed on a terminal.
+    QProcess zsh;
+    zsh.setProcessEnvironment(environment);
+    zsh.start("script",
+              {"--quiet", "--return", "--command", "stty -echo; exec zsh -f -i", "/dev/null"});
+    zsh.write(QString("fpath=(%1 $fpath); autoload -Uz compinit; compinit -u -D\n"
+                      "sdcardctl --bus %2 wa\t clo\t --tim\t 0\n"
+                      "sdcardctl check-config %1/_sd\t\nexit\n")
+                  .arg(home.path(), mBus.address())
+                  .toUtf8());
+    const QString shown = outputOf(zsh);
+    QVERIFY2(shown.contains("Timed out waiting for closing-files"), qPrintable(shown));
+    QVERIFY2(shown.contains("_sdcardctl: 1 error"), qPrintable(shown));
 }
 
 QTEST_GUILESS_MAIN(CompletionTest)

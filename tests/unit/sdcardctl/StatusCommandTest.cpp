@@ -1,6 +1,7 @@
 #include <QTest>
 
-#include <QJsonArray>
+#include <memory>
+
 #include <QJsonObject>
 
 #include "ExitStatus.h"
@@ -17,124 +18,91 @@ class StatusCommandTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void status_shows_the_card_by_names();
-    void status_shows_each_directory_with_share_use_and_bar();
+    void init() { mService = std::make_unique<FakeService>(mBus); }
+    void cleanup() { mService.reset(); }
+    void status_shows_the_card_and_its_directories();
     void status_of_an_unmounted_card_shows_no_use();
     void status_marks_a_directory_that_the_service_does_not_know();
     void status_for_programs_holds_numbers_and_names();
     void status_with_a_broken_configuration_still_shows_the_card();
     void status_does_not_invent_names_for_values();
-    void colours_show_on_a_terminal_only_data();
     void colours_show_on_a_terminal_only();
 
 private:
+    QStringList call(const QStringList& options = {}) const
+    {
+        return QStringList{"status", "--bus", mBus.address(), "--config", mCard.configFile()} +
+               options;
+    }
+
     PrivateBus mBus;
+    SampleCard mCard;
+    std::unique_ptr<FakeService> mService;
 };
 
-namespace {
-
-const SampleCard card;
-
-} // namespace
-
-void StatusCommandTest::status_shows_the_card_by_names()
+void StatusCommandTest::status_shows_the_card_and_its_directories()
 {
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output().section("\n\n", 0, 0), QString("State            mounted\n"
-                                                         "Last transition  card-inserted\n"
-                                                         "Memory state     up-to-20-percent\n"
-                                                         "Memory level     7 %\n"
-                                                         "Mount point      /media/sdcard"));
-    QCOMPARE(run.notes(), QString());
-}
-
-void StatusCommandTest::status_shows_each_directory_with_share_use_and_bar()
-{
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QCOMPARE(run.output().section("\n\n", 1),
-             QString("logger       40 %    10.0 MiB of  40.0 MiB  [#####...............]    25 %  "
-                     "/media/sdcard/logger (watched)\n"
-                     "archive      10 %    11.0 MiB of  10.0 MiB  [####################]   110 %  "
-                     "/media/sdcard/logger/archive\n"
-                     "csv        12.5 %         0 B of  12.5 MiB  [....................]     0 %  "
-                     "/media/sdcard/csv\n"));
+    SampleCard::mount(*mService);
+    // clang-format off
+    QCOMPARE(ProgramRun::answer(call()), QString(
+        "State            mounted\n"
+        "Last transition  card-inserted\n"
+        "Memory state     up-to-20-percent\n"
+        "Memory level     7 %\n"
+        "Mount point      /media/sdcard\n"
+        "\n"
+        "Directory     Share        Used of  Allotted                                  Path\n"
+        "logger         40 %    10.0 MiB of  40.0 MiB  [#####...............]    25 %  /media/sdcard/logger (watched)\n"
+        "archive        10 %    11.0 MiB of  10.0 MiB  [####################]   110 %  /media/sdcard/logger/archive\n"
+        "csv          12.5 %         0 B of  12.5 MiB  [....................]     0 %  /media/sdcard/csv\n"));
+    // clang-format on
 }
 
 void StatusCommandTest::status_of_an_unmounted_card_shows_no_use()
 {
-    FakeService service(mBus);
-    service.directories = {{"logger", {"/logger", 0, 0}},
-                           {"archive", {"/logger/archive", 0, 0}},
-                           {"csv", {"/csv", 0, 0}}};
-    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QVERIFY2(run.output().contains("Mount point      /media/sdcard (not mounted)\n"),
-             qPrintable(run.output()));
-    QVERIFY2(run.output().contains("\ncsv        12.5 %  /media/sdcard/csv\n"),
-             qPrintable(run.output()));
+    mService->directories = {{"logger", {"/logger", 0, 0}},
+                             {"archive", {"/logger/archive", 0, 0}},
+                             {"csv", {"/csv", 0, 0}}};
+    const QString shown = ProgramRun::answer(call());
+    QVERIFY2(shown.contains("Mount point      /media/sdcard (not mounted)\n\n"
+                            "Directory     Share  Path\nlogger         40 %  /media/sdcard/logger"),
+             qPrintable(shown));
 }
 
 void StatusCommandTest::status_marks_a_directory_that_the_service_does_not_know()
 {
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    service.directories.remove("csv");
-    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QVERIFY2(run.output().contains("\ncsv        12.5 %  not known to the service"),
-             qPrintable(run.output()));
+    SampleCard::mount(*mService);
+    mService->directories.remove("csv");
+    const QString shown = ProgramRun::answer(call({"--no-legend"}));
+    QVERIFY2(shown.contains("\n\nlogger       40 % "), qPrintable(shown));
+    QVERIFY2(shown.contains("\ncsv        12.5 %  not known to the service"), qPrintable(shown));
 }
 
 void StatusCommandTest::status_for_programs_holds_numbers_and_names()
 {
-    FakeService service(mBus);
-    SampleCard::mount(service);
-    service.directories.remove("csv");
-    ProgramRun run({"status", "--json", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    const QJsonArray directories{
-        QJsonObject{{"id", "logger"},
-                    {"share", 0.4},
-                    {"watched", true},
-                    {"known", true},
-                    {"path", "/media/sdcard/logger"},
-                    {"size", 40 * SampleCard::kMiB},
-                    {"used", 10 * SampleCard::kMiB}},
-        QJsonObject{{"id", "archive"},
-                    {"share", 0.1},
-                    {"watched", false},
-                    {"known", true},
-                    {"path", "/media/sdcard/logger/archive"},
-                    {"size", 10 * SampleCard::kMiB},
-                    {"used", 11 * SampleCard::kMiB}},
-        QJsonObject{{"id", "csv"}, {"share", 0.125}, {"watched", false}, {"known", false}}};
-    QCOMPARE(jsonOf(run.output()), (QJsonObject{{"state", 3},
-                                                {"stateName", "mounted"},
-                                                {"transition", 1},
-                                                {"transitionName", "card-inserted"},
-                                                {"memState", 3},
-                                                {"memStateName", "up-to-20-percent"},
-                                                {"memLevel", 7},
-                                                {"mountPoint", "/media/sdcard"},
-                                                {"isMounted", true},
-                                                {"directories", directories}}));
+    SampleCard::mount(*mService);
+    mService->directories.remove("csv");
+    const QByteArray expected = R"({
+        "state": 3, "stateName": "mounted", "transition": 1, "transitionName": "card-inserted",
+        "memState": 3, "memStateName": "up-to-20-percent", "memLevel": 7,
+        "mountPoint": "/media/sdcard", "isMounted": true, "directories": [
+            {"id": "logger", "share": 0.4, "watched": true, "known": true,
+             "path": "/media/sdcard/logger", "size": 41943040, "used": 10485760},
+            {"id": "archive", "share": 0.1, "watched": false, "known": true,
+             "path": "/media/sdcard/logger/archive", "size": 10485760, "used": 11534336},
+            {"id": "csv", "share": 0.125, "watched": false, "known": false}]})";
+    QVERIFY(!jsonOf(expected).isEmpty());
+    QCOMPARE(jsonOf(ProgramRun::answer(call({"--json"}))), jsonOf(expected));
 }
 
 void StatusCommandTest::status_with_a_broken_configuration_still_shows_the_card()
 {
-    const FakeService service(mBus);
     ProgramRun run({"status", "--bus", mBus.address(), "--config", "/nonexistent.xml"});
     QCOMPARE(run.status(), ProgramRun::number(ExitStatus::BadConfiguration));
     QVERIFY(run.output().startsWith("State            unknown\n"));
-    QVERIFY2(run.notes().contains("sdcardctl check-config /nonexistent.xml"),
-             qPrintable(run.notes()));
-    QCOMPARE(run.notes().count('\n'), 1);
+    QCOMPARE(run.notes(), QString("sdcardctl: The media configuration '/nonexistent.xml' cannot be "
+                                  "read. \"sdcardctl check-config /nonexistent.xml\" lists its "
+                                  "errors; --config selects another file.\n"));
 
     ProgramRun forPrograms(
         {"status", "--json", "--bus", mBus.address(), "--config", "/nonexistent.xml"});
@@ -144,58 +112,34 @@ void StatusCommandTest::status_with_a_broken_configuration_still_shows_the_card(
 
 void StatusCommandTest::status_does_not_invent_names_for_values()
 {
-    FakeService service(mBus);
-    service.card.setState(9);
-    ProgramRun run({"status", "--bus", mBus.address(), "--config", card.configFile()});
-    QCOMPARE(run.status(), 0);
-    QVERIFY2(run.output().startsWith("State            unrecognised (9)\n"),
-             qPrintable(run.output()));
-}
-
-void StatusCommandTest::colours_show_on_a_terminal_only_data()
-{
-    QTest::addColumn<bool>("onTerminal");
-    QTest::addColumn<QString>("noColor");
-    QTest::addColumn<QString>("terminal");
-    QTest::addColumn<bool>("coloured");
-    QTest::newRow("terminal") << true << ""
-                              << "xterm" << true;
-    QTest::newRow("NO_COLOR") << true << "1"
-                              << "xterm" << false;
-    QTest::newRow("dumb terminal") << true << ""
-                                   << "dumb" << false;
-    QTest::newRow("file") << false << ""
-                          << "xterm" << false;
+    mService->card.setState(9);
+    const QString shown = ProgramRun::answer(call());
+    QVERIFY2(shown.startsWith("State            unrecognised (9)\n"), qPrintable(shown));
 }
 
 void StatusCommandTest::colours_show_on_a_terminal_only()
 {
-    QFETCH(const bool, onTerminal);
-    QFETCH(const QString, noColor);
-    QFETCH(const QString, terminal);
-    QFETCH(const bool, coloured);
-    FakeService service(mBus);
-    SampleCard::mount(service);
+    SampleCard::mount(*mService);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("NO_COLOR", noColor);
-    environment.insert("TERM", terminal);
-    const QStringList arguments{"status", "--bus", mBus.address(), "--config", card.configFile()};
-    QString output;
-    if (onTerminal) {
+    const auto shownOnTerminal = [&](const char* noColor, const char* terminal) {
+        environment.insert("NO_COLOR", noColor);
+        environment.insert("TERM", terminal);
         QProcess script;
         script.setProcessEnvironment(environment);
         script.start("script", {"--quiet", "--return", "--command",
-                                SDCARDCTL_PROGRAM " '" + arguments.join("' '") + "'", "/dev/null"});
-        QVERIFY(QTest::qWaitFor([&] { return script.state() == QProcess::NotRunning; }, 20000));
-        output = QString::fromUtf8(script.readAllStandardOutput());
-    } else {
-        ProgramRun run(arguments, environment);
-        QCOMPARE(run.status(), 0);
-        output = run.output();
+                                SDCARDCTL_PROGRAM " '" + call().join("' '") + "'", "/dev/null"});
+        const bool hasEnded =
+            QTest::qWaitFor([&] { return script.state() == QProcess::NotRunning; }, 20000);
+        return hasEnded ? QString::fromUtf8(script.readAllStandardOutput()) : QString();
+    };
+    QVERIFY(shownOnTerminal("", "xterm").contains("\033[32mmounted\033[0m"));
+    for (const QString& shown : {shownOnTerminal("1", "xterm"), shownOnTerminal("", "dumb")}) {
+        QVERIFY2(shown.contains(" mounted") && !shown.contains('\033'), qPrintable(shown));
     }
-    QVERIFY2(output.contains("mounted"), qPrintable(output));
-    QCOMPARE(output.contains("\033[32mmounted\033[0m"), coloured);
-    QCOMPARE(output.contains('\033'), coloured);
+    environment.insert("TERM", "xterm");
+    ProgramRun run(call(), QString(), environment);
+    QCOMPARE(run.status(), 0);
+    QVERIFY2(!run.output().contains('\033'), qPrintable(run.output()));
 }
 
 QTEST_GUILESS_MAIN(StatusCommandTest)

@@ -13,23 +13,39 @@ class ProgramRun
 public:
     static constexpr int kSeconds = 20;
 
-    explicit ProgramRun(const QStringList& arguments, const QProcessEnvironment& environment =
-                                                          QProcessEnvironment::systemEnvironment())
+    /// @param outputFile where standard output goes instead of output()
+    explicit ProgramRun(
+        const QStringList& arguments, const QString& outputFile = QString(),
+        const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
     {
         mProcess.setProcessEnvironment(environment);
+        mProcess.setStandardOutputFile(outputFile);
         mProcess.start(QStringLiteral(SDCARDCTL_PROGRAM), arguments);
     }
-
-    ProgramRun(const ProgramRun&) = delete;
-    ProgramRun(ProgramRun&&) = delete;
-    ProgramRun& operator=(const ProgramRun&) = delete;
-    ProgramRun& operator=(ProgramRun&&) = delete;
+    Q_DISABLE_COPY_MOVE(ProgramRun)
     ~ProgramRun()
     {
         if (isRunning()) {
             mProcess.kill();
             mProcess.waitForFinished();
         }
+    }
+
+    /// What a run prints that succeeds without a note; otherwise how it ends.
+    static QString answer(const QStringList& arguments)
+    {
+        ProgramRun run(arguments);
+        const bool isGood = run.status() == 0 && run.notes().isEmpty();
+        return isGood ? run.output() : run.description();
+    }
+
+    /// The note of a run that ends with this status and prints nothing; otherwise how it ends.
+    static QString refusal(sdcardctl::ExitStatus status, const QStringList& arguments,
+                           const QString& outputFile = QString())
+    {
+        ProgramRun run(arguments, outputFile);
+        const bool isRefused = run.status() == number(status) && run.output().isEmpty();
+        return isRefused ? run.notes() : run.description();
     }
 
     /// An exit status as status() gives it.
@@ -42,8 +58,7 @@ public:
     /// @return its exit status; -1 when it does not end in time or crashes
     int status()
     {
-        const bool hasEnded = QTest::qWaitFor(
-            [this] { return mProcess.state() == QProcess::NotRunning; }, kSeconds * 1000);
+        const bool hasEnded = QTest::qWaitFor([this] { return !isRunning(); }, kSeconds * 1000);
         return hasEnded && mProcess.exitStatus() == QProcess::NormalExit ? mProcess.exitCode() : -1;
     }
 
@@ -62,6 +77,11 @@ public:
     }
 
 private:
+    QString description()
+    {
+        return QString("ended with %1: %2%3").arg(status()).arg(output(), notes());
+    }
+
     QProcess mProcess;
     QString mOutput;
     QString mNotes;

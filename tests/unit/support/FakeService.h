@@ -28,10 +28,7 @@ public:
         mBus.registerObject(BusNames::kCardObject, &card);
         mBus.registerService(BusNames::kService);
     }
-    FakeService(const FakeService&) = delete;
-    FakeService(FakeService&&) = delete;
-    FakeService& operator=(const FakeService&) = delete;
-    FakeService& operator=(FakeService&&) = delete;
+    Q_DISABLE_COPY_MOVE(FakeService)
     ~FakeService() override
     {
         mBus.unregisterService(BusNames::kService);

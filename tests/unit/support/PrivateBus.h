@@ -13,10 +13,7 @@ class PrivateBus
 public:
     /// @param policy further rules for everyone, as XML elements of the bus configuration
     explicit PrivateBus(const QString& policy = QString());
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus(PrivateBus&&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-    PrivateBus& operator=(PrivateBus&&) = delete;
+    Q_DISABLE_COPY_MOVE(PrivateBus)
     ~PrivateBus();
 
     /// Empty when the bus did not start.
