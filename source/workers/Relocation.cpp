@@ -1,12 +1,18 @@
 #include "Relocation.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QVector>
+
+#include <dirent.h>
+#include <fcntl.h>
 
 #include <tavoutil/TrackLog.h>
 
@@ -43,8 +49,9 @@ bool runInShell(const QString& commandLine)
 
 } // namespace
 
-Relocation::Relocation(const ConfigHandler& config, QString mountPoint, log4cxx::LoggerPtr logger)
-    : mConfig(config), mMountPoint(std::move(mountPoint)), mLogger(std::move(logger))
+Relocation::Relocation(const ConfigHandler& config, const QString& mountPoint,
+                       log4cxx::LoggerPtr logger)
+    : mConfig(config), mMountPoint(mountPoint), mCard(mountPoint), mLogger(std::move(logger))
 {}
 
 void Relocation::moveDatabase() const
@@ -60,6 +67,10 @@ void Relocation::moveDatabase() const
         const QString target = newDir + item.path;
         if (!QFile::exists(source) || QFile::exists(target)) {
             continue;
+        }
+        if (mCard.isElsewhere(loggerPath.toUtf8())) {
+            TRACK_ERROR_FROM(kDatabaseJob, mLogger, CardRoot::elsewhereText(newDir.toUtf8()));
+            return;
         }
         const std::string what = std::string(item.description) + " into new location";
         if (QProcess::execute(kMoveCmd, {source, target}) == 0) {
@@ -77,10 +88,14 @@ void Relocation::moveCsvFiles() const
         return;
     }
     const QString newDir = mMountPoint + csvPath;
-    const QString doubledDir = newDir + newDir;
+    const QString doubledPath = csvPath + newDir;
+    const QString doubledDir = mMountPoint + doubledPath;
     // Fixed, whatever the mount point is.
     const QString topDir = newDir + "/media";
     if (!QFile::exists(doubledDir)) {
+        return;
+    }
+    if (isCsvElsewhere(csvPath.toUtf8(), doubledPath.toUtf8())) {
         return;
     }
     TRACK_INFO_FROM(kCsvJob, mLogger, "move File From " + doubledDir + " to " + newDir);
@@ -90,6 +105,30 @@ void Relocation::moveCsvFiles() const
     }
     TRACK_INFO_FROM(kCsvJob, mLogger, "Succesffully moved csv files into new location");
     removeDoubledCsvTree(doubledDir, topDir);
+}
+
+// Looks at each directory whose entries the shell's commands move or remove.
+bool Relocation::isCsvElsewhere(const QByteArray& csvPath, const QByteArray& doubledPath) const
+{
+    QVector<QByteArray> places{csvPath, doubledPath};
+    const OpenedPlace doubled = mCard.open(doubledPath);
+    // The names are bytes, which QDir would not list if they are not text.
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(
+        ::fdopendir(::openat(doubled.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), ::closedir);
+    while (const dirent* const entry = entries ? ::readdir(entries.get()) : nullptr) {
+        if (entry->d_name[0] != '.') {
+            // Only a directory has entries that the pattern finds.
+            places.append(doubledPath + '/' + entry->d_name + '/');
+        }
+    }
+    const auto* const elsewhere =
+        std::find_if(places.cbegin(), places.cend(),
+                     [this](const QByteArray& place) { return mCard.isElsewhere(place); });
+    if (elsewhere == places.cend()) {
+        return false;
+    }
+    TRACK_ERROR_FROM(kCsvJob, mLogger, CardRoot::elsewhereText(mMountPoint.toUtf8() + *elsewhere));
+    return true;
 }
 
 void Relocation::removeDoubledCsvTree(const QString& doubledDir, const QString& topDir) const

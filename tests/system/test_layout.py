@@ -1,4 +1,4 @@
-"""The card's layout: directories with their owners and modes, links, and cards that hold something else there."""
+"""The card's layout: directories with owners and modes, links, and cards with something else in their place."""
 
 import os
 
@@ -71,13 +71,18 @@ def test_an_empty_card_is_laid_out_with_owners_modes_and_links(board):
     assert Contents(board).names() == ["around", "data", "elsewhere", "logs", "lost+found"]
 
 
-def test_a_card_laid_out_before_is_left_as_it_is(board):
-    card = start_with_mounted_card(board)
-    before = {entry.path: entry for entry in Contents(board).entries(".")}
+def mount_again(board, card):
     eject(board)
     take_out(board)
     board.insert(card)
     expect_mounted(board)
+
+
+def test_a_card_laid_out_before_is_left_as_it_is(board):
+    card = start_with_mounted_card(board)
+    Contents(board).change(("write", "data/kept", 1), ("mkdir", "photos", 0o700), ("symlink", "/nowhere", "link"))
+    before = {entry.path: entry for entry in Contents(board).entries(".")}
+    mount_again(board, card)
     assert {entry.path: entry for entry in Contents(board).entries(".")} == before
     assert layout_records(board) == []
 
@@ -87,35 +92,9 @@ def test_a_mode_that_the_creation_mask_has_narrowed_is_corrected_the_next_time(m
     card = start_with_mounted_card(board)
     assert Contents(board).described()["open"][1] == "755"
     assert layout_records(board) == []
-    eject(board)
-    take_out(board)
-    board.insert(card)
-    expect_mounted(board)
+    mount_again(board, card)
     assert Contents(board).described()["open"][1] == "777"
     assert layout_records(board) == warnings(f"Correct directory mode '0777' for '{MOUNT_POINT}/open'")
-
-
-def with_directories(make_board, program, attribute, values):
-    """A board whose layout has a directory for each value of an attribute, named after its place among them."""
-    directories = "".join(f'<dir size="1" {attribute}="{value}">{place}</dir>' for place, value in enumerate(values))
-    board = make_board(program=program, media_config=f"<sdcard>{directories}</sdcard>")
-    start_with_mounted_card(board)
-    return board
-
-
-def test_a_mode_ends_at_its_first_character_that_is_not_octal(make_board, program):
-    bits = {"8": "0", "0750x": "750", "x": "0", "700": "700"}
-    found = Contents(with_directories(make_board, program, "mode", bits)).described()
-    assert {mode: found[str(place)][1] for place, mode in enumerate(bits)} == bits
-
-
-def test_an_owner_that_is_not_known_is_root(make_board, program):
-    owners = {"nosuchuser": ("root", "root"), "daemon:nosuchgroup": ("daemon", "root"), ":adm": ("root", "adm"),
-              "nosuchuser:adm": ("root", "adm"), "daemon": ("daemon", "root"), "daemon:": ("daemon", "root")}
-    board = with_directories(make_board, program, "owner", owners)
-    found = Contents(board).described()
-    assert {owner: found[str(place)][2:] for place, owner in enumerate(owners)} == owners
-    assert layout_records(board) == []
 
 
 def test_wrong_modes_and_owners_are_corrected(board, content):
@@ -124,7 +103,7 @@ def test_wrong_modes_and_owners_are_corrected(board, content):
     (content / "data").mkdir()
     os.chmod(content / "logs/old", 0o711)
     os.chmod(content / "data", 0o2755)
-    os.chown(content / "data", 3, 4)
+    os.chown(content / "data", 0, 4)
     start_with_mounted_card(board, card_with(content))
     found = Contents(board).described()
     assert found["logs"] == ("directory", "750", "daemon", "adm")
@@ -182,13 +161,15 @@ def test_a_file_in_the_place_of_a_directory_gets_its_mode_and_owner_and_stays_a_
         f"Cannot create symlink '{MOUNT_POINT}/logs/last' (Not a directory)") + FAILED
 
 
-def test_a_link_to_nothing_in_the_place_of_a_directory_stays_and_is_reported(board, content):
-    (content / "data").symlink_to("nowhere")
+@pytest.mark.parametrize("target, why", [("nowhere", "No such file or directory"),
+                                         ("data", "Too many levels of symbolic links")])
+def test_a_link_that_leads_nowhere_in_the_place_of_a_directory_is_reported(board, content, target, why):
+    (content / "data").symlink_to(target)
     start_with_mounted_card(board, card_with(content))
-    assert Contents(board).described()["data"] == "nowhere"
+    assert Contents(board).described()["data"] == target
     assert layout_records(board) == errors(
         f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
-        f"Can't set directory owner for '{MOUNT_POINT}/data' (No such file or directory)") + FAILED
+        f"Can't set directory owner for '{MOUNT_POINT}/data' ({why})") + FAILED
 
 
 def test_a_link_to_a_directory_in_the_place_of_a_directory_is_accepted_and_its_target_corrected(board, content):
@@ -199,46 +180,6 @@ def test_a_link_to_a_directory_in_the_place_of_a_directory_is_accepted_and_its_t
     assert found["data"] == "elsewhere-on-the-card"
     assert found["elsewhere-on-the-card"] == ("directory", "755", "root", "root")
     assert layout_records(board) == warnings(f"Correct directory mode '' for '{MOUNT_POINT}/data'")
-
-
-def test_a_link_that_leads_out_of_the_card_is_followed_for_modes_but_nothing_is_ever_removed(board, content):
-    board.run("mkdir", "-p", "-m", "0700", "/var/precious/old", check=True)
-    board.write_file("/var/precious/last", "precious")
-    (content / "logs").symlink_to("/var/precious")
-    start_with_mounted_card(board, card_with(content))
-    assert Contents(board).described()["logs"] == "/var/precious"
-    assert board.run("stat", "-c", "%a %U:%G", "/var/precious").stdout == "750 daemon:adm\n"
-    assert board.run("stat", "-c", "%a %U:%G", "/var/precious/old").stdout == "711 nobody:root\n"
-    assert board.read_file("/var/precious/last") == "precious"
-    assert layout_records(board)[-2:] == errors(
-        f"Cannot read target of existing symlink '{MOUNT_POINT}/logs/last' (Invalid argument)") + FAILED
-
-
-def test_links_in_a_circle_are_reported(board, content):
-    (content / "data").symlink_to("data")
-    (content / "around").symlink_to("around")
-    start_with_mounted_card(board, card_with(content))
-    found = Contents(board).described()
-    assert found["data"] == "data"
-    assert found["around"] == "../sdcard/data"
-    assert layout_records(board) == errors(
-        f"Can't create directory for '{MOUNT_POINT}/data' (File exists)",
-        f"Can't set directory owner for '{MOUNT_POINT}/data' (Too many levels of symbolic links)") + FAILED
-
-
-def test_what_else_is_on_the_card_stays(board, content):
-    (content / "photos").mkdir(mode=0o700)
-    (content / "photos/one").write_text("1")
-    (content / "link").symlink_to("/nowhere")
-    (content / "data").mkdir()
-    (content / "data/kept").write_text("2")
-    start_with_mounted_card(board, card_with(content))
-    contents = Contents(board)
-    found = contents.described()
-    assert found["photos"][1] == "700"
-    assert contents.texts("photos/one") == ["1"]
-    assert contents.texts("data/kept") == ["2"]
-    assert found["link"] == "/nowhere"
 
 
 def test_immutable_directories_and_links_are_reported_and_the_rest_is_laid_out(board):
@@ -274,7 +215,45 @@ def test_the_layout_goes_to_the_configured_mount_point(make_board, program):
     assert not board.exists("/media/card/two")
 
 
-def test_a_name_that_leads_out_of_the_card_is_used_as_it_is_given(make_board, program):
+def left_alone(*paths):
+    return errors(*(f"Leaving '{MOUNT_POINT}/{path}' alone: it is not on the card" for path in paths))
+
+
+def test_what_a_link_leads_to_off_the_card_is_left_alone(board, content):
+    board.run("mkdir", "-p", "-m", "0700", "/var/precious/old", check=True)
+    board.run("ln", "-s", "precious", "/var/precious/last", check=True)
+    before = board.run("find", "/var/precious", "-printf", "%p %m %U %l %C@\\n", check=True).stdout
+    (content / "logs").symlink_to("/var/precious")
+    start_with_mounted_card(board, card_with(content))
+    assert board.run("find", "/var/precious", "-printf", "%p %m %U %l %C@\\n", check=True).stdout == before
+    found = Contents(board).described()
+    assert found["logs"] == "/var/precious"
+    assert found["data"][0] == "directory"
+    assert found["around"] == "../sdcard/data"
+    assert layout_records(board) == left_alone("logs", "logs/old", "logs/last") + FAILED
+
+
+def test_a_name_that_leads_off_the_card_is_used_as_it_is_given_and_left_alone(make_board, program):
     board = make_board(program=program, media_config='<sdcard><dir size="5">../beside</dir></sdcard>')
     start_with_mounted_card(board)
-    assert board.exists("/media/beside")
+    assert board.call("tavo.SDCard1", "GetDirPath", "../beside") == f"{MOUNT_POINT}/../beside"
+    assert not board.exists("/media/beside")
+    assert layout_records(board) == left_alone("../beside") + FAILED
+
+
+@pytest.mark.parametrize("locale", ["C", "C.UTF-8"])
+def test_paths_on_the_card_are_utf8_in_every_locale(make_board, program, content, locale):
+    (content / "PindleLogger.db").write_text("database")
+    (content / "csv/media/kärtchen/csv/2024").mkdir(parents=True)
+    (content / "csv/media/kärtchen/csv/2024/größe").write_text("1")
+    board = make_board(program=program, media_config='<sdcard mountpoint="/media/kärtchen"><dir size="5">logger</dir>'
+                                                     '<dir size="5">csv</dir><dir size="5">größe</dir></sdcard>')
+    board.insert(card_with(content))
+    board.start_service(environment={"LC_ALL": locale})
+    expect_mounted(board)
+    # The text of an element is Latin-1, the value of "mountpoint" UTF-8.
+    latin1 = "größe".encode().decode("latin-1")
+    found = board.run("find", "/media", "-mindepth", "2", as_bytes=True, check=True).stdout.decode().splitlines()
+    assert {path.removeprefix("/media/kärtchen/") for path in found} - {"lost+found"} == {
+        "csv", "csv/größe", "logger", "logger/PindleLogger.db", latin1}
+    assert board.call("tavo.SDCard1", "GetDirPath", latin1) == f"/media/kärtchen/{latin1}"
