@@ -256,4 +256,5 @@ def test_paths_on_the_card_are_utf8_in_every_locale(make_board, program, content
     found = board.run("find", "/media", "-mindepth", "2", as_bytes=True, check=True).stdout.decode().splitlines()
     assert {path.removeprefix("/media/kärtchen/") for path in found} - {"lost+found"} == {
         "csv", "csv/größe", "logger", "logger/PindleLogger.db", latin1}
+    assert layout_records(board) == []
     assert board.call("tavo.SDCard1", "GetDirPath", latin1) == f"/media/kärtchen/{latin1}"

@@ -1,6 +1,9 @@
+#include <functional>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <fcntl.h>
@@ -14,6 +17,25 @@
 #include "PeakMemory.h"
 #include "TestDevice.h"
 #include "config.h"
+
+namespace {
+
+// What somebody else does right before the service makes a directory.
+std::function<void()> meanwhile; // NOLINT(cert-err58-cpp)
+
+} // namespace
+
+// Names that the linker prescribes.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
+extern "C" int __real_mkdirat(int directory, const char* path, mode_t mode);
+extern "C" int __wrap_mkdirat(int directory, const char* path, mode_t mode)
+{
+    if (meanwhile) {
+        meanwhile();
+    }
+    return __real_mkdirat(directory, path, mode);
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
 
 namespace {
 
@@ -49,6 +71,7 @@ private Q_SLOTS:
     void a_large_file_in_the_place_of_a_link_takes_no_memory();
     void the_parent_link_of_a_name_with_dots_is_followed();
     void other_file_systems_are_left_alone();
+    void a_link_that_takes_the_place_of_a_new_directory_is_not_followed_off_the_card();
     void a_mount_point_that_is_not_mounted_counts_as_the_card();
     void what_is_mounted_over_an_opened_card_is_not_reached();
 };
@@ -191,6 +214,23 @@ void ConfigLayoutTest::other_file_systems_are_left_alone()
     QCOMPARE(QFile::symLinkTarget("/media/sdcard/a/wrong"), QString("/media/sdcard/a/other"));
     QVERIFY(!QFileInfo::exists("/media/beside"));
     QVERIFY(QFileInfo("/media/sdcard/last").isDir());
+}
+
+void ConfigLayoutTest::a_link_that_takes_the_place_of_a_new_directory_is_not_followed_off_the_card()
+{
+    const ConfigHandler config = CardConfig::withChildren("<dir size='1'>a</dir>");
+    QVERIFY(QDir().mkpath("/media/outside"));
+    QCOMPARE(::chown("/media/outside", 1, 1), 0);
+    meanwhile = [] {
+        QCOMPARE(::symlink("/media/outside", "/media/sdcard/a"), 0);
+    };
+    const auto stop = qScopeGuard([] { meanwhile = nullptr; });
+    const LogCapture log;
+    QVERIFY(!config.applyConfigLayout());
+    QCOMPARE(log.messages(),
+             (QStringList{"Can't create directory for '/media/sdcard/a' (File exists)",
+                          "Leaving '/media/sdcard/a' alone: it is not on the card"}));
+    QCOMPARE(QFileInfo("/media/outside").ownerId(), 1U);
 }
 
 void ConfigLayoutTest::a_mount_point_that_is_not_mounted_counts_as_the_card()
