@@ -110,7 +110,7 @@ void Relocation::moveCsvFiles() const
 // Looks at each directory whose entries the shell's commands move or remove.
 bool Relocation::isCsvElsewhere(const QByteArray& csvPath, const QByteArray& doubledPath) const
 {
-    QVector<QByteArray> places{csvPath, doubledPath};
+    QVector<QByteArray> places{csvPath};
     const OpenedPlace doubled = mCard.open(doubledPath);
     // The names are bytes, which QDir would not list if they are not text.
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(
