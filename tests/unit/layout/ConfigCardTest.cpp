@@ -38,6 +38,7 @@ private Q_SLOTS:
     void initTestCase();
     void cleanup();
     void a_size_under_an_unknown_name_is_nothing();
+    void the_use_of_a_directory_without_a_card_is_nothing();
     void the_use_of_a_missing_directory_is_reported();
     void the_first_directory_of_a_name_is_asked();
     void each_question_for_a_use_reads_the_interval_file();
@@ -70,6 +71,14 @@ void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
     }
     QCOMPARE(config.getDirUsed("link"), qint64{0});
     QCOMPARE(config.getDirUsed("Logs"), qint64{0});
+}
+
+void ConfigCardTest::the_use_of_a_directory_without_a_card_is_nothing()
+{
+    TestDevice::writeFile("/media/sdcard/logs/a", QByteArray(1000, 'x'));
+    const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");
+    QCOMPARE(config.getDirUsed("logs"), qint64{0});
+    QCOMPARE(config.getDirUsed(""), qint64{0});
 }
 
 void ConfigCardTest::the_use_of_a_missing_directory_is_reported()
