@@ -8,11 +8,11 @@
 struct DirInfo;
 struct SymlinkInfo;
 
-/// The one reading of the media configuration's elements: what the service accepts and what a check
-/// of the file reports cannot differ.
+/// Reads the elements of the media configuration. The service and the client's check of a file
+/// share it, so that they cannot differ.
 namespace ConfigReading {
 
-/// What holds where neither the command line nor the file says otherwise.
+/// The values when neither the command line nor the file gives others.
 inline const QString kDefaultFile = QStringLiteral("/etc/tavo/tavo-sdcard.config.xml");
 inline const QString kDefaultMountPoint = QStringLiteral("/media/sdcard");
 inline const QString kDefaultDevicePath = QStringLiteral("/dev/mmcblk0p1");
@@ -28,7 +28,7 @@ constexpr const char* kOwnerAttribute = "owner";
 constexpr const char* kSymlinkElement = "symlink";
 constexpr const char* kTargetAttribute = "target";
 
-/// Is told of all that is read, in document order.
+/// Receives everything that is read, in document order.
 class Listener
 {
 public:

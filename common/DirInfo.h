@@ -44,7 +44,7 @@ struct SymlinkInfo
     QString name;   ///< its file name
     QString path;   ///< relative to the mount point, beginning with "/"
     QString target; ///< what the link contains, as configured
-    /// The target seen from the link's directory, relative to the mount point. For callers of the
-    /// published interface; the service itself has no use for it.
+    /// The target seen from the link's directory, relative to the mount point. Only callers of
+    /// ConfigHandler use it.
     QString absoluteTarget;
 };

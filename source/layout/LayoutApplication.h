@@ -4,19 +4,19 @@
 #include <QString>
 #include <QVector>
 
-#include <sys/types.h>
-
 #include <log4cxx/logger.h>
 
+#include "CardRoot.h"
 #include "DirInfo.h"
 
 /// Creates and corrects the configured directories and links on a mounted card. It never removes
-/// anything but a link with another content.
+/// anything but a link with another content, and it leaves alone what a link on the card or a
+/// configured name leads to on another file system.
 class LayoutApplication
 {
 public:
     /// @param logger receives a record for each correction and for each step that fails
-    LayoutApplication(QString mountPoint, log4cxx::LoggerPtr logger);
+    LayoutApplication(const QString& mountPoint, log4cxx::LoggerPtr logger);
 
     /// Goes on after a step that fails.
     /// @return false when at least one step failed
@@ -24,11 +24,15 @@ public:
 
 private:
     bool applyDir(const DirInfo& dir) const;
-    bool createDir(const DirInfo& dir, const QByteArray& fullPath) const;
-    bool correctDir(const DirInfo& dir, const QByteArray& fullPath, mode_t currentMode,
-                    DirInfo::Ids currentOwner) const;
+    bool createDir(const DirInfo& dir) const;
+    bool correctDir(const DirInfo& dir, const OpenedPlace& place) const;
     bool applySymlink(const SymlinkInfo& symlink) const;
 
+    QByteArray fullPath(const QString& path) const { return (mMountPoint + path).toUtf8(); }
+    bool fail(const QByteArray& what, int error) const;
+    bool leaveAlone(const QString& path) const;
+
     QString mMountPoint;
+    CardRoot mCard;
     log4cxx::LoggerPtr mLogger;
 };

@@ -39,8 +39,6 @@ public:
     const QVector<SymlinkInfo>& symlinks() const { return mSymlinks; }
     /// One "name=path" for each directory.
     const QStringList& dirEntries() const { return mDirEntries; }
-    /// One "name=path" for each link; kept for callers, as dirEntries() for links.
-    const QStringList& symlinkEntries() const { return mSymlinkEntries; }
 
     /// Path, relative to the mount point, of the first directory named @p id, else of the first
     /// such link; empty when there is neither.
@@ -53,9 +51,11 @@ public:
     /// Whether the kernel lists a card in the first MMC slot.
     bool hasMmcDevice() const;
 
-    // The next three are the published way to read a piece of a configuration; setup() goes through
-    // the first, the other two are kept for callers.
+    // Published: programs of the device are built against the names of this class, so they stay.
+    // The service itself uses of the following only parseChildNodes().
 
+    /// One "name=path" for each link.
+    const QStringList& symlinkEntries() const { return mSymlinkEntries; }
     /// Reads the children of one element.
     /// @param parentPath path of the element's directory; empty for the root
     /// @param parentSize its share of the card; 1.0 for the root

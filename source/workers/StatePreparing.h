@@ -60,7 +60,6 @@ protected:
     void run() override;
 
 private:
-    void removeDoubledCsvTree(const QString& doubledDir, const QString& topDir) const;
     void runPreparingScripts() const;
 
     QString mJobDir = QStringLiteral("/opt/tavo/share/tavo-sdcard/preparing");

@@ -8,8 +8,6 @@ from board import MOUNT_POINT, Card
 from contents import Contents
 from steps import eject, expect_mounted, messages, start_with_mounted_card, take_out
 
-pytestmark = pytest.mark.installed
-
 WARNING = "Cannot apply sdcard layout"
 CONFIGURATION = """
 <sdcard>
@@ -105,7 +103,7 @@ def test_wrong_modes_and_owners_are_corrected(board, content):
     (content / "data").mkdir()
     os.chmod(content / "logs/old", 0o711)
     os.chmod(content / "data", 0o2755)
-    os.chown(content / "data", 3, 4)
+    os.chown(content / "data", 0, 4)
     start_with_mounted_card(board, card_with(content))
     found = Contents(board).described()
     assert found["logs"] == ("directory", "750", "daemon", "adm")
@@ -217,7 +215,46 @@ def test_the_layout_goes_to_the_configured_mount_point(make_board, program):
     assert not board.exists("/media/card/two")
 
 
-def test_a_name_that_leads_out_of_the_card_is_used_unchanged(make_board, program):
+def left_alone(*paths):
+    return errors(*(f"Leaving '{MOUNT_POINT}/{path}' alone: it is not on the card" for path in paths))
+
+
+def test_what_a_link_leads_to_off_the_card_is_left_alone(board, content):
+    board.run("mkdir", "-p", "-m", "0700", "/var/precious/old", check=True)
+    board.run("ln", "-s", "precious", "/var/precious/last", check=True)
+    before = board.run("find", "/var/precious", "-printf", "%p %m %U %l %C@\\n", check=True).stdout
+    (content / "logs").symlink_to("/var/precious")
+    start_with_mounted_card(board, card_with(content))
+    assert board.run("find", "/var/precious", "-printf", "%p %m %U %l %C@\\n", check=True).stdout == before
+    found = Contents(board).described()
+    assert found["logs"] == "/var/precious"
+    assert found["data"][0] == "directory"
+    assert found["around"] == "../sdcard/data"
+    assert layout_records(board) == left_alone("logs", "logs/old", "logs/last") + FAILED
+
+
+def test_a_name_that_leads_off_the_card_is_used_as_it_is_given_and_left_alone(make_board, program):
     board = make_board(program=program, media_config='<sdcard><dir size="5">../beside</dir></sdcard>')
     start_with_mounted_card(board)
-    assert board.exists("/media/beside")
+    assert board.call("tavo.SDCard1", "GetDirPath", "../beside") == f"{MOUNT_POINT}/../beside"
+    assert not board.exists("/media/beside")
+    assert layout_records(board) == left_alone("../beside") + FAILED
+
+
+@pytest.mark.parametrize("locale", ["C", "C.UTF-8"])
+def test_paths_on_the_card_are_utf8_in_every_locale(make_board, program, content, locale):
+    (content / "PindleLogger.db").write_text("database")
+    (content / "csv/media/kärtchen/csv/2024").mkdir(parents=True)
+    (content / "csv/media/kärtchen/csv/2024/größe").write_text("1")
+    board = make_board(program=program, media_config='<sdcard mountpoint="/media/kärtchen"><dir size="5">logger</dir>'
+                                                     '<dir size="5">csv</dir><dir size="5">größe</dir></sdcard>')
+    board.insert(card_with(content))
+    board.start_service(environment={"LC_ALL": locale})
+    expect_mounted(board)
+    # The text of an element is Latin-1, the value of "mountpoint" UTF-8.
+    latin1 = "größe".encode().decode("latin-1")
+    found = board.run("find", "/media", "-mindepth", "2", as_bytes=True, check=True).stdout.decode().splitlines()
+    assert {path.removeprefix("/media/kärtchen/") for path in found} - {"lost+found"} == {
+        "csv", "csv/größe", "logger", "logger/PindleLogger.db", latin1}
+    assert layout_records(board) == []
+    assert board.call("tavo.SDCard1", "GetDirPath", latin1) == f"/media/kärtchen/{latin1}"

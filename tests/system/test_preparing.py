@@ -4,7 +4,7 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State
 from contents import Contents
-from steps import HOLD, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
+from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, messages, start_with_mounted_card, take_out
 
 pytestmark = pytest.mark.installed
 
@@ -236,3 +236,32 @@ def test_a_process_that_a_script_leaves_running_does_not_block_the_service(board
     start_with_mounted_card(board)
     eject(board)
     board.run("pkill", "-x", "sleep", check=True)
+
+
+def test_a_move_that_hangs_keeps_the_card_busy_until_it_ends(board, tmp_path):
+    write(tmp_path, {"PindleLogger.db": "database"})
+    board.replace_tool("/usr/bin/mv", HELD_PROGRAM)
+    board.insert(Card.formatted(content=tmp_path))
+    board.start_service()
+    board.expect("mv runs", lambda: board.tool_calls("mv") != [])
+    board.expect_state_for(State.MOUNTING, 1)
+    assert board.property("IsMounted") is False
+    go_on(board)
+    expect_mounted(board)
+    assert texts(board, "logger/PindleLogger.db") == ["database"]
+
+
+def test_a_signal_while_the_script_of_a_pulled_card_runs_ends_the_service(board):
+    script(board, "slow", f"echo $$ >{CALLS}; exec sleep 1000")
+    script(board, "then-next", f"echo next >>{CALLS}")
+    board.insert(Card.formatted())
+    board.start_service()
+    board.expect("the script runs", lambda: calls(board) != [])
+    [process] = calls(board)
+    board.pull()
+    board.expect_state(State.NO_CARD)
+    assert board.exists(f"/proc/{process}")
+    assert board.stop_service(within=10) == 0
+    board.expect("the script has ended", lambda: not board.exists(f"/proc/{process}"), within=10)
+    assert calls(board) == [process]
+    assert messages(board)[-1] == "Terminating sdcardd with exit code 0"

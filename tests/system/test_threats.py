@@ -1,6 +1,7 @@
 """What a prepared card, a local account and a peer on the bus can and cannot do; docs/security.md explains it."""
 
 import json
+import os
 import re
 
 import pytest
@@ -79,29 +80,43 @@ def test_what_a_card_links_to_is_never_deleted(shipped, content):
     assert f"{MOUNT_POINT}/logger is not a directory" in messages(shipped, "ERROR")
 
 
-def test_a_card_whose_logger_directory_is_a_link_puts_its_file_there_and_has_it_run(shipped, content):
+def left_alone(board, path):
+    """Whether the layout or a move of files reports that it did not touch a path."""
+    return messages(board, "ERROR").count(f"Leaving '{MOUNT_POINT}/{path}' alone: it is not on the card")
+
+
+def test_a_logger_directory_that_a_link_leads_off_the_card_gets_no_files(shipped, content):
     (content / "logger").symlink_to(JOBS)
     (content / "LoggerFiles").write_text("#!/bin/sh\nid -u >/run/board/taken-over\n")
     (content / "LoggerFiles").chmod(0o755)
     shipped.run("mkdir", "-p", JOBS, check=True)
     put_in(shipped, content)
-    assert shipped.read_file("/run/board/taken-over") == "0\n"
+    assert shipped.run("ls", "-A", JOBS, check=True).stdout == ""
+    assert not shipped.exists("/run/board/taken-over")
+    assert Contents(shipped).described()["LoggerFiles"][0] == "file"
+    assert left_alone(shipped, "logger") == 2  # by the layout and by the move
 
 
-def test_a_card_whose_doubled_path_is_a_link_takes_what_lies_below_its_target(shipped, content):
+@pytest.mark.parametrize("link, target", [(DOUBLED, "/var/precious"), (f"{DOUBLED}/2024", "/var/precious/secrets"),
+                                          (os.fsdecode(f"{DOUBLED}/".encode() + b"\xff"), "/var/precious/secrets")])
+def test_a_doubled_path_that_a_link_leads_off_the_card_is_not_emptied(shipped, content, link, target):
     shipped.write_file("/var/precious/secrets/key", "secret")
-    (content / DOUBLED).parent.mkdir(parents=True)
-    (content / DOUBLED).symlink_to("/var/precious")
+    (content / link).parent.mkdir(parents=True)
+    (content / link).symlink_to(target)
     put_in(shipped, content)
-    assert Contents(shipped).texts("csv/key") == ["secret"]
-    assert not shipped.exists("/var/precious/secrets/key")
+    assert shipped.read_file("/var/precious/secrets/key") == "secret"
+    assert Contents(shipped).names("csv") == ["media"]
+    assert len([text for text in messages(shipped, "ERROR") if text.endswith("alone: it is not on the card")]) == 1
+    assert not [text for text in messages(shipped) if text.startswith("move File From")]
 
 
-def test_a_card_whose_directory_is_a_link_has_the_mode_of_the_target_changed(shipped, content):
-    shipped.write_file("/var/precious", "secret", 0o600)
+def test_a_directory_that_a_link_leads_off_the_card_keeps_its_mode_and_owner(shipped, content):
+    shipped.run("install", "-d", "-m", "0700", "-o", "nobody", "/var/precious", check=True)
     (content / "csv").symlink_to("/var/precious")
     put_in(shipped, content)
-    assert shipped.run("stat", "-c", "%a", "/var/precious").stdout == "755\n"
+    assert shipped.run("stat", "-c", "%a %U", "/var/precious").stdout == "700 nobody\n"
+    assert left_alone(shipped, "csv") == 1
+    assert "Cannot apply sdcard layout" in messages(shipped, "WARN")
 
 
 def test_a_watched_directory_that_a_link_leads_out_of_the_card_is_left_alone(shipped, content):

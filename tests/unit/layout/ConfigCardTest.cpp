@@ -29,7 +29,7 @@ void makeLink(const char* target, const QString& path)
 
 } // namespace
 
-/// What the configuration tells about the mounted card.
+/// What the configuration reports about the mounted card and its slot.
 class ConfigCardTest : public QObject
 {
     Q_OBJECT
@@ -37,13 +37,9 @@ class ConfigCardTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanup();
-    void a_size_is_the_share_of_the_mounted_card();
-    void a_size_without_a_card_is_nothing();
     void a_size_under_an_unknown_name_is_nothing();
-    void the_use_of_a_directory_is_that_of_its_whole_tree();
     void the_use_of_a_directory_without_a_card_is_nothing();
     void the_use_of_a_missing_directory_is_reported();
-    void the_use_of_the_whole_card_is_what_is_not_free();
     void the_first_directory_of_a_name_is_asked();
     void each_question_for_a_use_reads_the_interval_file();
     void a_card_device_is_a_link_of_the_first_slot_data();
@@ -65,23 +61,6 @@ void ConfigCardTest::cleanup()
     TestDevice::remove("/etc/scw_interval");
 }
 
-void ConfigCardTest::a_size_is_the_share_of_the_mounted_card()
-{
-    QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
-    const ConfigHandler config = CardConfig::withChildren(
-        "<dir size='50'>logs<dir size='10.00001'>old</dir></dir><dir size='-25'>odd</dir>");
-    QCOMPARE(config.getDirSize("logs"), kCardSize / 2);
-    QCOMPARE(config.getDirSize("old"), static_cast<qint64>(kCardSize * (0.5 * 0.01 * 10.00001)));
-    QCOMPARE(config.getDirSize("odd"), -kCardSize / 4);
-}
-
-void ConfigCardTest::a_size_without_a_card_is_nothing()
-{
-    QVERIFY(QDir().mkpath(CardConfig::kMountPoint));
-    const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");
-    QCOMPARE(config.getDirSize("logs"), qint64{0});
-}
-
 void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
@@ -94,25 +73,12 @@ void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
     QCOMPARE(config.getDirUsed("Logs"), qint64{0});
 }
 
-void ConfigCardTest::the_use_of_a_directory_is_that_of_its_whole_tree()
-{
-    QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
-    TestDevice::writeFile("/media/sdcard/logs/a", QByteArray(1000, 'x'));
-    TestDevice::writeFile("/media/sdcard/logs/sub/b", QByteArray(200, 'x'));
-    TestDevice::writeFile("/media/sdcard/csv/c", QByteArray(30, 'x'));
-    const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");
-    QCOMPARE(config.getDirUsed("logs"),
-             1200 + sizeOf("/media/sdcard/logs") + sizeOf("/media/sdcard/logs/sub"));
-}
-
 void ConfigCardTest::the_use_of_a_directory_without_a_card_is_nothing()
 {
     TestDevice::writeFile("/media/sdcard/logs/a", QByteArray(1000, 'x'));
     const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");
-    const LogCapture log;
     QCOMPARE(config.getDirUsed("logs"), qint64{0});
     QCOMPARE(config.getDirUsed(""), qint64{0});
-    QCOMPARE(log.messages(), QStringList());
 }
 
 void ConfigCardTest::the_use_of_a_missing_directory_is_reported()
@@ -124,16 +90,6 @@ void ConfigCardTest::the_use_of_a_missing_directory_is_reported()
     QCOMPARE(log.messages(LogLevel::Error),
              QStringList{"fstatat() failed for /media/sdcard/logs: No such file or directory"});
     QCOMPARE(log.errorCount(), 1U);
-}
-
-void ConfigCardTest::the_use_of_the_whole_card_is_what_is_not_free()
-{
-    QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
-    const ConfigHandler config = CardConfig::withChildren("");
-    QCOMPARE(config.getDirUsed(""), qint64{0});
-    TestDevice::writeFile("/media/sdcard/file", QByteArray(3 * kMegabyte, 'x'));
-    QCOMPARE(config.getDirUsed(""), 3 * kMegabyte);
-    QCOMPARE(config.getDirUsed(QString()), 3 * kMegabyte);
 }
 
 void ConfigCardTest::the_first_directory_of_a_name_is_asked()

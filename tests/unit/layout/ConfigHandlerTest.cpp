@@ -1,7 +1,10 @@
 #include <memory>
 
 #include <QCoreApplication>
+#include <QFileInfo>
+#include <QScopeGuard>
 #include <QTest>
+#include <QTextCodec>
 
 #include "CardConfig.h"
 #include "LogCapture.h"
@@ -42,7 +45,9 @@ private Q_SLOTS:
     void a_new_handler_knows_the_default_card_and_no_layout();
     void a_root_without_children_is_an_empty_layout();
     void the_root_names_the_mount_point_and_the_device_in_utf8();
+    void empty_paths_replace_the_default_ones();
     void another_file_can_be_read();
+    void a_file_name_beyond_ascii_is_readable_in_a_parsing_error();
     void directories_and_links_stand_in_document_order();
     void elements_inside_of_a_link_are_ignored();
     void all_attributes_of_a_directory_are_kept();
@@ -106,6 +111,18 @@ void ConfigHandlerTest::the_root_names_the_mount_point_and_the_device_in_utf8()
     QCOMPARE(config.devicePath(), QString::fromUtf8("/dev/\xe2\x82\xac"));
 }
 
+void ConfigHandlerTest::empty_paths_replace_the_default_ones()
+{
+    CardConfig::write("<sdcard mountpoint='' devicepath=''><dir size='1'>empty</dir></sdcard>");
+    ConfigHandler config;
+    QVERIFY(config.setup());
+    QCOMPARE(config.mountPoint(), QString(""));
+    QCOMPARE(config.devicePath(), QString(""));
+    // No card is there, and the root directory is none.
+    QVERIFY(!config.applyConfigLayout());
+    QVERIFY(!QFileInfo::exists("/empty"));
+}
+
 void ConfigHandlerTest::another_file_can_be_read()
 {
     const QString other = QStringLiteral("/etc/tavo/other.xml");
@@ -114,6 +131,24 @@ void ConfigHandlerTest::another_file_can_be_read()
     config.setConfigFile(other);
     QVERIFY(config.setup());
     QCOMPARE(config.mountPoint(), QString("/other"));
+}
+
+void ConfigHandlerTest::a_file_name_beyond_ascii_is_readable_in_a_parsing_error()
+{
+    const QString other = QString::fromUtf8("/etc/tavo/gr\xc3\xb6\xc3\x9f"
+                                            "e.xml");
+    TestDevice::writeFile(other, "<sdcard><file/></sdcard>");
+    // The test's own environment may have another encoding.
+    QTextCodec* const before = QTextCodec::codecForLocale();
+    const auto restore = qScopeGuard([before] { QTextCodec::setCodecForLocale(before); });
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    ConfigHandler config;
+    config.setConfigFile(other);
+    const LogCapture log;
+    QVERIFY(!config.setup());
+    QCOMPARE(log.messages(),
+             (QStringList{"Parsing errror: Unsupported node 'file' found in file '" + other + "'",
+                          "Could not parse child nodes in file '" + other + "'"}));
 }
 
 void ConfigHandlerTest::directories_and_links_stand_in_document_order()
@@ -288,7 +323,7 @@ void ConfigHandlerTest::a_wrong_node_ends_the_reading_data()
         << QByteArray("<dir/>") << "Content of node 'dir' not definied";
     QTest::newRow("directory without size")
         << QByteArray("<dir>a</dir>") << "Attribute 'size' of node 'dir' not found";
-    for (const char* const size : {"", "x", "10%", "1,5", "10 percent", "0x10"}) {
+    for (const char* const size : {"", "x", "10%", "1,5", "10 percent", "0x10", "1e309"}) {
         QTest::addRow("size '%s'", size) << "<dir size='" + QByteArray(size) + "'>a</dir>"
                                          << "Attribute 'size' of node 'dir' with format error";
     }

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <log4cxx/logger.h>
+
+#include "CardRoot.h"
+
+class ConfigHandler;
+
+/// Moves data that other services left in outdated places of the card into the configured
+/// directories. A job that would work on another file system than the card's moves nothing. No
+/// state is kept: what is left to do shows on the card. The records name ThreadPreparing's
+/// published functions.
+class Relocation
+{
+public:
+    /// @param config read-only while a job runs; outlives this object
+    Relocation(const ConfigHandler& config, const QString& mountPoint, log4cxx::LoggerPtr logger);
+
+    /// ThreadPreparing::prepareJobRelocateDatabase()
+    void moveDatabase() const;
+    /// ThreadPreparing::prepareJobRelocateCsv()
+    void moveCsvFiles() const;
+
+private:
+    bool isCsvElsewhere(const QByteArray& csvPath, const QByteArray& doubledPath) const;
+    void removeDoubledCsvTree(const QString& doubledDir, const QString& topDir) const;
+
+    const ConfigHandler& mConfig;
+    QString mMountPoint;
+    CardRoot mCard;
+    log4cxx::LoggerPtr mLogger;
+};
