@@ -17,8 +17,6 @@
 namespace {
 
 const QString kConstructor = QStringLiteral("SDCardFileInfo::SDCardFileInfo(const QByteArray&)");
-const QString kAbsolutePath =
-    QStringLiteral("static QByteArray SDCardFileInfo::absolutePath(const QByteArray&)");
 const QString kBaseName = QStringLiteral("const char* SDCardFileInfo::baseName() const");
 
 bool lacksMemory = false;
@@ -53,10 +51,12 @@ private Q_SLOTS:
     void a_path_is_normalised_without_looking_at_the_file_system_data();
     void a_path_is_normalised_without_looking_at_the_file_system();
     void a_relative_path_begins_in_the_working_directory();
+    void without_a_working_directory_a_relative_path_is_a_fatal_error_data();
     void without_a_working_directory_a_relative_path_is_a_fatal_error();
     void the_base_name_is_the_last_component_data();
     void the_base_name_is_the_last_component();
     void without_memory_the_base_name_is_empty_until_it_is_asked_for_again();
+    void the_base_name_is_kept_when_memory_is_short();
     void the_status_is_that_of_the_file();
     void a_directory_is_told_from_a_file();
     void a_dangling_link_counts_as_itself();
@@ -117,17 +117,34 @@ void SDCardFileInfoTest::a_relative_path_begins_in_the_working_directory()
     QCOMPARE(SDCardFileInfo("..").path(), QByteArray("/"));
 }
 
+void SDCardFileInfoTest::without_a_working_directory_a_relative_path_is_a_fatal_error_data()
+{
+    QTest::addColumn<int>("levels");
+    QTest::addColumn<QString>("why");
+    QTest::newRow("removed") << 0 << "No such file or directory";
+    // "/w/sub" and 16 names of 255 bytes are 4,102 bytes.
+    QTest::newRow("longer than 4,096 bytes") << 16 << "Numerical result out of range";
+}
+
 void SDCardFileInfoTest::without_a_working_directory_a_relative_path_is_a_fatal_error()
 {
+    QFETCH(const int, levels);
+    QFETCH(const QString, why);
+    const QByteArray name(255, 'x');
     QCOMPARE(::chdir("/w/sub"), 0);
-    QCOMPARE(::rmdir("/w/sub"), 0);
+    for (int i = 0; i < levels; ++i) {
+        QCOMPARE(::mkdir(name.constData(), 0755), 0);
+        QCOMPARE(::chdir(name.constData()), 0);
+    }
+    if (levels == 0) {
+        QCOMPARE(::rmdir("/w/sub"), 0);
+    }
     const LogCapture log;
     const SDCardFileInfo info("file");
     QVERIFY(!info.isValid());
     QCOMPARE(info.path(), QByteArray());
-    const LogRecord expected{LogLevel::Fatal, "SDCardFileInfo", "SDCardFileInfo", kAbsolutePath,
-                             "SDCardFileInfo() Cannot get current working directory:"
-                             "No such file or directory"};
+    const LogRecord expected{LogLevel::Fatal, "SDCardFileInfo", "SDCardFileInfo", kConstructor,
+                             "SDCardFileInfo() Cannot get current working directory:" + why};
     QCOMPARE(log.records(), QVector<LogRecord>{expected});
     QCOMPARE(log.fatalCount(), 1U);
     QCOMPARE(log.errorCount(), 0U);
@@ -166,6 +183,18 @@ void SDCardFileInfoTest::without_memory_the_base_name_is_empty_until_it_is_asked
     QCOMPARE(log.records(), QVector<LogRecord>{expected});
     QCOMPARE(log.errorCount(), 1U);
     QCOMPARE(info.baseName(), "sub");
+}
+
+void SDCardFileInfoTest::the_base_name_is_kept_when_memory_is_short()
+{
+    const SDCardFileInfo info("/w/sub");
+    QCOMPARE(info.baseName(), "sub");
+    const LogCapture log;
+    lacksMemory = true;
+    const QByteArray kept = info.baseName();
+    lacksMemory = false;
+    QCOMPARE(kept, QByteArray("sub"));
+    QCOMPARE(log.messages(), QStringList());
 }
 
 void SDCardFileInfoTest::the_status_is_that_of_the_file()
