@@ -1,4 +1,5 @@
-#include <random>
+#include <algorithm>
+#include <limits>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -83,6 +84,8 @@ void fillWithAllKinds(const QByteArray& dir)
     QCOMPARE(::mknod((dir + "/pipe").constData(), S_IFIFO | 0600, 0), 0);
     QCOMPARE(::mknod((dir + "/socket").constData(), S_IFSOCK | 0600, 0), 0);
     QCOMPARE(::mknod((dir + "/device").constData(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    createFile(dir + "/-\xff\xc3\n%s" + QByteArray(240, '\x80'), 5);
+    createFile(dir + "/...", 3);
     createFile(dir + "/unreadable", 99);
     QCOMPARE(::chmod((dir + "/unreadable").constData(), 0), 0);
 }
@@ -96,16 +99,9 @@ class DirectoryScanTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void an_empty_directory_counts_as_itself();
     void one_level_counts_the_directory_and_what_is_no_directory_in_it();
-    void a_tree_counts_every_directory_and_file();
     void links_are_counted_as_themselves_and_never_followed();
     void files_are_listed_with_what_another_program_sees();
-    void random_trees_are_measured_as_another_program_does_data();
-    void random_trees_are_measured_as_another_program_does();
-    void names_are_bytes_data();
-    void names_are_bytes();
-    void another_file_system_is_not_entered();
     void a_root_that_cannot_be_measured_is_reported_data();
     void a_root_that_cannot_be_measured_is_reported();
     void a_directory_that_may_not_be_read_counts_as_itself();
@@ -124,13 +120,6 @@ void DirectoryScanTest::cleanup()
     TestDevice::unmountAll("/media/sdcard");
 }
 
-void DirectoryScanTest::an_empty_directory_counts_as_itself()
-{
-    QCOMPARE(flatSize(), sizeOf(kRoot));
-    QCOMPARE(treeSize(), sizeOf(kRoot));
-    QCOMPARE(scannedFiles(), QList<QByteArray>());
-}
-
 void DirectoryScanTest::one_level_counts_the_directory_and_what_is_no_directory_in_it()
 {
     createFile(kRoot + "/a", 1000);
@@ -139,16 +128,6 @@ void DirectoryScanTest::one_level_counts_the_directory_and_what_is_no_directory_
     createDirectory(kRoot + "/sub");
     createFile(kRoot + "/sub/d", 30);
     QCOMPARE(flatSize(), sizeOf(kRoot) + 1204);
-}
-
-void DirectoryScanTest::a_tree_counts_every_directory_and_file()
-{
-    createFile(kRoot + "/a", 1000);
-    createDirectory(kRoot + "/.sub");
-    createDirectory(kRoot + "/.sub/deeper");
-    createFile(kRoot + "/.sub/deeper/d", qint64{1} << 33);
-    QCOMPARE(treeSize(), sizeOf(kRoot) + sizeOf(kRoot + "/.sub") + sizeOf(kRoot + "/.sub/deeper") +
-                             1000 + (qint64{1} << 33));
 }
 
 void DirectoryScanTest::links_are_counted_as_themselves_and_never_followed()
@@ -165,97 +144,12 @@ void DirectoryScanTest::links_are_counted_as_themselves_and_never_followed()
 void DirectoryScanTest::files_are_listed_with_what_another_program_sees()
 {
     fillWithAllKinds(kRoot);
-    createDirectory(kRoot + "/sub");
-    fillWithAllKinds(kRoot + "/sub");
-    QCOMPARE(scannedFiles().size(), 24);
+    createDirectory(kRoot + "/.sub");
+    createDirectory(kRoot + "/.sub/\xfe");
+    fillWithAllKinds(kRoot + "/.sub/\xfe");
+    QCOMPARE(scannedFiles().size(), 28);
     QCOMPARE(scannedFiles(), listedFiles());
     QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
-}
-
-void DirectoryScanTest::random_trees_are_measured_as_another_program_does_data()
-{
-    QTest::addColumn<unsigned>("seed");
-    for (unsigned seed = 1; seed <= 8; ++seed) {
-        QTest::addRow("seed %u", seed) << seed;
-    }
-}
-
-void DirectoryScanTest::random_trees_are_measured_as_another_program_does()
-{
-    QFETCH(const unsigned, seed);
-    std::mt19937 random(seed);
-    const auto below = [&random](int limit) {
-        return static_cast<int>(random() % static_cast<unsigned>(limit));
-    };
-    QList<QByteArray> dirs{kRoot};
-    for (int i = 0; i < 60; ++i) {
-        dirs.append(dirs[below(dirs.size())] + "/d" + QByteArray::number(i));
-        createDirectory(dirs.last());
-    }
-    for (int i = 0; i < 400; ++i) {
-        const QByteArray path = dirs[below(dirs.size())] + "/f" + QByteArray::number(i);
-        switch (below(8)) {
-        case 0:
-            QCOMPARE(::symlink(QByteArray(1 + below(300), 'x').constData(), path.constData()), 0);
-            break;
-        case 1:
-            QCOMPARE(::symlink(dirs[below(dirs.size())].constData(), path.constData()), 0);
-            break;
-        case 2:
-            QCOMPARE(::mknod(path.constData(), S_IFIFO | 0600, 0), 0);
-            break;
-        default:
-            createFile(path, below(100'000));
-        }
-    }
-    const LogCapture log;
-    QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
-    QCOMPARE(scannedFiles(), listedFiles());
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void DirectoryScanTest::names_are_bytes_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::newRow("not UTF-8") << QByteArray("\xff\xfe\xc3");
-    QTest::newRow("newline") << QByteArray("a\nb\n");
-    QTest::newRow("leading dash") << QByteArray("-rf");
-    QTest::newRow("255 bytes") << QByteArray(255, 'x');
-    QTest::newRow("255 bytes that are no text") << QByteArray(255, '\x80');
-    QTest::newRow("percent") << QByteArray("%s%n");
-    QTest::newRow("three dots") << QByteArray("...");
-    QTest::newRow("dot and blank") << QByteArray(". ");
-    QTest::newRow("blank") << QByteArray(" ");
-    QTest::newRow("quotes") << QByteArray("'\"\\$(x)`");
-}
-
-void DirectoryScanTest::names_are_bytes()
-{
-    QFETCH(const QByteArray, name);
-    createDirectory(kRoot + "/" + name);
-    createFile(kRoot + "/" + name + "/" + name, 500);
-    createDirectory(kRoot + "/" + name + "/d");
-    createFile(kRoot + "/" + name + "/d/" + name, 60);
-    const LogCapture log;
-    QCOMPARE(flatSize(kRoot + "/" + name), sizeOf(kRoot + "/" + name) + 500);
-    QCOMPARE(treeSize(), sizeOf(ScannedTree::list(kRoot)));
-    QCOMPARE(scannedFiles().size(), 2);
-    QCOMPARE(scannedFiles(), listedFiles());
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void DirectoryScanTest::another_file_system_is_not_entered()
-{
-    createFile(kRoot + "/a", 1000);
-    QVERIFY(TestDevice::mountTmpfs(kRoot + "/other", kCardSize));
-    createFile(kRoot + "/other/b", 200);
-    const LogCapture log;
-    const QList<QByteArray> files = scannedFiles();
-    const qint64 size = treeSize();
-    TestDevice::unmountAll(kRoot + "/other");
-    QCOMPARE(files.size(), 1);
-    QCOMPARE(size, sizeOf(kRoot) + 1000);
-    QCOMPARE(log.messages(), QStringList());
 }
 
 void DirectoryScanTest::a_root_that_cannot_be_measured_is_reported_data()
