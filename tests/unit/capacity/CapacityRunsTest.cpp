@@ -73,7 +73,6 @@ private Q_SLOTS:
     void a_run_has_a_logger_and_a_signal_stack_of_its_own_and_ends_in_the_watchers_thread();
     void a_run_is_disposed_of_when_it_has_ended();
     void the_directories_are_brought_within_their_limits_in_their_order();
-    void two_runs_at_once_end_well();
     void destruction_ends_a_run_early();
     void runs_that_do_not_end_are_waited_for_3_seconds_in_all();
     void the_wait_ends_with_the_run();
@@ -81,7 +80,6 @@ private Q_SLOTS:
     void a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied();
     void a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record();
     void nothing_is_open_while_the_last_records_are_written();
-    void requests_are_fulfilled_after_runs_were_abandoned();
 };
 
 void CapacityRunsTest::signals_and_slots_stand_in_their_order()
@@ -138,25 +136,6 @@ void CapacityRunsTest::the_directories_are_brought_within_their_limits_in_their_
     runs.watcher().storageIsReady();
     QVERIFY(runs.waitForEnd());
     QCOMPARE(log.messages(), (QStringList{WatchedRuns::kReport, WatchedRuns::kSecondReport}));
-}
-
-void CapacityRunsTest::two_runs_at_once_end_well()
-{
-    LogCapture log;
-    WatchedRuns runs;
-    for (int i = 0; i < 200; ++i) {
-        WatchedRuns::createFile(QByteArray::number(i));
-    }
-    log.holdAt(WatchedRuns::kReport);
-    runs.watcher().storageIsReady();
-    QVERIFY(log.waitUntilHeld());
-    runs.watcher().storageIsReady();
-    QCOMPARE(runs.runs(), 2);
-    log.letGo();
-    QVERIFY(runs.waitForEnd());
-    QVERIFY(runs.timer().isActive());
-    QCOMPARE(ScannedTree::list(WatchedRuns::kSecond).size(), 1);
-    QCOMPARE(log.messages().count(WatchedRuns::kReport), 2);
 }
 
 void CapacityRunsTest::destruction_ends_a_run_early()
@@ -294,21 +273,6 @@ void CapacityRunsTest::nothing_is_open_while_the_last_records_are_written()
     log.letGo();
     QVERIFY(runs.waitForEnd());
     QCOMPARE(open, QStringList());
-}
-
-void CapacityRunsTest::requests_are_fulfilled_after_runs_were_abandoned()
-{
-    const LogCapture log;
-    WatchedRuns runs;
-    runs.watcher().updateWatchDirs();
-    runs.watcher().abandonRuns();
-    WatchedRuns::createFile();
-    QVERIFY(runs.watcher().ensureDirSize("second"));
-    QVERIFY(!WatchedRuns::fileExists());
-    WatchedRuns::createFile();
-    runs.watcher().storageIsReady();
-    QVERIFY(runs.waitForEnd());
-    QVERIFY(!WatchedRuns::fileExists());
 }
 
 TEST_DEVICE_MAIN(CapacityRunsTest)

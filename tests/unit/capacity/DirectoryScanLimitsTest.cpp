@@ -76,7 +76,6 @@ private Q_SLOTS:
     void a_tree_deeper_than_a_path_is_long_is_emptied_data();
     void a_tree_deeper_than_a_path_is_long_is_emptied();
     void three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is();
-    void no_descriptor_stays_open();
     void a_file_costs_at_most_320_bytes_data();
     void a_file_costs_at_most_320_bytes();
     void a_level_of_a_deep_tree_costs_as_little_as_a_file();
@@ -132,8 +131,7 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
     }
 }
 
-void DirectoryScanLimitsTest::
-    three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is()
+void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is()
 {
     createDeepTree(200, QByteArray(250, 'x'));
     const LogCapture log(LogLevel::Off);
@@ -152,29 +150,6 @@ void DirectoryScanLimitsTest::
     thread.wait();
     QVERIFY(isLimited);
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
-}
-
-void DirectoryScanLimitsTest::no_descriptor_stays_open()
-{
-    const auto openDescriptors = [] {
-        return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
-    };
-    const LogCapture log;
-    const int before = openDescriptors();
-    for (int i = 0; i < 20; ++i) {
-        createDirectory(kRoot + "/" + QByteArray::number(i));
-        createFile(kRoot + "/" + QByteArray::number(i) + "/file", 10);
-    }
-    WatchedCard::makeBusy(kRoot + "/7");
-    WatchedCard::makeBusy(kRoot + "/8/file");
-    WatchedCard::enforce(0);
-    QCOMPARE(openDescriptors(), before);
-    const CancellationSource runs;
-    for (const QByteArray& path : {kRoot + "/missing", kFile}) {
-        DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
-        scan.run(path, DirectoryScan::Extent::OneLevel, DirectoryScan::Keep::SizesOnly);
-    }
-    QCOMPARE(openDescriptors(), before);
 }
 
 void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes_data()

@@ -58,14 +58,7 @@ private Q_SLOTS:
     void without_memory_the_base_name_is_empty_until_it_is_asked_for_again();
     void the_base_name_is_kept_when_memory_is_short();
     void the_status_is_that_of_the_file();
-    void a_directory_is_told_from_a_file();
-    void a_dangling_link_counts_as_itself();
-    void a_link_to_a_directory_is_no_directory();
-    void the_permission_bits_are_the_owners_alone_data();
-    void the_permission_bits_are_the_owners_alone();
     void what_does_not_exist_is_invalid_and_logged();
-    void a_name_is_bytes();
-    void copies_keep_their_base_name();
     void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do_data();
     void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do();
 };
@@ -212,51 +205,6 @@ void SDCardFileInfoTest::the_status_is_that_of_the_file()
              qint64{status.st_ctim.tv_sec} * 1'000'000'000 + status.st_ctim.tv_nsec);
 }
 
-void SDCardFileInfoTest::a_directory_is_told_from_a_file()
-{
-    QVERIFY(SDCardFileInfo("/w/sub").isDirectory());
-    QVERIFY(SDCardFileInfo("/").isValid());
-    QVERIFY(SDCardFileInfo("/").isDirectory());
-}
-
-void SDCardFileInfoTest::a_dangling_link_counts_as_itself()
-{
-    QCOMPARE(::symlink("nowhere/at/all", "/w/link"), 0);
-    const LogCapture log;
-    const SDCardFileInfo info("/w/link");
-    QVERIFY(info.isValid());
-    QCOMPARE(info.size(), qint64{14});
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void SDCardFileInfoTest::a_link_to_a_directory_is_no_directory()
-{
-    QCOMPARE(::symlink("/w/sub", "/w/link"), 0);
-    QVERIFY(!SDCardFileInfo("/w/link").isDirectory());
-    QCOMPARE(SDCardFileInfo("/w/link/").path(), QByteArray("/w/link"));
-}
-
-void SDCardFileInfoTest::the_permission_bits_are_the_owners_alone_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<bool>("isReadable");
-    QTest::addColumn<bool>("isWritable");
-    QTest::newRow("all") << 0777 << true << true;
-    QTest::newRow("none") << 0 << false << false;
-    QTest::newRow("others only") << 0077 << false << false;
-    QTest::newRow("read") << 0400 << true << false;
-    QTest::newRow("write") << 0200 << false << true;
-}
-
-void SDCardFileInfoTest::the_permission_bits_are_the_owners_alone()
-{
-    QFETCH(const int, mode);
-    QCOMPARE(::chmod("/w/sub", static_cast<mode_t>(mode)), 0);
-    const SDCardFileInfo info("/w/sub");
-    QTEST(info.isOwnerReadable(), "isReadable");
-    QTEST(info.isOwnerWritable(), "isWritable");
-}
-
 void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
 {
     const LogCapture log;
@@ -269,28 +217,6 @@ void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
                              "No such file or directory"};
     QCOMPARE(log.records(), QVector<LogRecord>{expected});
     QCOMPARE(log.errorCount(), 1U);
-}
-
-void SDCardFileInfoTest::a_name_is_bytes()
-{
-    const QByteArray path = "/w/-\xff\xc3\n" + QByteArray(251, 'x');
-    const int file = ::open(path.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-    QVERIFY(file >= 0);
-    ::close(file);
-    QVERIFY(SDCardFileInfo(path).isValid());
-    QCOMPARE(SDCardFileInfo(path).path(), path);
-}
-
-void SDCardFileInfoTest::copies_keep_their_base_name()
-{
-    SDCardFileInfo copy("/w");
-    {
-        const SDCardFileInfo original("/w/sub");
-        QCOMPARE(original.baseName(), "sub");
-        copy = original;
-    }
-    QCOMPARE(copy.baseName(), "sub");
-    QVERIFY(copy.isValid());
 }
 
 void SDCardFileInfoTest::
