@@ -61,23 +61,15 @@ void CapacityScheduleTest::a_positive_number_in_the_file_is_the_interval_data()
     row("without a line break", "60000", 60000);
     row("line of another system", "60000\r\n", 60000);
     row("white space around it", " \t\n 17 \n\n", 17);
-    row("smallest", "1", 1);
-    row("leading zeros", "0010", 10);
     row("largest", "2147483647", 2147483647);
     row("word", "abc", 0);
     row("0", "0", 0);
     row("negative", "-5", 0);
     row("empty", "", 0);
-    row("blank", " \n", 0);
-    row("unit", "60000 ms", 0);
     row("hexadecimal", "0x10", 0);
     row("fraction", "10.5", 0);
-    row("exponent", "1.5e3", 0);
-    row("two lines", "1000\n1000", 0);
     row("too large", "2147483648", 0);
     row("beyond 32 bits", "99999999999", 0);
-    row("zero bytes", QByteArray(100, '\0'), 0);
-    row("long", QByteArray(100'000, '9'), 0);
 }
 
 void CapacityScheduleTest::a_positive_number_in_the_file_is_the_interval()

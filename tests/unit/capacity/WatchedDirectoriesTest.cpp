@@ -310,9 +310,11 @@ void WatchedDirectoriesTest::one_level_and_a_whole_tree_are_measured()
 {
     createDirectory(kCard + "/w");
     createFile(kCard + "/w/file", 1000);
+    createFile(kCard + "/.hidden", 200);
+    QCOMPARE(::symlink("/etc", (kCard + "/link").constData()), 0);
     const Watch watch({});
     const LogCapture log;
-    const qint64 ofCard = ScannedTree::sizeOf(kCard);
+    const qint64 ofCard = ScannedTree::sizeOf(kCard) + 204;
     QCOMPARE(watch.watcher.dirSizeFlat(kCard), ofCard);
     QCOMPARE(watch.watcher.dirSize(kCard), ofCard + ScannedTree::sizeOf(kCard + "/w") + 1000);
     QCOMPARE(log.messages(), QStringList());
