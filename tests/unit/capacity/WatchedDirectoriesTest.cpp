@@ -235,19 +235,19 @@ void WatchedDirectoriesTest::directories_that_cannot_be_watched_are_left_out()
     QCOMPARE(::chmod((kCard + "/read-only").constData(), 0577), 0);
     QCOMPARE(::chmod((kCard + "/last").constData(), 0600), 0);
     QCOMPARE(::chown((kCard + "/last").constData(), 1234, 1234), 0);
+    const QString missing =
+        "SDCardFileInfo() fstatat() failed for /media/sdcard/missing: No such file or directory";
     const LogCapture log;
     const Watch watch(watched("missing") + watched("file") + watched("link") + watched("closed") +
                       watched("read-only") + watched("last", "90"));
-    QCOMPARE(log.messages(LogLevel::Error),
-             (QStringList{
-                 "SDCardFileInfo() fstatat() failed for /media/sdcard/missing: "
-                 "No such file or directory",
-                 "/media/sdcard/missing does not exist",
-                 "/media/sdcard/file is not a directory",
-                 "/media/sdcard/link is not a directory",
-                 "/media/sdcard/closed is not readable",
-                 "/media/sdcard/read-only is not writable",
-             }));
+    QCOMPARE(log.messages(LogLevel::Error), (QStringList{
+                                                missing,
+                                                "/media/sdcard/missing does not exist",
+                                                "/media/sdcard/file is not a directory",
+                                                "/media/sdcard/link is not a directory",
+                                                "/media/sdcard/closed is not readable",
+                                                "/media/sdcard/read-only is not writable",
+                                            }));
     QCOMPARE(log.errorCount(), 6U);
     for (const char* const name : {"missing", "file", "link", "closed", "read-only"}) {
         QVERIFY(!watch.watcher.ensureDirSize(name));
