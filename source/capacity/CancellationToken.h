@@ -6,7 +6,7 @@
 
 class CancellationSource;
 
-/// Tells work whether it is still wanted. Once cancelled, it stays so.
+/// Says whether work is still wanted. Once cancelled, it stays so.
 class CancellationToken
 {
 public:

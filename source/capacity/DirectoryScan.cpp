@@ -17,9 +17,9 @@
 
 namespace {
 
-constexpr auto kTrackSource = "StorageCapacityWatcher";
-
-constexpr quint32 kRoot = 0;
+constexpr tavoutil::RecordOrigin kOrigin{
+    "StorageCapacityWatcher",
+    "qint64 StorageCapacityWatcher::dirSizeFlat(const QByteArray&) const"};
 
 constexpr std::size_t kNameBlockSize = 65536;
 
@@ -116,8 +116,8 @@ void DirectoryScan::scanDirectory(quint32 index)
         mDirectories[kRoot].inode = status.st_ino;
     } else if (!isDirectory(index, status)) {
         // Another one has taken its place since it was seen.
-        TRACK_ERROR(mLogger,
-                    "fstatat() failed for " + path + ": " + tavoutil::systemErrorText(ESTALE));
+        TRACK_ERROR_FROM(kOrigin, mLogger,
+                         "fstatat() failed for " + path + ": " + tavoutil::systemErrorText(ESTALE));
         return;
     }
     addSize(status.st_size);
@@ -139,9 +139,9 @@ void DirectoryScan::reportUnreadable(const QByteArray& path)
     struct stat status = {};
     if (::fstatat(AT_FDCWD, path.constData(), &status, kStatusFlags) != 0) {
         const QByteArray why = tavoutil::systemErrorText(errno);
-        TRACK_ERROR(mLogger, "fstatat() failed for " + path + ": " + why);
+        TRACK_ERROR_FROM(kOrigin, mLogger, "fstatat() failed for " + path + ": " + why);
     } else if (!S_ISDIR(status.st_mode)) {
-        TRACK_ERROR(mLogger, "It is not a directory: " + path);
+        TRACK_ERROR_FROM(kOrigin, mLogger, "It is not a directory: " + path);
     } else {
         addSize(status.st_size);
     }
@@ -159,7 +159,7 @@ void DirectoryScan::readEntries(DIR* stream)
         if (isDirectory && (mExtent == Extent::OneLevel || isDotOrDotDot(name))) {
             continue;
         }
-        mEntries.push_back({entry->d_ino, mNames.store(name)});
+        mEntries.push_back({entry->d_ino, mNames.store(name), isDirectory});
     }
     if (mEntries.size() > kSortThreshold) {
         std::sort(mEntries.begin(), mEntries.end(),
@@ -176,7 +176,12 @@ void DirectoryScan::measureEntries(int fd, quint32 directory, const QByteArray& 
         struct stat status = {};
         if (::fstatat(fd, entry.name, &status, kStatusFlags) != 0) {
             const QByteArray why = tavoutil::systemErrorText(errno);
-            TRACK_ERROR(mLogger, "fstatat() failed for " + path + "/" + entry.name + ": " + why);
+            TRACK_ERROR_FROM(kOrigin, mLogger,
+                             "fstatat() failed for " + path + "/" + entry.name + ": " + why);
+            if (mKeep == Keep::Files && !entry.isDirectory) {
+                mUnmeasured.push_back(
+                    {0, 0, entry.name, directory, static_cast<quint32>(entry.inode)});
+            }
             continue;
         }
         if (S_ISDIR(status.st_mode)) {

@@ -33,6 +33,9 @@ public:
         quint32 inode;     ///< ext4 has no larger ones; of other file systems the low part
     };
 
+    /// The index of the scanned directory.
+    static constexpr quint32 kRoot = 0;
+
     enum class Extent
     {
         OneLevel, ///< for StorageCapacityWatcher::dirSizeFlat()
@@ -45,7 +48,7 @@ public:
     };
 
     /// @param logger receives an error for each entry that cannot be measured, which then counts
-    /// nothing
+    /// nothing, on behalf of StorageCapacityWatcher::dirSizeFlat()
     /// @param token ends the scan early when it is cancelled
     DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token);
 
@@ -59,12 +62,16 @@ public:
     qint64 totalSize() const { return mTotalSize; }
     /// The files, in no particular order; empty unless they were to be kept.
     std::vector<File>& files() { return mFiles; }
+    /// What would be among the files, but could not be asked for its status; with neither size nor
+    /// time.
+    const std::vector<File>& unmeasured() const { return mUnmeasured; }
     /// How many directories were found, the scanned one among them.
     std::size_t directoryCount() const { return mDirectories.size(); }
     /// The directory that holds the directory @p index; the scanned one for itself.
     quint32 parent(quint32 index) const { return mDirectories[index].parent; }
     /// The path of the directory @p index.
     QByteArray path(quint32 index) const;
+    QByteArray path(const File& file) const { return path(file.directory) + "/" + file.name; }
     /// Whether @p status is that of the directory @p index, and not of another that has taken its
     /// place.
     bool isDirectory(quint32 index, const struct stat& status) const;
@@ -74,6 +81,7 @@ private:
     {
         ino_t inode;
         const char* name;
+        bool isDirectory; ///< as far as the directory says
     };
 
     /// Keeps names in large blocks, since one allocation each would cost more than the names.
@@ -115,6 +123,7 @@ private:
     dev_t mDevice = 0;
     qint64 mTotalSize = 0;
     std::vector<File> mFiles;
+    std::vector<File> mUnmeasured;
     std::vector<Directory> mDirectories;
     std::vector<quint32> mPending;
     std::vector<Entry> mEntries;

@@ -55,8 +55,6 @@ QByteArray SDCardFileInfo::absolutePath(const QByteArray& path)
     }
     std::array<char, kMaxWorkingDirectory> workingDirectory{};
     if (::getcwd(workingDirectory.data(), workingDirectory.size()) == nullptr) {
-        const QByteArray why = tavoutil::systemErrorText(errno);
-        TRACK_FATAL(recordLogger(), "SDCardFileInfo() Cannot get current working directory:" + why);
         return {};
     }
     return normalised(QByteArray(workingDirectory.data()) + "/" + path);
@@ -66,6 +64,8 @@ SDCardFileInfo::SDCardFileInfo(const QByteArray& path)
     : TrackObject(recordLogger()), mPath(absolutePath(path))
 {
     if (mPath.isEmpty()) {
+        const QByteArray why = tavoutil::systemErrorText(errno);
+        TRACK_FATAL(logger(), "SDCardFileInfo() Cannot get current working directory:" + why);
         return;
     }
     if (::fstatat(AT_FDCWD, mPath.constData(), &mStatus, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) ==

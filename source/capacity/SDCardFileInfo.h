@@ -19,7 +19,7 @@ public:
     const char* baseName() const;
 
     /// @p path made absolute with the working directory, without empty, "." and ".." components;
-    /// empty when the working directory cannot be found out, which is logged.
+    /// empty where the working directory cannot be read, and errno then says why.
     static QByteArray absolutePath(const QByteArray& path);
 
     /// Whether the entry could be asked for its status; the accessors below are of use only then.
@@ -28,7 +28,6 @@ public:
     /// The owner's permission bits, whoever asks.
     bool isOwnerReadable() const { return (mStatus.st_mode & S_IRUSR) != 0; }
     bool isOwnerWritable() const { return (mStatus.st_mode & S_IWUSR) != 0; }
-    // The next two are part of the published interface; the scan asks the kernel by itself.
     /// Apparent size in bytes.
     qint64 size() const { return mStatus.st_size; }
     /// Time of the last status change in nanoseconds since the epoch.

@@ -1,6 +1,5 @@
 #include "StorageCapacityWatcher.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QMutexLocker>
@@ -9,7 +8,10 @@
 
 #include "CardLayout.h"
 #include "DirectoryScan.h"
+#include "EmptyDirectoryRemover.h"
+#include "LimitEnforcement.h"
 #include "SDCardFileInfo.h"
+#include "WorkerThread.h"
 
 namespace {
 
@@ -20,12 +22,16 @@ constexpr int kDefaultIntervalMs = 10800000;
 
 constexpr qint64 kAbandonedRunsMs = 3000;
 
+// What a removed directory counts for, whatever its size was.
+constexpr qint64 kRemovedDirectorySize = 2;
+
 } // namespace
 
 StorageCapacityWatcher::StorageCapacityWatcher(const CardLayout& config)
     : mConfig(config), mCard(config.mountPoint())
 {
     initTrack("StorageCapacityWatcher");
+    mTimer.setObjectName(QStringLiteral("interval timer"));
     connect(&mTimer, &QTimer::timeout, this,
             &StorageCapacityWatcher::startEnsureDirSizeAllAsThread);
     mTimer.setSingleShot(true);
@@ -111,17 +117,37 @@ QVector<StorageCapacityWatcher::WatchDir> StorageCapacityWatcher::watchDirs() co
     return mWatchDirs;
 }
 
+void StorageCapacityWatcher::ensureDirSizeSingle(const WatchDir& watchDir) const
+{
+    LimitEnforcement(logger(), mRuns.token()).run(watchDir.path, watchDir.maxSize);
+}
+
+void StorageCapacityWatcher::ensureOnCard(const WatchDir& watchDir, CancellationToken token) const
+{
+    LimitEnforcement(logger(), token).run(watchDir.path, watchDir.maxSize, mCard.device());
+}
+
+void StorageCapacityWatcher::removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir,
+                                             qint64& used) const
+{
+    used -= kRemovedDirectorySize * EmptyDirectoryRemover(logger()).removeUpwards(watchPath, dir);
+}
+
 void StorageCapacityWatcher::abandonRuns()
 {
+    if (!mAbandonedUntil) {
+        mAbandonedUntil.emplace(kAbandonedRunsMs);
+    }
+    mTimer.stop();
     mRuns.cancelAll();
-    const QDeadlineTimer deadline(kAbandonedRunsMs);
     for (WorkerThread* const thread : findChildren<WorkerThread*>()) {
-        thread->wait(deadline);
+        thread->wait(*mAbandonedUntil);
     }
 }
 
 void StorageCapacityWatcher::storageIsReady()
 {
+    mAbandonedUntil.reset();
     updateWatchDirs();
     startEnsureDirSizeAllAsThread();
 }
@@ -147,7 +173,7 @@ void StorageCapacityWatcher::ensureDirSizeAll(CancellationToken token) const
         if (token.isCancelled()) {
             return;
         }
-        ensureDirSizeSingle(watchDir, token, mCard.device());
+        ensureOnCard(watchDir, token);
     }
 }
 
@@ -162,7 +188,7 @@ bool StorageCapacityWatcher::ensureDirSize(const QString& identifier) const
     }
     for (const WatchDir& watchDir : watchDirs()) {
         if (identifier.toUtf8() == SDCardFileInfo(watchDir.path).baseName()) {
-            ensureDirSizeSingle(watchDir, mRuns.token(), mCard.device());
+            ensureOnCard(watchDir, mRuns.token());
             return true;
         }
     }
@@ -172,6 +198,9 @@ bool StorageCapacityWatcher::ensureDirSize(const QString& identifier) const
 
 void StorageCapacityWatcher::startEnsureDirSizeAllAsThread()
 {
+    if (mAbandonedUntil) {
+        return;
+    }
     auto* const thread = new WorkerThread(this, mRuns.token());
     connect(thread, &WorkerThread::done, this, &StorageCapacityWatcher::ensureDirSizeAllDone);
     connect(thread, &QThread::finished, thread, &QObject::deleteLater);
@@ -180,19 +209,7 @@ void StorageCapacityWatcher::startEnsureDirSizeAllAsThread()
 
 void StorageCapacityWatcher::ensureDirSizeAllDone()
 {
-    if (mCard.isMounted() && !mTimer.isActive()) {
+    if (!mAbandonedUntil && mCard.isMounted() && !mTimer.isActive()) {
         mTimer.start();
     }
-}
-
-WorkerThread::WorkerThread(StorageCapacityWatcher* watcher, CancellationToken token)
-    : QThread(watcher), mWatcher(watcher), mToken(token)
-{
-    initTrack("WorkerThread");
-}
-
-void WorkerThread::run()
-{
-    mWatcher->ensureDirSizeAll(mToken);
-    Q_EMIT done();
 }

@@ -1,21 +1,23 @@
 #include <QCoreApplication>
 #include <QTest>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "LogCapture.h"
 #include "ScannedTree.h"
+#include "StorageCapacityWatcher.h"
 #include "TestDevice.h"
 #include "WatchedCard.h"
+#include "config.h"
 
 using ScannedTree::createDirectory;
 using ScannedTree::createFile;
 using ScannedTree::createFilesInOrder;
 using ScannedTree::exists;
 using WatchedCard::enforce;
+using WatchedCard::makeBusy;
 
 namespace {
 
@@ -35,14 +37,28 @@ void createSpecial(const QByteArray& path, mode_t type)
     QCOMPARE(::mknod(path.constData(), type | 0600, makedev(1, 3)), 0);
 }
 
-void createLink(const QByteArray& target, const QByteArray& path)
+QString cannotRemove(const QString& name)
 {
-    QCOMPARE(::symlink(target.constData(), path.constData()), 0);
+    return "Cannot remove file /media/sdcard/w/" + name + ": Device or resource busy";
+}
+
+QString cannotRemoveDirectory(const QString& name, const QString& why)
+{
+    return "Cannot remove empty directory /media/sdcard/w/" + name + ": " + why;
+}
+
+/// Removes empty directories; returns what they were taken to count for.
+qint64 removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir)
+{
+    const ConfigHandler config;
+    qint64 used = 1000;
+    StorageCapacityWatcher(config).removeEmptyDirs(watchPath, dir, used);
+    return 1000 - used;
 }
 
 } // namespace
 
-/// Which files go to bring a directory within its limit.
+/// Which files go to bring a directory within its limit, and the directories that they leave empty.
 class CapacityEnforcementTest : public QObject
 {
     Q_OBJECT
@@ -50,24 +66,19 @@ class CapacityEnforcementTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void the_oldest_go_until_the_use_is_below_the_limit_data();
-    void the_oldest_go_until_the_use_is_below_the_limit();
     void a_size_counts_for_what_it_is_data();
     void a_size_counts_for_what_it_is();
-    void the_change_time_decides_not_the_other_times();
     void nanoseconds_decide();
-    void the_oldest_go_wherever_in_the_tree_they_are();
-    void directories_count_but_are_not_chosen();
-    void only_directories_beyond_the_limit_are_reported_data();
-    void only_directories_beyond_the_limit_are_reported();
     void each_name_of_a_file_counts_and_goes_by_itself();
-    void links_go_as_themselves();
     void everything_that_is_no_directory_can_go();
-    void a_file_system_mounted_below_stays();
-    void names_are_bytes_data();
-    void names_are_bytes();
-    void a_missing_directory_is_reported();
-    void files_that_were_not_chosen_keep_their_change_time();
+    void a_directory_from_which_nothing_could_be_removed_stays();
+    void directories_are_tried_in_the_order_in_which_they_were_touched();
+    void a_directory_that_went_with_another_is_reported_in_its_turn_data();
+    void a_directory_that_went_with_another_is_reported_in_its_turn();
+    void each_directory_counts_for_2_bytes();
+    void a_path_is_normalised_before_it_is_climbed();
+    void a_climb_ends_at_the_root();
+    void nothing_is_removed_off_the_file_system_of_the_watched_directory();
 };
 
 void CapacityEnforcementTest::init()
@@ -78,40 +89,6 @@ void CapacityEnforcementTest::init()
 void CapacityEnforcementTest::cleanup()
 {
     WatchedCard::remove();
-}
-
-void CapacityEnforcementTest::the_oldest_go_until_the_use_is_below_the_limit_data()
-{
-    QTest::addColumn<qint64>("limitBelowUse");
-    QTest::addColumn<int>("removed");
-    QTest::newRow("use well below the limit") << qint64{-1'000'000} << 0;
-    QTest::newRow("use one byte below the limit") << qint64{-1} << 0;
-    QTest::newRow("use at the limit") << qint64{0} << 0;
-    QTest::newRow("one byte above") << qint64{1} << 1;
-    QTest::newRow("one file brings it one byte below") << qint64{99} << 1;
-    QTest::newRow("one file brings it to the limit") << qint64{100} << 2;
-    QTest::newRow("one byte more than a file") << qint64{101} << 2;
-    QTest::newRow("three files bring it one byte below") << qint64{299} << 3;
-    QTest::newRow("three files bring it to the limit") << qint64{300} << 4;
-    QTest::newRow("all files bring it to the limit") << qint64{500} << 5;
-    QTest::newRow("all files are not enough") << qint64{501} << 5;
-}
-
-void CapacityEnforcementTest::the_oldest_go_until_the_use_is_below_the_limit()
-{
-    QFETCH(const qint64, limitBelowUse);
-    QFETCH(const int, removed);
-    // The names' order is not that of the ages.
-    const QList<QByteArray> files = inRoot({"c", "a", "e", "b", "d"});
-    createFilesInOrder(files, 100);
-    const LogCapture log;
-    enforce(WatchedCard::used() - limitBelowUse);
-    for (int i = 0; i < files.size(); ++i) {
-        QCOMPARE(exists(files[i]), i >= removed);
-    }
-    QVERIFY(exists(kRoot));
-    QCOMPARE(log.messages(), QStringList());
-    QCOMPARE(log.errorCount(), 0U);
 }
 
 void CapacityEnforcementTest::a_size_counts_for_what_it_is_data()
@@ -137,24 +114,6 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is()
     QVERIFY(exists(kRoot + "/last"));
 }
 
-void CapacityEnforcementTest::the_change_time_decides_not_the_other_times()
-{
-    createFilesInOrder(inRoot({"first", "second", "third"}), 100);
-    // It says that it is the youngest, but was created first.
-    const auto setTimes = [](const QByteArray& name, time_t seconds) {
-        const std::array<timespec, 2> times{{{seconds, 0}, {seconds, 0}}};
-        QCOMPARE(::utimensat(AT_FDCWD, (kRoot + "/" + name).constData(), times.data(), 0), 0);
-        ScannedTree::awaitNextChangeTime();
-    };
-    setTimes("second", 3'000'000'000);
-    setTimes("third", 1);
-    QCOMPARE(::chmod((kRoot + "/first").constData(), 0600), 0);
-    enforce(WatchedCard::used() - 1);
-    QCOMPARE(WatchedCard::files(), inRoot({"first", "third"}));
-    enforce(WatchedCard::used() - 1);
-    QCOMPARE(WatchedCard::files(), inRoot({"first"}));
-}
-
 void CapacityEnforcementTest::nanoseconds_decide()
 {
     // Many files within a second, the names in an order of their own.
@@ -169,90 +128,20 @@ void CapacityEnforcementTest::nanoseconds_decide()
     }
 }
 
-void CapacityEnforcementTest::the_oldest_go_wherever_in_the_tree_they_are()
-{
-    createDirectory(kRoot + "/.hidden");
-    createDirectory(kRoot + "/a");
-    createDirectory(kRoot + "/a/b");
-    const QList<QByteArray> files = inRoot({"a/b/.1", ".hidden/2", "3", "a/4", "a/b/5", ".6", "7"});
-    createFilesInOrder(files, 1000);
-    enforce(WatchedCard::used() - 3001);
-    QCOMPARE(WatchedCard::entries(), inRoot({".6", "7", "a", "a/b", "a/b/5"}));
-}
-
-void CapacityEnforcementTest::directories_count_but_are_not_chosen()
-{
-    createDirectory(kRoot + "/old");
-    createDirectory(kRoot + "/old/older");
-    ScannedTree::awaitNextChangeTime();
-    createFilesInOrder(inRoot({"1", "2"}), 10'000);
-    // The files alone would be at the limit.
-    enforce(20'000);
-    QCOMPARE(WatchedCard::entries(), inRoot({"2", "old", "old/older"}));
-}
-
-void CapacityEnforcementTest::only_directories_beyond_the_limit_are_reported_data()
-{
-    QTest::addColumn<QList<QByteArray>>("directories");
-    QTest::newRow("none") << QList<QByteArray>();
-    QTest::newRow("empty ones") << inRoot({"a", "a/b", ".c"});
-}
-
-void CapacityEnforcementTest::only_directories_beyond_the_limit_are_reported()
-{
-    QFETCH(QList<QByteArray>, directories);
-    for (const QByteArray& directory : directories) {
-        createDirectory(directory);
-    }
-    std::sort(directories.begin(), directories.end());
-    const LogCapture log;
-    enforce(-1);
-    QCOMPARE(log.records().size(), 1);
-    const LogRecord record = log.records().at(0);
-    QCOMPARE(record.level, LogLevel::Warn);
-    QCOMPARE(record.message,
-             QString("/media/sdcard/w exceed limit but there are no files to remove"));
-    QCOMPARE(record.channel, QString("StorageCapacityWatcher"));
-    QCOMPARE(record.source, QString("StorageCapacityWatcher"));
-    QVERIFY(record.function.startsWith("void StorageCapacityWatcher::ensureDirSizeSingle(const "));
-    QCOMPARE(log.errorCount(), 0U);
-    QCOMPARE(WatchedCard::entries(), directories);
-}
-
 void CapacityEnforcementTest::each_name_of_a_file_counts_and_goes_by_itself()
 {
     createFile(kRoot + "/a", 1000);
-    QCOMPARE(::link((kRoot + "/a").constData(), (kRoot + "/b").constData()), 0);
-    QCOMPARE(::link((kRoot + "/a").constData(), (kRoot + "/c").constData()), 0);
-    QCOMPARE(::link((kRoot + "/a").constData(), "/media/sdcard/outside"), 0);
+    for (const QByteArray& path : {kRoot + "/b", kRoot + "/c", QByteArray("/media/sdcard/out")}) {
+        QCOMPARE(::link((kRoot + "/a").constData(), path.constData()), 0);
+    }
     const qint64 used = WatchedCard::used();
     QCOMPARE(used, ScannedTree::sizeOf(kRoot) + 3000);
     const LogCapture log;
     enforce(used - 1001);
-    QCOMPARE(WatchedCard::files().size(), 1);
+    QCOMPARE(WatchedCard::entries().size(), 1);
     enforce(0);
-    QCOMPARE(WatchedCard::files().size(), 0);
-    QVERIFY(exists("/media/sdcard/outside"));
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void CapacityEnforcementTest::links_go_as_themselves()
-{
-    createDirectory("/media/sdcard/outside");
-    createFile("/media/sdcard/outside/file", 1'000'000);
-    createLink("/media/sdcard/outside", kRoot + "/away");
-    createLink("../outside/file", kRoot + "/file");
-    createLink("nowhere", kRoot + "/dangling");
-    createLink(".", kRoot + "/self");
-    ScannedTree::awaitNextChangeTime();
-    createFile(kRoot + "/last", 10);
-    // Counted with what they link to they would be more by far.
-    const qint64 links = 21 + 15 + 7 + 1;
-    QCOMPARE(WatchedCard::used(), ScannedTree::sizeOf(kRoot) + links + 10);
-    const LogCapture log;
-    enforce(WatchedCard::used() - links + 1);
-    QCOMPARE(WatchedCard::entries(), inRoot({"last"}));
-    QVERIFY(exists("/media/sdcard/outside/file"));
+    QCOMPARE(WatchedCard::entries().size(), 0);
+    QVERIFY(exists("/media/sdcard/out"));
     QCOMPARE(log.messages(), QStringList());
 }
 
@@ -266,80 +155,136 @@ void CapacityEnforcementTest::everything_that_is_no_directory_can_go()
     QCOMPARE(::chmod((kRoot + "/unreadable").constData(), 0), 0);
     createFile(kRoot + "/.hidden", 10);
     createFile(kRoot + "/hole", qint64{1} << 40);
+    createFile(kRoot + "/-\xff\xc3\n%s", 5);
+    createFile(kRoot + "/...", 3);
     const LogCapture log;
     enforce(0);
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::a_file_system_mounted_below_stays()
+void CapacityEnforcementTest::a_directory_from_which_nothing_could_be_removed_stays()
 {
-    createFile(kRoot + "/own", 100);
-    QVERIFY(TestDevice::mountTmpfs(kRoot + "/other", 1048576));
-    createFile(kRoot + "/other/file", 100);
+    createDirectory(kRoot + "/a");
+    createFile(kRoot + "/a/1", 100);
+    makeBusy(kRoot + "/a/1");
     const LogCapture log;
     enforce(0);
-    const bool otherStays = exists(kRoot + "/other/file");
-    TestDevice::unmountAll(kRoot + "/other");
-    QVERIFY(otherStays);
-    QVERIFY(!exists(kRoot + "/own"));
+    QCOMPARE(WatchedCard::entries(), inRoot({"a", "a/1"}));
+    const LogRecord expected{LogLevel::Warn, "StorageCapacityWatcher", "StorageCapacityWatcher",
+                             "void StorageCapacityWatcher::ensureDirSizeSingle("
+                             "const StorageCapacityWatcher::WatchDir&) const",
+                             cannotRemove("a/1")};
+    QCOMPARE(log.records(), QVector<LogRecord>{expected});
+    QCOMPARE(log.errorCount(), 0U);
+}
+
+void CapacityEnforcementTest::directories_are_tried_in_the_order_in_which_they_were_touched()
+{
+    const QList<QByteArray> order{"m", "z", "a", "q", "b"};
+    QList<QByteArray> files;
+    QStringList messages;
+    for (const QByteArray& name : order) {
+        createDirectory(kRoot + "/" + name);
+        makeBusy(kRoot + "/" + name);
+        files.append(kRoot + "/" + name + "/1");
+        messages.append(cannotRemoveDirectory(name, "Device or resource busy"));
+    }
+    // All of them a second time, the other way round: each is tried once. The last file, which
+    // stays, is reported before the directories.
+    files += inRoot({"b/2", "q/2", "a/2", "z/2", "m/2", "last"});
+    messages.prepend(cannotRemove("last"));
+    createFilesInOrder(files, 100);
+    makeBusy(kRoot + "/last");
+    const LogCapture log;
+    enforce(0);
+    QCOMPARE(log.messages(), messages);
+    const LogRecord record = log.records().last();
+    QCOMPARE(record.level, LogLevel::Error);
+    QCOMPARE(record.channel, QString("StorageCapacityWatcher"));
+    QCOMPARE(record.source, QString("StorageCapacityWatcher"));
+    QCOMPARE(record.function, QString("void StorageCapacityWatcher::removeEmptyDirs("
+                                      "const QByteArray&, const QByteArray&, qint64&) const"));
+    QCOMPARE(log.errorCount(), 5U);
+}
+
+void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn_data()
+{
+    QTest::addColumn<QList<QByteArray>>("files");
+    QTest::addColumn<bool>("isReported");
+    QTest::newRow("child first") << inRoot({"a/b/1", "a/2"}) << true;
+    QTest::newRow("parent first") << inRoot({"a/2", "a/b/1"}) << false;
+    QTest::newRow("parent before the last child") << inRoot({"a/b/1", "a/2", "a/c/3"}) << false;
+    QTest::newRow("parent after all children") << inRoot({"a/b/1", "a/c/3", "a/2"}) << true;
+}
+
+void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn()
+{
+    QFETCH(const QList<QByteArray>, files);
+    QFETCH(const bool, isReported);
+    for (const char* const name : {"/a", "/a/b", "/a/c"}) {
+        createDirectory(kRoot + name);
+    }
+    if (files.size() < 3) {
+        QCOMPARE(::rmdir(kRoot + "/a/c"), 0);
+    }
+    createFilesInOrder(files, 100);
+    const LogCapture log;
+    enforce(0);
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
+    const QString report = cannotRemoveDirectory("a", "No such file or directory");
+    QCOMPARE(log.messages(), isReported ? QStringList{report} : QStringList());
+}
+
+void CapacityEnforcementTest::each_directory_counts_for_2_bytes()
+{
+    for (const char* const name : {"/a", "/a/b", "/a/b/c"}) {
+        createDirectory(kRoot + name);
+    }
+    const LogCapture log;
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot), qint64{0});
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot + "/a"), qint64{0});
+    QCOMPARE(WatchedCard::entries().size(), 3);
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot + "/a/b/c"), qint64{6});
+    QCOMPARE(WatchedCard::entries().size(), 0);
+    QVERIFY(exists(kRoot));
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::names_are_bytes_data()
+void CapacityEnforcementTest::a_path_is_normalised_before_it_is_climbed()
 {
-    QTest::addColumn<QByteArray>("name");
-    QTest::newRow("not UTF-8") << QByteArray("\xff\xfe\xc3");
-    QTest::newRow("newline") << QByteArray("a\nb\n");
-    QTest::newRow("leading dash") << QByteArray("-rf");
-    QTest::newRow("255 bytes that are no text") << QByteArray(255, '\x80');
-    QTest::newRow("percent") << QByteArray("%s%n");
-    QTest::newRow("three dots") << QByteArray("...");
-    QTest::newRow("blank") << QByteArray(" ");
-    QTest::newRow("backslash") << QByteArray("..\\..\\x");
+    createDirectory(kRoot + "/a");
+    createDirectory(kRoot + "/a/b");
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot + "//a/./x/../b/"), qint64{4});
+    createDirectory(kRoot + "/a");
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    const qint64 counted = removeEmptyDirs(kRoot, "a");
+    QCOMPARE(::chdir("/"), 0);
+    QCOMPARE(counted, qint64{2});
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
-void CapacityEnforcementTest::names_are_bytes()
+void CapacityEnforcementTest::a_climb_ends_at_the_root()
 {
-    QFETCH(const QByteArray, name);
-    createDirectory(kRoot + "/" + name);
-    createDirectory(kRoot + "/" + name + "/" + name);
-    createFile(kRoot + "/" + name + "/" + name + "/" + name, 500);
-    ScannedTree::awaitNextChangeTime();
-    createFile(kRoot + "/kept", 500);
+    createDirectory("/lonely");
     const LogCapture log;
-    enforce(WatchedCard::used() - 1);
-    QCOMPARE(WatchedCard::entries(), inRoot({"kept"}));
+    QCOMPARE(removeEmptyDirs("/etc", "/lonely"), qint64{2});
+    QVERIFY(!exists("/lonely"));
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::a_missing_directory_is_reported()
+void CapacityEnforcementTest::nothing_is_removed_off_the_file_system_of_the_watched_directory()
 {
-    QCOMPARE(::rmdir(kRoot.constData()), 0);
+    for (const char* const name : {"", "/inner", "/inner/empty"}) {
+        createDirectory(QByteArray("/elsewhere") + name);
+    }
+    QCOMPARE(::symlink("/elsewhere", kRoot + "/away"), 0);
     const LogCapture log;
-    enforce(0);
+    QCOMPARE(removeEmptyDirs(kRoot, kRoot + "/away/inner/empty"), qint64{0});
+    QVERIFY(exists("/elsewhere/inner/empty"));
+    TestDevice::remove("/elsewhere");
     QCOMPARE(log.messages(LogLevel::Error),
-             QStringList{"fstatat() failed for /media/sdcard/w: No such file or directory"});
-    QCOMPARE(log.records().at(0).channel, QString("StorageCapacityWatcher"));
-    QCOMPARE(log.errorCount(), 1U);
-}
-
-void CapacityEnforcementTest::files_that_were_not_chosen_keep_their_change_time()
-{
-    createFilesInOrder(inRoot({"a", "b", "c", "d"}), 100);
-    const auto times = [] {
-        QList<qint64> found;
-        for (const ScannedTree::Entry& entry : ScannedTree::list(kRoot)) {
-            if (entry.path.endsWith('c') || entry.path.endsWith('d')) {
-                found.append(entry.changeTime);
-            }
-        }
-        return found;
-    };
-    const QList<qint64> before = times();
-    QCOMPARE(before.size(), 2);
-    enforce(WatchedCard::used() - 150);
-    QCOMPARE(times(), before);
+             QStringList{cannotRemoveDirectory("away/inner/empty", "Stale file handle")});
 }
 
 TEST_DEVICE_MAIN(CapacityEnforcementTest)

@@ -1,14 +1,11 @@
 #include <functional>
-#include <thread>
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QTest>
 #include <QThread>
 
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "DirectoryScan.h"
@@ -16,26 +13,36 @@
 #include "PeakMemory.h"
 #include "ScannedTree.h"
 #include "TestDevice.h"
+#include "WatchedCard.h"
 
 using ScannedTree::createDirectory;
+using ScannedTree::createFile;
 
 namespace {
 
 constexpr qint64 kCardSize = 1024 * 1048576LL;
-const QByteArray kRoot = "/media/sdcard/w";
+constexpr qint64 kFileSize = qint64{1} << 40;
+const QByteArray kRoot = WatchedCard::kDirectory;
+const QByteArray kFile = "/media/sdcard/file";
 
-struct Outcome
+/// Makes @p levels directories, each in the one before, with a file in each.
+void createDeepTree(int levels, const QByteArray& name)
 {
-    qint64 size = 0;
-    std::size_t files = 0;
-};
+    QCOMPARE(::chdir(kRoot.constData()), 0);
+    for (int i = 0; i < levels; ++i) {
+        createDirectory(name);
+        QCOMPARE(::chdir(name.constData()), 0);
+        createFile("file", 1000);
+    }
+    QCOMPARE(::chdir("/"), 0);
+}
 
-Outcome scanTree()
+qint64 peakOfEnforcement(qint64 limit)
 {
-    const CancellationSource runs;
-    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
-    scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
-    return {scan.totalSize(), scan.files().size()};
+    return PeakMemory::of([limit] {
+        WatchedCard::enforce(limit);
+        return true;
+    });
 }
 
 /// Runs @p work on a thread with a stack of this many bytes.
@@ -57,7 +64,7 @@ private:
 
 } // namespace
 
-/// Scans of what only real cards hold.
+/// Trees as large and as deep as a card may hold.
 class DirectoryScanLimitsTest : public QObject
 {
     Q_OBJECT
@@ -66,10 +73,9 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void a_directory_may_hold_300000_files();
-    void a_tree_may_be_deeper_than_a_path_is_long_data();
-    void a_tree_may_be_deeper_than_a_path_is_long();
-    void a_scan_needs_two_descriptors_and_a_small_stack_however_deep_the_tree_is();
-    void no_descriptor_stays_open();
+    void a_tree_deeper_than_a_path_is_long_is_emptied_data();
+    void a_tree_deeper_than_a_path_is_long_is_emptied();
+    void three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is();
     void a_file_costs_at_most_320_bytes_data();
     void a_file_costs_at_most_320_bytes();
     void a_level_of_a_deep_tree_costs_as_little_as_a_file();
@@ -77,126 +83,84 @@ private Q_SLOTS:
 
 void DirectoryScanLimitsTest::init()
 {
-    QVERIFY(TestDevice::mountTmpfs("/media/sdcard", kCardSize));
-    createDirectory(kRoot);
-    ScannedTree::createFile("/media/sdcard/file", 100);
+    QVERIFY(WatchedCard::insert(kCardSize));
+    createFile(kFile, kFileSize);
 }
 
 void DirectoryScanLimitsTest::cleanup()
 {
     QCOMPARE(::chdir("/"), 0);
-    TestDevice::unmountAll("/media/sdcard");
+    WatchedCard::remove();
 }
 
 void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
 {
     constexpr int kFiles = 300'000;
-    ScannedTree::createNames("/media/sdcard/file", kRoot, kFiles, 10);
-    struct stat status = {};
-    QCOMPARE(::lstat(kRoot.constData(), &status), 0);
+    ScannedTree::createNames(kFile, kRoot, kFiles, 10);
     const LogCapture log;
-    const Outcome outcome = scanTree();
-    QCOMPARE(outcome.files, std::size_t{kFiles});
-    QCOMPARE(outcome.size, status.st_size + qint64{kFiles} * 100);
+    const CancellationSource runs;
+    DirectoryScan scan(log4cxx::Logger::getLogger("scan"), runs.token());
+    scan.run(kRoot, DirectoryScan::Extent::WholeTree, DirectoryScan::Keep::Files);
+    QCOMPARE(scan.files().size(), std::size_t{kFiles});
+    QCOMPARE(scan.totalSize(), ScannedTree::sizeOf(kRoot) + kFiles * kFileSize);
     QCOMPARE(log.messages(), QStringList());
 }
 
-void DirectoryScanLimitsTest::a_tree_may_be_deeper_than_a_path_is_long_data()
+void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied_data()
 {
     QTest::addColumn<int>("levels");
     QTest::addColumn<int>("nameLength");
-    QTest::newRow("200 short names") << 200 << 3;
-    QTest::newRow("200 long names") << 200 << 250;
     QTest::newRow("2000 short names") << 2000 << 3;
+    QTest::newRow("40 long names") << 40 << 250;
+    QTest::newRow("200 long names") << 200 << 255;
 }
 
-void DirectoryScanLimitsTest::a_tree_may_be_deeper_than_a_path_is_long()
+void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
 {
     QFETCH(const int, levels);
     QFETCH(const int, nameLength);
-    QCOMPARE(::chdir(kRoot.constData()), 0);
-    struct stat status = {};
-    QCOMPARE(::stat(".", &status), 0);
-    qint64 expected = status.st_size;
-    for (int i = 0; i < levels; ++i) {
-        const QByteArray name(nameLength, 'x');
-        ScannedTree::createFile("file", 7);
-        createDirectory(name);
-        QCOMPARE(::stat(".", &status), 0);
-        QCOMPARE(::chdir(name.constData()), 0);
-        expected += status.st_size + 7;
-    }
-    QCOMPARE(::chdir("/"), 0);
-    // The root was empty when it was measured, and the last directory is.
+    createDeepTree(levels, QByteArray(nameLength, 'x'));
     const LogCapture log;
-    const Outcome outcome = scanTree();
-    QCOMPARE(outcome.files, static_cast<std::size_t>(levels));
-    QCOMPARE(outcome.size, expected);
-    QCOMPARE(log.messages(), QStringList());
+    WatchedCard::enforce(levels * 1000);
+    // The directories' own sizes are what was too much.
+    QVERIFY(WatchedCard::entries().size() < 2 * levels);
+    WatchedCard::enforce(0);
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
+    for (const QString& message : log.messages()) {
+        QVERIFY2(message.endsWith(": No such file or directory"), qPrintable(message));
+    }
 }
 
-void DirectoryScanLimitsTest::
-    a_scan_needs_two_descriptors_and_a_small_stack_however_deep_the_tree_is()
+void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is()
 {
-    constexpr int kLevels = 200;
-    QCOMPARE(::chdir(kRoot.constData()), 0);
-    for (int i = 0; i < kLevels; ++i) {
-        const QByteArray name(250, 'x');
-        createDirectory(name);
-        ScannedTree::createFile("file", 7);
-        QCOMPARE(::chdir(name.constData()), 0);
-    }
-    QCOMPARE(::chdir("/"), 0);
-
-    const LogCapture log;
-    Outcome outcome;
+    createDeepTree(200, QByteArray(250, 'x'));
+    const LogCapture log(LogLevel::Off);
     bool isLimited = false;
-    ThreadOfSize thread(128 * 1024, [&outcome, &isLimited] {
+    ThreadOfSize thread(128 * 1024, [&isLimited] {
         const int next = ::dup(STDERR_FILENO);
         ::close(next);
         rlimit unlimited{};
         ::getrlimit(RLIMIT_NOFILE, &unlimited);
-        const rlimit two{static_cast<rlim_t>(next) + 2, unlimited.rlim_max};
-        isLimited = ::setrlimit(RLIMIT_NOFILE, &two) == 0;
-        outcome = scanTree();
+        // The directory whose files go, and two on the way to one with a long path.
+        const rlimit three{static_cast<rlim_t>(next) + 3, unlimited.rlim_max};
+        isLimited = ::setrlimit(RLIMIT_NOFILE, &three) == 0;
+        WatchedCard::enforce(0);
         ::setrlimit(RLIMIT_NOFILE, &unlimited);
     });
     thread.wait();
     QVERIFY(isLimited);
-    QCOMPARE(outcome.files, std::size_t{kLevels});
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void DirectoryScanLimitsTest::no_descriptor_stays_open()
-{
-    const auto openDescriptors = [] {
-        return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
-    };
-    for (int i = 0; i < 20; ++i) {
-        createDirectory(kRoot + "/" + QByteArray::number(i));
-    }
-    QCOMPARE(::symlink("/etc", (kRoot + "/link").constData()), 0);
-    const LogCapture log;
-    const int before = openDescriptors();
-    for (int i = 0; i < 5; ++i) {
-        scanTree();
-        const CancellationSource runs;
-        DirectoryScan missing(log4cxx::Logger::getLogger("scan"), runs.token());
-        missing.run(kRoot + "/missing", DirectoryScan::Extent::WholeTree,
-                    DirectoryScan::Keep::Files);
-        DirectoryScan link(log4cxx::Logger::getLogger("scan"), runs.token());
-        link.run(kRoot + "/link", DirectoryScan::Extent::OneLevel, DirectoryScan::Keep::SizesOnly);
-    }
-    QCOMPARE(openDescriptors(), before);
+    QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
 void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes_data()
 {
     QTest::addColumn<int>("files");
     QTest::addColumn<int>("directories");
-    QTest::newRow("one directory") << 20'000 << 1;
-    QTest::newRow("ten files in each directory") << 10'000 << 1'000;
-    QTest::newRow("one file in each directory") << 6'000 << 6'000;
+    QTest::addColumn<int>("removed");
+    QTest::newRow("few of one huge directory") << 20'000 << 1 << 300;
+    QTest::newRow("most of one directory") << 10'000 << 1 << 9'000;
+    QTest::newRow("all of many directories") << 10'000 << 1'000 << 10'000;
+    QTest::newRow("one file in each directory") << 6'000 << 6'000 << 6'000;
 }
 
 void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
@@ -206,23 +170,22 @@ void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
     }
     QFETCH(const int, files);
     QFETCH(const int, directories);
-    const auto peakOf = [](int expected) {
-        return PeakMemory::of(
-            [expected] { return scanTree().files == static_cast<std::size_t>(expected); });
-    };
-    const qint64 peakOfNone = peakOf(0);
+    QFETCH(const int, removed);
+    const LogCapture log;
+    createFile(kRoot + "/single");
+    const qint64 peakOfSingle = peakOfEnforcement(0);
     constexpr int kPathLength = 40;
-    // "/media/sdcard/w/" + 8 + "/" + name
     for (int i = 0; i < directories; ++i) {
         const QByteArray dir = kRoot + "/" + QByteArray::number(i).rightJustified(8, '0');
         createDirectory(dir);
-        ScannedTree::createNames("/media/sdcard/file", dir, files / directories,
-                                 kPathLength - dir.size() - 1);
+        ScannedTree::createNames(kFile, dir, files / directories, kPathLength - dir.size() - 1);
     }
-    const qint64 peak = peakOf(files) - peakOfNone;
+    // The directories' own sizes are less than that of a file.
+    const qint64 peak = peakOfEnforcement((files - removed + 1) * kFileSize) - peakOfSingle;
     QVERIFY(peak > 0);
     qInfo("%.1f bytes a file", static_cast<double>(peak) / files);
     QVERIFY2(peak <= qint64{320} * files, qPrintable(QString::number(peak / files)));
+    QCOMPARE(WatchedCard::files().size(), files - removed);
 }
 
 void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
@@ -230,10 +193,9 @@ void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
     if (!PeakMemory::kIsMeasurable) {
         QSKIP("a sanitizer's own memory is in the figure");
     }
-    const auto peakOfScan = [] {
-        return PeakMemory::of([] { return scanTree().size > 0; });
-    };
-    const qint64 peakOfNone = peakOfScan();
+    const LogCapture log;
+    createFile(kRoot + "/single");
+    const qint64 peakOfSingle = peakOfEnforcement(0);
     constexpr int kLevels = 2000;
     QCOMPARE(::chdir(kRoot.constData()), 0);
     for (int i = 0; i < kLevels; ++i) {
@@ -242,8 +204,9 @@ void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
         createDirectory("x");
         QCOMPARE(::chdir("x"), 0);
     }
+    createFile("file", 10);
     QCOMPARE(::chdir("/"), 0);
-    const qint64 peak = peakOfScan() - peakOfNone;
+    const qint64 peak = peakOfEnforcement(0) - peakOfSingle;
     QVERIFY(peak > 0);
     constexpr qint64 kLongestPath = 1048576;
     QVERIFY2(peak <= qint64{320} * 2 * kLevels + kLongestPath, qPrintable(QString::number(peak)));

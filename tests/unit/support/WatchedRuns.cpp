@@ -3,14 +3,10 @@
 #include <QTest>
 
 #include "CardConfig.h"
-#include "ExposedMember.h"
 #include "LogCapture.h"
 #include "ScannedTree.h"
 #include "TestDevice.h"
 #include "WatchedCard.h"
-
-EXPOSE_MEMBER(Timer, StorageCapacityWatcher, mTimer);
-EXPOSE_MEMBER(Runs, StorageCapacityWatcher, mRuns);
 
 namespace {
 
@@ -33,8 +29,7 @@ const QString WatchedRuns::kSecondReport =
     QStringLiteral("/media/sdcard/second exceed limit but there are no files to remove");
 
 WatchedRuns::WatchedRuns()
-    : mConfig(readConfig()), mWatcher(std::make_unique<StorageCapacityWatcher>(mConfig)),
-      mToken(((*mWatcher).*memberOf(Runs{})).token())
+    : mConfig(readConfig()), mWatcher(std::make_unique<StorageCapacityWatcher>(mConfig))
 {
     mountCard();
 }
@@ -81,5 +76,5 @@ bool WatchedRuns::waitForEnd() const
 
 QTimer& WatchedRuns::timer()
 {
-    return (*mWatcher).*memberOf(Timer{});
+    return *mWatcher->findChild<QTimer*>("interval timer");
 }

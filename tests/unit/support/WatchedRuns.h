@@ -5,17 +5,18 @@
 #include <QByteArray>
 
 #include "StorageCapacityWatcher.h"
+#include "WorkerThread.h"
 #include "config.h"
 
-/// A card with two watched directories, and the watcher that looks after them. The first holds no
-/// files and is beyond its limit all the same, which a run reports; of the second every file is too
-/// much. A run can be held between the two at the report.
+/// Stands in for a card with two watched directories, with the watcher that looks after them. The
+/// first contains no files and exceeds its limit all the same, which a run logs; of the second
+/// every file is too much. A run can be stopped between the two at that record.
 class WatchedRuns
 {
 public:
     static const QByteArray kSecond;
     static const QString kReport;
-    /// What a run reports where the second directory holds no file.
+    /// What a run logs where the second directory contains no file.
     static const QString kSecondReport;
 
     /// Mounts the card.
@@ -33,6 +34,7 @@ public:
     static void createFile(const QByteArray& name = "file");
     static bool fileExists(const QByteArray& name = "file");
 
+    const ConfigHandler& config() const { return mConfig; }
     StorageCapacityWatcher& watcher() { return *mWatcher; }
     void destroyWatcher() { mWatcher.reset(); }
     /// How many background runs there are, and whether there is none after a while.
@@ -40,12 +42,8 @@ public:
     bool waitForEnd() const;
 
     QTimer& timer();
-    /// Whether the watcher, which must still be there, has told its runs to end. May be asked by
-    /// any thread.
-    bool isAbandoned() const { return mToken.isCancelled(); }
 
 private:
     ConfigHandler mConfig;
     std::unique_ptr<StorageCapacityWatcher> mWatcher;
-    CancellationToken mToken;
 };
