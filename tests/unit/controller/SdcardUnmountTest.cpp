@@ -7,10 +7,14 @@
 
 #include "ControllerDevice.h"
 #include "MountTableText.h"
+#include "SDCardImpl.h"
 #include "SystemCalls.h"
 #include "TestDevice.h"
 
 using SystemCalls::Call;
+
+using Slot = void (Sdcard::*)();
+Q_DECLARE_METATYPE(Slot)
 
 class SdcardUnmountTest : public QObject
 {
@@ -27,10 +31,12 @@ private Q_SLOTS:
     void an_unmount_removes_the_mount_point_with_what_lies_below_it();
     void an_unmount_needs_no_mount_point_afterwards();
     void a_mount_point_that_cannot_be_removed_is_a_failure();
-    void a_busy_card_is_not_unmounted();
-    void an_interrupted_unmount_is_repeated();
+    void an_interrupted_unmount_is_repeated_without_a_limit();
     void force_changes_nothing();
     void paths_are_utf_8();
+
+    void what_the_mount_table_shows_decides_data();
+    void what_the_mount_table_shows_decides();
 
 private:
     TestBus mBus;
@@ -140,34 +146,18 @@ void SdcardUnmountTest::a_mount_point_that_cannot_be_removed_is_a_failure()
     QCOMPARE(device.effects().take(), QStringList());
 }
 
-void SdcardUnmountTest::a_busy_card_is_not_unmounted()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    QVERIFY(ControllerDevice::mountCard());
-    QFile open(kMountPoint + "/filling");
-    QVERIFY(open.open(QIODevice::ReadOnly));
-    QVERIFY(!controller.umountDevice(kMountPoint, false));
-    QCOMPARE(device.effects().errorCount(), 1U);
-    QCOMPARE(device.effects().take(),
-             QStringList{kError + "Umount failed: error code 'Device or resource busy'"});
-    QCOMPARE(stateOf(kMountPoint), 3);
-    QVERIFY(QFile::exists(kMountPoint + "/csv"));
-}
-
-void SdcardUnmountTest::an_interrupted_unmount_is_repeated()
+void SdcardUnmountTest::an_interrupted_unmount_is_repeated_without_a_limit()
 {
     ControllerDevice device(mBus);
     Sdcard& controller = device.construct();
     device.effects().take();
     QVERIFY(ControllerDevice::mountCard());
     SystemCalls::reset();
-    SystemCalls::fail(Call::Unmount, EINTR, 5);
+    SystemCalls::fail(Call::Unmount, EINTR, 5000);
     QVERIFY(controller.umountDevice(kMountPoint, false));
     const QStringList calls = SystemCalls::takeCalls();
-    QCOMPARE(calls.size(), 6);
-    QCOMPARE(calls.count("umount2 /media/sdcard 0"), 6);
+    QCOMPARE(calls.size(), 5001);
+    QCOMPARE(calls.count("umount2 /media/sdcard 0"), 5001);
     QCOMPARE(device.effects().take(), QStringList());
 }
 
@@ -193,6 +183,60 @@ void SdcardUnmountTest::paths_are_utf_8()
     QVERIFY(controller.umountDevice(mountPoint, false));
     QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 " + mountPoint + " 0"});
     QVERIFY(!QFile::exists(mountPoint));
+}
+
+void SdcardUnmountTest::what_the_mount_table_shows_decides_data()
+{
+    QTest::addColumn<Slot>("slot");
+    QTest::addColumn<QByteArray>("table");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<QStringList>("effects");
+    const QStringList unmounted =
+        LedWrites::kBusy + QStringList{"CardUnmounted"} + LedWrites::kUnmounted;
+    const auto failed = [](const char* why) {
+        return LedWrites::kBusy +
+               QStringList{kError + "Umount failed: error code '" + why + "'", "UNMOUNT_FAILED"};
+    };
+    for (const auto& [name, slot] : {std::pair{"eject", &Sdcard::unmounting},
+                                     std::pair{"by force", &Sdcard::forced_unmounting}}) {
+        const auto row = [name = name, slot = slot](const char* mount, const char* table, int error,
+                                                    const QStringList& effects) {
+            QTest::addRow("%s, %s", name, mount) << slot << QByteArray(table) << error << effects;
+        };
+        row("not mounted", "a /media/usb ext4 rw 0 0\n", 0, {"UMOUNT_SUCCESS"});
+        row("writable", "a /media/sdcard ext4 rw 0 0\n", 0, unmounted);
+        row("read-only", "a /media/sdcard ext4 ro 0 0\n", 0, unmounted);
+        row("unclear", "a /media/sdcard ext4 noatime 0 0\n", 0, unmounted);
+        row("another's name", "a /media/sdcard2 ext4 rw 0 0\n", EINVAL, failed("Invalid argument"));
+        row("busy", "a /media/sdcard ext4 rw 0 0\n", EBUSY, failed("Device or resource busy"));
+    }
+}
+
+void SdcardUnmountTest::what_the_mount_table_shows_decides()
+{
+    QFETCH(const Slot, slot);
+    QFETCH(const QByteArray, table);
+    QFETCH(const int, error);
+    QFETCH(const QStringList, effects);
+    ControllerDevice device(mBus);
+    Sdcard& controller = device.construct();
+    device.service().setMemState(1);
+    device.effects().take();
+    SystemCalls::reset();
+    SystemCalls::fail(Call::Unmount, error);
+    QStringList calls;
+    {
+        const MountTable mountTable(table);
+        (controller.*slot)();
+        calls = SystemCalls::takeCalls().filter("umount2");
+        SystemCalls::reset();
+    }
+    QCOMPARE(calls, effects.size() == 1 ? QStringList() : QStringList{"umount2 /media/sdcard 0"});
+    QStringList seen = device.effects().take();
+    seen.removeAll("INFO sdcard sdcard: Number of processes with open files: 0");
+    seen.removeAll("INFO sdcard sdcard: SD Card is successfully unmounted");
+    QCOMPARE(seen, effects);
+    QCOMPARE(device.service().state(), effects.size() == 1 ? 0 : error != 0 ? 7 : 4);
 }
 
 TEST_DEVICE_MAIN(SdcardUnmountTest)

@@ -31,8 +31,12 @@ bool operator==(const LogRecord& left, const LogRecord& right);
 /// Lets QCOMPARE print records that differ.
 char* toString(const LogRecord& record);
 
-/// Captures every log record of the process, from all threads, as long as it lives; the appenders
-/// and the level that were in force before come back afterwards.
+/// The records as "ERROR sdcard StateMounting: Mount failed": level, channel, source name and
+/// message.
+QStringList describe(const QVector<LogRecord>& records);
+
+/// Stands in for the system log: captures every log record of the process, from all threads, as
+/// long as it lives; the appenders and the level that were in force before come back afterwards.
 ///
 ///     LogCapture log;
 ///     QVERIFY(!config.setup());
