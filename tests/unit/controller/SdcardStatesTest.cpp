@@ -19,20 +19,6 @@ struct Shown
 };
 Q_DECLARE_METATYPE(Shown)
 
-class SdcardStatesTest : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void every_event_in_every_state_has_its_outcome_data();
-    void every_event_in_every_state_has_its_outcome();
-    void a_refresh_of_the_memory_state_depends_on_the_state_data();
-    void a_refresh_of_the_memory_state_depends_on_the_state();
-
-private:
-    TestBus mBus;
-};
-
 namespace {
 
 struct StateRow
@@ -156,94 +142,103 @@ std::vector<Outcome> outcomes()
 
 } // namespace
 
-void SdcardStatesTest::every_event_in_every_state_has_its_outcome_data()
+class SdcardStatesTest : public QObject
 {
-    QTest::addColumn<QString>("state");
-    QTest::addColumn<int>("event");
-    QTest::addColumn<Shown>("shown");
-    QTest::addColumn<QStringList>("busSignals");
-    QTest::addColumn<QStringList>("ledWrites");
-    std::vector<Outcome> changes = outcomes();
-    for (const StateRow& before : states()) {
-        for (std::size_t index = 0; index < kEvents.size(); ++index) {
-            const Event& event = kEvents[index];
-            const QString& state = before.shown.machineState;
-            Outcome outcome{nullptr, nullptr, before.shown, kNone, kNone};
-            if (event.transition != 0) {
-                outcome.shown.transition = event.transition;
-            }
-            for (const Outcome& change : changes) {
-                if (state == change.state && QLatin1String(event.name) == change.event) {
-                    outcome = change;
+    Q_OBJECT
+
+private Q_SLOTS:
+    void every_event_in_every_state_has_its_outcome_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<int>("event");
+        QTest::addColumn<Shown>("shown");
+        QTest::addColumn<QStringList>("busSignals");
+        QTest::addColumn<QStringList>("ledWrites");
+        std::vector<Outcome> changes = outcomes();
+        for (const StateRow& before : states()) {
+            for (std::size_t index = 0; index < kEvents.size(); ++index) {
+                const Event& event = kEvents[index];
+                const QString& state = before.shown.machineState;
+                Outcome outcome{nullptr, nullptr, before.shown, kNone, kNone};
+                if (event.transition != 0) {
+                    outcome.shown.transition = event.transition;
                 }
+                for (const Outcome& change : changes) {
+                    if (state == change.state && QLatin1String(event.name) == change.event) {
+                        outcome = change;
+                    }
+                }
+                QTest::addRow("%s, %s", qPrintable(state), event.name)
+                    << state << static_cast<int>(index) << outcome.shown << outcome.busSignals
+                    << outcome.ledWrites;
             }
-            QTest::addRow("%s, %s", qPrintable(state), event.name)
-                << state << static_cast<int>(index) << outcome.shown << outcome.busSignals
-                << outcome.ledWrites;
         }
     }
-}
 
-void SdcardStatesTest::every_event_in_every_state_has_its_outcome()
-{
-    QFETCH(const QString, state);
-    QFETCH(const int, event);
-    QFETCH(const Shown, shown);
-    ControllerDevice device(mBus);
-    device.startIn(state);
-    if (state == "mounted") {
-        device.keepFilesOpen();
+    void every_event_in_every_state_has_its_outcome()
+    {
+        QFETCH(const QString, state);
+        QFETCH(const int, event);
+        QFETCH(const Shown, shown);
+        ControllerDevice device(mBus);
+        device.startIn(state);
+        if (state == "mounted") {
+            device.keepFilesOpen();
+        }
+        ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
+
+        kEvents.at(static_cast<std::size_t>(event)).cause(device);
+        ControllerDevice::settle();
+
+        QVERIFY(device.waitForState(shown.machineState));
+        const SDCardImpl& service = device.service();
+        QTRY_COMPARE(service.state(), shown.state);
+        QCOMPARE(device.machineState(), shown.machineState);
+        QCOMPARE(service.transition(), shown.transition);
+        QCOMPARE(service.isMounted(), shown.isMounted);
+        QCOMPARE(service.memState(), shown.memState);
+        QCOMPARE(service.memLevel(), shown.memLevel);
+        const EffectRecorder::Parts effects = device.effects().takeParts();
+        // CardInserted and CardRemoved are the event here.
+        const QRegularExpression ofBus("^(Card(Corrupt|Mounted|NotMountable|Unmounted)|Eject|Mem)");
+        QTEST(effects.signalNames.filter(ofBus), "busSignals");
+        QTEST(effects.ledWrites, "ledWrites");
     }
-    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
 
-    kEvents.at(static_cast<std::size_t>(event)).cause(device);
-    ControllerDevice::settle();
-
-    QVERIFY(device.waitForState(shown.machineState));
-    const SDCardImpl& service = device.service();
-    QTRY_COMPARE(service.state(), shown.state);
-    QCOMPARE(device.machineState(), shown.machineState);
-    QCOMPARE(service.transition(), shown.transition);
-    QCOMPARE(service.isMounted(), shown.isMounted);
-    QCOMPARE(service.memState(), shown.memState);
-    QCOMPARE(service.memLevel(), shown.memLevel);
-    const EffectRecorder::Parts effects = device.effects().takeParts();
-    // CardInserted and CardRemoved are the event here.
-    const QRegularExpression ofBus("^(Card(Corrupt|Mounted|NotMountable|Unmounted)|Eject|Mem)");
-    QTEST(effects.signalNames.filter(ofBus), "busSignals");
-    QTEST(effects.ledWrites, "ledWrites");
-}
-
-void SdcardStatesTest::a_refresh_of_the_memory_state_depends_on_the_state_data()
-{
-    QTest::addColumn<QString>("state");
-    QTest::addColumn<int>("memState");
-    QTest::addColumn<int>("memLevel");
-    for (const StateRow& row : states()) {
-        QTest::newRow(qPrintable(row.shown.machineState))
-            << row.shown.machineState << row.refreshedState << row.refreshedLevel;
+    void a_refresh_of_the_memory_state_depends_on_the_state_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<int>("memState");
+        QTest::addColumn<int>("memLevel");
+        for (const StateRow& row : states()) {
+            QTest::newRow(qPrintable(row.shown.machineState))
+                << row.shown.machineState << row.refreshedState << row.refreshedLevel;
+        }
     }
-}
 
-void SdcardStatesTest::a_refresh_of_the_memory_state_depends_on_the_state()
-{
-    QFETCH(const QString, state);
-    QFETCH(const int, memState);
-    QFETCH(const int, memLevel);
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.startIn(state);
-    device.service().setMemState(6);
-    device.service().setMemLevel(77);
-    device.effects().take();
-    controller.checkMemState();
-    QCOMPARE(device.service().memState(), memState);
-    QCOMPARE(device.service().memLevel(), memLevel);
-    const QStringList announced{"MemStateChanged " + QString::number(memState),
-                                "MemLevelChanged " + QString::number(memLevel)};
-    QCOMPARE(device.effects().take(), memLevel == 77 ? QStringList() : announced);
-    controller.checkMemState();
-    QCOMPARE(device.effects().take(), QStringList());
-}
+    void a_refresh_of_the_memory_state_depends_on_the_state()
+    {
+        QFETCH(const QString, state);
+        QFETCH(const int, memState);
+        QFETCH(const int, memLevel);
+        ControllerDevice device(mBus);
+        Sdcard& controller = device.startIn(state);
+        device.service().setMemState(6);
+        device.service().setMemLevel(77);
+        device.effects().take();
+        controller.checkMemState();
+        QCOMPARE(device.service().memState(), memState);
+        QCOMPARE(device.service().memLevel(), memLevel);
+        const QStringList announced{"MemStateChanged " + QString::number(memState),
+                                    "MemLevelChanged " + QString::number(memLevel)};
+        QCOMPARE(device.effects().take(), memLevel == 77 ? QStringList() : announced);
+        controller.checkMemState();
+        QCOMPARE(device.effects().take(), QStringList());
+    }
+
+private:
+    TestBus mBus;
+};
 
 TEST_DEVICE_MAIN(SdcardStatesTest)
 #include "SdcardStatesTest.moc"
