@@ -104,14 +104,6 @@ private Q_SLOTS:
         QCOMPARE(device.effects().take(), QStringList());
     }
 
-    void an_unmount_needs_no_mount_point_afterwards()
-    {
-        ControllerDevice device(mBus);
-        SystemCalls::fail(Call::Unmount, 0);
-        QVERIFY(!QFile::exists(kMountPoint));
-        QVERIFY(device.construct().umountDevice(kMountPoint, false));
-    }
-
     void a_mount_point_that_cannot_be_removed_is_a_failure()
     {
         ControllerDevice device(mBus);

@@ -164,7 +164,8 @@ void ControllerDevice::reach(const QString& state)
     } else {
         keepFilesOpen();
         sendSignal(SIGTERM);
-        holdSignal();
+        // The pending request would leave the next states at once.
+        mController->machine().findChild<QSocketNotifier*>()->blockSignals(true);
         if (state == "unmountingForTermination") {
             closeFiles();
             ControllerDevice::timer(*mController, "open-files timer").start(0);
@@ -183,14 +184,6 @@ void ControllerDevice::destroy()
     }
     const QStateMachine& machine = mController->machine();
     QCOMPARE(machine.error(), QStateMachine::NoError);
-    awaitWorkers();
-    mController.reset();
-    mConnection.unregisterService(BusNames::kService);
-    settle();
-}
-
-void ControllerDevice::awaitWorkers()
-{
     ToolStandIn::letGo();
     for (QThread* const worker : mController->machine().findChildren<QThread*>()) {
         if (!worker->wait(kWorkerWaitMs)) {
@@ -198,6 +191,9 @@ void ControllerDevice::awaitWorkers()
         }
     }
     ToolStandIn::holdBack();
+    mController.reset();
+    mConnection.unregisterService(BusNames::kService);
+    settle();
 }
 
 QString ControllerDevice::machineState()
@@ -283,20 +279,8 @@ void ControllerDevice::removeCard()
 void ControllerDevice::sendSignal(int signalNumber)
 {
     static_cast<void>(std::raise(signalNumber));
-    if (QSocketNotifier* const notifier = signalNotifier()) {
-        notifier->blockSignals(false);
-    }
+    mController->machine().findChild<QSocketNotifier*>()->blockSignals(false);
     settle();
-}
-
-void ControllerDevice::holdSignal()
-{
-    signalNotifier()->blockSignals(true);
-}
-
-QSocketNotifier* ControllerDevice::signalNotifier()
-{
-    return mController->machine().findChild<QSocketNotifier*>();
 }
 
 SDCardImpl& ControllerDevice::service()
