@@ -4,8 +4,6 @@
 #include <QTest>
 #include <QTimer>
 
-#include <sys/statvfs.h>
-
 #include "CardImage.h"
 #include "CardLights.h"
 #include "ControllerDevice.h"
@@ -151,21 +149,6 @@ private Q_SLOTS:
         QCOMPARE(TestDevice::readFile("/run/has-owner").trimmed(), QByteArray("boolean false"));
     }
 
-    void directories_are_asked_of_the_configuration()
-    {
-        ControllerDevice device(mBus);
-        device.configure(R"(<dir size="25">log</dir>)", CardImage::kPartition);
-        SdcardInterface& controller = device.startIn("mounted");
-        struct statvfs status = {};
-        QCOMPARE(::statvfs("/media/sdcard", &status), 0);
-        TestDevice::writeFile(ControllerDevice::kMountPoint + "/log/file", "12345");
-        QCOMPARE(controller.getDirPath("log"), QString("/log"));
-        QCOMPARE(controller.getDirSize("log"),
-                 static_cast<qint64>(status.f_blocks * status.f_frsize / 4));
-        QVERIFY(controller.getDirUsed("log") > 0);
-        QCOMPARE(controller.getDirPath("other"), QString());
-    }
-
     void the_capacity_watcher_has_the_card_while_it_is_mounted()
     {
         ControllerDevice device(mBus);
@@ -217,16 +200,6 @@ private Q_SLOTS:
         QCOMPARE(ControllerDevice::timer(controller, "memory timer").interval(), 600000);
         QCOMPARE(ControllerDevice::timer(controller, "eject poll timer").interval(),
                  hasButton ? 200 : 0);
-    }
-
-    void leaving_mounted_stops_its_timers()
-    {
-        ControllerDevice device(mBus);
-        Sdcard& controller = device.startIn("mounted");
-        device.removeCard();
-        QCOMPARE(device.machineState(), QString("noSdCard"));
-        QVERIFY(!ControllerDevice::timer(controller, "memory timer").isActive());
-        QVERIFY(!ControllerDevice::timer(controller, "eject poll timer").isActive());
     }
 
     void a_successful_unmount_works_in_this_order()

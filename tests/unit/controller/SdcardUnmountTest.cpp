@@ -40,17 +40,6 @@ class SdcardUnmountTest : public QObject
 private Q_SLOTS:
     void cleanup() { SystemCalls::reset(); }
 
-    void real_mounts_have_their_states()
-    {
-        QCOMPARE(stateOf(kMountPoint), 1);
-        QVERIFY(TestDevice::mountTmpfs(kMountPoint, 1 << 20));
-        QCOMPARE(stateOf(kMountPoint), 3);
-        QCOMPARE(::mount("", "/media/sdcard", "", MS_REMOUNT | MS_RDONLY, ""), 0);
-        QCOMPARE(stateOf(kMountPoint), 2);
-        TestDevice::unmountAll(kMountPoint);
-        QCOMPARE(stateOf(kMountPoint), 1);
-    }
-
     void the_first_line_with_the_mount_point_decides_data()
     {
         QTest::addColumn<QByteArray>("table");
@@ -132,17 +121,6 @@ private Q_SLOTS:
         QCOMPARE(calls.size(), 5001);
         QCOMPARE(calls.count("umount2 /media/sdcard 0"), 5001);
         QCOMPARE(device.effects().take(), QStringList());
-    }
-
-    void force_changes_nothing()
-    {
-        ControllerDevice device(mBus);
-        Sdcard& controller = device.construct();
-        SystemCalls::reset();
-        QVERIFY(!controller.umountDevice("/media/nothing", true));
-        QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/nothing 0"});
-        QCOMPARE(device.effects().takeParts().logRecords.last(),
-                 kError + "Umount failed: error code 'No such file or directory'");
     }
 
     void paths_are_utf_8()

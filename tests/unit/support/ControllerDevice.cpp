@@ -56,7 +56,10 @@ ControllerDevice::ControllerDevice(const TestBus& bus)
     placeTools();
     CardImage::writeDisk({CardImage::kLinux});
     TestDevice::writeFile(kEjectButton, "0\n");
-    configure(R"(<dir size="50" capacitywatch="true">csv</dir>)", CardImage::kPartition);
+    TestDevice::writeFile(kConfigFile,
+                          "<sdcard mountpoint='" + kMountPoint.toUtf8() + "' devicepath='" +
+                              CardImage::kPartition.toUtf8() +
+                              "'><dir size='50' capacitywatch='true'>csv</dir></sdcard>");
 }
 
 ControllerDevice::~ControllerDevice()
@@ -72,13 +75,6 @@ ControllerDevice::~ControllerDevice()
     TestDevice::remove(kEjectButton);
     CardImage::unlistMmcCard();
     CardImage::remove();
-}
-
-void ControllerDevice::configure(const QByteArray& layout, const QString& devicePath)
-{
-    TestDevice::writeFile(kConfigFile, "<sdcard mountpoint='" + kMountPoint.toUtf8() +
-                                           "' devicepath='" + devicePath.toUtf8() + "'>" + layout +
-                                           "</sdcard>");
 }
 
 Sdcard& ControllerDevice::construct()

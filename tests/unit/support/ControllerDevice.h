@@ -35,10 +35,6 @@ public:
     ControllerDevice& operator=(const ControllerDevice&) = delete;
     ControllerDevice& operator=(ControllerDevice&&) = delete;
 
-    /// What the media configuration's root element holds, and the partition it names. To be called
-    /// before the start.
-    void configure(const QByteArray& layout, const QString& devicePath);
-
     /// Creates the controller, whose machine is about to start.
     Sdcard& construct();
     /// Creates the controller and lets its machine start.

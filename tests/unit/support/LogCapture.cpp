@@ -137,21 +137,6 @@ struct LogCapture::Private
     unsigned int fatalsBefore = TrackObject::sFatalCounter;
 };
 
-bool operator==(const LogRecord& left, const LogRecord& right)
-{
-    return left.level == right.level && left.channel == right.channel &&
-           left.source == right.source && left.function == right.function &&
-           left.message == right.message;
-}
-
-char* toString(const LogRecord& record)
-{
-    const QString text = QStringLiteral("%1 [%2] %3 '%4': %5")
-                             .arg(levelName(record.level), record.channel, record.source,
-                                  record.function, record.message);
-    return qstrdup(qUtf8Printable(text));
-}
-
 QStringList describe(const QVector<LogRecord>& records)
 {
     QStringList texts;

@@ -27,10 +27,6 @@ struct LogRecord
     QString message;
 };
 
-bool operator==(const LogRecord& left, const LogRecord& right);
-/// Lets QCOMPARE print records that differ.
-char* toString(const LogRecord& record);
-
 /// The records as "ERROR sdcard StateMounting: Mount failed": level, channel, source name and
 /// message.
 QStringList describe(const QVector<LogRecord>& records);

@@ -45,8 +45,6 @@ public:
     const QStringList& output() const { return mOutput; }
     /// How many calls of @p number there were.
     int count(long number) const { return mCounts.value(number); }
-    /// How many calls there were in all.
-    int total() const;
 
 private:
     void follow(pid_t process, const Observer& onCall);

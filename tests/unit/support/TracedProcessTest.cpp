@@ -28,7 +28,6 @@ private Q_SLOTS:
         });
         QCOMPARE(traced.count(SYS_getppid), 17);
         QCOMPARE(traced.count(SYS_unlinkat), 0);
-        QVERIFY(traced.total() > 17);
     }
 
     void arguments_of_calls_can_be_read()
