@@ -26,17 +26,6 @@ class EjectButtonTest : public QObject
 private Q_SLOTS:
     void init() { TestDevice::writeFile(kButton, "1\n"); }
 
-    void a_button_held_for_24_readings_does_not_eject()
-    {
-        EjectButton button;
-        for (int round = 0; round < 2; ++round) {
-            TestDevice::writeFile(kButton, "1\n");
-            QCOMPARE(ejections(button, 24), 0);
-            TestDevice::writeFile(kButton, "0\n");
-            QVERIFY(!button.read());
-        }
-    }
-
     void a_button_held_for_25_readings_ejects_once()
     {
         EjectButton button;

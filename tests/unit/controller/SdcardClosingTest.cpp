@@ -153,16 +153,6 @@ private Q_SLOTS:
                  effects.contains("FILES_CLOSED") ? 0 : 100);
     }
 
-    void leaving_the_phase_stops_the_polls()
-    {
-        ControllerDevice device(mBus);
-        Sdcard& controller = device.startIn("closingFiles");
-        QVERIFY(ControllerDevice::timer(controller, "open-files timer").isActive());
-        ControllerDevice::expire(ControllerDevice::timer(controller, "state timer"));
-        QCOMPARE(device.machineState(), QString("mounted"));
-        QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-    }
-
 private:
     TestBus mBus;
 };

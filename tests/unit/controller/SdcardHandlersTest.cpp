@@ -67,24 +67,6 @@ private Q_SLOTS:
         SystemCalls::reset();
     }
 
-    void the_constructor_works_in_this_order()
-    {
-        ControllerDevice device(mBus);
-        CardImage::listMmcCard();
-        CardImage::writeDisk({CardImage::kFat});
-        ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
-        device.construct();
-        QCOMPARE(device.effects().take(),
-                 (QStringList{kInfo + "Checking hardware...",
-                              kInfo + "SD Card is available but not initialized, check it...",
-                              kInfo + "New SD Card detected",
-                              kInfo + "Executing '" + ToolStandIn::kFormatScript + "'...",
-                              kInfo + "SD Card Linux Ext4 format was new initialized"}));
-        QVERIFY(device.controller().isServiceRegistered());
-        QCOMPARE(device.service().parent(), &device.controller());
-        QCOMPARE(device.service().mountPoint(), ControllerDevice::kMountPoint);
-    }
-
     void without_the_bus_name_the_card_is_handled_all_the_same()
     {
         ControllerDevice device(mBus);
@@ -147,6 +129,8 @@ private Q_SLOTS:
                 "org.freedesktop.DBus.NameHasOwner string:tavo.SDCard1 > /run/has-owner");
         device.construct();
         QCOMPARE(TestDevice::readFile("/run/has-owner").trimmed(), QByteArray("boolean false"));
+        QVERIFY(device.controller().isServiceRegistered());
+        QCOMPARE(device.service().mountPoint(), ControllerDevice::kMountPoint);
     }
 
     void the_capacity_watcher_has_the_card_while_it_is_mounted()

@@ -18,18 +18,6 @@ class TracedProcessTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void calls_are_counted_by_their_number()
-    {
-        const TracedProcess traced([] {
-            for (int i = 0; i < 17; ++i) {
-                ::getppid();
-            }
-            return QStringList();
-        });
-        QCOMPARE(traced.count(SYS_getppid), 17);
-        QCOMPARE(traced.count(SYS_unlinkat), 0);
-    }
-
     void arguments_of_calls_can_be_read()
     {
         const QByteArray path = "/nowhere/" + QByteArray(4000, 'x');
