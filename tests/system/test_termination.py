@@ -93,7 +93,7 @@ def test_a_program_that_will_not_let_go_is_asked_to_end(board):
         "Number of processes with open files: 1", f"Shutdown softly process {held.pid} !",
         "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
     board.expect_record("WARN", "sdcard", f"Shutdown softly process {held.pid} !", source="sdcard",
-                        function="Sdcard::terminateProcesses")
+                        function="Sdcard::forced_unmounting")
     board.expect_signal("CardUnmounted")
 
 
