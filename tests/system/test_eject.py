@@ -102,6 +102,18 @@ def test_a_failing_lsof_is_asked_again_until_it_works(board):
     expect_safe_to_take_out(board)
 
 
+@pytest.mark.lasts(15)
+def test_an_lsof_that_hangs_counts_as_files_still_open(board):
+    start_with_mounted_card(board)
+    board.replace_tool(LSOF, "exec sleep 1000")
+    press_until_eject(board, within=20)
+    # The service answers nobody for the 10 seconds that it gives lsof.
+    board.expect_record("ERROR", "sdcard", "Invoke of 'lsof' utility failed with exit code -1", within=15)
+    board.restore_tool(LSOF)
+    expect_safe_to_take_out(board, within=20)
+    assert board.run("pgrep", "-x", "sleep").stdout == ""
+
+
 def test_an_lsof_that_ends_with_1_has_found_nothing(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exit 1")

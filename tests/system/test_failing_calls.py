@@ -5,10 +5,14 @@ import subprocess
 
 import pytest
 
+from board.names import BUS_POLICY, LED_DIRECTORY, LOG_FILE, MEDIA_CONFIGURATION
+from steps import messages
+
 pytestmark = pytest.mark.installed
 
 COMPILERS = {"virtual": "g++", "emulated": "arm-linux-gnueabihf-g++"}
 LIBRARY = "/run/failing-calls.so"
+LONG_NAME = "/run/board/".ljust(99, "x")
 NO_SOCKET = """
 #include <cerrno>
 extern "C" int socket(int, int, int)
@@ -17,21 +21,111 @@ extern "C" int socket(int, int, int)
     return -1;
 }
 """
-OPEN_THROWS = """
+# Throws in the call that THROW_AT names, and writes how the service gives back its signals and sockets to a
+# file: what it does, and how many records the log has by then.
+WITNESS = "/run/board/witness"
+THROW_AND_WITNESS = """
+#include <csignal>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+static int sockets[2] = {-1, -1};
+
+static void throwAt(const char* call)
+{
+    const char* const chosen = std::getenv("THROW_AT");
+    if (chosen != nullptr && std::strcmp(chosen, call) == 0) {
+        throw 1;
+    }
+}
+
+template <typename Function>
+static Function next(Function, const char* name)
+{
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+static void witness(const char* what)
+{
+    if (sockets[0] == -1) {
+        return;
+    }
+    int records = 0;
+    if (FILE* const log = std::fopen("LOG_FILE", "r")) {
+        for (int c = 0; (c = std::fgetc(log)) != EOF;) {
+            records += c == '\\n';
+        }
+        std::fclose(log);
+    }
+    if (FILE* const file = std::fopen("WITNESS", "a")) {
+        std::fprintf(file, "%s %d\\n", what, records);
+        std::fclose(file);
+    }
+}
 
 static int opened(const char* path, int flags, mode_t mode)
 {
-    if (std::strcmp(path, "/proc/tavo-logger/suspendudev") == 0) {
-        throw 1;
-    }
+    throwAt(path);
     return ::openat(AT_FDCWD, path, flags, mode);
 }
 
-extern "C" int open(const char* path, int flags, ...)
+struct QString
+{
+    struct Data
+    {
+        int references;
+        int size;
+    };
+    Data* d;
+};
+
+struct QFile
+{
+    static bool exists(const QString& path);
+};
+
+bool QFile::exists(const QString& path)
+{
+    // Step 8 asks for the one path of 99 characters.
+    if (path.d->size == 99) {
+        throwAt("QFile::exists");
+    }
+    return next(&QFile::exists, "_ZN5QFile6existsERK7QString")(path);
+}
+
+struct QDBusConnection
+{
+    QDBusConnection(const QDBusConnection& other);
+    ~QDBusConnection();
+    static QDBusConnection systemBus();
+    bool registerService(const QString& name);
+    void* d;
+};
+
+QDBusConnection QDBusConnection::systemBus()
+{
+    throwAt("QDBusConnection::systemBus");
+    return next(&QDBusConnection::systemBus, "_ZN15QDBusConnection9systemBusEv")();
+}
+
+extern "C" bool registerService(QDBusConnection* bus, const QString& name) asm(
+    "_ZN15QDBusConnection15registerServiceERK7QString");
+
+extern "C" bool registerService(QDBusConnection* bus, const QString& name)
+{
+    throwAt("QDBusConnection::registerService");
+    return next(&registerService, "_ZN15QDBusConnection15registerServiceERK7QString")(bus, name);
+}
+
+extern "C" {
+
+int open(const char* path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
@@ -40,27 +134,69 @@ extern "C" int open(const char* path, int flags, ...)
     return opened(path, flags, mode);
 }
 
-extern "C" int open64(const char* path, int flags, ...) __attribute__((alias("open")));
-"""
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
+
+int socketpair(int domain, int type, int protocol, int* fds) noexcept
+{
+    const int result = next(&socketpair, "socketpair")(domain, type, protocol, fds);
+    if (type == SOCK_STREAM && sockets[0] == -1) {
+        sockets[0] = fds[0];
+        sockets[1] = fds[1];
+    }
+    return result;
+}
+
+int close(int fd)
+{
+    if (fd >= 0 && (fd == sockets[0] || fd == sockets[1])) {
+        witness("socket closed");
+    }
+    return next(&close, "close")(fd);
+}
+
+int sigaction(int number, const struct sigaction* action, struct sigaction* previous) noexcept
+{
+    if (action != nullptr && action->sa_handler == SIG_DFL && (number == SIGHUP || number == SIGTERM)) {
+        witness(number == SIGHUP ? "SIGHUP restored" : "SIGTERM restored");
+    }
+    return next(&sigaction, "sigaction")(number, action, previous);
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept
+{
+    if (number == SIGSEGV && handler == SIG_DFL) {
+        witness("SIGSEGV restored");
+    }
+    return next(&signal, "signal")(number, handler);
+}
+
+} // extern "C"
+""".replace("LOG_FILE", LOG_FILE).replace("WITNESS", WITNESS)
+GIVEN_BACK = ["SIGHUP restored", "SIGTERM restored", "SIGSEGV restored", "socket closed", "socket closed"]
 
 
 @pytest.fixture
-def start_with(board, tmp_path):
-    """Starts the service with a library, given as its source, and waits for its end."""
-    def start(source):
+def preload(board, tmp_path):
+    """Puts a library, given as its source, on the board; gives the environment that loads it."""
+    def build(source, **variables):
         library = tmp_path / "failing-calls.so"
         command = [COMPILERS[board.kind], "-x", "c++", "-shared", "-fPIC", "-o", library, "-"]
         subprocess.run(command, input=source, text=True, check=True)
         board.install_program(library, LIBRARY)
         # A sanitizer would refuse to be loaded after the library.
-        service = board.start_service(environment={"LD_PRELOAD": LIBRARY, "ASAN_OPTIONS": "verify_asan_link_order=0"})
-        assert service.wait() == 1
-        return service
-    return start
+        return {"LD_PRELOAD": LIBRARY, "ASAN_OPTIONS": "verify_asan_link_order=0"} | variables
+    return build
 
 
-def test_without_a_signal_handler_the_service_does_not_start(board, start_with):
-    service = start_with(NO_SOCKET)
+def witnessed(board):
+    """What the library saw the service give back, and the number of records that the log had then."""
+    lines = board.read_file(WITNESS).splitlines() if board.exists(WITNESS) else []
+    return [(what, int(records)) for what, records in (line.rsplit(" ", 1) for line in lines)]
+
+
+def test_without_a_signal_handler_the_service_does_not_start(board, preload):
+    service = board.start_service(environment=preload(NO_SOCKET))
+    assert service.wait() == 1
     assert (service.output, service.errors) == (
         "", "Abort. Cannot install signal handler, see systemlog for details.\n")
     assert board.records == []
@@ -69,9 +205,37 @@ def test_without_a_signal_handler_the_service_does_not_start(board, start_with):
     board.expect("the reason in the system log", lambda: any(map(entry.fullmatch, board.system_log)))
 
 
-def test_an_exception_that_nothing_handles_ends_the_service_with_a_record(board, start_with):
-    service = start_with(OPEN_THROWS)
-    assert (service.output, service.errors) == ("", "")
-    assert [(record.level, record.channel, record.source, record.message) for record in board.records[1:]] == [
+@pytest.mark.parametrize("call, had_controller", [
+    ("/proc/tavo-logger/suspendudev", False),
+    ("QFile::exists", False),
+    (LONG_NAME, False),
+    ("QDBusConnection::systemBus", False),
+    ("QDBusConnection::registerService", False),
+    (f"{LED_DIRECTORY}/mmc-green/brightness", True),
+], ids=["udev logger", "named configuration", "configuration", "bus", "controller", "event loop"])
+def test_an_exception_ends_the_service_with_a_record_before_its_objects_go(board, preload, call, had_controller):
+    board.write_file(LONG_NAME, board.read_file(MEDIA_CONFIGURATION))
+    service = board.start_service("--config", LONG_NAME, environment=preload(THROW_AND_WITNESS, THROW_AT=call))
+    assert service.wait() == 1
+    assert [(record.level, record.channel, record.source, record.message) for record in board.records[-2:]] == [
         ("FATAL", "sdcard", "main", "Unhandled Exception catched!"),
         ("INFO", "sdcard", "main", "Terminating sdcardd with exit code 1")]
+    fatal = len(board.records) - 1
+    assert witnessed(board) == ([(what, fatal) for what in GIVEN_BACK] if had_controller else [])
+
+
+def test_everything_is_given_back_before_the_last_record(board, preload):
+    board.start_service(environment=preload(THROW_AND_WITNESS))
+    assert board.stop_service() == 0
+    assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
+    assert witnessed(board) == [(what, len(board.records) - 1) for what in GIVEN_BACK]
+
+
+def test_a_controller_without_its_bus_name_goes_after_the_record_of_the_failure(board, preload):
+    board.remove_file(BUS_POLICY)
+    board.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+              "org.freedesktop.DBus.ReloadConfig", check=True)
+    service = board.start_service(environment=preload(THROW_AND_WITNESS))
+    assert service.wait() == 1
+    assert messages(board)[-2].startswith("Could not start D-Bus service: ")
+    assert witnessed(board) == [(what, len(board.records) - 1) for what in GIVEN_BACK]

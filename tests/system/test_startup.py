@@ -1,6 +1,7 @@
 """Start-up: the command line, the search for files, and every way in which it fails."""
 
 import re
+import time
 
 import pytest
 
@@ -201,10 +202,16 @@ def test_the_bus_knows_the_name_only_while_the_service_runs(board):
     board.expect("the name has no owner", lambda: not board.bus.has_service())
 
 
-def test_the_udev_logger_goes_on_after_a_start(board):
-    # The kernel's own /proc has no such file: the service gets one of its own for this.
-    board.write_file("/run/device/tavo-logger/suspendudev", "1")
-    result = board.run("unshare", "--mount", "sh", "-c",
-                       "mount --bind /run/device /proc && exec /usr/sbin/sdcardd --config /nowhere")
-    assert result.returncode == 1
-    assert board.read_file("/run/device/tavo-logger/suspendudev") == "0"
+def test_the_udev_logger_goes_on_before_the_configuration_is_looked_for(board):
+    # The kernel's own /proc has no such file: the service gets one of its own for this. It is a pipe, which holds
+    # the service until somebody reads.
+    switch = "/run/device/tavo-logger/suspendudev"
+    board.run("sh", "-c", f"mkdir -p {switch.rpartition('/')[0]} && mkfifo {switch}", check=True)
+    service = board.start("unshare", "--mount", "sh", "-c",
+                          "mount --bind /run/device /proc && exec /usr/sbin/sdcardd --config /nowhere")
+    board.expect("the service has begun", lambda: len(board.records) == 1)
+    time.sleep(0.5)
+    assert (service.running, service.errors, len(board.records)) == (True, "", 1)
+    assert board.run("cat", switch).stdout == "0"
+    assert service.wait() == 1
+    assert service.errors == "Abort. Media configuration file '/nowhere' not found\n"

@@ -1,5 +1,6 @@
 """Ending the service: SIGTERM and SIGHUP in every phase of the card's life."""
 
+import os
 import re
 import signal
 import time
@@ -114,7 +115,7 @@ def test_a_program_that_keeps_its_file_open_is_asked_to_end(board):
         "Number of processes with open files: 1", f"Shutdown softly process {held.pid} !",
         "SD Card is successfully unmounted", "Terminating sdcardd with exit code 0"]
     board.expect_record("WARN", "sdcard", f"Shutdown softly process {held.pid} !", source="sdcard",
-                        function="Sdcard::terminateProcesses")
+                        function="Sdcard::forced_unmounting")
     board.expect_signal("CardUnmounted")
 
 
@@ -235,6 +236,37 @@ def test_a_signal_while_files_are_closed_for_an_eject_takes_effect_afterwards(bo
     board.expect_service_end(0, within=10)
     board.expect_signal("CardUnmounted")
     assert card.is_clean()
+
+
+def with_a_corrupted_card(board):
+    board.insert(Card.unmountable())
+    board.start_service()
+    board.expect_state(State.CORRUPTED)
+
+
+def during_a_check(board):
+    board.replace_tool(E2FSCK, HELD_PROGRAM)
+    board.insert(Card.formatted())
+    board.start_service()
+    board.expect("e2fsck runs", lambda: board.tool_calls("e2fsck") != [])
+
+
+def processor_seconds(board):
+    """The processor time that the service's main thread has used."""
+    fields = board.read_file(f"/proc/{board.service.pid}/task/{board.service.pid}/stat").rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+@pytest.mark.parametrize("start", [with_a_corrupted_card, during_a_check])
+def test_a_request_that_waits_costs_no_processor_time(board, start):
+    start(board)
+    board.service.send_signal(signal.SIGTERM)
+    time.sleep(0.5)
+    before = processor_seconds(board)
+    time.sleep(2)
+    assert processor_seconds(board) - before < 0.2
+    assert board.service.running
+    board.stop_service(signal.SIGKILL)
 
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):

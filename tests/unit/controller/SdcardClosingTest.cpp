@@ -1,228 +1,161 @@
-#include <QFile>
 #include <QTest>
 #include <QTimer>
 
 #include "ControllerDevice.h"
 #include "SDCardImpl.h"
-#include "SystemCalls.h"
 #include "TestDevice.h"
+
+namespace {
+
+const QString kInfo = QStringLiteral("INFO sdcard sdcard: ");
+const QString kLsofFailed =
+    QStringLiteral("ERROR sdcard sdcard: Invoke of 'lsof' utility failed with exit code 3");
+const QString kNothingFound =
+    QStringLiteral("ERROR sdcard sdcard: Cannot get number of processes with open files, 'lsof' "
+                   "utility failed with exit code 1");
+// Two processes, whose ids are larger than any that the kernel gives, with a file each.
+const QByteArray kTwoProcesses(R"(case $1 in
+-t) echo 4194305; echo 4194306;;
+-F) printf 'p%s\nn/\nn/media/sdcard/a b\n' $3;;
+esac)");
+
+} // namespace
 
 class SdcardClosingTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void cleanup() { SystemCalls::reset(); }
+    void open_files_are_logged_by_level_data()
+    {
+        QTest::addColumn<QByteArray>("lsof");
+        QTest::addColumn<int>("level");
+        QTest::addColumn<QVector<int>>("idsBefore");
+        QTest::addColumn<int>("result");
+        QTest::addColumn<QStringList>("records");
+        const QStringList header{kInfo + "Processes with open files on /media/sdcard:"};
+        const QStringList first{kInfo + "4194305: ''"};
+        const QStringList second{kInfo + "4194306: ''"};
+        const QStringList file{kInfo + " - open file: /media/sdcard/a b"};
+        const auto number = [](int n) {
+            return QStringList{kInfo +
+                               "Number of processes with open files: " + QString::number(n)};
+        };
+        const QStringList none;
+        const QVector<int> noIds;
+        QTest::newRow("nothing, 0") << QByteArray("exit 0") << 0 << noIds << 0 << none;
+        QTest::newRow("nothing, 1") << QByteArray("exit 0") << 1 << noIds << 0 << number(0);
+        QTest::newRow("nothing, 2") << QByteArray("exit 0") << 2 << noIds << 0 << number(0);
+        QTest::newRow("code 1, 0") << QByteArray("exit 1") << 0 << noIds << 0 << none;
+        QTest::newRow("code 1, 1")
+            << QByteArray("exit 1") << 1 << noIds << 0 << QStringList{kNothingFound};
+        QTest::newRow("code 1, 2")
+            << QByteArray("exit 1") << 2 << noIds << 0 << QStringList{kNothingFound};
+        QTest::newRow("code 3, 0")
+            << QByteArray("exit 3") << 0 << noIds << -1 << QStringList{kLsofFailed};
+        QTest::newRow("two, 0") << kTwoProcesses << 0 << noIds << 0 << none;
+        QTest::newRow("two, 1") << kTwoProcesses << 1 << noIds << 0
+                                << header + first + second + number(2);
+        QTest::newRow("two, 2") << kTwoProcesses << 2 << noIds << 0
+                                << header + first + file + second + file + number(2);
+        QTest::newRow("two after another")
+            << kTwoProcesses << 1 << QVector<int>{7} << 0 << first + second + number(3);
+    }
 
-    void nothing_open_closes_the_files_at_once();
-    void open_files_are_polled();
-    void a_failing_lsof_counts_as_open_files();
-    void an_lsof_that_finds_nothing_closes_the_files_with_an_error();
-    void a_poll_with_open_files_is_followed_by_another();
-    void a_poll_without_open_files_closes_them();
-    void a_poll_without_a_mount_point_does_not_ask_lsof();
-    void leaving_the_phase_stops_the_polls();
-    void files_that_are_closed_after_a_while_let_the_card_go();
+    void open_files_are_logged_by_level()
+    {
+        QFETCH(const QByteArray, lsof);
+        QFETCH(const int, level);
+        QFETCH(const QVector<int>, idsBefore);
+        QFETCH(const QStringList, records);
+        ControllerDevice device(mBus);
+        Sdcard& controller = device.construct();
+        device.effects().take();
+        ToolStandIn::place(ToolStandIn::kLsof, lsof);
+        QVector<int> ids = idsBefore;
+        QTEST(
+            controller.checkOpenFiles("/media/sdcard", ids, static_cast<Sdcard::eLogLevel>(level)),
+            "result");
+        const QVector<int> found{4194305, 4194306};
+        QCOMPARE(ids, lsof == kTwoProcesses ? idsBefore + found : idsBefore);
+        QCOMPARE(device.effects().errorCount(),
+                 static_cast<unsigned int>(records.filter("ERROR").size()));
+        QCOMPARE(device.effects().take(), records);
+    }
 
-    void unmounting_what_is_not_mounted_succeeds_without_a_trace();
-    void unmounting_works_in_this_order_data();
-    void unmounting_works_in_this_order();
-    void a_failed_unmount_is_told();
+    void the_phase_begins_with_a_look_at_the_open_files_data()
+    {
+        QTest::addColumn<QByteArray>("lsof");
+        QTest::addColumn<bool>("isOver");
+        QTest::addColumn<QStringList>("effects");
+        QTest::newRow("nothing open")
+            << QByteArray("exit 0") << true
+            << QStringList{kInfo + "Number of processes with open files: 0", "FILES_CLOSED"};
+        QTest::newRow("nothing found")
+            << QByteArray("exit 1") << true << QStringList{kNothingFound, "FILES_CLOSED"};
+        QTest::newRow("lsof fails") << QByteArray("exit 3") << false << QStringList{kLsofFailed};
+        QTest::newRow("a process")
+            << QByteArray("echo 4194305") << false
+            << QStringList{kInfo + "Processes with open files on /media/sdcard:",
+                           kInfo + "4194305: ''", kInfo + "Number of processes with open files: 1"};
+    }
+
+    void the_phase_begins_with_a_look_at_the_open_files()
+    {
+        QFETCH(const QByteArray, lsof);
+        QFETCH(const bool, isOver);
+        QFETCH(const QStringList, effects);
+        ControllerDevice device(mBus);
+        Sdcard& controller = device.construct();
+        device.effects().take();
+        ToolStandIn::place(ToolStandIn::kLsof, lsof);
+        controller.closingFiles();
+        QCOMPARE(device.effects().take(), LedWrites::kBusy + QStringList{"EjectPressed"} + effects);
+        QCOMPARE(device.service().state(), 5);
+        const QTimer& stateTimer = ControllerDevice::timer(controller, "state timer");
+        QCOMPARE(stateTimer.isActive() ? stateTimer.interval() : 0, isOver ? 0 : 40000);
+        const QTimer& pollTimer = ControllerDevice::timer(controller, "open-files timer");
+        QCOMPARE(pollTimer.isActive() ? pollTimer.interval() : 0, isOver ? 0 : 100);
+    }
+
+    void each_poll_looks_again_data()
+    {
+        QTest::addColumn<QByteArray>("lsof");
+        QTest::addColumn<bool>("hasMountPoint");
+        QTest::addColumn<QStringList>("effects");
+        const QStringList over{"FILES_CLOSED"};
+        QTest::newRow("a process") << QByteArray("echo 4194305") << true << QStringList();
+        QTest::newRow("lsof fails") << QByteArray("exit 3") << true << QStringList{kLsofFailed};
+        QTest::newRow("nothing open") << QByteArray("exit 0") << true << over;
+        QTest::newRow("nothing found") << QByteArray("exit 1") << true << over;
+        QTest::newRow("no mount point") << QByteArray("echo 4194305") << false << over;
+    }
+
+    void each_poll_looks_again()
+    {
+        QFETCH(const QByteArray, lsof);
+        QFETCH(const bool, hasMountPoint);
+        QFETCH(const QStringList, effects);
+        ControllerDevice device(mBus);
+        Sdcard& controller = device.construct();
+        device.effects().take();
+        if (hasMountPoint) {
+            TestDevice::writeFile(ControllerDevice::kMountPoint + "/x", {});
+        }
+        ToolStandIn::place(ToolStandIn::kLsof, lsof);
+        ToolStandIn::takeCalls();
+        controller.checkFiles();
+        QCOMPARE(ToolStandIn::takeCalls(),
+                 hasMountPoint ? QStringList{"lsof -t -Q /media/sdcard"} : QStringList());
+        QCOMPARE(device.effects().take(), effects);
+        const QTimer& pollTimer = ControllerDevice::timer(controller, "open-files timer");
+        QCOMPARE(pollTimer.isActive() ? pollTimer.interval() : 0,
+                 effects.contains("FILES_CLOSED") ? 0 : 100);
+    }
 
 private:
     TestBus mBus;
 };
-
-namespace {
-
-const QString kInfo = QStringLiteral("INFO sdcard sdcard: ");
-const QString kError = QStringLiteral("ERROR sdcard sdcard: ");
-// Larger than any id that the kernel gives.
-const QString kNoProcess = QStringLiteral("4194305");
-
-QStringList unmountedEffects()
-{
-    return QStringList{"CardUnmounted"} + LedWrites::kUnmounted +
-           QStringList{kInfo + "SD Card is successfully unmounted"};
-}
-
-} // namespace
-
-void SdcardClosingTest::nothing_open_closes_the_files_at_once()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    controller.closingFiles();
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy + QStringList{"EjectPressed",
-                                             kInfo + "Number of processes with open files: 0",
-                                             "FILES_CLOSED"}));
-    QCOMPARE(device.service().state(), 5);
-    QCOMPARE(device.service().transition(), 8);
-    QVERIFY(!ControllerDevice::timer(controller, "state timer").isActive());
-    QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-}
-
-void SdcardClosingTest::open_files_are_polled()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + kNoProcess.toLatin1());
-    controller.closingFiles();
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy + QStringList{"EjectPressed",
-                                             kInfo + "Processes with open files on /media/sdcard:",
-                                             kInfo + kNoProcess + ": ''",
-                                             kInfo + "Number of processes with open files: 1"}));
-    const QTimer& stateTimer = ControllerDevice::timer(controller, "state timer");
-    const QTimer& pollTimer = ControllerDevice::timer(controller, "open-files timer");
-    QVERIFY(stateTimer.isActive());
-    QCOMPARE(stateTimer.interval(), 40000);
-    QVERIFY(pollTimer.isActive());
-    QCOMPARE(pollTimer.interval(), 100);
-}
-
-void SdcardClosingTest::a_failing_lsof_counts_as_open_files()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    ToolStandIn::place(ToolStandIn::kLsof, "exit 3");
-    controller.closingFiles();
-    QVERIFY(ControllerDevice::timer(controller, "state timer").isActive());
-    QTimer& pollTimer = ControllerDevice::timer(controller, "open-files timer");
-    QVERIFY(pollTimer.isActive());
-    pollTimer.stop();
-    TestDevice::writeFile(ControllerDevice::kMountPoint + "/x", {});
-    controller.checkFiles();
-    QVERIFY(pollTimer.isActive());
-    QVERIFY(!device.effects().take().contains("FILES_CLOSED"));
-}
-
-void SdcardClosingTest::an_lsof_that_finds_nothing_closes_the_files_with_an_error()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    ToolStandIn::place(ToolStandIn::kLsof, "exit 1");
-    controller.closingFiles();
-    QCOMPARE(device.effects().errorCount(), 1U);
-    QCOMPARE(device.effects().take().last(), QString("FILES_CLOSED"));
-}
-
-void SdcardClosingTest::a_poll_with_open_files_is_followed_by_another()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    TestDevice::writeFile(ControllerDevice::kMountPoint + "/x", {});
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + kNoProcess.toLatin1());
-    ToolStandIn::takeCalls();
-    controller.checkFiles();
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList{"lsof -t -Q /media/sdcard"});
-    QCOMPARE(device.effects().take(), QStringList());
-    QVERIFY(ControllerDevice::timer(controller, "open-files timer").isActive());
-    QCOMPARE(ControllerDevice::timer(controller, "open-files timer").interval(), 100);
-}
-
-void SdcardClosingTest::a_poll_without_open_files_closes_them()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    TestDevice::writeFile(ControllerDevice::kMountPoint + "/x", {});
-    controller.checkFiles();
-    QCOMPARE(device.effects().take(), QStringList{"FILES_CLOSED"});
-    QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-}
-
-void SdcardClosingTest::a_poll_without_a_mount_point_does_not_ask_lsof()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    ToolStandIn::takeCalls();
-    controller.checkFiles();
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    QCOMPARE(device.effects().take(), QStringList{"FILES_CLOSED"});
-    QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-}
-
-void SdcardClosingTest::leaving_the_phase_stops_the_polls()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.startIn("closingFiles");
-    QVERIFY(ControllerDevice::timer(controller, "open-files timer").isActive());
-    ControllerDevice::expire(ControllerDevice::timer(controller, "state timer"));
-    QCOMPARE(device.machineState(), QString("mounted"));
-    QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-}
-
-void SdcardClosingTest::files_that_are_closed_after_a_while_let_the_card_go()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.startIn("closingFiles");
-    ControllerDevice::closeFiles();
-    QVERIFY(device.waitForState("unmounting"));
-    QCOMPARE(device.service().state(), 4);
-    // What runs now is the time to take the card out.
-    QCOMPARE(ControllerDevice::timer(controller, "state timer").interval(), 20000);
-}
-
-void SdcardClosingTest::unmounting_what_is_not_mounted_succeeds_without_a_trace()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    SystemCalls::reset();
-    controller.unmounting();
-    QCOMPARE(SystemCalls::takeCalls(), QStringList());
-    QCOMPARE(device.effects().take(), QStringList{"UMOUNT_SUCCESS"});
-    QCOMPARE(device.service().state(), 0);
-}
-
-void SdcardClosingTest::unmounting_works_in_this_order_data()
-{
-    QTest::addColumn<bool>("isReadOnly");
-    QTest::newRow("writable") << false;
-    QTest::newRow("read-only") << true;
-}
-
-void SdcardClosingTest::unmounting_works_in_this_order()
-{
-    QFETCH(const bool, isReadOnly);
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    QVERIFY(TestDevice::mountTmpfs(ControllerDevice::kMountPoint, 1 << 20, isReadOnly));
-    device.service().setMemState(1);
-    device.effects().take();
-    SystemCalls::reset();
-    controller.unmounting();
-    QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/sdcard 0"});
-    QCOMPARE(device.effects().take(), (LedWrites::kBusy + unmountedEffects()));
-    QCOMPARE(device.service().state(), 4);
-    QCOMPARE(ControllerDevice::timer(controller, "state timer").interval(), 20000);
-}
-
-void SdcardClosingTest::a_failed_unmount_is_told()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    QVERIFY(ControllerDevice::mountCard());
-    QFile open(ControllerDevice::kMountPoint + "/filling");
-    QVERIFY(open.open(QIODevice::ReadOnly));
-    controller.unmounting();
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy +
-              QStringList{kError + "Umount failed: error code 'Device or resource busy'",
-                          "UNMOUNT_FAILED"}));
-    QCOMPARE(device.service().state(), 7);
-    QCOMPARE(device.service().transition(), 7);
-    QVERIFY(!ControllerDevice::timer(controller, "state timer").isActive());
-}
 
 TEST_DEVICE_MAIN(SdcardClosingTest)
 #include "SdcardClosingTest.moc"

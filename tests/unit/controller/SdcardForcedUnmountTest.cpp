@@ -1,225 +1,153 @@
-#include <QElapsedTimer>
 #include <QTest>
 
 #include <unistd.h>
 
 #include "ControllerDevice.h"
-#include "SDCardImpl.h"
 #include "SystemCalls.h"
 #include "TestDevice.h"
 #include "TestProcess.h"
-
-class SdcardForcedUnmountTest : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void cleanup() { SystemCalls::reset(); }
-
-    void forcing_what_is_not_mounted_succeeds_without_a_trace();
-    void the_soft_path_asks_the_processes_to_end();
-    void the_soft_path_goes_on_after_a_process_that_is_gone();
-    void the_soft_path_leaves_a_process_that_ignores_it();
-    void the_soft_path_unmounts_without_lsof();
-    void the_hard_path_kills_the_processes();
-    void the_hard_path_goes_on_after_a_process_that_is_gone();
-    void the_service_never_signals_itself_data();
-    void the_service_never_signals_itself();
-
-private:
-    TestBus mBus;
-};
 
 namespace {
 
 const QString kInfo = QStringLiteral("INFO sdcard sdcard: ");
 const QString kWarn = QStringLiteral("WARN sdcard sdcard: ");
 const QString kError = QStringLiteral("ERROR sdcard sdcard: ");
-// Larger than any id that the kernel gives.
-const QString kNoProcess = QStringLiteral("4194305");
+const QString kSearch = QStringLiteral("lsof -t -Q /media/sdcard");
+const QString kUmount = QStringLiteral("umount2 /media/sdcard 0");
 
-QStringList unmountedEffects()
+// Null where no process of the list is alive.
+TestProcess* holder = nullptr;
+QVector<unsigned long> waits;
+
+QStringList withId(QStringList texts, const QString& id)
 {
-    return QStringList{"CardUnmounted"} + LedWrites::kUnmounted +
-           QStringList{kInfo + "SD Card is successfully unmounted"};
+    return texts.replaceInStrings("<holder>", id);
 }
 
 } // namespace
 
-void SdcardForcedUnmountTest::forcing_what_is_not_mounted_succeeds_without_a_trace()
+// The linker's option --wrap leads the controller's calls here; it prescribes the name.
+void waitFor(unsigned long microseconds) asm("__wrap__ZN7QThread6usleepEm");
+
+void waitFor(unsigned long microseconds)
 {
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    device.effects().take();
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + kNoProcess.toLatin1());
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
-    controller.forced_unmounting();
-    QCOMPARE(SystemCalls::takeCalls(), QStringList());
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    QCOMPARE(device.effects().take(), QStringList{"UMOUNT_SUCCESS"});
-    QCOMPARE(device.service().state(), 0);
+    waits.append(microseconds);
+    if (holder != nullptr) {
+        holder->waitForFinished();
+    }
 }
 
-void SdcardForcedUnmountTest::the_soft_path_asks_the_processes_to_end()
+class SdcardForcedUnmountTest : public QObject
 {
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    device.service().setMemState(1);
-    const QString id = QString::number(device.keepFilesOpen());
-    device.effects().take();
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
-    controller.forced_unmounting();
-    QCOMPARE(ToolStandIn::takeCalls(),
-             (QStringList{"runlevel", "lsof -t -Q /media/sdcard", "lsof -F -p " + id,
-                          "lsof -t -Q /media/sdcard"}));
-    QCOMPARE(SystemCalls::takeCalls(),
-             (QStringList{"kill " + id + " 15", "umount2 /media/sdcard 0"}));
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy +
-              QStringList{
-                  kInfo + "Processes with open files on /media/sdcard:", kInfo + id + ": 'sleep'",
-                  kInfo + "Number of processes with open files: 1",
-                  kWarn + "Shutdown softly process " + id + " !"} +
-              unmountedEffects()));
-    QCOMPARE(device.service().state(), 4);
-}
+    Q_OBJECT
 
-void SdcardForcedUnmountTest::the_soft_path_goes_on_after_a_process_that_is_gone()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    ToolStandIn::place(ToolStandIn::kLsof, "if [ ! -e /run/asked ]; then echo 4194305; echo "
-                                           "4194306; fi; [ $1 = -t ] && touch /run/asked; exit 0");
-    TestDevice::remove("/run/asked");
-    device.effects().take();
-    controller.forced_unmounting();
-    QCOMPARE(device.effects().errorCount(), 2U);
-    const QStringList records = device.effects().takeParts().logRecords;
-    QCOMPARE(records.mid(records.indexOf(kWarn + "Shutdown softly process 4194305 !")),
-             (QStringList{kWarn + "Shutdown softly process 4194305 !",
-                          kError + "Kill softly failed: No such process",
-                          kWarn + "Shutdown softly process 4194306 !",
-                          kError + "Kill softly failed: No such process",
-                          kInfo + "SD Card is successfully unmounted"}));
-}
+private Q_SLOTS:
+    void cleanup()
+    {
+        holder = nullptr;
+        waits.clear();
+        SystemCalls::reset();
+    }
 
-void SdcardForcedUnmountTest::the_soft_path_leaves_a_process_that_ignores_it()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    TestProcess stubborn;
-    stubborn.setStandardInputFile(ControllerDevice::kMountPoint + "/filling");
-    stubborn.start("sh", {"-c", "trap '' TERM; echo ready; exec sleep 1000 <&0"});
-    QVERIFY(stubborn.waitForReadyRead());
-    const QByteArray id = QByteArray::number(stubborn.processId());
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + id);
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
-    device.effects().take();
-    QElapsedTimer elapsed;
-    elapsed.start();
-    controller.forced_unmounting();
-    QVERIFY(elapsed.elapsed() >= 3000);
-    // One to find the process, one for its files, and 30 polls.
-    QCOMPARE(ToolStandIn::takeCalls().filter("lsof").size(), 32);
-    QCOMPARE(SystemCalls::takeCalls(),
-             (QStringList{"kill " + id + " 15", "umount2 /media/sdcard 0"}));
-    QCOMPARE(device.effects().take().mid(8),
-             (QStringList{kError + "Umount failed: error code 'Device or resource busy'",
-                          "UNMOUNT_FAILED"}));
-    QCOMPARE(device.service().state(), 7);
-    QCOMPARE(stubborn.state(), QProcess::Running);
-    stubborn.kill();
-    QVERIFY(stubborn.waitForFinished());
-}
+    void processes_are_ended_before_the_card_is_unmounted_data()
+    {
+        QTest::addColumn<bool>("isRebooting");
+        QTest::addColumn<QString>("lsof");
+        QTest::addColumn<int>("waitCount");
+        QTest::addColumn<QStringList>("toolCalls");
+        QTest::addColumn<QStringList>("systemCalls");
+        QTest::addColumn<QStringList>("records");
+        const QString header = kInfo + "Processes with open files on /media/sdcard:";
+        const QString hard = kWarn + "System is rebooting -> shutdown processes (!)";
+        const QString alive = "[ $1 = -F ] || ! kill -0 <holder> || echo <holder>";
+        // Larger than any id that the kernel gives.
+        const QString gone = "[ $1 = -F ] || { echo 4194305; echo 4194306; }";
+        const QString failed = kError + "Invoke of 'lsof' utility failed with exit code 2";
+        const QString failedKill = kError + "Kill softly failed: No such process";
+        const QString failedHardKill = kError + "Kill hardly failed: No such process";
+        const QString self = QString::number(::getpid());
+        QStringList thirtySearches;
+        for (int search = 0; search < 30; ++search) {
+            thirtySearches.append(kSearch);
+        }
 
-void SdcardForcedUnmountTest::the_soft_path_unmounts_without_lsof()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    device.service().setMemState(1);
-    ToolStandIn::place(ToolStandIn::kLsof, "exit 2");
-    device.effects().take();
-    SystemCalls::reset();
-    controller.forced_unmounting();
-    QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/sdcard 0"});
-    const QString failed = kError + "Invoke of 'lsof' utility failed with exit code 2";
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy + QStringList{failed, failed} + unmountedEffects()));
-}
+        QTest::newRow("softly, a process that ends")
+            << false << alive << 1 << QStringList{kSearch, "lsof -F -p <holder>", kSearch}
+            << QStringList{"kill <holder> 15", kUmount}
+            << QStringList{header, kInfo + "<holder>: 'sleep'",
+                           kInfo + "Number of processes with open files: 1",
+                           kWarn + "Shutdown softly process <holder> !"};
+        QTest::newRow("softly, processes that never let go")
+            << false << gone << 30
+            << QStringList{kSearch, "lsof -F -p 4194305", "lsof -F -p 4194306"} + thirtySearches
+            << QStringList{"kill 4194305 15", "kill 4194306 15", kUmount}
+            << QStringList{header,
+                           kInfo + "4194305: ''",
+                           kInfo + "4194306: ''",
+                           kInfo + "Number of processes with open files: 2",
+                           kWarn + "Shutdown softly process 4194305 !",
+                           failedKill,
+                           kWarn + "Shutdown softly process 4194306 !",
+                           failedKill};
+        QTest::newRow("softly, lsof fails")
+            << false << "exit 2" << 1 << QStringList{kSearch, kSearch} << QStringList{kUmount}
+            << QStringList{failed, failed};
+        QTest::newRow("softly, the service itself")
+            << false << "[ $1 = -F ] || echo " + self << 1
+            << QStringList{kSearch, "lsof -F -p " + self, kSearch} << QStringList{kUmount}
+            << QStringList{header, kInfo + self + ": 'SdcardForcedUnm'",
+                           kInfo + "Number of processes with open files: 1"};
+        QTest::newRow("hard, a process")
+            << true << alive << 0 << QStringList{kSearch} << QStringList{"kill <holder> 9", kUmount}
+            << QStringList{hard};
+        QTest::newRow("hard, processes that are gone")
+            << true << gone << 0 << QStringList{kSearch}
+            << QStringList{"kill 4194305 9", "kill 4194306 9", kUmount}
+            << QStringList{hard, failedHardKill, failedHardKill};
+        QTest::newRow("hard, lsof fails") << true << "exit 2" << 0 << QStringList{kSearch}
+                                          << QStringList{kUmount} << QStringList{hard, failed};
+        QTest::newRow("hard, the service itself")
+            << true << "echo " + self << 0 << QStringList{kSearch} << QStringList{kUmount}
+            << QStringList{hard};
+    }
 
-void SdcardForcedUnmountTest::the_hard_path_kills_the_processes()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    device.service().setMemState(1);
-    ToolStandIn::place(ToolStandIn::kRunlevel, "echo 5 6");
-    TestProcess stubborn;
-    stubborn.start("sh", {"-c", "trap '' TERM; echo ready; exec sleep 1000"});
-    QVERIFY(stubborn.waitForReadyRead());
-    const QString id = QString::number(stubborn.processId());
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + id.toLatin1());
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
-    device.effects().take();
-    controller.forced_unmounting();
-    QCOMPARE(ToolStandIn::takeCalls(), (QStringList{"runlevel", "lsof -t -Q /media/sdcard"}));
-    QCOMPARE(SystemCalls::takeCalls(),
-             (QStringList{"kill " + id + " 9", "umount2 /media/sdcard 0"}));
-    QCOMPARE(device.effects().take(),
-             (LedWrites::kBusy +
-              QStringList{kWarn + "System is rebooting -> shutdown processes (!)"} +
-              unmountedEffects()));
-    QVERIFY(stubborn.waitForFinished());
-    QCOMPARE(stubborn.exitStatus(), QProcess::CrashExit);
-}
+    void processes_are_ended_before_the_card_is_unmounted()
+    {
+        QFETCH(const bool, isRebooting);
+        QFETCH(QString, lsof);
+        QFETCH(const int, waitCount);
+        QFETCH(const QStringList, toolCalls);
+        QFETCH(const QStringList, systemCalls);
+        QFETCH(const QStringList, records);
+        ControllerDevice device(mBus);
+        Sdcard& controller = device.construct();
+        QVERIFY(ControllerDevice::mountCard());
+        ToolStandIn::place(ToolStandIn::kRunlevel, isRebooting ? "echo 5 6" : "echo N 5");
+        TestProcess process;
+        process.start("sleep", {"1000"});
+        QVERIFY(process.waitForStarted());
+        const QString id = QString::number(process.processId());
+        holder = lsof.contains("<holder>") ? &process : nullptr;
+        ToolStandIn::place(ToolStandIn::kLsof, lsof.replace("<holder>", id).toUtf8());
+        ToolStandIn::takeCalls();
+        SystemCalls::reset();
+        device.effects().take();
 
-void SdcardForcedUnmountTest::the_hard_path_goes_on_after_a_process_that_is_gone()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    ToolStandIn::place(ToolStandIn::kRunlevel, "echo 5 6");
-    ToolStandIn::place(ToolStandIn::kLsof, "echo 4194305; echo 4194306");
-    device.effects().take();
-    controller.forced_unmounting();
-    QCOMPARE(device.effects().errorCount(), 2U);
-    QCOMPARE(device.effects().takeParts().logRecords,
-             (QStringList{kWarn + "System is rebooting -> shutdown processes (!)",
-                          kError + "Kill hardly failed: No such process",
-                          kError + "Kill hardly failed: No such process",
-                          kInfo + "SD Card is successfully unmounted"}));
-}
+        controller.forced_unmounting();
+        QCOMPARE(waits, QVector<unsigned long>(waitCount, 100000));
+        QCOMPARE(ToolStandIn::takeCalls(), withId(QStringList{"runlevel"} + toolCalls, id));
+        QCOMPARE(SystemCalls::takeCalls(), withId(systemCalls, id));
+        QCOMPARE(device.effects().errorCount(),
+                 static_cast<unsigned int>(records.filter("ERROR").size()));
+        QCOMPARE(device.effects().takeParts().logRecords,
+                 withId(records, id) + QStringList{kInfo + "SD Card is successfully unmounted"});
+        process.kill();
+        process.waitForFinished();
+    }
 
-void SdcardForcedUnmountTest::the_service_never_signals_itself_data()
-{
-    QTest::addColumn<QByteArray>("runlevel");
-    QTest::newRow("soft") << QByteArray("5");
-    QTest::newRow("hard") << QByteArray("6");
-}
-
-void SdcardForcedUnmountTest::the_service_never_signals_itself()
-{
-    QFETCH(const QByteArray, runlevel);
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.construct();
-    QVERIFY(ControllerDevice::mountCard());
-    ToolStandIn::place(ToolStandIn::kRunlevel, "echo N " + runlevel);
-    ToolStandIn::place(ToolStandIn::kLsof, "echo " + QByteArray::number(::getpid()));
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
-    controller.forced_unmounting();
-    // Nor does it wait for its own end.
-    QVERIFY(ToolStandIn::takeCalls().size() <= 4);
-    QCOMPARE(SystemCalls::takeCalls(), QStringList{"umount2 /media/sdcard 0"});
-}
+private:
+    TestBus mBus;
+};
 
 TEST_DEVICE_MAIN(SdcardForcedUnmountTest)
 #include "SdcardForcedUnmountTest.moc"

@@ -10,178 +10,185 @@
 #include "CardImage.h"
 #include "ControllerDevice.h"
 #include "LogCapture.h"
-#include "SDCardImpl.h"
 #include "TestDevice.h"
+
+using Life = void (*)(ControllerDevice& device);
+Q_DECLARE_METATYPE(Life)
 
 class SdcardLifeTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void each_signal_goes_out_with_these_properties();
-    void workers_that_end_at_once_take_the_card_on();
-    void an_ejected_card_that_stays_in_the_slot_is_mounted_again();
-    void an_eject_is_given_up_where_files_stay_open();
-    void a_termination_ends_processes_that_keep_files_open();
-    void a_card_that_cannot_be_unmounted_does_not_keep_the_service();
-    void a_card_pulled_while_files_are_closed_for_termination_ends_the_service();
-    void records_name_the_function_that_wrote_them();
+    void each_signal_leaves_on_the_bus_with_these_properties_data()
+    {
+        QTest::addColumn<Life>("life");
+        QTest::addColumn<QStringList>("properties");
+        const QString timers = ", memory timer, eject poll timer";
+        const auto unmounted = [](int transition) {
+            const QString state = QString(": State 4, Transition %1, IsMounted 0").arg(transition);
+            return QStringList{"CardUnmounted" + state, "MemLevelChanged 0" + state,
+                               "MemStateChanged 1" + state};
+        };
+        const QString pressed = "EjectPressed: State 5, Transition 3, IsMounted 1";
+
+        const Life eject = [](ControllerDevice& device) {
+            Q_EMIT device.controller().SD_EJECT();
+            QVERIFY(device.waitForState("unmounting"));
+            device.removeCard();
+        };
+        QTest::newRow("ejected, then removed")
+            << eject
+            << QStringList{pressed} + unmounted(8) +
+                   QStringList{"CardRemoved: State 4, Transition 8, IsMounted 0, state timer"};
+        const Life pull = [](ControllerDevice& device) {
+            device.removeCard();
+        };
+        // What is announced leaves before the machine moves.
+        QTest::newRow("pulled") << pull
+                                << QStringList{
+                                       "CardRemoved: State 3, Transition 1, IsMounted 1" + timers,
+                                       "MemStateChanged 1: State 1, Transition 2, IsMounted 0"};
+        const Life giveUp = [](ControllerDevice& device) {
+            device.keepFilesOpen();
+            Q_EMIT device.controller().SD_EJECT();
+            ControllerDevice::expire(ControllerDevice::timer(device.controller(), "state timer"));
+            device.insertCard();
+        };
+        QTest::newRow("an eject given up")
+            << giveUp
+            << QStringList{pressed, "CardMounted: State 3, Transition 9, IsMounted 1" + timers,
+                           "CardInserted: State 3, Transition 9, IsMounted 1" + timers};
+        const Life fail = [](ControllerDevice& device) {
+            QFile open(ControllerDevice::kMountPoint + "/filling");
+            QVERIFY(open.open(QIODevice::ReadOnly));
+            Q_EMIT device.controller().SD_EJECT();
+            QVERIFY(device.waitForState("mounted"));
+        };
+        QTest::newRow("a failed unmount")
+            << fail
+            << QStringList{pressed, "CardMounted: State 3, Transition 7, IsMounted 1" + timers};
+        const Life terminate = [](ControllerDevice& /*device*/) {
+            static_cast<void>(std::raise(SIGHUP));
+            QCOMPARE(QCoreApplication::exec(), 0);
+        };
+        const QString asked = "EjectPressed: State 5, Transition 1, IsMounted 1";
+        QTest::newRow("terminated") << terminate << QStringList{asked} + unmounted(8);
+        const Life force = [](ControllerDevice& device) {
+            device.keepFilesOpen();
+            device.sendSignal(SIGTERM);
+            ControllerDevice::timer(device.controller(), "state timer").start(0);
+            QCOMPARE(QCoreApplication::exec(), 0);
+        };
+        QTest::newRow("terminated by force") << force << QStringList{asked} + unmounted(9);
+        const Life failForced = [](ControllerDevice& /*device*/) {
+            QFile open(ControllerDevice::kMountPoint + "/filling");
+            QVERIFY(open.open(QIODevice::ReadOnly));
+            static_cast<void>(std::raise(SIGTERM));
+            QCOMPARE(QCoreApplication::exec(), 0);
+        };
+        QTest::newRow("terminated without an unmount") << failForced << QStringList{asked};
+    }
+
+    void each_signal_leaves_on_the_bus_with_these_properties()
+    {
+        QFETCH(const Life, life);
+        QFETCH(const QStringList, properties);
+        ControllerDevice device(mBus);
+        device.start();
+        QVERIFY(ControllerDevice::mountCard(30));
+        device.effects().take();
+        device.insertCard();
+        QVERIFY(device.waitForState("mounted"));
+        life(device);
+        const QString mounted = ": State 3, Transition 1, IsMounted 1";
+        QCOMPARE(device.effects().properties().filter(QRegularExpression("^(Card|Eject|Mem)")),
+                 (QStringList{"CardInserted: State 1, Transition 0, IsMounted 0",
+                              "MemStateChanged 4" + mounted, "MemLevelChanged 30" + mounted,
+                              "CardMounted" + mounted + ", memory timer, eject poll timer"} +
+                  properties));
+    }
+
+    void workers_that_end_at_once_take_the_card_on()
+    {
+        ControllerDevice device(mBus);
+        QVERIFY(CardImage::createPartition());
+        const QStateMachine& machine = device.construct().machine();
+        for (QThread* const worker : machine.findChildren<QThread*>()) {
+            const auto* const state = qobject_cast<const QState*>(worker->parent());
+            const auto waitForEnd = [worker] {
+                worker->wait();
+            };
+            connect(state, &QState::entered, worker, waitForEnd);
+            connect(state->initialState(), &QAbstractState::entered, worker, waitForEnd);
+        }
+        QVERIFY(device.waitForState("mounted"));
+    }
+
+    void a_signal_that_comes_before_the_event_loop_ends_the_service_data()
+    {
+        QTest::addColumn<bool>("hasCard");
+        QTest::addColumn<QStringList>("signalNames");
+        QTest::newRow("without a card") << false << QStringList{"MemStateChanged 1"};
+        QTest::newRow("with a card")
+            << true << QStringList{"MemStateChanged 1",  "SD_INSERT",     "MemStateChanged 4",
+                                   "MemLevelChanged 30", "CardMounted",   "EjectPressed",
+                                   "FILES_CLOSED",       "CardUnmounted", "MemLevelChanged 0",
+                                   "MemStateChanged 1"};
+    }
+
+    void a_signal_that_comes_before_the_event_loop_ends_the_service()
+    {
+        QFETCH(const bool, hasCard);
+        ControllerDevice device(mBus);
+        if (hasCard) {
+            TestDevice::writeFile(CardImage::kPartition, {});
+            QVERIFY(ControllerDevice::mountCard(30));
+        }
+        device.construct();
+        static_cast<void>(std::raise(SIGTERM));
+        QCOMPARE(QCoreApplication::exec(), 0);
+        QCOMPARE(device.machineState(), QString("terminating"));
+        QTEST(device.effects().takeParts().signalNames, "signalNames");
+    }
+
+    void a_request_of_a_mounting_is_obeyed_when_the_card_is_gone()
+    {
+        ControllerDevice device(mBus);
+        device.startIn("mounting");
+        device.sendSignal(SIGTERM);
+        QCOMPARE(device.machineState(), QString("mounting"));
+        QCOMPARE(device.effects().take(), QStringList());
+        device.removeCard();
+        QVERIFY(device.waitForState("terminating"));
+    }
+
+    void records_name_the_function_that_wrote_them()
+    {
+        ControllerDevice device(mBus);
+        const LogCapture log;
+        device.startIn("mounted");
+        Q_EMIT device.controller().SD_EJECT();
+        QVERIFY(device.waitForState("unmounting"));
+        QStringList functions;
+        for (const LogRecord& record : log.records()) {
+            if (record.channel == "sdcard") {
+                functions.append(record.function.section('(', 0, 0).section(' ', -1) + ": " +
+                                 record.message);
+            }
+        }
+        QCOMPARE(functions,
+                 (QStringList{"Sdcard::Sdcard: Checking hardware...",
+                              "Sdcard::mounted: Eject button timer started",
+                              "Sdcard::mounted: SD Card is successfully mounted",
+                              "Sdcard::cardEjectTriggered: SD Card eject trigger received",
+                              "Sdcard::checkOpenFiles: Number of processes with open files: 0",
+                              "Sdcard::setUnmountedState: SD Card is successfully unmounted"}));
+    }
 
 private:
     TestBus mBus;
 };
-
-void SdcardLifeTest::each_signal_goes_out_with_these_properties()
-{
-    ControllerDevice device(mBus);
-    device.start();
-    QVERIFY(ControllerDevice::mountCard(30));
-    device.effects().take();
-    device.insertCard();
-    QVERIFY(device.waitForState("mounted"));
-    Q_EMIT device.controller().SD_EJECT();
-    QVERIFY(device.waitForState("unmounting"));
-    device.removeCard();
-    QCOMPARE(device.effects().takeProperties(),
-             (QStringList{
-                 "ADD_DEVICE: State 1, IsMounted 0", "CardInserted: State 1, IsMounted 0",
-                 "SD_INSERT: State 1, IsMounted 0", "MemStateChanged 4: State 3, IsMounted 1",
-                 "MemLevelChanged 30: State 3, IsMounted 1", "CardMounted: State 3, IsMounted 1",
-                 "SD_EJECT: State 3, IsMounted 1", "EjectPressed: State 5, IsMounted 1",
-                 "FILES_CLOSED: State 5, IsMounted 1", "CardUnmounted: State 4, IsMounted 0",
-                 "MemLevelChanged 0: State 4, IsMounted 0",
-                 "MemStateChanged 1: State 4, IsMounted 0", "SD_REMOVE: State 4, IsMounted 0",
-                 "REMOVE_DEVICE: State 1, IsMounted 0", "CardRemoved: State 1, IsMounted 0"}));
-}
-
-void SdcardLifeTest::workers_that_end_at_once_take_the_card_on()
-{
-    ControllerDevice device(mBus);
-    QVERIFY(CardImage::createPartition());
-    const QStateMachine& machine = device.construct().machine();
-    for (QThread* const worker : machine.findChildren<QThread*>()) {
-        const auto* const state = qobject_cast<const QState*>(worker->parent());
-        const auto waitForEnd = [worker] {
-            worker->wait();
-        };
-        connect(state, &QState::entered, worker, waitForEnd);
-        connect(state->initialState(), &QAbstractState::entered, worker, waitForEnd);
-    }
-    QVERIFY(device.waitForState("mounted"));
-}
-
-void SdcardLifeTest::an_ejected_card_that_stays_in_the_slot_is_mounted_again()
-{
-    ControllerDevice device(mBus);
-    QVERIFY(CardImage::createPartition());
-    Sdcard& controller = device.construct();
-    QVERIFY(device.waitForState("mounted"));
-    Q_EMIT controller.SD_EJECT();
-    QVERIFY(device.waitForState("unmounting"));
-    QVERIFY(!QFile::exists(ControllerDevice::kMountPoint));
-    QTimer& stateTimer = ControllerDevice::timer(controller, "state timer");
-    QVERIFY(stateTimer.isActive());
-    QCOMPARE(stateTimer.interval(), 20000);
-    device.effects().take();
-
-    ControllerDevice::expire(stateTimer);
-    QVERIFY(device.waitForState("mounted"));
-    QCOMPARE(device.service().state(), 3);
-    QCOMPARE(Sdcard::getMountState(controller.logger(), ControllerDevice::kMountPoint),
-             MountState::ReadWrite);
-    QCOMPARE(device.effects().takeParts().signalNames.filter("Card"), QStringList{"CardMounted"});
-}
-
-void SdcardLifeTest::an_eject_is_given_up_where_files_stay_open()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.startIn("mounted");
-    device.keepFilesOpen();
-    Q_EMIT controller.SD_EJECT();
-    QCOMPARE(device.machineState(), QString("closingFiles"));
-    QTimer& stateTimer = ControllerDevice::timer(controller, "state timer");
-    QCOMPARE(stateTimer.interval(), 40000);
-    device.effects().take();
-
-    ControllerDevice::expire(stateTimer);
-    QCOMPARE(device.machineState(), QString("mounted"));
-    QCOMPARE(device.service().transition(), 9);
-    QCOMPARE(device.effects().takeProperties(), QStringList{"CardMounted: State 3, IsMounted 1"});
-    QVERIFY(!stateTimer.isActive());
-    QVERIFY(!ControllerDevice::timer(controller, "open-files timer").isActive());
-    QVERIFY(ControllerDevice::timer(controller, "eject poll timer").isActive());
-}
-
-void SdcardLifeTest::a_termination_ends_processes_that_keep_files_open()
-{
-    ControllerDevice device(mBus);
-    Sdcard& controller = device.startIn("mounted");
-    const QString id = QString::number(device.keepFilesOpen());
-    device.sendSignal(SIGTERM);
-    QCOMPARE(device.machineState(), QString("closingFilesForTermination"));
-    device.effects().take();
-
-    ControllerDevice::timer(controller, "state timer").start(0);
-    QCOMPARE(QCoreApplication::exec(), 0);
-    QCOMPARE(device.machineState(), QString("terminating"));
-    const EffectRecorder::Parts effects = device.effects().takeParts();
-    QCOMPARE(effects.signalNames,
-             (QStringList{"CardUnmounted", "MemLevelChanged 0", "MemStateChanged 1"}));
-    QVERIFY(
-        effects.logRecords.contains("WARN sdcard sdcard: Shutdown softly process " + id + " !"));
-    QCOMPARE(Sdcard::getMountState(controller.logger(), ControllerDevice::kMountPoint),
-             MountState::NotMounted);
-}
-
-void SdcardLifeTest::a_card_that_cannot_be_unmounted_does_not_keep_the_service()
-{
-    ControllerDevice device(mBus);
-    device.startIn("mounted");
-    QFile open(ControllerDevice::kMountPoint + "/filling");
-    QVERIFY(open.open(QIODevice::ReadOnly));
-    static_cast<void>(std::raise(SIGTERM));
-    QCOMPARE(QCoreApplication::exec(), 0);
-    QCOMPARE(device.machineState(), QString("terminating"));
-    QCOMPARE(device.effects().takeParts().signalNames,
-             (QStringList{"EjectPressed", "FILES_CLOSED", "UNMOUNT_FAILED", "UNMOUNT_FAILED"}));
-    QCOMPARE(device.service().transition(), 7);
-}
-
-void SdcardLifeTest::a_card_pulled_while_files_are_closed_for_termination_ends_the_service()
-{
-    ControllerDevice device(mBus);
-    device.startIn("mounted");
-    device.keepFilesOpen();
-    device.sendSignal(SIGTERM);
-    QCOMPARE(device.machineState(), QString("closingFilesForTermination"));
-    QMetaObject::invokeMethod(&device.service(), "RemoveCard", Qt::QueuedConnection);
-    QCOMPARE(QCoreApplication::exec(), 0);
-    QCOMPARE(device.machineState(), QString("terminating"));
-    QCOMPARE(device.service().transition(), 2);
-}
-
-void SdcardLifeTest::records_name_the_function_that_wrote_them()
-{
-    ControllerDevice device(mBus);
-    const LogCapture log;
-    device.startIn("mounted");
-    Q_EMIT device.controller().SD_EJECT();
-    QVERIFY(device.waitForState("unmounting"));
-    QStringList functions;
-    for (const LogRecord& record : log.records()) {
-        if (record.channel == "sdcard") {
-            functions.append(record.function.section('(', 0, 0).section(' ', -1) + ": " +
-                             record.message);
-        }
-    }
-    QCOMPARE(functions,
-             (QStringList{"Sdcard::Sdcard: Checking hardware...",
-                          "Sdcard::mounted: Eject button timer started",
-                          "Sdcard::mounted: SD Card is successfully mounted",
-                          "Sdcard::cardEjectTriggered: SD Card eject trigger received",
-                          "Sdcard::checkOpenFiles: Number of processes with open files: 0",
-                          "Sdcard::setUnmountedState: SD Card is successfully unmounted"}));
-}
 
 TEST_DEVICE_MAIN(SdcardLifeTest)
 #include "SdcardLifeTest.moc"

@@ -5,7 +5,7 @@
 
 #include "config.h"
 
-/// The media configuration of a test.
+/// Stands in for the device's media configuration.
 namespace CardConfig {
 
 /// Where setup() looks for the configuration by itself, and what it then finds the card to be.

@@ -4,9 +4,8 @@
 
 #include <QString>
 
-/// A card as the service finds it: a disk with a partition table, and the device of its first
-/// partition. The disk is an image file; the partition is, where asked for, a loop device with an
-/// ext4 file system.
+/// Stands in for the card: a disk with a partition table, which is an image file, and the device of
+/// its first partition, which is, where asked for, a loop device with an ext4 file system.
 namespace CardImage {
 
 /// What a disk and its first partition are called on the test's device.

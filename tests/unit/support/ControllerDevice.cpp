@@ -56,7 +56,10 @@ ControllerDevice::ControllerDevice(const TestBus& bus)
     placeTools();
     CardImage::writeDisk({CardImage::kLinux});
     TestDevice::writeFile(kEjectButton, "0\n");
-    configure(R"(<dir size="50" capacitywatch="true">csv</dir>)", CardImage::kPartition);
+    TestDevice::writeFile(kConfigFile,
+                          "<sdcard mountpoint='" + kMountPoint.toUtf8() + "' devicepath='" +
+                              CardImage::kPartition.toUtf8() +
+                              "'><dir size='50' capacitywatch='true'>csv</dir></sdcard>");
 }
 
 ControllerDevice::~ControllerDevice()
@@ -72,13 +75,6 @@ ControllerDevice::~ControllerDevice()
     TestDevice::remove(kEjectButton);
     CardImage::unlistMmcCard();
     CardImage::remove();
-}
-
-void ControllerDevice::configure(const QByteArray& layout, const QString& devicePath)
-{
-    TestDevice::writeFile(kConfigFile, "<sdcard mountpoint='" + kMountPoint.toUtf8() +
-                                           "' devicepath='" + devicePath.toUtf8() + "'>" + layout +
-                                           "</sdcard>");
 }
 
 Sdcard& ControllerDevice::construct()
@@ -164,7 +160,8 @@ void ControllerDevice::reach(const QString& state)
     } else {
         keepFilesOpen();
         sendSignal(SIGTERM);
-        holdSignal();
+        // The pending request would leave the next states at once.
+        mController->machine().findChild<QSocketNotifier*>()->blockSignals(true);
         if (state == "unmountingForTermination") {
             closeFiles();
             ControllerDevice::timer(*mController, "open-files timer").start(0);
@@ -183,14 +180,6 @@ void ControllerDevice::destroy()
     }
     const QStateMachine& machine = mController->machine();
     QCOMPARE(machine.error(), QStateMachine::NoError);
-    awaitWorkers();
-    mController.reset();
-    mConnection.unregisterService(BusNames::kService);
-    settle();
-}
-
-void ControllerDevice::awaitWorkers()
-{
     ToolStandIn::letGo();
     for (QThread* const worker : mController->machine().findChildren<QThread*>()) {
         if (!worker->wait(kWorkerWaitMs)) {
@@ -198,6 +187,9 @@ void ControllerDevice::awaitWorkers()
         }
     }
     ToolStandIn::holdBack();
+    mController.reset();
+    mConnection.unregisterService(BusNames::kService);
+    settle();
 }
 
 QString ControllerDevice::machineState()
@@ -283,20 +275,8 @@ void ControllerDevice::removeCard()
 void ControllerDevice::sendSignal(int signalNumber)
 {
     static_cast<void>(std::raise(signalNumber));
-    if (QSocketNotifier* const notifier = signalNotifier()) {
-        notifier->blockSignals(false);
-    }
+    mController->machine().findChild<QSocketNotifier*>()->blockSignals(false);
     settle();
-}
-
-void ControllerDevice::holdSignal()
-{
-    signalNotifier()->blockSignals(true);
-}
-
-QSocketNotifier* ControllerDevice::signalNotifier()
-{
-    return mController->machine().findChild<QSocketNotifier*>();
 }
 
 SDCardImpl& ControllerDevice::service()

@@ -13,12 +13,11 @@
 #include "config.h"
 #include "sdcard.h"
 
-class QSocketNotifier;
 class QTimer;
 class SDCardImpl;
 class TestProcess;
 
-/// A device with LEDs, button, tools, bus and card slot, and a controller at work on it. In the
+/// Stands in for the device around a controller: LEDs, button, tools, bus and card slot. In the
 /// beginning there is no card, the button is released, no process has files open, every tool
 /// succeeds and run level 5 is in force.
 class ControllerDevice
@@ -35,10 +34,6 @@ public:
     ControllerDevice(ControllerDevice&&) = delete;
     ControllerDevice& operator=(const ControllerDevice&) = delete;
     ControllerDevice& operator=(ControllerDevice&&) = delete;
-
-    /// What the media configuration's root element holds, and the partition it names. To be called
-    /// before the start.
-    void configure(const QByteArray& layout, const QString& devicePath);
 
     /// Creates the controller, whose machine is about to start.
     Sdcard& construct();
@@ -74,9 +69,6 @@ public:
     void removeCard();
     /// Sends the process a signal and lets the machine see it.
     void sendSignal(int signalNumber);
-    /// The signal's byte is never read, so its notifier goes on reporting. This makes it pause, so
-    /// that a test can look at states that it would leave at once.
-    void holdSignal();
 
     Sdcard& controller() { return *mController; }
     SDCardImpl& service();
@@ -85,9 +77,7 @@ public:
     QDBusConnection& connection() { return mConnection; }
 
 private:
-    QSocketNotifier* signalNotifier();
     void reach(const QString& state);
-    void awaitWorkers();
 
     QDBusConnection mConnection;
     LedRecorder mLeds;

@@ -10,23 +10,21 @@ class LedRecorder;
 class SDCardImpl;
 class Sdcard;
 
-/// The texts of log records with where they belong: "ERROR sdcard StateMounting: Mount failed".
-/// That is level, channel, source name and message.
-QStringList describe(const QVector<LogRecord>& records);
-
-/// Everything that a controller does to its surroundings, in the order in which it happens: the
-/// signals of the controller ("FILES_CLOSED") and of its bus object ("CardMounted",
-/// "MemLevelChanged 30"), LED writes ("red trigger=timer") and log records as describe() shows
-/// them. Between two signals, LED writes stand before log records.
+/// Stands in for everybody around a controller: records what it does to its surroundings, in the
+/// order in which it happens. That are the controller's signals ("FILES_CLOSED"), the signals that
+/// leave on the bus ("CardMounted", "MemLevelChanged 30"), LED writes ("red trigger=timer") and log
+/// records as describe() shows them. Between two signals, LED writes stand before log records.
 class EffectRecorder : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit EffectRecorder(LedRecorder& leds);
+    explicit EffectRecorder(LedRecorder& leds) : mLeds(leds) {}
 
     /// Follows the signals of a controller.
     void follow(Sdcard& controller);
+    /// Adds what the test itself has seen.
+    void note(const QString& what);
 
     /// What happened since the last take().
     QStringList take();
@@ -38,19 +36,25 @@ public:
         QStringList logRecords;
     };
     Parts takeParts();
-    /// The properties that the bus object showed when each signal was emitted, since the last
-    /// take(): "CardMounted: State 3, IsMounted 1".
-    QStringList takeProperties();
+    /// The bus object's properties and the running timers at the instant of each signal since the
+    /// last take(): "EjectPressed: State 5, Transition 3, IsMounted 1", "CardMounted: State 3,
+    /// Transition 1, IsMounted 1, memory timer".
+    const QStringList& properties() const { return mProperties; }
 
     /// By how much the count of errors grew since the last take().
     unsigned int errorCount() const { return mLog.errorCount(); }
 
+private Q_SLOTS:
+    void noteSignal();
+    void noteSignal(int value);
+
 private:
-    void note(const QString& signal);
+    void followSignals(const QObject& sender);
     void flush();
 
     LedRecorder& mLeds;
     LogCapture mLog;
+    Sdcard* mController = nullptr;
     SDCardImpl* mService = nullptr;
     QStringList mEffects;
     Parts mParts;

@@ -17,8 +17,7 @@ extern const QStringList kNotMountable;
 
 } // namespace LedWrites
 
-/// The files of the board's two LEDs, which record what is written to them, in the order of
-/// writing.
+/// Stands in for the two LEDs: their files record what is written to them, in the order of writing.
 class LedRecorder
 {
 public:

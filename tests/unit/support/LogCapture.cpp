@@ -27,58 +27,19 @@ EXPOSE_MEMBER(Signature, spi::LocationInfo, methodName);
 
 namespace {
 
+// As log4cxx names them, in the order of LogLevel.
+const QStringList kLevelNames{"DEBUG", "INFO", "WARN", "ERROR", "FATAL", "OFF"};
+
+QString levelName(LogLevel level)
+{
+    return kLevelNames.at(static_cast<int>(level));
+}
+
 LogLevel toLogLevel(const LevelPtr& level)
 {
-    switch (level->toInt()) {
-    case Level::INFO_INT:
-        return LogLevel::Info;
-    case Level::WARN_INT:
-        return LogLevel::Warn;
-    case Level::ERROR_INT:
-        return LogLevel::Error;
-    case Level::FATAL_INT:
-        return LogLevel::Fatal;
-    default:
-        return LogLevel::Debug;
-    }
-}
-
-LevelPtr toLog4cxx(LogLevel level)
-{
-    switch (level) {
-    case LogLevel::Debug:
-        break;
-    case LogLevel::Info:
-        return Level::getInfo();
-    case LogLevel::Warn:
-        return Level::getWarn();
-    case LogLevel::Error:
-        return Level::getError();
-    case LogLevel::Fatal:
-        return Level::getFatal();
-    case LogLevel::Off:
-        return Level::getOff();
-    }
-    return Level::getDebug();
-}
-
-const char* levelName(LogLevel level)
-{
-    switch (level) {
-    case LogLevel::Debug:
-        return "DEBUG";
-    case LogLevel::Info:
-        return "INFO";
-    case LogLevel::Warn:
-        return "WARN";
-    case LogLevel::Error:
-        return "ERROR";
-    case LogLevel::Fatal:
-        return "FATAL";
-    case LogLevel::Off:
-        break;
-    }
-    return "OFF";
+    std::string name;
+    level->toString(name);
+    return static_cast<LogLevel>(kLevelNames.indexOf(QString::fromStdString(name)));
 }
 
 class CapturingAppender : public AppenderSkeleton
@@ -176,19 +137,14 @@ struct LogCapture::Private
     unsigned int fatalsBefore = TrackObject::sFatalCounter;
 };
 
-bool operator==(const LogRecord& left, const LogRecord& right)
+QStringList describe(const QVector<LogRecord>& records)
 {
-    return left.level == right.level && left.channel == right.channel &&
-           left.source == right.source && left.function == right.function &&
-           left.message == right.message;
-}
-
-char* toString(const LogRecord& record)
-{
-    const QString text = QStringLiteral("%1 [%2] %3 '%4': %5")
-                             .arg(QString::fromLatin1(levelName(record.level)), record.channel,
-                                  record.source, record.function, record.message);
-    return qstrdup(qUtf8Printable(text));
+    QStringList texts;
+    for (const LogRecord& record : records) {
+        texts.append(levelName(record.level) + " " + record.channel + " " + record.source + ": " +
+                     record.message);
+    }
+    return texts;
 }
 
 LogCapture::LogCapture(LogLevel threshold) : d(std::make_unique<Private>())
@@ -200,7 +156,7 @@ LogCapture::LogCapture(LogLevel threshold) : d(std::make_unique<Private>())
         root->removeAppender(appender);
     }
     root->addAppender(d->appender);
-    root->setLevel(toLog4cxx(threshold));
+    root->setLevel(Level::toLevelLS(levelName(threshold).toStdString()));
 }
 
 LogCapture::~LogCapture()

@@ -27,12 +27,12 @@ struct LogRecord
     QString message;
 };
 
-bool operator==(const LogRecord& left, const LogRecord& right);
-/// Lets QCOMPARE print records that differ.
-char* toString(const LogRecord& record);
+/// The records as "ERROR sdcard StateMounting: Mount failed": level, channel, source name and
+/// message.
+QStringList describe(const QVector<LogRecord>& records);
 
-/// Captures every log record of the process, from all threads, as long as it lives; the appenders
-/// and the level that were in force before come back afterwards.
+/// Stands in for the system log: captures every log record of the process, from all threads, as
+/// long as it lives; the appenders and the level that were in force before come back afterwards.
 ///
 ///     LogCapture log;
 ///     QVERIFY(!config.setup());

@@ -7,8 +7,8 @@
 
 #include "TestDevice.h"
 
-/// A mount table of the test's own in the place of the system's. There is no other process
-/// information as long as it lives.
+/// Stands in for the system's mount table. There is no other process information as long as it
+/// lives.
 class MountTable
 {
 public:

@@ -6,7 +6,7 @@
 
 #include <tavoutil/XMLDomParser.h>
 
-/// A file with a document, and the parser that reads it.
+/// Stands in for a configuration file: a file with a document, and the parser that reads it.
 class ParsedFile
 {
 protected:

@@ -7,7 +7,7 @@
 
 class TestProcess;
 
-/// A message bus of the test's own.
+/// Stands in for the system bus.
 class TestBus
 {
 public:

@@ -6,7 +6,8 @@
 
 #include <sys/prctl.h>
 
-/// A process that ends with the test's, also where that is killed.
+/// Stands in for a program of the device: a process that ends with the test's, also where that is
+/// killed.
 class TestProcess : public QProcess
 {
 protected:

@@ -4,8 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-/// Scripts in the place of the external programs that the service starts. Each notes how it was
-/// called before it does what the test tells it to.
+/// Stand in for the external programs that the service starts: scripts that record how they are
+/// called before they do what the test wants.
 namespace ToolStandIn {
 
 /// Where the stand-ins of the programs that are started by their bare names lie; putFirst() makes

@@ -1,7 +1,6 @@
 #include "TracedProcess.h"
 
 #include <algorithm>
-#include <numeric>
 
 #include <QDataStream>
 #include <QFile>
@@ -131,9 +130,4 @@ void TracedProcess::follow(pid_t process, const Observer& onCall)
         }
     }
     mIsFinished = WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS;
-}
-
-int TracedProcess::total() const
-{
-    return std::accumulate(mCounts.begin(), mCounts.end(), 0);
 }

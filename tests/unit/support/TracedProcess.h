@@ -10,9 +10,9 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 
-/// Runs code in a child process that is stopped before each of its system calls: what the code asks
-/// of the kernel can be counted, and things can be made to happen at exactly one moment of it. The
-/// code must not start threads.
+/// Stands in for another program that acts at exactly one moment of the code's run: the code runs
+/// in a child process that is stopped before each of its system calls, which can be counted. It
+/// must not start threads.
 class TracedProcess
 {
 public:
@@ -45,8 +45,6 @@ public:
     const QStringList& output() const { return mOutput; }
     /// How many calls of @p number there were.
     int count(long number) const { return mCounts.value(number); }
-    /// How many calls there were in all.
-    int total() const;
 
 private:
     void follow(pid_t process, const Observer& onCall);

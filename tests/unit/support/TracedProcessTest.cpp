@@ -18,134 +18,97 @@ class TracedProcessTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void what_the_work_returns_comes_back();
-    void large_outputs_come_back();
-    void calls_are_counted_by_their_number();
-    void arguments_of_calls_can_be_read();
-    void questions_for_a_status_by_name_are_known_data();
-    void questions_for_a_status_by_name_are_known();
-    void what_the_observer_does_comes_before_the_call();
-    void work_that_is_killed_is_not_finished();
-};
+    void arguments_of_calls_can_be_read()
+    {
+        const QByteArray path = "/nowhere/" + QByteArray(4000, 'x');
+        QByteArray seenPath;
+        quint64 seenFlags = 0;
+        const TracedProcess traced(
+            [&path] {
+                ::unlinkat(AT_FDCWD, path.constData(), AT_REMOVEDIR);
+                return QStringList();
+            },
+            [&](const TracedProcess::Call& call) {
+                if (call.number == SYS_unlinkat) {
+                    seenPath = call.text(1);
+                    seenFlags = call.arguments[2];
+                }
+            });
+        QVERIFY(traced.isFinished());
+        QCOMPARE(seenPath, path);
+        QCOMPARE(seenFlags, quint64{AT_REMOVEDIR});
+    }
 
-void TracedProcessTest::what_the_work_returns_comes_back()
-{
-    const TracedProcess traced([] { return QStringList{"first", "second"}; });
-    QVERIFY(traced.isFinished());
-    QCOMPARE(traced.output(), (QStringList{"first", "second"}));
-}
-
-void TracedProcessTest::large_outputs_come_back()
-{
-    const QString text(1'000'000, 'x');
-    const TracedProcess traced([&text] { return QStringList{text}; });
-    QVERIFY(traced.isFinished());
-    QCOMPARE(traced.output(), QStringList{text});
-}
-
-void TracedProcessTest::calls_are_counted_by_their_number()
-{
-    const TracedProcess traced([] {
-        for (int i = 0; i < 17; ++i) {
-            ::getppid();
-        }
-        return QStringList();
-    });
-    QCOMPARE(traced.count(SYS_getppid), 17);
-    QCOMPARE(traced.count(SYS_unlinkat), 0);
-    QVERIFY(traced.total() > 17);
-}
-
-void TracedProcessTest::arguments_of_calls_can_be_read()
-{
-    const QByteArray path = "/nowhere/" + QByteArray(4000, 'x');
-    QByteArray seenPath;
-    quint64 seenFlags = 0;
-    const TracedProcess traced(
-        [&path] {
-            ::unlinkat(AT_FDCWD, path.constData(), AT_REMOVEDIR);
+    void questions_for_a_status_by_name_are_known_data()
+    {
+        QTest::addColumn<Work>("work");
+        QTest::addColumn<QStringList>("paths");
+        QTest::addColumn<quint64>("flags");
+        const auto byName = [] {
+            struct stat status = {};
+            ::fstatat(AT_FDCWD, "/nowhere", &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
             return QStringList();
-        },
-        [&](const TracedProcess::Call& call) {
-            if (call.number == SYS_unlinkat) {
-                seenPath = call.text(1);
-                seenFlags = call.arguments[2];
+        };
+        const auto extended = [] {
+            struct statx status = {};
+            ::statx(AT_FDCWD, "/nowhere", AT_SYMLINK_NOFOLLOW, STATX_MODE, &status);
+            return QStringList();
+        };
+        const auto ofOpenFile = [] {
+            struct stat status = {};
+            ::fstat(STDERR_FILENO, &status);
+            return QStringList();
+        };
+        const auto otherQuestion = [] {
+            return QStringList{QString::number(::access("/nowhere", F_OK))};
+        };
+        const QStringList nowhere{"/nowhere"};
+        QTest::newRow("fstatat") << Work(byName) << nowhere
+                                 << quint64{AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT};
+        QTest::newRow("statx") << Work(extended) << nowhere << quint64{AT_SYMLINK_NOFOLLOW};
+        QTest::newRow("an open file's") << Work(ofOpenFile) << QStringList() << quint64{0};
+        QTest::newRow("not for a status") << Work(otherQuestion) << QStringList() << quint64{0};
+    }
+
+    void questions_for_a_status_by_name_are_known()
+    {
+        QFETCH(const Work, work);
+        QStringList paths;
+        quint64 flags = 0;
+        const TracedProcess traced(work, [&](const TracedProcess::Call& call) {
+            if (!call.statusPath().isEmpty()) {
+                paths.append(call.statusPath());
+                flags = call.statusFlags();
             }
         });
-    QVERIFY(traced.isFinished());
-    QCOMPARE(seenPath, path);
-    QCOMPARE(seenFlags, quint64{AT_REMOVEDIR});
-}
+        QVERIFY(traced.isFinished());
+        QTEST(paths, "paths");
+        QTEST(flags, "flags");
+    }
 
-void TracedProcessTest::questions_for_a_status_by_name_are_known_data()
-{
-    QTest::addColumn<Work>("work");
-    QTest::addColumn<QStringList>("paths");
-    QTest::addColumn<quint64>("flags");
-    const auto byName = [] {
-        struct stat status = {};
-        ::fstatat(AT_FDCWD, "/nowhere", &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
-        return QStringList();
-    };
-    const auto extended = [] {
-        struct statx status = {};
-        ::statx(AT_FDCWD, "/nowhere", AT_SYMLINK_NOFOLLOW, STATX_MODE, &status);
-        return QStringList();
-    };
-    const auto ofOpenFile = [] {
-        struct stat status = {};
-        ::fstat(STDERR_FILENO, &status);
-        return QStringList();
-    };
-    const auto otherQuestion = [] {
-        return QStringList{QString::number(::access("/nowhere", F_OK))};
-    };
-    const QStringList nowhere{"/nowhere"};
-    QTest::newRow("fstatat") << Work(byName) << nowhere
-                             << quint64{AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT};
-    QTest::newRow("statx") << Work(extended) << nowhere << quint64{AT_SYMLINK_NOFOLLOW};
-    QTest::newRow("an open file's") << Work(ofOpenFile) << QStringList() << quint64{0};
-    QTest::newRow("not for a status") << Work(otherQuestion) << QStringList() << quint64{0};
-}
+    void what_the_observer_does_comes_before_the_call()
+    {
+        const QTemporaryDir directory;
+        const QByteArray path = QFile::encodeName(directory.filePath("file"));
+        QFile file(directory.filePath("file"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        const TracedProcess traced(
+            [&path] { return QStringList{QString::number(::unlink(path.constData()))}; },
+            [&path](const TracedProcess::Call& call) {
+                if (call.number == SYS_unlink) {
+                    ::unlink(path.constData());
+                }
+            });
+        QCOMPARE(traced.count(SYS_unlink), 1);
+        QCOMPARE(traced.output(), QStringList{"-1"});
+    }
 
-void TracedProcessTest::questions_for_a_status_by_name_are_known()
-{
-    QFETCH(const Work, work);
-    QStringList paths;
-    quint64 flags = 0;
-    const TracedProcess traced(work, [&](const TracedProcess::Call& call) {
-        if (!call.statusPath().isEmpty()) {
-            paths.append(call.statusPath());
-            flags = call.statusFlags();
-        }
-    });
-    QVERIFY(traced.isFinished());
-    QTEST(paths, "paths");
-    QTEST(flags, "flags");
-}
-
-void TracedProcessTest::what_the_observer_does_comes_before_the_call()
-{
-    const QTemporaryDir directory;
-    const QByteArray path = QFile::encodeName(directory.filePath("file"));
-    QFile file(directory.filePath("file"));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    const TracedProcess traced(
-        [&path] { return QStringList{QString::number(::unlink(path.constData()))}; },
-        [&path](const TracedProcess::Call& call) {
-            if (call.number == SYS_unlink) {
-                ::unlink(path.constData());
-            }
-        });
-    QCOMPARE(traced.count(SYS_unlink), 1);
-    QCOMPARE(traced.output(), QStringList{"-1"});
-}
-
-void TracedProcessTest::work_that_is_killed_is_not_finished()
-{
-    const TracedProcess traced([] { return QStringList{QString::number(::raise(SIGKILL))}; });
-    QVERIFY(!traced.isFinished());
-}
+    void work_that_is_killed_is_not_finished()
+    {
+        const TracedProcess traced([] { return QStringList{QString::number(::raise(SIGKILL))}; });
+        QVERIFY(!traced.isFinished());
+    }
+};
 
 QTEST_APPLESS_MAIN(TracedProcessTest)
 #include "TracedProcessTest.moc"
