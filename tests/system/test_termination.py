@@ -9,7 +9,7 @@ import pytest
 
 from board import MOUNT_POINT, Card, LedPattern, State, Transition
 from board.names import E2FSCK
-from steps import HOLD, eject, expect_mounted, go_on, messages, press_until_eject, signal_names, start_with_mounted_card
+from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on, messages, press_until_eject, signal_names, start_with_mounted_card
 
 pytestmark = pytest.mark.installed
 
