@@ -67,6 +67,8 @@ def described_members(interface):
     """The members of an interface's description, in their order."""
     members = []
     for member in interface:
+        if member.tag == "annotation":
+            continue
         if member.tag == "property":
             members.append(("property", member.get("name"), member.get("type"), member.get("access")))
         else:
@@ -82,6 +84,13 @@ def test_the_description_lists_both_interfaces_with_all_members_in_their_order(b
     own = {interface.get("name"): described_members(interface) for interface in interfaces
            if not interface.get("name").startswith("org.freedesktop.")}
     assert list(own.items()) == [(CARD_INTERFACE, CARD_MEMBERS), (CONTROLLER_INTERFACE, CONTROLLER_MEMBERS)]
+
+
+def test_the_description_says_that_properties_emit_no_change_signals(board):
+    board.start_service()
+    annotation = ElementTree.fromstring(board.introspect()).find(f"interface[@name='{CARD_INTERFACE}']/annotation")
+    assert annotation.get("name") == "org.freedesktop.DBus.Property.EmitsChangedSignal"
+    assert annotation.get("value") == "false"
 
 
 def test_the_properties_without_a_card_are_these(board):
