@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -23,6 +22,7 @@
 
 #include <QByteArray>
 
+#include <tavoutil/AlternateSignalStack.h>
 #include <tavoutil/SystemError.h>
 
 #include "InterruptedBacktrace.h"
@@ -42,10 +42,8 @@ constexpr std::array<CrashSignal, 5> kCrashSignals{{{SIGSEGV, "SIGSEGV"},
                                                     {SIGABRT, "SIGABRT"}}};
 constexpr sockaddr_un kSystemLog{AF_UNIX, "/dev/log"};
 constexpr int kMaxFrames = 64;
-constexpr std::size_t kAlternateStackSize = std::size_t{64} * 1024;
 
 // What the handler needs is made ready when it is installed: it must neither allocate nor lock.
-alignas(std::max_align_t) std::array<std::byte, kAlternateStackSize> sAlternateStack;
 std::array<char, 64> sProgramName;
 int sSocket = -1;
 bool sSystemLogAnswers = true;
@@ -221,10 +219,9 @@ bool openSocket()
 
 bool useAlternateStack()
 {
-    stack_t stack{};
-    stack.ss_sp = sAlternateStack.data();
-    stack.ss_size = sAlternateStack.size();
-    return sigaltstack(&stack, nullptr) == 0;
+    // Never destroyed: the process may crash while it destroys its static objects.
+    static const auto* const stack = new tavoutil::AlternateSignalStack;
+    return stack->isInstalled();
 }
 
 bool catchCrashSignals()

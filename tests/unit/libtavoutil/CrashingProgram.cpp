@@ -12,6 +12,7 @@
 
 #include <QString>
 
+#include <tavoutil/AlternateSignalStack.h>
 #include <tavoutil/SignalHandler.h>
 
 // The crashes must be the kernel's, not a sanitizer's.
@@ -58,6 +59,12 @@ CRASHES int overflowStack(const volatile int* caller)
     return frame[0] < 0 ? 0 : overflowStack(frame) + frame[0];
 }
 
+static void overflowStackWithAlternateStack()
+{
+    const tavoutil::AlternateSignalStack alternateStack;
+    overflowStack(nullptr);
+}
+
 static void waitForSignal()
 {
     constexpr std::string_view kReady = "ready\n";
@@ -96,6 +103,8 @@ static int crash(std::string_view kind)
     } else if (kind == "thread") {
         std::thread(dereferenceNull).join();
     } else if (kind == "overflow in a thread") {
+        std::thread(overflowStackWithAlternateStack).join();
+    } else if (kind == "overflow in a bare thread") {
         std::thread(overflowStack, nullptr).join();
     } else if (kind == "all threads") {
         std::thread first(dereferenceNull);

@@ -20,6 +20,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <tavoutil/AlternateSignalStack.h>
+
 namespace {
 
 enum class SystemLog
@@ -221,7 +223,8 @@ private Q_SLOTS:
     void the_backtrace_leads_to_the_crashing_function();
     void a_signal_from_another_process_names_its_sender();
     void two_threads_that_crash_at_once_give_one_report();
-    void a_stack_overflow_in_a_thread_ends_the_process();
+    void a_stack_overflow_without_an_alternate_stack_ends_the_process();
+    void a_thread_gets_its_earlier_alternate_stack_back();
     void the_installation_fails_without_a_file_descriptor();
 };
 
@@ -244,6 +247,7 @@ void SignalHandlerTest::a_crash_is_reported_to_the_system_log_data()
     QTest::newRow("illegal") << SIGILL << "^Crash: SIGILL" + anywhere;
     QTest::newRow("bus") << SIGBUS << "^Crash: SIGBUS" + anywhere;
     QTest::newRow("overflow") << SIGSEGV << "^Crash: SIGSEGV" + anywhere;
+    QTest::newRow("overflow in a thread") << SIGSEGV << "^Crash: SIGSEGV" + anywhere;
     QTest::newRow("thread") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x0" + thread;
 }
 
@@ -342,11 +346,28 @@ void SignalHandlerTest::two_threads_that_crash_at_once_give_one_report()
     QVERIFY(outcome.systemLog.size() >= 4);
 }
 
-void SignalHandlerTest::a_stack_overflow_in_a_thread_ends_the_process()
+void SignalHandlerTest::a_stack_overflow_without_an_alternate_stack_ends_the_process()
 {
-    const Outcome outcome = crash({"overflow in a thread"}, SystemLog::Listening);
+    const Outcome outcome = crash({"overflow in a bare thread"}, SystemLog::Listening);
     QVERIFY(WIFSIGNALED(outcome.waitStatus));
     QCOMPARE(WTERMSIG(outcome.waitStatus), SIGSEGV);
+}
+
+void SignalHandlerTest::a_thread_gets_its_earlier_alternate_stack_back()
+{
+    const tavoutil::AlternateSignalStack outer;
+    stack_t before{};
+    sigaltstack(nullptr, &before);
+    {
+        const tavoutil::AlternateSignalStack inner;
+        stack_t during{};
+        sigaltstack(nullptr, &during);
+        QVERIFY(during.ss_sp != before.ss_sp);
+    }
+    stack_t after{};
+    sigaltstack(nullptr, &after);
+    QCOMPARE(after.ss_sp, before.ss_sp);
+    QCOMPARE(after.ss_size, before.ss_size);
 }
 
 void SignalHandlerTest::the_installation_fails_without_a_file_descriptor()
