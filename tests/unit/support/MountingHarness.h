@@ -8,7 +8,7 @@
 
 #include "CardImage.h"
 #include "StateHarness.h"
-#include "StateMounting.h"
+#include "ThreadMounting.h"
 #include "TestDevice.h"
 
 /// The mounting of the card of the test, and the signals that the state emits.

@@ -300,9 +300,6 @@ void StatePreparingTest::a_state_that_is_left_emits_nothing()
 
 void StatePreparingTest::a_state_that_is_entered_again_starts_anew()
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    QSKIP("the sanitizer does not understand how a thread is terminated");
-#endif
     ToolStandIn::place(kScripts + "/job", ToolStandIn::kWait);
     Preparing state("");
     state.enter();

@@ -6,7 +6,7 @@
 #include "EffectRecorder.h"
 #include "LogCapture.h"
 #include "MountTableText.h"
-#include "StateMounting.h"
+#include "ThreadMounting.h"
 #include "SystemCalls.h"
 #include "TestDevice.h"
 #include "ToolStandIn.h"
