@@ -10,6 +10,7 @@
 #include <tavoutil/TrackLog.h>
 
 #include "ProgramRunner.h"
+#include "UnpreparedMark.h"
 
 namespace {
 
@@ -77,6 +78,9 @@ void ThreadPreparing::run()
         return;
     }
     runPreparingScripts();
+    if (!isStopRequested()) {
+        UnpreparedMark::clear();
+    }
 }
 
 void ThreadPreparing::prepareJobRelocateDatabase(const QString& mountPoint) const

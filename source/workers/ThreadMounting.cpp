@@ -14,6 +14,7 @@
 #include "MountedFileSystem.h"
 #include "ProgramRunner.h"
 #include "SdcardDefs.h"
+#include "UnpreparedMark.h"
 #include "fdisk.h"
 
 namespace {
@@ -78,8 +79,15 @@ void ThreadMounting::run()
     const QString mountPoint = mConfig.mountPoint();
     const QString device = mConfig.devicePath();
     const MountState mountState = mountStateOf(mountPoint);
+    if (mountState != MountState::NotMounted && MountedFileSystem(mountPoint).isDeviceGone()) {
+        TRACK_ERROR(logger(), "The card that is mounted at '" + mountPoint +
+                                  "' is no longer there, a program still uses it");
+        Q_EMIT setTransitionChangeSignal(StateMounting::MountFailed);
+        return;
+    }
     if (mountState == MountState::ReadWrite) {
-        Q_EMIT setTransitionChangeSignal(StateMounting::MountSuccess);
+        Q_EMIT setTransitionChangeSignal(UnpreparedMark::isSet() ? StateMounting::StartPrepare
+                                                                 : StateMounting::MountSuccess);
         return;
     }
     if (isStopRequested()) {
@@ -157,8 +165,17 @@ bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoin
             TRACK_INFO(logger(), "Corrected some file system errors on SD Card!");
         }
     }
+    if (isStopRequested()) {
+        // The card that is in the slot now may not be the one that was checked.
+        removeMountPoint(mountPoint);
+        return false;
+    }
     bool mounted = false;
     if (before != MountState::Unclear) {
+        if (!UnpreparedMark::set()) {
+            const QByteArray why = tavoutil::systemErrorText(errno);
+            TRACK_WARN(logger(), "Cannot mark the card as unprepared: " + why);
+        }
         mounted = mountFileSystem(device, mountPoint, fsType, before == MountState::ReadOnly);
     }
     if (before == MountState::NotMounted) {
@@ -167,9 +184,24 @@ bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoin
     if (!mounted) {
         const QByteArray why = tavoutil::systemErrorText(errno);
         TRACK_ERROR(logger(), "Mount failed: " + why);
+        UnpreparedMark::clear();
         removeMountPoint(mountPoint);
+    } else if (before == MountState::NotMounted && isStopRequested()) {
+        unmountAgain(mountPoint);
+        return false;
     }
     return mounted;
+}
+
+void ThreadMounting::unmountAgain(const QString& mountPoint) const
+{
+    if (::umount2(mountPoint.toUtf8().constData(), 0) != 0 && errno != EINVAL) {
+        const QByteArray why = tavoutil::systemErrorText(errno);
+        TRACK_WARN(logger(), "Cannot unmount the card that was mounted too late: " + why);
+        return;
+    }
+    UnpreparedMark::clear();
+    removeMountPoint(mountPoint);
 }
 
 ThreadMounting::SDcardState ThreadMounting::checkAndRepairFS(const QString& device) const

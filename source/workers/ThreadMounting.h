@@ -60,6 +60,9 @@ private:
     /// @return 0 where it does, 99 where it has been formatted now, otherwise the code of the
     /// failure; nothing after a stop request
     std::optional<int> ensureLinuxPartition(const QString& device);
+    /// For a card that has been mounted while the state was left. Where that fails, its mark makes
+    /// the next run prepare it.
+    void unmountAgain(const QString& mountPoint) const;
     /// Lets the owning state emit, unless it has been left until then.
     void emitOnState(const std::function<void(StateMounting&)>& emission);
 
