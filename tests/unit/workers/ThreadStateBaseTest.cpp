@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ProgramRunner.h"
 #include "ThreadOfThreads.h"
@@ -43,10 +44,12 @@ namespace {
 class EndlessProgram
 {
 public:
-    int run() const
+    int run(bool isLogged = true) const
     {
-        return ProgramRunner::run(log4cxx::Logger::getLogger("worker"), "/bin/sh",
-                                  {"-c", "echo $$ >" + mFile + "; exec sleep 1000"}, true, 600000);
+        const QStringList arguments{"-c", "echo $$ >" + mFile + "; exec sleep 1000"};
+        return isLogged ? ProgramRunner::run(log4cxx::Logger::getLogger("worker"), "/bin/sh",
+                                             arguments, true, 600000)
+                        : ChildProcess::execute("/bin/sh", arguments);
     }
     bool waitForStart() const
     {
@@ -185,13 +188,16 @@ void ThreadStateBaseTest::a_stop_request_leaves_the_program_of_the_run_alone()
 void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for_data()
 {
     QTest::addColumn<bool>("isStartedAgain");
-    QTest::newRow("by another start") << true;
-    QTest::newRow("by destruction") << false;
+    QTest::addColumn<bool>("isLogged");
+    QTest::newRow("by another start") << true << true;
+    QTest::newRow("by destruction") << false << true;
+    QTest::newRow("a program that is waited for without end") << false << false;
 }
 
 void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for()
 {
     QFETCH(const bool, isStartedAgain);
+    QFETCH(const bool, isLogged);
     const EndlessProgram program;
     const LogCapture log;
     std::atomic<int> runs{0};
@@ -200,7 +206,7 @@ void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for()
     {
         ThreadOfThreads worker([&] {
             if (++runs == 1) {
-                code = program.run();
+                code = program.run(isLogged);
             }
         });
         worker.start(QThread::InheritPriority);
