@@ -1,18 +1,12 @@
 #include <cerrno>
-#include <cstring>
 
 #include <QCoreApplication>
 #include <QSemaphore>
 #include <QSignalSpy>
 #include <QTest>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "CardImage.h"
 #include "LogCapture.h"
-#include "MountTableText.h"
 #include "MountingHarness.h"
 
 using SystemCalls::Call;
@@ -31,16 +25,20 @@ bool waitForCall(const QString& call)
 // What is seen of the state before it is left.
 const QStringList kActive{"mountingStateActive"};
 
-/// Stops the thread that makes one kind of call until it may go on.
-class HeldCall
+/// Holds a thread at one place until it may go on.
+class Hold
 {
 public:
-    explicit HeldCall(Call call)
+    Hold() = default;
+    explicit Hold(Call call)
     {
-        SystemCalls::during(call, [this] {
-            mHasBegun.release();
-            mMayGoOn.acquire();
-        });
+        SystemCalls::during(call, [this] { stay(); });
+    }
+
+    void stay()
+    {
+        mHasBegun.release();
+        mMayGoOn.acquire();
     }
     bool waitFor()
     {
@@ -51,50 +49,6 @@ public:
 private:
     QSemaphore mHasBegun;
     QSemaphore mMayGoOn;
-};
-
-/// A mount table whose reader waits until it gets the content.
-class LateMountTable
-{
-public:
-    LateMountTable()
-    {
-        if (::mkfifo("/proc/mounts", 0600) != 0) {
-            qFatal("cannot create the mount table: %s", std::strerror(errno));
-        }
-    }
-    ~LateMountTable()
-    {
-        if (mEnd >= 0) {
-            ::close(mEnd);
-        }
-    }
-    LateMountTable(const LateMountTable&) = delete;
-    LateMountTable(LateMountTable&&) = delete;
-    LateMountTable& operator=(const LateMountTable&) = delete;
-    LateMountTable& operator=(LateMountTable&&) = delete;
-
-    bool waitForReader()
-    {
-        return QTest::qWaitFor(
-            [this] {
-                mEnd = ::open("/proc/mounts", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-                return mEnd >= 0;
-            },
-            kPatienceMs);
-    }
-    bool give(const QByteArray& content)
-    {
-        const bool isWritten = ::write(mEnd, content.constData(),
-                                       static_cast<std::size_t>(content.size())) == content.size();
-        ::close(mEnd);
-        mEnd = -1;
-        return isWritten;
-    }
-
-private:
-    const MountTable mDirectory{QByteArray()};
-    int mEnd = -1;
 };
 
 } // namespace
@@ -108,8 +62,8 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing_data();
-    void a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing();
+    void a_state_that_is_left_before_the_mount_table_is_read_touches_nothing_data();
+    void a_state_that_is_left_before_the_mount_table_is_read_touches_nothing();
     void a_state_that_is_left_during_the_inspection_only_formats_data();
     void a_state_that_is_left_during_the_inspection_only_formats();
     void a_state_that_is_left_during_a_program_does_not_mount_data();
@@ -117,7 +71,6 @@ private Q_SLOTS:
     void what_was_mounted_too_late_is_unmounted_or_prepared_next_data();
     void what_was_mounted_too_late_is_unmounted_or_prepared_next();
     void a_state_that_is_left_at_once_emits_nothing();
-    void a_state_that_is_entered_again_starts_anew();
     void a_run_without_a_result_repeats_the_last_data();
     void a_run_without_a_result_repeats_the_last();
 };
@@ -139,29 +92,30 @@ void StateMountingLeavingTest::cleanup()
 }
 
 void StateMountingLeavingTest::
-    a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing_data()
+    a_state_that_is_left_before_the_mount_table_is_read_touches_nothing_data()
 {
-    QTest::addColumn<QByteArray>("table");
+    QTest::addColumn<bool>("isMounted");
     QTest::addColumn<QVector<int>>("reports");
-    QTest::newRow("not mounted") << QByteArray("/dev/root / ext4 rw 0 0\n") << QVector<int>();
+    QTest::newRow("not mounted") << false << QVector<int>();
     // There is nothing that could be stopped.
-    QTest::newRow("mounted") << QByteArray("/card/mmcblk0p1 /media/sdcard ext4 rw 0 0\n")
-                             << QVector<int>{StateMounting::MountSuccess};
+    QTest::newRow("mounted") << true << QVector<int>{StateMounting::MountSuccess};
 }
 
-void StateMountingLeavingTest::
-    a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing()
+void StateMountingLeavingTest::a_state_that_is_left_before_the_mount_table_is_read_touches_nothing()
 {
-    QFETCH(const QByteArray, table);
+    QFETCH(const bool, isMounted);
     SystemCalls::reset();
-    LateMountTable mountTable;
+    QVERIFY(!isMounted || TestDevice::mountTmpfs("/media/sdcard", 1 << 20));
     SystemCalls::reset();
     MountingHarness state;
     const LogCapture log;
+    Hold start;
+    connect(
+        &state.worker(), &QThread::started, this, [&start] { start.stay(); }, Qt::DirectConnection);
     state.enter();
-    QVERIFY(mountTable.waitForReader());
+    QVERIFY(start.waitFor());
     state.leave();
-    QVERIFY(mountTable.give(table));
+    start.letGo();
     QVERIFY(state.waitForWorker());
     QTEST(state.reports(), "reports");
     QCOMPARE(state.signalNames(), QStringList());
@@ -192,7 +146,7 @@ void StateMountingLeavingTest::a_state_that_is_left_during_the_inspection_only_f
     } else if (!hasPartition) {
         CardImage::writeDisk({});
     }
-    HeldCall inspection(Call::AssignDisk);
+    Hold inspection(Call::AssignDisk);
     MountingHarness state;
     const LogCapture log;
     state.enter();
@@ -272,7 +226,7 @@ void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepare
     QFETCH(const bool, isMarked);
     SystemCalls::fail(Call::Mount, mountError);
     SystemCalls::fail(Call::Unmount, unmountError);
-    HeldCall mount(Call::Mount);
+    Hold mount(Call::Mount);
     MountingHarness state;
     const LogCapture log;
     state.enter();
@@ -306,27 +260,6 @@ void StateMountingLeavingTest::a_state_that_is_left_at_once_emits_nothing()
     QCOMPARE(state.signalNames(), QStringList());
 }
 
-void StateMountingLeavingTest::a_state_that_is_entered_again_starts_anew()
-{
-    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
-    MountingHarness state;
-    const LogCapture log;
-    state.enter();
-    QVERIFY(waitForCall(kCheckCall));
-    QTRY_COMPARE(state.signalNames(), kActive);
-    ToolStandIn::takeCalls();
-    state.leave();
-    state.enter();
-    QVERIFY(waitForCall(kCheckCall));
-    QTRY_COMPARE(state.signalNames(), kActive + kActive);
-    ToolStandIn::letGo();
-    QTRY_COMPARE_WITH_TIMEOUT(state.signalNames().size(), 3, kPatienceMs);
-    QCOMPARE(state.signalNames().last(), QString("START_PREPARE"));
-    // Nothing of the first check, which was killed.
-    const QString ok = "SD Card Linux Ext4 format is ok";
-    QCOMPARE(log.messages(), (QStringList{ok, ok}));
-}
-
 void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last_data()
 {
     QTest::addColumn<QVector<int>>("reports");
@@ -338,24 +271,24 @@ void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last_data()
 void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last()
 {
     QFETCH(const QVector<int>, reports);
-    SystemCalls::reset();
-    LateMountTable mountTable;
-    SystemCalls::reset();
+    QFETCH(const QStringList, signalNames);
+    Hold inspection(Call::AssignDisk);
     MountingHarness state;
     QSignalSpy finished(&state.state(), &QState::finished);
     // Of a run before.
     state.state().setTransitionChangeSignal(StateMounting::MountFailed);
     state.enter();
-    QVERIFY(mountTable.waitForReader());
+    QVERIFY(inspection.waitFor());
+    QTRY_COMPARE(state.signalNames(), kActive);
     for (const int report : reports) {
         Q_EMIT state.worker().setTransitionChangeSignal(
             static_cast<StateMounting::eTransitionChangeSignalType>(report));
     }
     state.worker().requestStop();
-    QVERIFY(mountTable.give("\n"));
+    inspection.letGo();
     QVERIFY(!finished.isEmpty() || finished.wait(kPatienceMs));
     QCoreApplication::processEvents();
-    QTEST(state.signalNames(), "signalNames");
+    QCOMPARE(state.signalNames(), kActive + signalNames);
     QVERIFY(state.state().active());
 }
 
