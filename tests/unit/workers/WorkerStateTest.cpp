@@ -1,5 +1,4 @@
 #include <array>
-#include <atomic>
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -98,8 +97,14 @@ void WorkerStateTest::a_run_before_does_not_finish_the_state()
 
 void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered()
 {
-    std::atomic<int> runs{0};
-    auto* const state = new StateOfThreads([&runs] { ++runs; });
+    QSemaphore hasBegun;
+    auto* const state = new StateOfThreads([&hasBegun] {
+        hasBegun.release();
+        // The second run ends at once.
+        while (hasBegun.available() == 1 && !QThread::currentThread()->isInterruptionRequested()) {
+            QThread::yieldCurrentThread();
+        }
+    });
     StateHarness harness(state);
     int delivered = 0;
     connect(
@@ -107,16 +112,16 @@ void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered(
         Qt::QueuedConnection);
     int deliveredWhenFinished = 0;
     connect(state, &QState::finished, this, [&] { deliveredWhenFinished = delivered; });
-    connect(state, &QState::entered, this, [state] {
-        // A run before, whose end and that of the state's own run are both waiting then.
-        state->worker->start(QThread::InheritPriority);
-        state->worker->wait(kPatienceMs);
-    });
+    Q_EMIT harness.enter();
+    QTRY_COMPARE_WITH_TIMEOUT(hasBegun.available(), 1, kPatienceMs);
+    Q_EMIT harness.leave();
+    QTRY_VERIFY_WITH_TIMEOUT(!state->active(), kPatienceMs);
+    // This ends the first run. Then the ends of both wait to be delivered.
     connect(state->initialState(), &QAbstractState::entered, this,
             [state] { state->worker->wait(kPatienceMs); });
     Q_EMIT harness.enter();
+    QTRY_COMPARE_WITH_TIMEOUT(hasBegun.available(), 2, kPatienceMs);
     QTRY_COMPARE_WITH_TIMEOUT(deliveredWhenFinished, 2, kPatienceMs);
-    QCOMPARE(runs.load(), 2);
 }
 
 void WorkerStateTest::two_held_workers_are_waited_for_3_seconds_in_all()
