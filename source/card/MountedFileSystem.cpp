@@ -12,6 +12,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 
 #include "SdcardDefs.h"
 
@@ -66,6 +67,17 @@ dev_t MountedFileSystem::device() const
 {
     struct stat root = {};
     return isMounted() && ::stat(mMountPoint.constData(), &root) == 0 ? root.st_dev : 0;
+}
+
+bool MountedFileSystem::isDeviceGone() const
+{
+    struct stat root = {};
+    if (::stat(mMountPoint.constData(), &root) != 0 || major(root.st_dev) == 0) {
+        return false;
+    }
+    const QDir devices(QStringLiteral("/sys/dev/block"));
+    return devices.exists() &&
+           !devices.exists(QStringLiteral("%1:%2").arg(major(root.st_dev)).arg(minor(root.st_dev)));
 }
 
 int unmount(const QString& path)

@@ -27,6 +27,9 @@ public:
     std::optional<FileSystemSize> size() const;
     /// The device number of what is mounted; 0, which no file bears, when nothing is.
     dev_t device() const;
+    /// Whether the block device below the mount point no longer exists: the card was pulled, and a
+    /// program still uses the mount. Never for file systems that are on no block device.
+    bool isDeviceGone() const;
 
 private:
     QByteArray mMountPoint;

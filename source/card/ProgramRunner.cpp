@@ -1,9 +1,10 @@
 #include "ProgramRunner.h"
 
-#include <QProcess>
 #include <QTextStream>
 
 #include <tavoutil/TrackLog.h>
+
+#include "ChildProcess.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ QStringList linesOf(const QByteArray& output)
     return lines;
 }
 
-bool start(QProcess& process, const QString& program, const QStringList& arguments)
+bool start(ChildProcess& process, const QString& program, const QStringList& arguments)
 {
     process.start(program, arguments, QIODevice::ReadWrite);
     return process.waitForStarted(kStartTimeoutMs);
@@ -52,7 +53,7 @@ void logCommand(const tavoutil::RecordOrigin& origin, const log4cxx::LoggerPtr& 
 }
 
 void logNotStarted(const tavoutil::RecordOrigin& origin, const log4cxx::LoggerPtr& logger,
-                   const QProcess& process)
+                   const ChildProcess& process)
 {
     TRACK_ERROR_FROM(
         origin, logger,
@@ -60,9 +61,9 @@ void logNotStarted(const tavoutil::RecordOrigin& origin, const log4cxx::LoggerPt
 }
 
 void logNotFinished(const tavoutil::RecordOrigin& origin, const log4cxx::LoggerPtr& logger,
-                    const QProcess& process, bool isFinished)
+                    const ChildProcess& process, ChildProcess::End end)
 {
-    if (isFinished) {
+    if (end == ChildProcess::End::Finished) {
         TRACK_ERROR_FROM(origin, logger, "QProcess::CrashExit: " + process.errorString());
     } else {
         TRACK_ERROR_FROM(origin, logger, "Wait until command finished failed (error or timeout)");
@@ -74,16 +75,22 @@ void logNotFinished(const tavoutil::RecordOrigin& origin, const log4cxx::LoggerP
 int ProgramRunner::run(const log4cxx::LoggerPtr& logger, const QString& program,
                        const QStringList& arguments, bool verbose, int timeoutMs)
 {
+    if (ChildProcess::isAbandoned()) {
+        return kNotRun;
+    }
     if (verbose) {
         logCommand(kRunLogged, logger, program, arguments);
     }
-    QProcess process;
+    ChildProcess process;
     if (!start(process, program, arguments)) {
         process.close();
         logNotStarted(kRunLogged, logger, process);
         return kNotRun;
     }
-    const bool isFinished = process.waitForFinished(timeoutMs);
+    const ChildProcess::End end = process.waitForEnd(timeoutMs);
+    if (end == ChildProcess::End::Abandoned) {
+        return kNotRun;
+    }
     if (verbose && logger->isInfoEnabled()) {
         for (const QString& line : linesOf(cutAtNul(process.readAllStandardOutput()))) {
             TRACK_INFO_FROM(kRunLogged, logger, line);
@@ -94,10 +101,10 @@ int ProgramRunner::run(const log4cxx::LoggerPtr& logger, const QString& program,
             TRACK_ERROR_FROM(kRunLogged, logger, line);
         }
     }
-    if (isFinished && process.exitStatus() == QProcess::NormalExit) {
+    if (end == ChildProcess::End::Finished && process.exitStatus() == QProcess::NormalExit) {
         return process.exitCode();
     }
-    logNotFinished(kRunLogged, logger, process, isFinished);
+    logNotFinished(kRunLogged, logger, process, end);
     return kNotRun;
 }
 
@@ -108,19 +115,19 @@ int ProgramRunner::run(QObject* parent, const log4cxx::LoggerPtr& logger, const 
     if (verbose) {
         logCommand(kRunCaptured, logger, program, arguments);
     }
-    QProcess process(parent);
+    ChildProcess process(parent);
     if (!start(process, program, arguments)) {
         process.close();
         logNotStarted(kRunCaptured, logger, process);
         return kNotRun;
     }
-    const bool isFinished = process.waitForFinished(timeoutMs);
+    const ChildProcess::End end = process.waitForEnd(timeoutMs);
     if (verbose && logger->isErrorEnabled()) {
         for (const QString& line : linesOf(process.readAllStandardError())) {
             TRACK_ERROR_FROM(kRunCaptured, logger, line);
         }
     }
-    if (isFinished && process.exitStatus() == QProcess::NormalExit) {
+    if (end == ChildProcess::End::Finished && process.exitStatus() == QProcess::NormalExit) {
         output = process.readAllStandardOutput();
         if (verbose && logger->isInfoEnabled()) {
             for (const QString& line : linesOf(output)) {
@@ -130,7 +137,7 @@ int ProgramRunner::run(QObject* parent, const log4cxx::LoggerPtr& logger, const 
         process.close();
         return process.exitCode();
     }
-    logNotFinished(kRunCaptured, logger, process, isFinished);
+    logNotFinished(kRunCaptured, logger, process, end);
     process.close();
     return kNotRun;
 }

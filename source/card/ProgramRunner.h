@@ -15,7 +15,9 @@ namespace ProgramRunner {
 /// Runs a program and logs what it writes. Safe on any thread.
 /// @param logger receives the errors and, where @p verbose, the command line and the output
 /// @param timeoutMs how long the started program may take
-/// @return its exit code, or -1 when it did not start, crashed or took too long; then it has ended
+/// @return its exit code, or -1 when it did not start, crashed or took too long; then it has ended.
+/// On a thread that is to end (ChildProcess::isAbandoned()) no program is started, one that runs is
+/// killed, and -1 is returned without a record
 int run(const log4cxx::LoggerPtr& logger, const QString& program, const QStringList& arguments,
         bool verbose, int timeoutMs);
 

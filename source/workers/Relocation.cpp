@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <memory>
 #include <utility>
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QVector>
 
 #include <dirent.h>
@@ -16,6 +14,7 @@
 
 #include <tavoutil/TrackLog.h>
 
+#include "ChildProcess.h"
 #include "config.h"
 
 namespace {
@@ -44,7 +43,8 @@ constexpr std::array<LoggerItem, 3> kLoggerItems{{
 bool runInShell(const QString& commandLine)
 {
     // The patterns in the command line are for the shell to expand.
-    return std::system(commandLine.toLocal8Bit().constData()) == 0; // NOLINT(cert-env33-c)
+    return ChildProcess::execute(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), commandLine}) ==
+           0;
 }
 
 } // namespace
@@ -73,7 +73,7 @@ void Relocation::moveDatabase() const
             return;
         }
         const std::string what = std::string(item.description) + " into new location";
-        if (QProcess::execute(kMoveCmd, {source, target}) == 0) {
+        if (ChildProcess::execute(kMoveCmd, {source, target}) == 0) {
             TRACK_INFO_FROM(kDatabaseJob, mLogger, "Succesffully moved " + what);
         } else {
             TRACK_ERROR_FROM(kDatabaseJob, mLogger, "Failed to moved " + what);

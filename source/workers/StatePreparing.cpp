@@ -6,6 +6,7 @@
 
 #include "ProgramRunner.h"
 #include "Relocation.h"
+#include "UnpreparedMark.h"
 
 namespace {
 
@@ -16,25 +17,12 @@ constexpr int kScriptTimeoutMs = 600000;
 } // namespace
 
 StatePreparing::StatePreparing(const ConfigHandler& config)
-    : mRunning(new QState(this)), mFinished(new QFinalState(this)),
-      mWorker(new ThreadPreparing(config, this))
 {
-    mRunning->addTransition(new WorkerFinishedTransition(mWorker, mFinished));
-    // Not on this state's own entry, where nobody listens yet: a worker may end at once.
-    connect(mRunning, &QState::entered, mWorker,
-            [this] { mWorker->start(QThread::InheritPriority); });
-    setInitialState(mRunning);
+    setWorker(new ThreadPreparing(config, this));
     connect(this, &QState::finished, this, &StatePreparing::MOUNT_SUCCESS);
 }
 
 StatePreparing::~StatePreparing() = default;
-
-void StatePreparing::onExit(QEvent* /*event*/)
-{
-    if (mWorker->isUnderWay()) {
-        mWorker->requestStop();
-    }
-}
 
 ThreadPreparing::ThreadPreparing(const ConfigHandler& config, QObject* parent)
     : ThreadStateBase(parent), mConfig(config)
@@ -65,6 +53,9 @@ void ThreadPreparing::run()
         return;
     }
     runPreparingScripts();
+    if (!isStopRequested()) {
+        UnpreparedMark::clear();
+    }
 }
 
 void ThreadPreparing::prepareJobRelocateDatabase(const QString& mountPoint) const

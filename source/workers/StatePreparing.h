@@ -1,19 +1,16 @@
 #pragma once
 
-#include <QFinalState>
-#include <QState>
 #include <QString>
 
 #include <tavoutil/TrackObject.h>
 
 #include "ThreadStateBase.h"
+#include "WorkerState.h"
 #include "config.h"
-
-class ThreadPreparing;
 
 /// The state in which the mounted card is laid out and other services' data are brought onto it. It
 /// ends with MOUNT_SUCCESS whatever its worker achieved.
-class StatePreparing : public QState
+class StatePreparing : public WorkerState
 {
     Q_OBJECT
 
@@ -25,14 +22,6 @@ public:
 
 Q_SIGNALS:
     void MOUNT_SUCCESS();
-
-protected:
-    void onExit(QEvent* event) override;
-
-private:
-    QState* mRunning;
-    QFinalState* mFinished;
-    ThreadPreparing* mWorker;
 };
 
 /// The worker of StatePreparing.

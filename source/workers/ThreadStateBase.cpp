@@ -7,15 +7,26 @@
 
 namespace {
 
-constexpr unsigned long kTerminationWaitMs = 3000;
+constexpr qint64 kTerminationWaitMs = 3000;
 
 } // namespace
 
 ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent)
 {
+    // In the worker's thread, around run().
     connect(
-        this, &QThread::finished, this, [this] { ++mEnds; }, Qt::DirectConnection);
-    connect(this, &QThread::finished, this, &ThreadStateBase::noticeEnd, Qt::QueuedConnection);
+        this, &QThread::started, this, [this] { mSignalStack.emplace(); }, Qt::DirectConnection);
+    connect(
+        this, &QThread::finished, this, [this] { mSignalStack.reset(); }, Qt::DirectConnection);
+    connect(
+        this, &QThread::finished, this,
+        [this] {
+            ++mEndsDelivered;
+            if (mPriorityOfNextRun && !isRunning()) {
+                begin(*std::exchange(mPriorityOfNextRun, std::nullopt));
+            }
+        },
+        Qt::QueuedConnection);
 }
 
 ThreadStateBase::~ThreadStateBase()
@@ -39,30 +50,26 @@ void ThreadStateBase::setupTrackAndThreadName(TrackObject& track)
 void ThreadStateBase::start(QThread::Priority priority)
 {
     terminateIfRunning();
-    {
-        const QMutexLocker locker(&mStopMutex);
-        mStopRequested = false;
-    }
     if (isRunning()) {
         mPriorityOfNextRun = priority;
     } else {
-        QThread::start(priority);
+        begin(priority);
     }
 }
 
-void ThreadStateBase::noticeEnd()
+void ThreadStateBase::begin(QThread::Priority priority)
 {
-    ++mEndsTold;
-    if (mPriorityOfNextRun && !isRunning()) {
-        QThread::start(*std::exchange(mPriorityOfNextRun, std::nullopt));
-    }
+    // Only now: an earlier run must see until its end that it has been left.
+    setStopRequested(false);
+    mEndDeadline.reset();
+    ++mRunsBegun;
+    QThread::start(priority);
 }
 
 void ThreadStateBase::requestStop()
 {
     mPriorityOfNextRun.reset();
-    const QMutexLocker locker(&mStopMutex);
-    mStopRequested = true;
+    setStopRequested(true);
 }
 
 bool ThreadStateBase::isStopRequested() const
@@ -71,22 +78,41 @@ bool ThreadStateBase::isStopRequested() const
     return mStopRequested;
 }
 
-void ThreadStateBase::terminateIfRunning()
+void ThreadStateBase::setStopRequested(bool isRequested)
 {
-    if (isRunning()) {
-        terminate();
-        wait(kTerminationWaitMs);
+    const QMutexLocker locker(&mStopMutex);
+    mStopRequested = isRequested;
+}
+
+void ThreadStateBase::requestEnd()
+{
+    if (!isRunning()) {
+        return;
+    }
+    setStopRequested(true);
+    // ChildProcess, which waits for the programs, looks at this.
+    requestInterruption();
+    if (!mEndDeadline) {
+        mEndDeadline.emplace(kTerminationWaitMs);
     }
 }
 
-WorkerFinishedTransition::WorkerFinishedTransition(const ThreadStateBase* worker,
-                                                   QAbstractState* target)
-    : QSignalTransition(worker, &QThread::finished), mWorker(worker)
+void ThreadStateBase::terminateIfRunning()
 {
-    setTargetState(target);
+    if (isRunning()) {
+        requestEnd();
+        wait(*mEndDeadline);
+    }
 }
 
-bool WorkerFinishedTransition::eventTest(QEvent* event)
+void ThreadStateBase::postFromRun(const std::function<void()>& action)
 {
-    return QSignalTransition::eventTest(event) && mWorker->isEndTold();
+    QMetaObject::invokeMethod(
+        this,
+        [this, action, run = mRunsBegun] {
+            if (run == mRunsBegun && !isStopRequested()) {
+                action();
+            }
+        },
+        Qt::QueuedConnection);
 }

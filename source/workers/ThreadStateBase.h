@@ -1,16 +1,22 @@
 #pragma once
 
-#include <atomic>
+#include <functional>
 #include <optional>
 
+#include <QDeadlineTimer>
 #include <QMutex>
-#include <QSignalTransition>
 #include <QThread>
 
+#include <tavoutil/AlternateSignalStack.h>
 #include <tavoutil/TrackObject.h>
 
 /// Base of the workers that run while a state of the card's machine is active. Workers are named
-/// "Thread…"; they look at isStopRequested() between their steps.
+/// "Thread…"; they look at isStopRequested() between their steps. All public functions but
+/// isStopRequested() are for the thread that owns the object.
+///
+/// No run is ended from outside (QThread::terminate): libraries without unwind tables, which the
+/// logging and libfdisk need, cannot be left that way, and a lock would stay taken. A run that is
+/// terminated gives up the program that it waits for, and ends at its next check everywhere else.
 class ThreadStateBase : public QThread
 {
 public:
@@ -25,45 +31,39 @@ public:
     /// with "Thread".
     void setupTrackAndThreadName(TrackObject& track);
 
-    /// Starts a run with a cleared stop request; a run that still goes on is terminated first. One
-    /// that cannot be, because the kernel holds it, is waited for without blocking.
+    /// Starts a run with a cleared stop request. A run that still goes on is terminated first; if
+    /// it has not ended then, the next run begins as soon as it has.
     void start(QThread::Priority priority);
-    /// Whether a run goes on, or will as soon as an earlier one has gone.
+    /// Whether a run goes on, or will as soon as an earlier one has ended.
     bool isUnderWay() const { return isRunning() || mPriorityOfNextRun; }
 
     /// Asks the run to end at its next check; one that has not begun yet does not begin.
     void requestStop();
     bool isStopRequested() const;
 
-    /// Ends a run wherever it is, and waits up to 3000 ms for it to be gone.
+    /// Asks the run to end at its next check, and kills the program that it waits for.
+    void requestEnd();
+    /// The same, and waits for the end: up to 3000 ms from the first time that this run was asked.
     void terminateIfRunning();
 
-    /// Whether the latest run has finished and the object's thread has been told so: what is told
-    /// before that is the end of an earlier run.
-    bool isEndTold() const { return isFinished() && mEndsTold == mEnds; }
+    /// Whether all runs have ended and the last finished() has been delivered: one that comes
+    /// before belongs to an earlier run.
+    bool isEndDelivered() const { return mRunsBegun == mEndsDelivered; }
+
+protected:
+    /// Called by the run: the owning thread will do @p action, unless the run has been left until
+    /// then.
+    void postFromRun(const std::function<void()>& action);
 
 private:
-    void noticeEnd();
+    void begin(QThread::Priority priority);
+    void setStopRequested(bool isRequested);
 
     mutable QMutex mStopMutex;
     bool mStopRequested = false;
-    std::atomic<quint32> mEnds{0};
-    quint32 mEndsTold = 0;
+    quint32 mRunsBegun = 0;
+    quint32 mEndsDelivered = 0;
     std::optional<QThread::Priority> mPriorityOfNextRun;
-};
-
-/// Leads out of a state's running child when its worker has finished.
-class WorkerFinishedTransition : public QSignalTransition
-{
-public:
-    WorkerFinishedTransition(const ThreadStateBase* worker, QAbstractState* target);
-
-protected:
-    /// The notice of a run that was terminated on re-entry arrives when the next one is under way
-    /// or has ended already; it must not pass for the end of that, whose result may not have come
-    /// yet.
-    bool eventTest(QEvent* event) override;
-
-private:
-    const ThreadStateBase* mWorker;
+    std::optional<QDeadlineTimer> mEndDeadline;
+    std::optional<tavoutil::AlternateSignalStack> mSignalStack;
 };

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <mutex>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include <QTest>
@@ -136,6 +137,12 @@ struct LogCapture::Private
     unsigned int errorsBefore = TrackObject::sErrorCounter;
     unsigned int fatalsBefore = TrackObject::sFatalCounter;
 };
+
+bool operator==(const LogRecord& left, const LogRecord& right)
+{
+    return std::tie(left.level, left.channel, left.source, left.function, left.message) ==
+           std::tie(right.level, right.channel, right.source, right.function, right.message);
+}
 
 QStringList describe(const QVector<LogRecord>& records)
 {

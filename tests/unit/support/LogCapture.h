@@ -27,6 +27,8 @@ struct LogRecord
     QString message;
 };
 
+bool operator==(const LogRecord& left, const LogRecord& right);
+
 /// The records as "ERROR sdcard StateMounting: Mount failed": level, channel, source name and
 /// message.
 QStringList describe(const QVector<LogRecord>& records);

@@ -8,8 +8,40 @@
 
 #include "CardImage.h"
 #include "StateHarness.h"
-#include "StateMounting.h"
+#include "SystemCalls.h"
 #include "TestDevice.h"
+#include "ThreadMounting.h"
+#include "ToolStandIn.h"
+
+inline const QString kUnpreparedMark = QStringLiteral("/run/sdcardd-unprepared");
+
+/// A good card in the slot, tools that do nothing, and a system that is asked to mount nothing.
+inline void prepareForMounting()
+{
+    CardImage::writeDisk({CardImage::kLinux});
+    ToolStandIn::place(ToolStandIn::kE2fsck, "");
+    ToolStandIn::place(ToolStandIn::kFormatScript, "");
+    ToolStandIn::takeCalls();
+    ToolStandIn::holdBack();
+    SystemCalls::reset();
+    // Every mount seems to succeed.
+    SystemCalls::fail(SystemCalls::Call::Mount, 0, 100);
+}
+
+inline void cleanUpAfterMounting()
+{
+    ToolStandIn::letGo();
+    SystemCalls::reset();
+    TestDevice::unmountAll("/media/sdcard");
+    TestDevice::remove("/media");
+    TestDevice::remove(kUnpreparedMark);
+    CardImage::remove();
+}
+
+inline QStringList takeMountCalls()
+{
+    return SystemCalls::takeCalls().filter("mount");
+}
 
 /// The mounting of the card of the test, and the signals that the state emits.
 class MountingHarness : public QObject
@@ -35,6 +67,8 @@ public:
     }
 
     void enter() { Q_EMIT mHarness.enter(); }
+    /// Has the state left as soon as the machine comes to it.
+    void leaveLater() { Q_EMIT mHarness.leave(); }
     void leave()
     {
         Q_EMIT mHarness.leave();

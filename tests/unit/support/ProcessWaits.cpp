@@ -3,7 +3,8 @@
 #include <QFileInfo>
 #include <QMutex>
 #include <QMutexLocker>
-#include <QProcess>
+
+#include "ChildProcess.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ QStringList ProcessWaits::take()
 extern "C" {
 
 bool __real__ZN8QProcess14waitForStartedEi(QProcess*, int);
-bool __real__ZN8QProcess15waitForFinishedEi(QProcess*, int);
+ChildProcess::End __real__ZN12ChildProcess10waitForEndEi(ChildProcess*, int);
 
 bool __wrap__ZN8QProcess14waitForStartedEi(QProcess* process, int timeoutMs)
 {
@@ -41,13 +42,13 @@ bool __wrap__ZN8QProcess14waitForStartedEi(QProcess* process, int timeoutMs)
     return __real__ZN8QProcess14waitForStartedEi(process, timeoutMs);
 }
 
-bool __wrap__ZN8QProcess15waitForFinishedEi(QProcess* process, int timeoutMs)
+ChildProcess::End __wrap__ZN12ChildProcess10waitForEndEi(ChildProcess* process, int timeoutMs)
 {
     {
         const QMutexLocker locker(&mutex);
         waits.append(QStringLiteral("%1: end %2").arg(commandOf(*process)).arg(timeoutMs));
     }
-    return __real__ZN8QProcess15waitForFinishedEi(process, timeoutMs);
+    return __real__ZN12ChildProcess10waitForEndEi(process, timeoutMs);
 }
 
 } // extern "C"

@@ -3,7 +3,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include <QMutex>
 #include <QMutexLocker>
@@ -23,13 +25,21 @@ struct Fault
 };
 
 QMutex mutex;
-std::array<Fault, 5> faults;
+std::array<Fault, 6> faults;
+std::array<std::function<void()>, 6> actions;
 QStringList calls;
 
 // Notes a call. The result where it is not to reach the system, with errno set.
 std::optional<int> stopped(Call call, const QString& text)
 {
-    const QMutexLocker locker(&mutex);
+    QMutexLocker locker(&mutex);
+    const auto action =
+        std::exchange(actions.at(static_cast<std::size_t>(call)), std::function<void()>());
+    if (action) {
+        locker.unlock();
+        action();
+        locker.relock();
+    }
     calls.append(text);
     Fault& fault = faults.at(static_cast<std::size_t>(call));
     if (fault.after > 0) {
@@ -55,10 +65,17 @@ void SystemCalls::fail(Call call, int error, int times, int after)
     faults.at(static_cast<std::size_t>(call)) = {error, times, after};
 }
 
+void SystemCalls::during(Call call, std::function<void()> action)
+{
+    const QMutexLocker locker(&mutex);
+    actions.at(static_cast<std::size_t>(call)) = std::move(action);
+}
+
 void SystemCalls::reset()
 {
     const QMutexLocker locker(&mutex);
     faults.fill({});
+    actions.fill({});
     calls.clear();
 }
 
@@ -79,6 +96,7 @@ int __real_umount2(const char*, int);
 int __real_socketpair(int, int, int, int*);
 int __real_sigaction(int, const struct sigaction*, struct sigaction*);
 int __real_kill(pid_t, int);
+int __real_fdisk_assign_device(void*, const char*, int);
 
 int __wrap_mount(const char* source, const char* target, const char* type, unsigned long flags,
                  const void* data)
@@ -117,6 +135,12 @@ int __wrap_kill(pid_t processId, int signalNumber)
     const auto result =
         stopped(Call::Kill, QStringLiteral("kill %1 %2").arg(processId).arg(signalNumber));
     return result ? *result : __real_kill(processId, signalNumber);
+}
+
+int __wrap_fdisk_assign_device(void* context, const char* path, int isReadOnly)
+{
+    const auto result = stopped(Call::AssignDisk, QStringLiteral("assign %1").arg(path));
+    return result ? *result : __real_fdisk_assign_device(context, path, isReadOnly);
 }
 
 } // extern "C"

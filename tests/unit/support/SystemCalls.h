@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
@@ -14,7 +16,8 @@ enum class Call
     Unmount,
     SocketPair,
     SignalAction,
-    Kill
+    Kill,
+    AssignDisk ///< libfdisk's opening of a disk
 };
 
 /// Lets calls of one kind fail without reaching the system.
@@ -22,6 +25,8 @@ enum class Call
 /// @param times how many of them
 /// @param after how many succeed before
 void fail(Call call, int error, int times = 1, int after = 0);
+/// Does @p action in the thread and at the time of the next call of one kind, before that call.
+void during(Call call, std::function<void()> action);
 /// Lets all calls reach the system again, and forgets those seen.
 void reset();
 /// The calls seen since the last takeCalls() or reset(), failed ones too, with their arguments:

@@ -4,27 +4,24 @@
 
 #include <QSemaphore>
 
-#include <unistd.h>
-
 #include "ThreadStateBase.h"
 
 inline constexpr int kPatienceMs = 30000;
 
-/// A worker that does what it is told.
+/// A worker that does what the test gives it to do.
 class ThreadOfThreads : public ThreadStateBase, public TrackObject
 {
     Q_OBJECT
 
 public:
-    explicit ThreadOfThreads(std::function<void()> work)
-        : ThreadStateBase(nullptr), mWork(std::move(work))
+    explicit ThreadOfThreads(std::function<void()> work, QObject* parent = nullptr)
+        : ThreadStateBase(parent), mWork(std::move(work))
     {
         setupTrackAndThreadName(*this);
     }
     ~ThreadOfThreads() override { terminateIfRunning(); }
 
-    /// Keeps the thread that calls it from being terminated.
-    static void hold() { setTerminationEnabled(false); }
+    using ThreadStateBase::postFromRun;
 
 protected:
     void run() override { mWork(); }
@@ -33,34 +30,37 @@ private:
     std::function<void()> mWork;
 };
 
-// Goes on until it is terminated.
-inline void goOn()
+/// Work that looks at nothing, as in a call that the kernel holds, until it may end.
+struct HeldWork
 {
-    for (;;) {
-        ::pause();
-    }
-}
-
-/// A worker that cannot be terminated, as one that the kernel holds, until it may end.
-struct HeldWorker
-{
-    HeldWorker()
-        : worker([this] {
-              ThreadOfThreads::hold();
-              hasBegun.release();
-              mayEnd.acquire();
-          })
-    {}
-    HeldWorker(const HeldWorker&) = delete;
-    HeldWorker& operator=(const HeldWorker&) = delete;
-    ~HeldWorker()
+    void operator()()
     {
-        mayEnd.release(2);
-        worker.requestStop();
-        worker.wait();
+        hasBegun.release();
+        mayEnd.acquire();
+    }
+    std::function<void()> function()
+    {
+        return [this] {
+            (*this)();
+        };
     }
 
     QSemaphore hasBegun;
     QSemaphore mayEnd;
+};
+
+/// A worker with such work.
+struct HeldWorker : HeldWork
+{
+    HeldWorker() : worker(function()) {}
+    HeldWorker(const HeldWorker&) = delete;
+    HeldWorker& operator=(const HeldWorker&) = delete;
+    ~HeldWorker()
+    {
+        worker.requestStop();
+        mayEnd.release(2);
+        worker.wait();
+    }
+
     ThreadOfThreads worker;
 };

@@ -1,30 +1,19 @@
 #include <cerrno>
-#include <cstring>
 
 #include <QCoreApplication>
+#include <QSemaphore>
 #include <QSignalSpy>
 #include <QTest>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "CardImage.h"
-#include "EffectRecorder.h"
 #include "LogCapture.h"
-#include "MountTableText.h"
 #include "MountingHarness.h"
-#include "StateMounting.h"
-#include "SystemCalls.h"
-#include "TestDevice.h"
-#include "ToolStandIn.h"
 
 using SystemCalls::Call;
 
 namespace {
 
 constexpr int kPatienceMs = 30000;
-const QString kInfo = QStringLiteral("INFO St:Mounting StateMounting: ");
 const QString kFormatCall = QStringLiteral("tavo-create-sdcardFS.sh");
 const QString kCheckCall = QStringLiteral("e2fsck -p /card/mmcblk0p1");
 
@@ -33,54 +22,33 @@ bool waitForCall(const QString& call)
     return QTest::qWaitFor([&call] { return ToolStandIn::calls().contains(call); }, kPatienceMs);
 }
 
-// From here on every mount seems to succeed.
-void pretendMounts()
-{
-    SystemCalls::fail(Call::Mount, 0, 100);
-}
+// What is seen of the state before it is left.
+const QStringList kActive{"mountingStateActive"};
 
-/// A mount table whose reader waits until it gets the content.
-class LateMountTable
+/// Holds a thread at one place until it may go on.
+class Hold
 {
 public:
-    LateMountTable()
+    Hold() = default;
+    explicit Hold(Call call)
     {
-        if (::mkfifo("/proc/mounts", 0600) != 0) {
-            qFatal("cannot create the mount table: %s", std::strerror(errno));
-        }
+        SystemCalls::during(call, [this] { stay(); });
     }
-    ~LateMountTable()
-    {
-        if (mEnd >= 0) {
-            ::close(mEnd);
-        }
-    }
-    LateMountTable(const LateMountTable&) = delete;
-    LateMountTable(LateMountTable&&) = delete;
-    LateMountTable& operator=(const LateMountTable&) = delete;
-    LateMountTable& operator=(LateMountTable&&) = delete;
 
-    bool waitForReader()
+    void stay()
     {
-        return QTest::qWaitFor(
-            [this] {
-                mEnd = ::open("/proc/mounts", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-                return mEnd >= 0;
-            },
-            kPatienceMs);
+        mHasBegun.release();
+        mMayGoOn.acquire();
     }
-    bool give(const QByteArray& content)
+    bool waitFor()
     {
-        const bool isWritten = ::write(mEnd, content.constData(),
-                                       static_cast<std::size_t>(content.size())) == content.size();
-        ::close(mEnd);
-        mEnd = -1;
-        return isWritten;
+        return QTest::qWaitFor([this] { return mHasBegun.tryAcquire(); }, kPatienceMs);
     }
+    void letGo() { mMayGoOn.release(); }
 
 private:
-    const MountTable mDirectory{QByteArray()};
-    int mEnd = -1;
+    QSemaphore mHasBegun;
+    QSemaphore mMayGoOn;
 };
 
 } // namespace
@@ -94,12 +62,17 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing_data();
-    void a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing();
-    void a_state_that_is_left_during_the_thorough_check_gets_no_report();
-    void a_state_that_is_left_during_the_format_does_not_mount();
-    void a_state_that_is_entered_again_starts_anew();
-    void a_state_whose_run_has_no_result_stays_until_it_is_left();
+    void a_state_that_is_left_before_the_mount_table_is_read_touches_nothing_data();
+    void a_state_that_is_left_before_the_mount_table_is_read_touches_nothing();
+    void a_state_that_is_left_during_the_inspection_only_formats_data();
+    void a_state_that_is_left_during_the_inspection_only_formats();
+    void a_state_that_is_left_during_a_program_does_not_mount_data();
+    void a_state_that_is_left_during_a_program_does_not_mount();
+    void what_was_mounted_too_late_is_unmounted_or_prepared_next_data();
+    void what_was_mounted_too_late_is_unmounted_or_prepared_next();
+    void a_state_that_is_left_at_once_emits_nothing();
+    void a_run_without_a_result_repeats_the_last_data();
+    void a_run_without_a_result_repeats_the_last();
 };
 
 void StateMountingLeavingTest::initTestCase()
@@ -110,136 +83,213 @@ void StateMountingLeavingTest::initTestCase()
 
 void StateMountingLeavingTest::init()
 {
-    CardImage::writeDisk({CardImage::kLinux});
-    ToolStandIn::place(ToolStandIn::kE2fsck, "");
-    ToolStandIn::place(ToolStandIn::kFormatScript, "");
-    ToolStandIn::takeCalls();
-    ToolStandIn::holdBack();
-    SystemCalls::reset();
+    prepareForMounting();
 }
 
 void StateMountingLeavingTest::cleanup()
 {
-    ToolStandIn::letGo();
-    SystemCalls::reset();
-    TestDevice::remove("/media");
-    CardImage::remove();
+    cleanUpAfterMounting();
 }
 
 void StateMountingLeavingTest::
-    a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing_data()
+    a_state_that_is_left_before_the_mount_table_is_read_touches_nothing_data()
 {
-    QTest::addColumn<QByteArray>("table");
+    QTest::addColumn<bool>("isMounted");
     QTest::addColumn<QVector<int>>("reports");
-    QTest::newRow("not mounted") << QByteArray("/dev/root / ext4 rw 0 0\n") << QVector<int>();
+    QTest::newRow("not mounted") << false << QVector<int>();
     // There is nothing that could be stopped.
-    QTest::newRow("mounted") << QByteArray("/card/mmcblk0p1 /media/sdcard ext4 rw 0 0\n")
-                             << QVector<int>{StateMounting::MountSuccess};
+    QTest::newRow("mounted") << true << QVector<int>{StateMounting::MountSuccess};
 }
 
-void StateMountingLeavingTest::
-    a_state_that_is_left_during_the_look_at_the_mount_table_touches_nothing()
+void StateMountingLeavingTest::a_state_that_is_left_before_the_mount_table_is_read_touches_nothing()
 {
-    QFETCH(const QByteArray, table);
-    LateMountTable mountTable;
+    QFETCH(const bool, isMounted);
+    SystemCalls::reset();
+    QVERIFY(!isMounted || TestDevice::mountTmpfs("/media/sdcard", 1 << 20));
+    SystemCalls::reset();
     MountingHarness state;
     const LogCapture log;
-    SystemCalls::takeCalls();
+    Hold start;
+    connect(
+        &state.worker(), &QThread::started, this, [&start] { start.stay(); }, Qt::DirectConnection);
     state.enter();
-    QVERIFY(mountTable.waitForReader());
+    QVERIFY(start.waitFor());
     state.leave();
-    QVERIFY(mountTable.give(table));
+    start.letGo();
     QVERIFY(state.waitForWorker());
     QTEST(state.reports(), "reports");
     QCOMPARE(state.signalNames(), QStringList());
     QCOMPARE(log.messages(), QStringList());
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    QCOMPARE(SystemCalls::takeCalls().filter("mount "), QStringList());
+    QCOMPARE(ToolStandIn::takeCalls() + SystemCalls::takeCalls(), QStringList());
 }
 
-void StateMountingLeavingTest::a_state_that_is_left_during_the_thorough_check_gets_no_report()
+void StateMountingLeavingTest::a_state_that_is_left_during_the_inspection_only_formats_data()
 {
-    pretendMounts();
-    const QString deepCheck = "e2fsck -f -y -v -c /card/mmcblk0p1";
-    ToolStandIn::place(ToolStandIn::kE2fsck,
-                       "[ $1 = -p ] && exit 4\n" + ToolStandIn::kWait + "exit 0");
+    QTest::addColumn<bool>("hasTable");
+    QTest::addColumn<bool>("hasPartition");
+    QTest::addColumn<QStringList>("calls");
+    QTest::addColumn<QString>("lastRecord");
+    QTest::newRow("a good card") << true << true << QStringList() << QString();
+    QTest::newRow("no table") << false << false << QStringList()
+                              << "FDisk: Failed to read partition table of device '/card/mmcblk0'";
+    QTest::newRow("a foreign card") << true << false << QStringList{kFormatCall}
+                                    << "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'...";
+}
+
+void StateMountingLeavingTest::a_state_that_is_left_during_the_inspection_only_formats()
+{
+    QFETCH(const bool, hasTable);
+    QFETCH(const bool, hasPartition);
+    QFETCH(const QString, lastRecord);
+    if (!hasTable) {
+        CardImage::writeBlankDisk();
+    } else if (!hasPartition) {
+        CardImage::writeDisk({});
+    }
+    Hold inspection(Call::AssignDisk);
     MountingHarness state;
     const LogCapture log;
     state.enter();
-    QVERIFY(waitForCall(deepCheck));
+    QVERIFY(inspection.waitFor());
+    QTRY_COMPARE(state.signalNames(), kActive);
+    state.leave();
+    inspection.letGo();
+    QVERIFY(state.waitForWorker());
+    QTEST(ToolStandIn::takeCalls(), "calls");
+    QCOMPARE(log.messages().isEmpty() ? QString() : log.messages().last(), lastRecord);
+    QCOMPARE(takeMountCalls(), QStringList());
+    QCOMPARE(state.reports(), QVector<int>());
+    QCOMPARE(state.signalNames(), kActive);
+}
+
+void StateMountingLeavingTest::a_state_that_is_left_during_a_program_does_not_mount_data()
+{
+    QTest::addColumn<QByteArray>("check");
+    QTest::addColumn<QByteArray>("format");
+    QTest::addColumn<QString>("heldCall");
+    QTest::addColumn<QString>("lastRecord");
+    QTest::newRow("format") << QByteArray() << ToolStandIn::kWait + "exit 99" << kFormatCall
+                            << "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'...";
+    QTest::newRow("quick check") << ToolStandIn::kWait + "exit 1" << QByteArray() << kCheckCall
+                                 << "Corrected some file system errors on SD Card!";
+    // It runs to its end.
+    QTest::newRow("thorough check") << "[ $1 = -p ] && exit 4\n" + ToolStandIn::kWait + "exit 0"
+                                    << QByteArray() << "e2fsck -f -y -v -c /card/mmcblk0p1"
+                                    << "Pass2 check result: 0";
+}
+
+void StateMountingLeavingTest::a_state_that_is_left_during_a_program_does_not_mount()
+{
+    QFETCH(const QByteArray, check);
+    QFETCH(const QByteArray, format);
+    QFETCH(const QString, heldCall);
+    QFETCH(const QString, lastRecord);
+    ToolStandIn::place(ToolStandIn::kE2fsck, check);
+    if (!format.isEmpty()) {
+        CardImage::writeDisk({});
+        ToolStandIn::place(ToolStandIn::kFormatScript, format);
+    }
+    MountingHarness state;
+    const LogCapture log;
+    state.enter();
+    QVERIFY(waitForCall(heldCall));
+    QTRY_COMPARE(state.signalNames(), kActive);
     state.leave();
     QVERIFY(state.worker().isRunning());
     ToolStandIn::letGo();
     QVERIFY(state.waitForWorker());
-    // It came to its end.
-    QVERIFY(log.messages().contains("Pass2 check result: 0"));
+    QCOMPARE(log.messages().last(), lastRecord);
+    QCOMPARE(ToolStandIn::takeCalls().last(), heldCall);
+    QCOMPARE(takeMountCalls(), QStringList());
+    QVERIFY(!QFile::exists("/media/sdcard"));
     QCOMPARE(state.reports(), QVector<int>());
-    QCOMPARE(state.signalNames(), QStringList{"mountingStateActive"});
+    QCOMPARE(state.signalNames(), kActive);
 }
 
-void StateMountingLeavingTest::a_state_that_is_left_during_the_format_does_not_mount()
+void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next_data()
 {
-    pretendMounts();
-    CardImage::writeDisk({});
-    ToolStandIn::place(ToolStandIn::kFormatScript, ToolStandIn::kWait + "exit 99");
+    QTest::addColumn<int>("mountError");
+    QTest::addColumn<int>("unmountError");
+    QTest::addColumn<QStringList>("warnings");
+    QTest::addColumn<bool>("isMarked");
+    const QString cannot = "Cannot unmount the card that was mounted too late: ";
+    QTest::newRow("unmounted") << 0 << 0 << QStringList() << false;
+    QTest::newRow("busy") << 0 << EBUSY << QStringList{cannot + "Device or resource busy"} << true;
+    QTest::newRow("unmounted by others") << 0 << EINVAL << QStringList() << false;
+    QTest::newRow("not mounted") << EIO << -1 << QStringList() << false;
+}
+
+void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next()
+{
+    QFETCH(const int, mountError);
+    QFETCH(const int, unmountError);
+    QFETCH(const bool, isMarked);
+    SystemCalls::fail(Call::Mount, mountError);
+    SystemCalls::fail(Call::Unmount, unmountError);
+    Hold mount(Call::Mount);
     MountingHarness state;
     const LogCapture log;
     state.enter();
-    QVERIFY(waitForCall(kFormatCall));
+    QVERIFY(mount.waitFor());
     state.leave();
-    ToolStandIn::letGo();
+    mount.letGo();
     QVERIFY(state.waitForWorker());
-    QCOMPARE(describe(log.records()),
-             (QStringList{kInfo + "New SD Card detected",
-                          "INFO St:Mounting sdcard: "
-                          "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'..."}));
+    QCOMPARE(takeMountCalls().mid(1),
+             unmountError < 0 ? QStringList() : QStringList{"umount2 /media/sdcard 0"});
+    QTEST(log.messages(LogLevel::Warn), "warnings");
+    QCOMPARE(QFile::exists(kUnpreparedMark), isMarked);
+    QCOMPARE(QFile::exists("/media/sdcard"), isMarked);
     QCOMPARE(state.reports(), QVector<int>());
-    QCOMPARE(state.signalNames(), QStringList{"mountingStateActive"});
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList{kFormatCall});
-    QCOMPARE(SystemCalls::takeCalls().filter("mount "), QStringList());
 }
 
-void StateMountingLeavingTest::a_state_that_is_entered_again_starts_anew()
+void StateMountingLeavingTest::a_state_that_is_left_at_once_emits_nothing()
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    QSKIP("the sanitizer does not understand how a thread is terminated");
-#endif
-    pretendMounts();
-    ToolStandIn::place(ToolStandIn::kE2fsck, ToolStandIn::kWait);
+    CardImage::writeDisk({});
+    ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
     MountingHarness state;
-    const LogCapture log;
+    QSignalSpy entered(state.state().initialState(), &QState::entered);
+    connect(state.state().initialState(), &QState::entered, this, [&state] {
+        // What the run sends until its end waits behind this.
+        state.leaveLater();
+        QVERIFY(state.worker().wait(kPatienceMs));
+    });
     state.enter();
-    QVERIFY(waitForCall(kCheckCall));
-    ToolStandIn::takeCalls();
-    state.leave();
-    state.enter();
-    QVERIFY(waitForCall(kCheckCall));
+    QTRY_COMPARE(entered.size(), 1);
+    QTRY_VERIFY(!state.state().active());
     QCoreApplication::processEvents();
-    QCOMPARE(state.signalNames(), (QStringList{"mountingStateActive", "mountingStateActive"}));
-    ToolStandIn::letGo();
-    QTRY_COMPARE_WITH_TIMEOUT(state.signalNames().size(), 3, kPatienceMs);
-    QCOMPARE(state.signalNames().last(), QString("START_PREPARE"));
+    QCOMPARE(state.signalNames(), QStringList());
 }
 
-void StateMountingLeavingTest::a_state_whose_run_has_no_result_stays_until_it_is_left()
+void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last_data()
 {
-    LateMountTable mountTable;
+    QTest::addColumn<QVector<int>>("reports");
+    QTest::addColumn<QStringList>("signalNames");
+    QTest::newRow("no report") << QVector<int>() << QStringList{"MOUNT_FAILED"};
+    QTest::newRow("an empty report") << QVector<int>{StateMounting::IgnoreEmit} << QStringList();
+}
+
+void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last()
+{
+    QFETCH(const QVector<int>, reports);
+    QFETCH(const QStringList, signalNames);
+    Hold inspection(Call::AssignDisk);
     MountingHarness state;
     QSignalSpy finished(&state.state(), &QState::finished);
     // Of a run before.
     state.state().setTransitionChangeSignal(StateMounting::MountFailed);
     state.enter();
-    QVERIFY(mountTable.waitForReader());
-    Q_EMIT state.worker().setTransitionChangeSignal(StateMounting::IgnoreEmit);
+    QVERIFY(inspection.waitFor());
+    QTRY_COMPARE(state.signalNames(), kActive);
+    for (const int report : reports) {
+        Q_EMIT state.worker().setTransitionChangeSignal(
+            static_cast<StateMounting::eTransitionChangeSignalType>(report));
+    }
     state.worker().requestStop();
-    QVERIFY(mountTable.give("\n"));
+    inspection.letGo();
     QVERIFY(!finished.isEmpty() || finished.wait(kPatienceMs));
     QCoreApplication::processEvents();
-    QCOMPARE(state.reports(), QVector<int>{StateMounting::IgnoreEmit});
-    QCOMPARE(state.signalNames(), QStringList());
+    QCOMPARE(state.signalNames(), kActive + signalNames);
     QVERIFY(state.state().active());
-    state.leave();
-    QVERIFY(!state.state().active());
 }
 
 TEST_DEVICE_MAIN(StateMountingLeavingTest)

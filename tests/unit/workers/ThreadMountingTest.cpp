@@ -1,15 +1,14 @@
 #include <cerrno>
 
-#include <QDir>
+#include <QFileInfo>
 #include <QTest>
+
+#include <unistd.h>
 
 #include "EffectRecorder.h"
 #include "LogCapture.h"
 #include "MountTableText.h"
-#include "StateMounting.h"
-#include "SystemCalls.h"
-#include "TestDevice.h"
-#include "ToolStandIn.h"
+#include "MountingHarness.h"
 
 using SystemCalls::Call;
 
@@ -18,10 +17,12 @@ namespace {
 const QString kCard = QStringLiteral("/media/sdcard");
 const QString kDevice = QStringLiteral("/dev/mmcblk0p1");
 const QString kInfo = QStringLiteral("INFO St:Mounting StateMounting: ");
+const QString kWarn = QStringLiteral("WARN St:Mounting StateMounting: ");
 const QString kError = QStringLiteral("ERROR St:Mounting StateMounting: ");
 const QString kQuickCheck = QStringLiteral("e2fsck -p /dev/mmcblk0p1");
 const QString kDeepCheck = QStringLiteral("e2fsck -f -y -v -c /dev/mmcblk0p1");
 const QString kCorrected = kInfo + "Corrected some file system errors on SD Card!";
+const QByteArray kReadOnly = "/dev/mmcblk0p1 /media/sdcard ext4 ro,noatime 0 0\n";
 
 QString mountCall(int flags)
 {
@@ -38,33 +39,14 @@ struct Outcome
     unsigned int errors;
 };
 
-Outcome mountDevice(bool corruptBefore = false)
+Outcome mountDevice(bool corruptBefore = false, LogLevel level = LogLevel::Debug)
 {
     const ConfigHandler config;
     const ThreadMounting worker(config, nullptr);
-    const LogCapture log;
+    const LogCapture log(level);
     bool isCorrupt = corruptBefore;
     const bool isMounted = worker.mountDevice(kDevice, kCard, "ext4", isCorrupt);
     return {isMounted, isCorrupt, describe(log.records()), log.errorCount()};
-}
-
-// From here on every mount seems to succeed.
-void pretendMounts()
-{
-    SystemCalls::reset();
-    SystemCalls::fail(Call::Mount, 0, 100);
-}
-
-QStringList mountCalls()
-{
-    return SystemCalls::takeCalls().filter("mount ");
-}
-
-// Lets e2fsck end with these codes.
-void placeCheck(int quick, int deep)
-{
-    ToolStandIn::place(ToolStandIn::kE2fsck, "[ $1 = -p ] && exit " + QByteArray::number(quick) +
-                                                 "\nexit " + QByteArray::number(deep));
 }
 
 } // namespace
@@ -78,22 +60,17 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void a_file_system_is_checked_as_thoroughly_as_needed_data();
-    void a_file_system_is_checked_as_thoroughly_as_needed();
-    void the_thorough_checks_output_is_logged();
-    void a_card_is_mounted_after_any_check_data();
-    void a_card_is_mounted_after_any_check();
-    void a_check_that_cannot_be_run_passes_for_a_correction();
-    void a_mount_that_fails_leaves_no_mount_point();
-    void an_interrupted_mount_is_repeated();
-    void a_card_that_is_mounted_already_is_not_mounted_again();
-    void a_read_only_card_is_remounted();
-    void a_remount_that_fails_does_not_mean_a_corrupt_card();
-    void an_interrupted_remount_is_repeated();
-    void an_unclear_mount_is_a_failure();
-    void a_mount_point_that_is_no_directory_is_a_silent_failure();
-    void a_mount_point_is_created_with_its_parents();
+    void a_card_is_checked_as_thoroughly_as_needed_and_mounted_data();
+    void a_card_is_checked_as_thoroughly_as_needed_and_mounted();
+    void a_check_that_does_not_start_passes_for_a_correction_data();
+    void a_check_that_does_not_start_passes_for_a_correction();
     void failures_count_where_their_level_is_off();
+    void an_interrupted_mount_is_repeated_data();
+    void an_interrupted_mount_is_repeated();
+    void a_card_that_is_in_the_mount_table_is_only_remounted_data();
+    void a_card_that_is_in_the_mount_table_is_only_remounted();
+    void a_mount_point_is_created_with_its_parents();
+    void a_card_that_cannot_be_marked_is_mounted();
 };
 
 void ThreadMountingTest::initTestCase()
@@ -103,238 +80,185 @@ void ThreadMountingTest::initTestCase()
 
 void ThreadMountingTest::init()
 {
-    placeCheck(0, 0);
-    ToolStandIn::takeCalls();
-    SystemCalls::reset();
+    prepareForMounting();
 }
 
 void ThreadMountingTest::cleanup()
 {
-    SystemCalls::reset();
-    TestDevice::unmountAll(kCard);
-    TestDevice::remove("/media");
-    TestDevice::remove(ToolStandIn::kE2fsck);
+    cleanUpAfterMounting();
 }
 
-void ThreadMountingTest::a_file_system_is_checked_as_thoroughly_as_needed_data()
+void ThreadMountingTest::a_card_is_checked_as_thoroughly_as_needed_and_mounted_data()
 {
-    QTest::addColumn<int>("quick");
-    QTest::addColumn<int>("deep");
+    const QString crash = "ERROR St:Mounting sdcard: QProcess::CrashExit: Process crashed";
+    QTest::addColumn<QByteArray>("quick");
+    QTest::addColumn<QByteArray>("deep");
     QTest::addColumn<int>("result");
-    QTest::newRow("clean") << 0 << 99 << 0;
-    QTest::newRow("corrected") << 1 << 99 << 1;
-    QTest::newRow("reboot advised") << 2 << 0 << 0;
-    QTest::newRow("errors left") << 4 << 1 << 1;
-    QTest::newRow("errors left again") << 4 << 4 << 4;
-    QTest::newRow("operational error") << 8 << 8 << 8;
-    QTest::newRow("all at once") << 255 << 12 << 12;
-}
-
-void ThreadMountingTest::a_file_system_is_checked_as_thoroughly_as_needed()
-{
-    QFETCH(const int, quick);
-    QFETCH(const int, deep);
-    placeCheck(quick, deep);
-    const ConfigHandler config;
-    const ThreadMounting worker(config, nullptr);
-    const LogCapture log;
-    QTEST(static_cast<int>(worker.checkAndRepairFS(kDevice)), "result");
-    if (quick <= 1) {
-        QCOMPARE(ToolStandIn::takeCalls(), QStringList{kQuickCheck});
-        QCOMPARE(log.messages(), QStringList());
-    } else {
-        QCOMPARE(ToolStandIn::takeCalls(), (QStringList{kQuickCheck, kDeepCheck}));
-        QCOMPARE(describe(log.records()),
-                 (QStringList{
-                     kInfo + "Run deeply file system check",
-                     "INFO St:Mounting sdcard: Executing '" + kDeepCheck + "'...",
-                     kInfo + "Pass2 check result: " + QString::number(deep),
-                 }));
-    }
-    QCOMPARE(log.errorCount(), 0U);
-}
-
-void ThreadMountingTest::the_thorough_checks_output_is_logged()
-{
-    ToolStandIn::place(ToolStandIn::kE2fsck,
-                       "echo $1 out\necho $1 err >&2\n[ $1 = -p ] && exit 4\nexit 0");
-    const ConfigHandler config;
-    const ThreadMounting worker(config, nullptr);
-    const LogCapture log;
-    worker.checkAndRepairFS(kDevice);
-    QCOMPARE(describe(log.records()).mid(2),
-             (QStringList{"INFO St:Mounting sdcard: -f out", "ERROR St:Mounting sdcard: -f err",
-                          kInfo + "Pass2 check result: 0"}));
-}
-
-void ThreadMountingTest::a_card_is_mounted_after_any_check_data()
-{
-    QTest::addColumn<int>("quick");
-    QTest::addColumn<int>("deep");
+    QTest::addColumn<QStringList>("records"); // of the last check
     QTest::addColumn<bool>("isCorrected");
-    QTest::newRow("clean") << 0 << 0 << false;
-    QTest::newRow("corrected") << 1 << 0 << true;
-    QTest::newRow("clean in the end") << 4 << 0 << false;
-    QTest::newRow("corrected in the end") << 4 << 1 << true;
-    QTest::newRow("reboot advised in the end") << 4 << 2 << true;
-    QTest::newRow("errors left") << 4 << 4 << false;
-    QTest::newRow("corrected with errors left") << 4 << 5 << true;
-    QTest::newRow("operational error") << 8 << 8 << false;
+    const auto row = [](const char* name, const QByteArray& quick, const QByteArray& deep,
+                        int result, const QStringList& records, bool isCorrected) {
+        QTest::newRow(name) << quick << deep << result << records << isCorrected;
+    };
+    row("clean", "exit 0", "", 0, {}, false);
+    row("corrected", "exit 1", "", 1, {}, true);
+    row("a crash", "kill -KILL $$", "", -1, {crash}, true);
+    row("reboot advised, then clean", "exit 2", "exit 0", 0, {}, false);
+    row("errors left, then corrected", "exit 4", "exit 1", 1, {}, true);
+    row("errors left, then reboot advised", "exit 4", "exit 2", 2, {}, true);
+    row("errors left twice", "exit 4", "exit 4", 4, {}, false);
+    row("errors left, then some corrected", "exit 4", "exit 5", 5, {}, true);
+    row("operational errors", "exit 8", "exit 8", 8, {}, false);
+    row("all at once", "exit 255", "exit 12", 12, {}, false);
+    row("errors left, then a crash", "exit 4", "kill -KILL $$", -1, {crash}, true);
+    row("output of the second", "echo not seen; exit 4", "echo out; echo err >&2; exit 0", 0,
+        {"INFO St:Mounting sdcard: out", "ERROR St:Mounting sdcard: err"}, false);
 }
 
-void ThreadMountingTest::a_card_is_mounted_after_any_check()
+void ThreadMountingTest::a_card_is_checked_as_thoroughly_as_needed_and_mounted()
 {
-    QFETCH(const int, quick);
-    QFETCH(const int, deep);
+    QFETCH(const QByteArray, quick);
+    QFETCH(const QByteArray, deep);
+    QFETCH(const int, result);
+    QFETCH(QStringList, records);
     QFETCH(const bool, isCorrected);
-    placeCheck(quick, deep);
-    pretendMounts();
+    ToolStandIn::place(ToolStandIn::kE2fsck, "if [ $1 = -p ]; then\n" + quick + "\nfi\n" + deep);
+    QStringList calls{kQuickCheck};
+    if (!deep.isEmpty()) {
+        calls.append(kDeepCheck);
+        records = QStringList{kInfo + "Run deeply file system check",
+                              "INFO St:Mounting sdcard: Executing '" + kDeepCheck + "'..."} +
+                  records + QStringList{kInfo + "Pass2 check result: " + QString::number(result)};
+    }
+    {
+        const ConfigHandler config;
+        const ThreadMounting worker(config, nullptr);
+        QCOMPARE(static_cast<int>(worker.checkAndRepairFS(kDevice)), result);
+        QCOMPARE(ToolStandIn::takeCalls(), calls);
+    }
     const Outcome outcome = mountDevice(true);
     QVERIFY(outcome.isMounted);
     QVERIFY(!outcome.isCorrupt);
-    QCOMPARE(outcome.records.contains(kCorrected), isCorrected);
-    QCOMPARE(outcome.errors, 0U);
-    QCOMPARE(mountCalls(), QStringList{mountCall(1024)});
-    QVERIFY(QFileInfo(kCard).isDir());
+    QCOMPARE(outcome.records, records + (isCorrected ? QStringList{kCorrected} : QStringList()));
+    QCOMPARE(takeMountCalls(), QStringList{mountCall(1024)});
 }
 
-void ThreadMountingTest::a_check_that_cannot_be_run_passes_for_a_correction()
+void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction_data()
 {
+    QTest::addColumn<QByteArray>("check");
+    QTest::addColumn<int>("infos");
+    QTest::newRow("the first") << QByteArray() << 0;
+    QTest::newRow("the second") << QByteArray("/bin/rm \"$0\"; exit 4") << 3;
+}
+
+void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction()
+{
+    QFETCH(const QByteArray, check);
+    QFETCH(const int, infos);
+    // The machine has an e2fsck of its own.
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/opt/stand-ins");
-    TestDevice::remove(ToolStandIn::kE2fsck);
-    pretendMounts();
+    if (check.isEmpty()) {
+        TestDevice::remove(ToolStandIn::kE2fsck);
+    } else {
+        ToolStandIn::place(ToolStandIn::kE2fsck, check);
+    }
     const Outcome outcome = mountDevice();
     qputenv("PATH", path);
     QVERIFY(outcome.isMounted);
-    QCOMPARE(outcome.records,
-             (QStringList{"ERROR St:Mounting sdcard: Starting command failed (exitstatus:0)",
-                          kCorrected}));
+    QCOMPARE(outcome.records.size(), infos + 2);
+    QVERIFY(outcome.records.contains(
+        "ERROR St:Mounting sdcard: Starting command failed (exitstatus:0)"));
+    QCOMPARE(outcome.records.last(), kCorrected);
     QCOMPARE(outcome.errors, 1U);
-}
-
-void ThreadMountingTest::a_mount_that_fails_leaves_no_mount_point()
-{
-    TestDevice::writeFile(kCard + "/left/behind", "content");
-    SystemCalls::fail(Call::Mount, EIO);
-    const Outcome outcome = mountDevice();
-    QVERIFY(!outcome.isMounted);
-    QVERIFY(outcome.isCorrupt);
-    QCOMPARE(outcome.records, QStringList{kError + "Mount failed: Input/output error"});
-    QCOMPARE(outcome.errors, 1U);
-    QVERIFY(!QFile::exists(kCard));
-    QVERIFY(QFile::exists("/media"));
-}
-
-void ThreadMountingTest::an_interrupted_mount_is_repeated()
-{
-    SystemCalls::fail(Call::Mount, EINTR, 3);
-    // What comes after that reaches the system, which knows no such device.
-    const Outcome outcome = mountDevice();
-    QCOMPARE(mountCalls(),
-             (QStringList{mountCall(1024), mountCall(1024), mountCall(1024), mountCall(1024)}));
-    QVERIFY(!outcome.isMounted);
-    QCOMPARE(outcome.records, QStringList{kError + "Mount failed: No such file or directory"});
-}
-
-void ThreadMountingTest::a_card_that_is_mounted_already_is_not_mounted_again()
-{
-    QVERIFY(TestDevice::mountTmpfs(kCard, 1 << 20));
-    pretendMounts();
-    const Outcome outcome = mountDevice();
-    QVERIFY(outcome.isMounted);
-    QVERIFY(!outcome.isCorrupt);
-    QCOMPARE(outcome.records, QStringList());
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    QCOMPARE(mountCalls(), QStringList());
-}
-
-void ThreadMountingTest::a_read_only_card_is_remounted()
-{
-    const MountTable table("/dev/mmcblk0p1 /media/sdcard ext4 ro,noatime 0 0\n");
-    pretendMounts();
-    for (const bool corruptBefore : {false, true}) {
-        const Outcome outcome = mountDevice(corruptBefore);
-        QVERIFY(outcome.isMounted);
-        QCOMPARE(outcome.isCorrupt, corruptBefore);
-        QCOMPARE(outcome.records, QStringList());
-        QCOMPARE(mountCalls(), QStringList{mountCall(1056)});
-        QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    }
-}
-
-void ThreadMountingTest::a_remount_that_fails_does_not_mean_a_corrupt_card()
-{
-    const MountTable table("/dev/mmcblk0p1 /media/sdcard ext4 ro,noatime 0 0\n");
-    pretendMounts();
-    SystemCalls::fail(Call::Mount, EROFS);
-    const Outcome outcome = mountDevice();
-    QVERIFY(!outcome.isMounted);
-    QVERIFY(!outcome.isCorrupt);
-    QCOMPARE(outcome.records, QStringList{kError + "Mount failed: Read-only file system"});
-    QCOMPARE(outcome.errors, 1U);
-    // What is mounted is not to be emptied.
-    QVERIFY(QFile::exists(kCard));
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-}
-
-void ThreadMountingTest::an_interrupted_remount_is_repeated()
-{
-    const MountTable table("/dev/mmcblk0p1 /media/sdcard ext4 ro,noatime 0 0\n");
-    pretendMounts();
-    SystemCalls::fail(Call::Mount, EINTR, 2);
-    mountDevice();
-    QCOMPARE(mountCalls(), (QStringList{mountCall(1056), mountCall(1056), mountCall(1056)}));
-}
-
-void ThreadMountingTest::an_unclear_mount_is_a_failure()
-{
-    const MountTable table("/dev/mmcblk0p1 /media/sdcard ext4 noatime 0 0\n");
-    pretendMounts();
-    const Outcome outcome = mountDevice();
-    QVERIFY(!outcome.isMounted);
-    QVERIFY(!outcome.isCorrupt);
-    QCOMPARE(outcome.records.size(), 1);
-    QVERIFY(outcome.records.at(0).startsWith(kError + "Mount failed: "));
-    QCOMPARE(outcome.errors, 1U);
-    QCOMPARE(mountCalls(), QStringList());
-    QCOMPARE(ToolStandIn::takeCalls(), QStringList());
-    QVERIFY(QFile::exists(kCard));
-}
-
-void ThreadMountingTest::a_mount_point_that_is_no_directory_is_a_silent_failure()
-{
-    TestDevice::writeFile(kCard, "content");
-    pretendMounts();
-    for (const bool corruptBefore : {false, true}) {
-        const Outcome outcome = mountDevice(corruptBefore);
-        QVERIFY(!outcome.isMounted);
-        QCOMPARE(outcome.isCorrupt, corruptBefore);
-        QCOMPARE(outcome.records, QStringList());
-        QCOMPARE(outcome.errors, 0U);
-    }
-    QCOMPARE(TestDevice::readFile(kCard), QByteArray("content"));
-    QCOMPARE(mountCalls(), QStringList());
-}
-
-void ThreadMountingTest::a_mount_point_is_created_with_its_parents()
-{
-    TestDevice::remove("/media");
-    pretendMounts();
-    QVERIFY(mountDevice().isMounted);
-    QVERIFY(QFileInfo(kCard).isDir());
 }
 
 void ThreadMountingTest::failures_count_where_their_level_is_off()
 {
     SystemCalls::fail(Call::Mount, EIO);
-    const ConfigHandler config;
-    const ThreadMounting worker(config, nullptr);
-    const LogCapture log(LogLevel::Off);
-    bool isCorrupt = false;
-    QVERIFY(!worker.mountDevice(kDevice, kCard, "ext4", isCorrupt));
-    QCOMPARE(log.errorCount(), 1U);
-    QCOMPARE(log.messages(), QStringList());
+    const Outcome outcome = mountDevice(false, LogLevel::Off);
+    QVERIFY(!outcome.isMounted);
+    QVERIFY(outcome.isCorrupt);
+    QCOMPARE(outcome.errors, 1U);
+    QCOMPARE(outcome.records, QStringList());
+}
+
+void ThreadMountingTest::an_interrupted_mount_is_repeated_data()
+{
+    QTest::addColumn<QByteArray>("table");
+    QTest::addColumn<int>("flags");
+    QTest::newRow("mount") << QByteArray("\n") << 1024;
+    QTest::newRow("remount") << kReadOnly << 1056;
+}
+
+void ThreadMountingTest::an_interrupted_mount_is_repeated()
+{
+    QFETCH(const QByteArray, table);
+    QFETCH(const int, flags);
+    SystemCalls::reset();
+    const MountTable mountTable(table);
+    SystemCalls::reset();
+    // What comes after that reaches the system, which knows no such device.
+    SystemCalls::fail(Call::Mount, EINTR, 3);
+    QVERIFY(!mountDevice().isMounted);
+    const QString call = mountCall(flags);
+    QCOMPARE(takeMountCalls(), (QStringList{call, call, call, call}));
+}
+
+void ThreadMountingTest::a_card_that_is_in_the_mount_table_is_only_remounted_data()
+{
+    QTest::addColumn<QByteArray>("options");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<QStringList>("calls");
+    QTest::addColumn<bool>("isMounted");
+    QTest::addColumn<QStringList>("records");
+    const QStringList remount{mountCall(1056)};
+    QTest::newRow("writable") << QByteArray("rw") << 0 << QStringList() << true << QStringList();
+    QTest::newRow("read-only") << QByteArray("ro") << 0 << remount << true << QStringList();
+    QTest::newRow("read-only for good")
+        << QByteArray("ro") << EROFS << remount << false
+        << QStringList{kError + "Mount failed: Read-only file system"};
+    QTest::newRow("unclear") << QByteArray("noatime") << 0 << QStringList() << false
+                             << QStringList{kError + "Mount failed: "};
+}
+
+void ThreadMountingTest::a_card_that_is_in_the_mount_table_is_only_remounted()
+{
+    QFETCH(const QByteArray, options);
+    QFETCH(const int, error);
+    QFETCH(const QStringList, calls);
+    QFETCH(const QStringList, records);
+    SystemCalls::reset();
+    const MountTable table("/dev/mmcblk0p1 /media/sdcard ext4 " + options + " 0 0\n");
+    for (const bool corruptBefore : {false, true}) {
+        SystemCalls::reset();
+        SystemCalls::fail(Call::Mount, error);
+        const Outcome outcome = mountDevice(corruptBefore);
+        QTEST(outcome.isMounted, "isMounted");
+        QCOMPARE(outcome.isCorrupt, corruptBefore);
+        QCOMPARE(outcome.records.size(), records.size());
+        QVERIFY(records.isEmpty() || outcome.records.first().startsWith(records.first()));
+        QCOMPARE(outcome.errors, static_cast<unsigned int>(records.size()));
+        QCOMPARE(ToolStandIn::takeCalls() + takeMountCalls(), calls);
+        // What is mounted is not to be emptied.
+        QVERIFY(QFile::exists(kCard));
+    }
+}
+
+void ThreadMountingTest::a_mount_point_is_created_with_its_parents()
+{
+    TestDevice::remove("/media");
+    QVERIFY(mountDevice().isMounted);
+    QVERIFY(QFileInfo(kCard).isDir());
+}
+
+void ThreadMountingTest::a_card_that_cannot_be_marked_is_mounted()
+{
+    QCOMPARE(::symlink("/nowhere", kUnpreparedMark.toUtf8()), 0);
+    const Outcome outcome = mountDevice();
+    QVERIFY(outcome.isMounted);
+    QCOMPARE(outcome.records, QStringList{kWarn + "Cannot mark the card as unprepared: Too many "
+                                                  "levels of symbolic links"});
 }
 
 TEST_DEVICE_MAIN(ThreadMountingTest)

@@ -1,42 +1,22 @@
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <functional>
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QSemaphore>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTemporaryFile>
 #include <QTest>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ProgramRunner.h"
 #include "ThreadOfThreads.h"
-
-/// A worker that leaves its end to the base: once started, its run uses nothing of it.
-class ThreadWithoutEnd : public ThreadStateBase, public TrackObject
-{
-    Q_OBJECT
-
-public:
-    explicit ThreadWithoutEnd(QSemaphore& started) : ThreadStateBase(nullptr), mStarted(started)
-    {
-        setupTrackAndThreadName(*this);
-    }
-
-protected:
-    void run() override
-    {
-        mStarted.release();
-        for (;;) {
-            ::pause();
-        }
-    }
-
-private:
-    QSemaphore& mStarted;
-};
 
 /// Its name does not say what it is.
 class WorkerOfThreads : public ThreadStateBase, public TrackObject
@@ -60,17 +40,39 @@ Q_DECLARE_METATYPE(Construction)
 
 namespace {
 
-struct Death
+/// A program that does not end by itself, and the run that waits for it.
+class EndlessProgram
 {
-    int signal;
-    QByteArray lastWords;
+public:
+    int run(bool isLogged = true) const
+    {
+        const QStringList arguments{"-c", "echo $$ >" + mFile + "; exec sleep 1000"};
+        return isLogged ? ProgramRunner::run(log4cxx::Logger::getLogger("worker"), "/bin/sh",
+                                             arguments, true, 600000)
+                        : ChildProcess::execute("/bin/sh", arguments);
+    }
+    bool waitForStart() const
+    {
+        return QTest::qWaitFor([this] { return id() != 0; }, kPatienceMs);
+    }
+    bool isRunning() const { return ::kill(id(), 0) == 0; }
+
+private:
+    int id() const
+    {
+        QFile file(mFile);
+        return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+    }
+
+    const QTemporaryDir mDirectory;
+    const QString mFile = mDirectory.filePath("id");
 };
 
-// What becomes of a process that does this.
-Death deathOf(const Construction& construction)
+// What a process that does this writes before it aborts; nothing where it does not abort.
+QByteArray lastWordsOf(const Construction& construction)
 {
-    std::array<int, 2> ends{};
-    if (::pipe(ends.data()) != 0) {
+    QTemporaryFile words;
+    if (!words.open()) {
         return {};
     }
     const pid_t child = ::fork();
@@ -78,21 +80,15 @@ Death deathOf(const Construction& construction)
         static_cast<void>(std::signal(SIGABRT, SIG_DFL));
         const rlimit noCore{0, 0};
         ::setrlimit(RLIMIT_CORE, &noCore);
-        ::dup2(ends[1], STDERR_FILENO);
+        ::dup2(words.handle(), STDERR_FILENO);
         qInstallMessageHandler(nullptr);
         construction();
         ::_exit(EXIT_SUCCESS);
     }
-    ::close(ends[1]);
-    QByteArray words;
-    std::array<char, 1024> buffer{};
-    for (ssize_t size = 0; (size = ::read(ends[0], buffer.data(), buffer.size())) > 0;) {
-        words.append(buffer.data(), static_cast<int>(size));
-    }
-    ::close(ends[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
-    return {WIFSIGNALED(status) ? WTERMSIG(status) : 0, words};
+    words.seek(0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT ? words.readAll() : QByteArray();
 }
 
 } // namespace
@@ -105,14 +101,17 @@ private Q_SLOTS:
     void a_worker_and_its_channel_are_named_after_its_class();
     void a_worker_without_the_prefix_is_a_programming_error_data();
     void a_worker_without_the_prefix_is_a_programming_error();
-    void a_worker_with_the_prefix_is_none();
-    void a_stop_request_is_seen_by_the_run();
-    void a_start_clears_the_stop_request();
-    void a_start_ends_a_run_that_still_goes_on();
-    void a_run_that_cannot_be_ended_is_waited_for_3_seconds();
+    void a_stop_request_is_seen_by_the_run_and_cleared_by_the_next();
+    void a_stop_request_leaves_the_program_of_the_run_alone();
+    void termination_kills_the_program_that_the_run_waits_for_data();
+    void termination_kills_the_program_that_the_run_waits_for();
+    void a_terminated_run_starts_no_further_program();
+    void a_run_that_cannot_end_is_waited_for_3_seconds_once();
+    void a_run_that_cannot_end_is_followed_by_the_next();
     void a_run_that_is_no_longer_wanted_does_not_begin();
-    void destruction_ends_a_run();
-    void termination_without_a_run_does_nothing();
+    void a_run_acts_in_the_owning_thread_unless_it_has_been_left_data();
+    void a_run_acts_in_the_owning_thread_unless_it_has_been_left();
+    void each_run_has_a_stack_for_signal_handlers();
 };
 
 void ThreadStateBaseTest::a_worker_and_its_channel_are_named_after_its_class()
@@ -132,77 +131,108 @@ void ThreadStateBaseTest::a_worker_without_the_prefix_is_a_programming_error_dat
 void ThreadStateBaseTest::a_worker_without_the_prefix_is_a_programming_error()
 {
     QFETCH(const Construction, construction);
-    const Death death = deathOf(construction);
-    QCOMPARE(death.signal, SIGABRT);
-    QVERIFY2(death.lastWords.contains(
-                 "ASSERT: \"strncmp(metaObject()->className(), \"Thread\", 6) == 0\" in file "
-                 "ThreadStateBase,"),
-             death.lastWords);
+    const QByteArray words = lastWordsOf(construction);
+    QVERIFY2(words.contains("ASSERT: \"strncmp(metaObject()->className(), \"Thread\", 6) == 0\" in "
+                            "file ThreadStateBase,"),
+             words);
 }
 
-void ThreadStateBaseTest::a_worker_with_the_prefix_is_none()
+void ThreadStateBaseTest::a_stop_request_is_seen_by_the_run_and_cleared_by_the_next()
 {
-    const Death death = deathOf([] { const ThreadOfThreads worker([] {}); });
-    QCOMPARE(death.signal, 0);
-}
-
-void ThreadStateBaseTest::a_stop_request_is_seen_by_the_run()
-{
-    QSemaphore started;
+    HeldWork held;
+    std::atomic<bool> isRequested{false};
     ThreadOfThreads* self = nullptr;
     ThreadOfThreads worker([&] {
-        started.release();
-        while (!self->isStopRequested()) {
-            QThread::yieldCurrentThread();
-        }
+        held();
+        isRequested = self->isStopRequested();
     });
     self = &worker;
-    QVERIFY(!worker.isStopRequested());
+    for (const bool isLeft : {false, true, false}) {
+        worker.start(QThread::InheritPriority);
+        QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
+        if (isLeft) {
+            worker.requestStop();
+        }
+        held.mayEnd.release();
+        QVERIFY(worker.wait(kPatienceMs));
+        QCOMPARE(isRequested.load(), isLeft);
+    }
+}
+
+void ThreadStateBaseTest::a_stop_request_leaves_the_program_of_the_run_alone()
+{
+    const EndlessProgram program;
+    ThreadOfThreads worker([&program] { program.run(); });
     worker.start(QThread::InheritPriority);
-    QVERIFY(started.tryAcquire(1, kPatienceMs));
+    QVERIFY(program.waitForStart());
+    worker.requestStop();
+    QTest::qWait(500);
     QVERIFY(worker.isRunning());
-    worker.requestStop();
-    QVERIFY(worker.wait(kPatienceMs));
-    QVERIFY(worker.isStopRequested());
+    QVERIFY(program.isRunning());
 }
 
-void ThreadStateBaseTest::a_start_clears_the_stop_request()
+void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for_data()
 {
-    std::atomic<bool> wasRequested{true};
-    ThreadOfThreads* self = nullptr;
-    ThreadOfThreads worker([&] { wasRequested = self->isStopRequested(); });
-    self = &worker;
-    worker.requestStop();
-    worker.start(QThread::InheritPriority);
-    QVERIFY(worker.wait(kPatienceMs));
-    QVERIFY(!wasRequested);
-    QVERIFY(!worker.isStopRequested());
+    QTest::addColumn<bool>("isStartedAgain");
+    QTest::addColumn<bool>("isLogged");
+    QTest::newRow("by another start") << true << true;
+    QTest::newRow("by destruction") << false << true;
+    QTest::newRow("a program that is waited for without end") << false << false;
 }
 
-void ThreadStateBaseTest::a_start_ends_a_run_that_still_goes_on()
+void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for()
 {
-#ifdef __SANITIZE_THREAD__
-    QSKIP("the sanitizer does not understand how a thread is terminated");
-#endif
-    QSemaphore started;
+    QFETCH(const bool, isStartedAgain);
+    QFETCH(const bool, isLogged);
+    const EndlessProgram program;
+    const LogCapture log;
     std::atomic<int> runs{0};
-    ThreadOfThreads worker([&] {
-        const int run = ++runs;
-        started.release();
-        if (run == 1) {
-            goOn();
+    std::atomic<int> code{0};
+    QElapsedTimer watch;
+    {
+        ThreadOfThreads worker([&] {
+            if (++runs == 1) {
+                code = program.run(isLogged);
+            }
+        });
+        worker.start(QThread::InheritPriority);
+        QVERIFY(program.waitForStart());
+        watch.start();
+        if (isStartedAgain) {
+            worker.start(QThread::InheritPriority);
+            QVERIFY(worker.wait(kPatienceMs));
+            QVERIFY(!worker.isStopRequested());
         }
-    });
-    worker.start(QThread::InheritPriority);
-    QVERIFY(started.tryAcquire(1, kPatienceMs));
-    worker.requestStop();
-    worker.start(QThread::InheritPriority);
-    QVERIFY(worker.wait(kPatienceMs));
-    QCOMPARE(runs.load(), 2);
-    QVERIFY(!worker.isStopRequested());
+    }
+    QVERIFY2(watch.elapsed() < 2900, qPrintable(QString::number(watch.elapsed())));
+    QCOMPARE(runs.load(), isStartedAgain ? 2 : 1);
+    QCOMPARE(code.load(), -1);
+    QVERIFY(!program.isRunning());
+    // Nobody waits for the program any more, so that its end is no failure.
+    QCOMPARE(log.messages(LogLevel::Error), QStringList());
 }
 
-void ThreadStateBaseTest::a_run_that_cannot_be_ended_is_waited_for_3_seconds()
+void ThreadStateBaseTest::a_terminated_run_starts_no_further_program()
+{
+    HeldWork held;
+    std::atomic<int> code{0};
+    ThreadOfThreads worker([&] {
+        held();
+        code =
+            ProgramRunner::run(log4cxx::Logger::getLogger("worker"), "/bin/true", {}, true, 10000);
+    });
+    const LogCapture log;
+    worker.start(QThread::InheritPriority);
+    QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
+    worker.requestEnd();
+    QVERIFY(worker.isStopRequested());
+    held.mayEnd.release();
+    QVERIFY(worker.wait(kPatienceMs));
+    QCOMPARE(code.load(), -1);
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void ThreadStateBaseTest::a_run_that_cannot_end_is_waited_for_3_seconds_once()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);
@@ -210,9 +240,27 @@ void ThreadStateBaseTest::a_run_that_cannot_be_ended_is_waited_for_3_seconds()
     QElapsedTimer watch;
     watch.start();
     held.worker.terminateIfRunning();
-    QVERIFY2(watch.elapsed() >= 2900 && watch.elapsed() < 10000,
+    QVERIFY2(watch.elapsed() >= 2900 && watch.elapsed() < 5000,
              qPrintable(QString::number(watch.elapsed())));
     QVERIFY(held.worker.isRunning());
+    watch.restart();
+    held.worker.terminateIfRunning();
+    QVERIFY2(watch.elapsed() < 2000, qPrintable(QString::number(watch.elapsed())));
+}
+
+void ThreadStateBaseTest::a_run_that_cannot_end_is_followed_by_the_next()
+{
+    HeldWorker held;
+    held.worker.start(QThread::InheritPriority);
+    QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
+    held.worker.start(QThread::InheritPriority);
+    QVERIFY(held.worker.isUnderWay());
+    // Otherwise the old run would go on with its work.
+    QVERIFY(held.worker.isStopRequested());
+    held.mayEnd.release();
+    QTRY_COMPARE_WITH_TIMEOUT(held.hasBegun.available(), 1, kPatienceMs);
+    QVERIFY(!held.worker.isStopRequested());
+    QVERIFY(!held.worker.isInterruptionRequested());
 }
 
 void ThreadStateBaseTest::a_run_that_is_no_longer_wanted_does_not_begin()
@@ -221,41 +269,62 @@ void ThreadStateBaseTest::a_run_that_is_no_longer_wanted_does_not_begin()
     held.worker.start(QThread::InheritPriority);
     QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
     held.worker.start(QThread::InheritPriority);
+    held.worker.requestStop();
     held.mayEnd.release();
     QVERIFY(held.worker.wait(kPatienceMs));
-    QVERIFY(held.worker.isUnderWay());
-    held.worker.requestStop();
     QVERIFY(!held.worker.isUnderWay());
     QCoreApplication::processEvents();
-    QVERIFY(!held.hasBegun.tryAcquire(2));
+    QVERIFY(!held.hasBegun.tryAcquire(1));
 }
 
-void ThreadStateBaseTest::destruction_ends_a_run()
+void ThreadStateBaseTest::a_run_acts_in_the_owning_thread_unless_it_has_been_left_data()
 {
-#ifdef __SANITIZE_THREAD__
-    QSKIP("the sanitizer does not understand how a thread is terminated");
-#endif
-    QSemaphore started;
-    std::atomic<bool> isFinished{false};
-    {
-        ThreadWithoutEnd worker(started);
-        connect(
-            &worker, &QThread::finished, &worker, [&isFinished] { isFinished = true; },
-            Qt::DirectConnection);
-        worker.start(QThread::InheritPriority);
-        QVERIFY(started.tryAcquire(1, kPatienceMs));
-    }
-    QVERIFY(isFinished);
+    QTest::addColumn<bool>("isLeft");
+    QTest::addColumn<bool>("isStartedAgain");
+    QTest::addColumn<int>("actions");
+    QTest::newRow("current") << false << false << 1;
+    QTest::newRow("left") << true << false << 0;
+    QTest::newRow("of an earlier run") << false << true << 0;
 }
 
-void ThreadStateBaseTest::termination_without_a_run_does_nothing()
+void ThreadStateBaseTest::a_run_acts_in_the_owning_thread_unless_it_has_been_left()
 {
-    ThreadOfThreads worker([] {});
-    worker.terminateIfRunning();
+    QFETCH(const bool, isLeft);
+    QFETCH(const bool, isStartedAgain);
+    std::atomic<int> runs{0};
+    int actions = 0;
+    ThreadOfThreads* self = nullptr;
+    ThreadOfThreads worker([&] {
+        if (++runs == 1) {
+            self->postFromRun([&] { actions += QThread::currentThread() == thread() ? 1 : 100; });
+        }
+    });
+    self = &worker;
     worker.start(QThread::InheritPriority);
     QVERIFY(worker.wait(kPatienceMs));
-    worker.terminateIfRunning();
-    QVERIFY(worker.isFinished());
+    if (isLeft) {
+        worker.requestStop();
+    }
+    if (isStartedAgain) {
+        worker.start(QThread::InheritPriority);
+        QVERIFY(worker.wait(kPatienceMs));
+    }
+    QCOMPARE(actions, 0);
+    QCoreApplication::processEvents();
+    QTEST(actions, "actions");
+}
+
+void ThreadStateBaseTest::each_run_has_a_stack_for_signal_handlers()
+{
+    stack_t stack{};
+    ThreadOfThreads worker([&stack] { ::sigaltstack(nullptr, &stack); });
+    for (int run = 0; run < 2; ++run) {
+        stack.ss_flags = SS_DISABLE;
+        worker.start(QThread::InheritPriority);
+        QVERIFY(worker.wait(kPatienceMs));
+        QCOMPARE(stack.ss_flags, 0);
+        QVERIFY(stack.ss_size >= static_cast<std::size_t>(MINSIGSTKSZ));
+    }
 }
 
 QTEST_GUILESS_MAIN(ThreadStateBaseTest)

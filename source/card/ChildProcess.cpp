@@ -1,0 +1,65 @@
+#include "ChildProcess.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+
+#include <QDeadlineTimer>
+#include <QThread>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+
+// How late an abandoned program is killed.
+constexpr qint64 kLookIntervalMs = 100;
+
+} // namespace
+
+ChildProcess::ChildProcess(QObject* parent) : QProcess(parent), mServiceId(::getpid()) {}
+
+bool ChildProcess::isAbandoned()
+{
+    return QThread::currentThread()->isInterruptionRequested();
+}
+
+ChildProcess::End ChildProcess::waitForEnd(int timeoutMs)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    do {
+        const qint64 left = deadline.isForever() ? kLookIntervalMs : deadline.remainingTime();
+        if (waitForFinished(static_cast<int>(std::min(left, kLookIntervalMs)))) {
+            return End::Finished;
+        }
+        if (isAbandoned()) {
+            kill();
+            waitForFinished();
+            return End::Abandoned;
+        }
+    } while (state() != NotRunning && !deadline.hasExpired());
+    return End::NotFinished;
+}
+
+int ChildProcess::execute(const QString& program, const QStringList& arguments)
+{
+    if (isAbandoned()) {
+        return -1;
+    }
+    ChildProcess process;
+    process.setProcessChannelMode(ForwardedChannels);
+    process.start(program, arguments);
+    const bool hasEnded = process.waitForStarted(-1) && process.waitForEnd(-1) == End::Finished;
+    return hasEnded && process.exitStatus() == NormalExit ? process.exitCode() : -1;
+}
+
+void ChildProcess::setupChildProcess()
+{
+    // In the child, between fork and exec. The signal comes when the thread that waits for the
+    // program ends, and that ends before the program only together with the service.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != mServiceId) {
+        // The service has ended already.
+        ::_exit(EXIT_FAILURE);
+    }
+}

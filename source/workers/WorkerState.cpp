@@ -1,0 +1,42 @@
+#include "WorkerState.h"
+
+#include "ThreadStateBase.h"
+#include "WorkerFinishedTransition.h"
+
+WorkerState::WorkerState() : mRunning(new QState(this)), mFinished(new QFinalState(this))
+{
+    setInitialState(mRunning);
+}
+
+WorkerState::~WorkerState()
+{
+    if (parent() != nullptr) {
+        for (QObject* const sibling : parent()->children()) {
+            if (const auto* const state = dynamic_cast<WorkerState*>(sibling)) {
+                state->mWorker->requestEnd();
+            }
+        }
+    }
+    mWorker->terminateIfRunning();
+    if (mWorker->isRunning()) {
+        // No further run is to begin.
+        mWorker->requestStop();
+        mWorker->setParent(nullptr);
+    }
+}
+
+void WorkerState::setWorker(ThreadStateBase* worker)
+{
+    mWorker = worker;
+    mRunning->addTransition(new WorkerFinishedTransition(worker, mFinished));
+    // Not on this state's own entry, where nobody listens yet: a worker may end at once.
+    connect(mRunning, &QState::entered, worker,
+            [worker] { worker->start(QThread::InheritPriority); });
+}
+
+void WorkerState::onExit(QEvent* /*event*/)
+{
+    if (mWorker->isUnderWay()) {
+        mWorker->requestStop();
+    }
+}
