@@ -4,15 +4,16 @@ import time
 
 import pytest
 
-from board import CARD_DEVICE, PARTITION_DEVICE, Board, Card, State
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, State
 from board.process import Process
 from conftest import ROOT
-from steps import HELD_PROGRAM, HOLD, go_on
+from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on
 
 pytestmark = pytest.mark.installed
 
 PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
+JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SETTINGS = "/etc/default/tavo-sdcard"
 BUS_SECONDS = 10  # that the helper gives the bus
 EVENT_SECONDS = 5  # a wait for an answer takes 25
@@ -262,6 +263,77 @@ def test_a_blank_card_is_formatted_in_the_background_even_if_it_replaces_another
     hotplug.expect_state(State.MOUNTED, within=20)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     hotplug.expect_no_record("New SD Card detected")
+
+
+def open_file(board: Board) -> None:
+    board.hold_file_open(f"{MOUNT_POINT}/export/held")
+
+
+def working_directory(board: Board) -> None:
+    holder = board.start("sh", "-c", f"cd {MOUNT_POINT}/export && echo there && exec sleep 100000")
+    board.expect("the holder", lambda: "there" in holder.output)
+
+
+def mounted_device(board: Board) -> str:
+    return board.run("mountpoint", "-d", MOUNT_POINT).stdout.strip()
+
+
+def expect_own_mount(board: Board, old: Card) -> None:
+    """Checks that the card in the slot, and not the old one, is mounted and writable."""
+    new = board.card
+    expect_mounted(board)
+    device = board.run("stat", "-L", "--format=%Hr:%Lr", PARTITION_DEVICE, check=True).stdout.strip()
+    assert mounted_device(board) == device
+    board.run("sh", "-c", f"echo new >{MOUNT_POINT}/new", check=True)
+    eject(board)
+    assert "new" in new.list_files() and "new" not in old.list_files()
+
+
+@pytest.mark.parametrize("hold", [open_file, working_directory])
+def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_in_use(hotplug, hold):
+    hotplug.start_service()
+    old = Card.formatted()
+    number = put_in(hotplug, old)
+    expect_mounted(hotplug)
+    hold(hotplug)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    # udev's programs have a mount namespace of their own.
+    hotplug.write_file(HELPER, f"#!/bin/sh\nexec unshare --mount --propagation private {HELPER}.real\n", 0o755)
+    hotplug.write_file(f"{HELPER}.real", (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
+    assert mounted_device(hotplug) != ""
+    put_in(hotplug, Card.formatted())
+    expect_own_mount(hotplug, old)
+
+
+def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_it_was_prepared(hotplug):
+    hotplug.write_file(f"{JOBS}/10-slow", f"#!/bin/sh\ncd {MOUNT_POINT}\ntouch /run/board/runs\n{HOLD}\n", 0o755)
+    hotplug.start_service()
+    old = Card.formatted()
+    number = put_in(hotplug, old)
+    hotplug.expect("the script runs", lambda: hotplug.exists("/run/board/runs"), within=20)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    put_in(hotplug, Card.formatted())
+    go_on(hotplug)
+    expect_own_mount(hotplug, old)
+
+
+def test_only_a_dead_mount_at_the_mount_point_is_detached(hotplug):
+    hotplug.replace_tool("/usr/bin/umount")
+    number = put_in(hotplug, Card.formatted())
+    hotplug.run("mkdir", "-p", "/mnt/other", MOUNT_POINT, check=True)
+    hotplug.run("mount", "-o", "ro", PARTITION_DEVICE, "/mnt/other", check=True)
+    hotplug.run("mount", "-t", "tmpfs", "none", MOUNT_POINT, check=True)
+    hotplug.start("sh", "-c", "cd /mnt/other && exec sleep 100000")
+    take_out(hotplug, number)
+    put_in(hotplug, Card.formatted())
+    hotplug.run("umount", MOUNT_POINT, check=True)
+    hotplug.run("mount", PARTITION_DEVICE, MOUNT_POINT, check=True)
+    event(hotplug, "add", PARTITION_DEVICE)
+    assert hotplug.tool_calls("umount") == [[MOUNT_POINT]]
+    hotplug.run("umount", "--lazy", "/mnt/other", check=True)
+    hotplug.run("umount", MOUNT_POINT, check=True)
 
 
 def bare_file_system() -> Card:
