@@ -1,5 +1,6 @@
 """The helper of the udev rule on a board, called as udev calls it."""
 
+import signal
 import time
 
 import pytest
@@ -23,9 +24,13 @@ REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
 
 
 def bring_helper(board: Board) -> None:
-    """Puts the helper on a board, with its own settings alone."""
+    """Puts the helper on a board. Nothing of it runs longer than an event."""
     board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
-    board.remove_file(SETTINGS)
+    write_settings(board)
+
+
+def write_settings(board: Board, *settings: str) -> None:
+    board.write_file(SETTINGS, "\n".join(("RESTART_WHEN_CORRUPTED=no", *settings, "")))
 
 
 @pytest.fixture
@@ -129,7 +134,7 @@ def test_other_devices_are_not_announced(hotplug):
 
 
 def test_the_card_is_the_one_that_the_settings_name(hotplug):
-    hotplug.write_file(SETTINGS, "CARD_DEVICE=/dev/sda\n")
+    write_settings(hotplug, "CARD_DEVICE=/dev/sda")
     hotplug.start_service()
     event(hotplug, "add", PARTITION_DEVICE)
     event(hotplug, "remove", "/dev/sda1")
@@ -215,6 +220,61 @@ def test_a_removal_is_announced_at_once_where_the_kernel_does_not_number_disks(b
     assert announced_methods(bare_hotplug) == [REMOVE_CARD]
 
 
+def restart_in_foreground(board: Board) -> None:
+    board.remove_file(SETTINGS)
+    board.replace_tool("/usr/bin/setsid", 'shift; exec "$@"')
+    board.replace_tool("/etc/init.d/sdcardd", "")
+
+
+def corrupt(board: Board) -> str:
+    """Inserts a card that the service calls corrupted."""
+    restart_in_foreground(board)
+    board.start_service()
+    number = put_in(board, Card.unmountable())
+    board.expect_state(State.CORRUPTED, within=20)
+    return number
+
+
+def test_a_service_is_restarted_when_its_corrupted_card_is_taken_out(hotplug):
+    number = corrupt(hotplug)
+    assert hotplug.tool_calls("sdcardd") == []
+    take_out(hotplug, number)
+    assert hotplug.tool_calls("sdcardd") == [["reset"]]
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_a_service_is_restarted_when_its_check_fails_at_the_moment_of_the_removal(hotplug):
+    number = corrupt(hotplug)
+    hotplug.replace_tool("/usr/bin/dbus-send", """
+        case "$*" in
+            *string:State) [ -e /run/board/asked ] || { touch /run/board/asked; echo '   variant       int32 6'; exit; } ;;
+        esac
+        exec "$ORIGINAL" "$@" """)
+    take_out(hotplug, number)
+    assert hotplug.exists("/run/board/asked")
+    assert hotplug.tool_calls("sdcardd") == [["reset"]]
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_a_corrupted_service_stays_when_the_installer_wants_so(hotplug):
+    number = corrupt(hotplug)
+    write_settings(hotplug)
+    take_out(hotplug, number)
+    assert hotplug.tool_calls("setsid") == hotplug.tool_calls("sdcardd") == []
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_another_removal_does_not_restart_the_service(hotplug):
+    restart_in_foreground(hotplug)
+    hotplug.start_service()
+    number = put_in(hotplug, Card.formatted())
+    expect_mounted(hotplug)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    assert hotplug.tool_calls("setsid") == [["--fork", HELPER, "restart"]]
+    assert hotplug.tool_calls("sdcardd") == []
+
+
 def no_service(board):
     pass
 
@@ -232,7 +292,7 @@ def test_udev_goes_on_without_the_service_or_the_bus(hotplug, fault):
 
 def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
     # A helper that waits for an answer would wait this long.
-    hotplug.write_file(SETTINGS, "BUS_SECONDS=60\n")
+    write_settings(hotplug, "BUS_SECONDS=60")
     service = hotplug.start_service()
     hotplug.run("kill", "-STOP", str(service.pid), check=True)
     assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
@@ -371,12 +431,12 @@ def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
 
 
 def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
-    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=no\n")
+    write_settings(hotplug, "FORMAT_BLANK_CARDS=no")
     hotplug.replace_tool("/usr/bin/setsid")
     hotplug.insert(Card.blank(), announce=False)
     event(hotplug, "add", CARD_DEVICE)
     assert hotplug.tool_calls("setsid") == []
-    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=yes\n")
+    write_settings(hotplug, "FORMAT_BLANK_CARDS=yes")
     event(hotplug, "add", CARD_DEVICE)
     assert hotplug.tool_calls("setsid") == [["--fork", HELPER, "format"]]
     hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))

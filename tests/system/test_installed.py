@@ -5,7 +5,7 @@ import xml.etree.ElementTree as ElementTree
 
 import pytest
 
-from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
+from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, Card, State
 from board.names import BOARD_DIRECTORY, MEDIA_CONFIGURATION, SERVICE_PROGRAM, TRACKING_CONFIGURATION
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
@@ -184,6 +184,26 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
     assert board.bus.has_service()
     assert init(board, "status").returncode == RUNNING
     assert init(board, "stop").returncode == 0
+
+
+def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(board):
+    board.insert(Card.unmountable())
+    start(board)
+    board.expect_state(State.CORRUPTED, within=20)
+    first = service_pid(board)
+    board.pull(announce=False)
+    board.run("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "/usr/lib/udev/tavo-sdcard-hotplug", check=True)
+    board.expect("another service", lambda: service_pid(board) not in ("", first))
+    board.expect_state(State.NO_CARD)
+    board.insert(Card.formatted())
+    board.expect_state(State.MOUNTED, within=20)
+    assert init(board, "status").returncode == RUNNING
+    assert init(board, "stop").returncode == 0
+
+
+def test_a_reset_does_not_start_a_service_that_was_stopped(board):
+    assert init(board, "reset").returncode == 0
+    assert init(board, "status").returncode == NOT_RUNNING
 
 
 def test_a_stop_that_leaves_the_card_mounted_reports_it(board):

@@ -113,6 +113,45 @@ def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_ca
         assert not is_mounted(system)
 
 
+def report_removal(system):
+    """Runs what the udev rule runs when the card's partition has gone."""
+    system.run("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "DEVTYPE=partition",
+               "/usr/lib/udev/tavo-sdcard-hotplug")
+
+
+def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(systemd_board):
+    systemd_board.insert(Card.unmountable())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.CORRUPTED, within=20)
+        systemd_board.pull(announce=False)
+        report_removal(system)
+        system.wait_for(lambda: system.show(UNIT, "NRestarts") == "1")
+        systemd_board.expect_state(State.NO_CARD)
+        systemd_board.insert(Card.formatted())
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_a_card_that_was_pulled_while_in_use_is_detached_before_the_next_is_announced(systemd_board):
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        hold_file_open(system)
+        systemd_board.pull()
+        systemd_board.expect_state(State.NO_CARD)
+        assert is_mounted(system)
+        card = Card.formatted()
+        systemd_board.insert(card, announce=False)
+        # udev's programs have a mount namespace of their own, and may not unmount.
+        system.run("systemd-run", "--quiet", "--wait", "--property=PrivateMounts=yes",
+                   "--property=SystemCallFilter=@system-service @module @raw-io bpf",
+                   "env", "ACTION=add", f"DEVNAME={PARTITION_DEVICE}", "/usr/lib/udev/tavo-sdcard-hotplug")
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("sh", "-c", f"echo new >{MOUNT_POINT}/new")
+        system.run("systemctl", "stop", UNIT)
+    assert "new" in card.list_files()
+
+
 @pytest.mark.lasts(46)
 def test_the_time_to_stop_covers_all_waits(systemd_board):
     card = Card.formatted()
