@@ -72,6 +72,7 @@ def test_the_service_starts_with_the_system_and_mounts_for_everyone(systemd_boar
         assert {"NoNewPrivs:\t1", "Seccomp:\t2"} <= set(system.run("cat", f"/proc/{pid}/status").stdout.splitlines())
         assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in system.run(
             "systemd-run", "--quiet", "--wait", "--pipe", "cat", "/proc/mounts").stdout
+        assert {"nosuid", "nodev"} <= set(system.run("findmnt", "-no", "OPTIONS", MOUNT_POINT).stdout.strip().split(","))
         system.run("systemctl", "stop", UNIT)
         assert not is_mounted(system)
     assert card.is_clean()
