@@ -6,7 +6,8 @@ import time
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, State
-from board.names import E2FSCK
+from board.names import E2FSCK, MEDIA_CONFIGURATION
+from steps import use_shipped_tracking_configuration
 from systemd_system import SystemdSystem
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # the other has no systemd
@@ -19,8 +20,8 @@ HOLD_FILE = ("import signal, sys, time\n"
              "time.sleep(100000)\n")
 EXPOSURE_LIMIT = 5.0
 # Directives for running the service; all others take rights away.
-RUNNING = {"Type", "BusName", "EnvironmentFile", "ExecStart", "Restart", "RestartSec", "TimeoutStartSec",
-           "TimeoutStopSec", "KillMode"}
+RUNNING = {"Type", "BusName", "Environment", "EnvironmentFile", "ExecStart", "Restart", "RestartPreventExitStatus",
+           "RestartSec", "TimeoutStartSec", "TimeoutStopSec", "KillMode"}
 HARDENING = {
     "CapabilityBoundingSet": "CAP_SYS_ADMIN CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE CAP_DAC_READ_SEARCH "
                              "CAP_SYS_PTRACE CAP_KILL CAP_SETUID CAP_SETGID",
@@ -112,6 +113,70 @@ def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_ca
         assert len(systemd_board.tool_calls("e2fsck")) == checks
         system.run("systemctl", "stop", UNIT)
         assert not is_mounted(system)
+
+
+def kill_bus(system):
+    system.run("systemctl", "kill", "--signal=SIGKILL", "dbus.service")
+    # The next program that uses the bus starts it.
+    system.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+               "org.freedesktop.DBus.ListNames")
+
+
+def restart_bus(system):
+    system.run("systemctl", "restart", "dbus.service")
+
+
+@pytest.mark.parametrize("interrupt", [kill_bus, restart_bus])
+def test_the_service_comes_back_after_the_bus(systemd_board, interrupt):
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        systemd_board.bus.close()
+        interrupt(system)
+        system.wait_for(lambda: system.show(UNIT, "NRestarts") != "0")
+        system.wait_for(lambda: system.show(UNIT, "ActiveState") == "active")
+        system.connect_to_bus()
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("systemctl", "stop", UNIT)
+        assert system.show(UNIT, "ActiveState") == "inactive"
+        assert not is_mounted(system)
+
+
+def test_a_refused_configuration_stops_the_restarts_at_once_and_shows_its_reason(systemd_board):
+    systemd_board.write_file(MEDIA_CONFIGURATION, '<sdcard>\n <dir size="10">a</dir>\n <dir size="x">b</dir>\n</sdcard>\n')
+    with SystemdSystem(systemd_board) as system:
+        system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+        assert (system.show(UNIT, "NRestarts"), system.show(UNIT, "ExecMainStatus")) == ("0", "78")
+
+        def status():
+            return system.run("systemctl", "status", "--full", UNIT, check=False).stdout
+        assert "status=78/CONFIG" in status()
+        system.wait_for(lambda: f"{MEDIA_CONFIGURATION}:3:" in status())
+
+
+def test_the_options_of_the_administrator_choose_the_configuration_that_is_checked(systemd_board):
+    systemd_board.write_file(MEDIA_CONFIGURATION, "<sdcard>")
+    systemd_board.write_file("/etc/tavo/other.xml", '<sdcard><dir size="10">other</dir></sdcard>')
+    systemd_board.write_file("/etc/default/tavo-sdcard", 'SDCARDD_OPTIONS="--config /etc/tavo/other.xml"\n')
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        assert system.run("test", "-d", f"{MOUNT_POINT}/other").returncode == 0
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_errors_reach_the_journal_with_their_level(systemd_board):
+    use_shipped_tracking_configuration(systemd_board)
+    systemd_board.insert(Card.unmountable())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.CORRUPTED, within=20)
+
+        def journal(*levels):
+            return system.run("journalctl", "--quiet", "--output=cat", f"--unit={UNIT}",
+                              f"--priority={'..'.join(levels)}").stdout
+        assert "Sdcard::corrupted: Corrupted SD Card detected\n" in journal("err", "err")
+        assert "SD Card is already present" not in journal("debug")
+        system.run("systemctl", "kill", "--signal=SIGKILL", UNIT)
 
 
 def report_removal(system):

@@ -248,7 +248,7 @@ def test_an_identifier_with_line_breaks_makes_one_record_look_like_two(make_boar
 def test_a_layout_that_escapes_keeps_one_record_one_line(make_board, program):
     [escaping] = [text for text in snippets("xml") if "<layout" in text]
     shipped = (PLATFORM / "tavo-sdcard.trackconfig.xml").read_text()
-    configuration = re.sub(r" *<layout.*</layout>\n", lambda _: escaping, shipped, flags=re.S)
+    configuration = re.sub(r" *<layout.*?</layout>\n", lambda _: escaping, shipped, count=1, flags=re.S)
     assert configuration != shipped
     board = make_board(program=program, track_config=configuration)
     board.start_service()
