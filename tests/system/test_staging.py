@@ -22,6 +22,7 @@ BELOW_PREFIX = {
     "bin/sdcardctl", "libexec/sdcardd/sdcardd-start", "sbin/sdcardd",
     "share/bash-completion/completions/sdcardctl",
     "share/dbus-1/interfaces/tavo.SDCard1.xml", "share/dbus-1/interfaces/tavo.SDCardController1.xml",
+    "share/doc/sdcardd/integrating.md", "share/doc/sdcardd/operating.md",
     "share/doc/sdcardd/examples/tavo-sdcard.trackconfig.console.xml",
     "share/doc/sdcardd/examples/tavo.SDCard1-group.conf.in",
     "share/man/man1/sdcardctl.1", "share/man/man5/tavo-sdcard.config.xml.5", "share/man/man8/sdcardd.8",
