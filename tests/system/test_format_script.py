@@ -8,7 +8,7 @@ import pytest
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, Process
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
-from steps import HOLD, go_on
+from steps import HOLD, eject, expect_mounted, go_on
 
 pytestmark = pytest.mark.installed
 
@@ -107,6 +107,19 @@ def test_a_flipped_bit_in_the_partition_table_costs_no_data(bare_board, offset):
             continue  # this one marks a boot partition
         flip(card, TABLE + offset, bit)
         assert_repaired(bare_board, card, partition.offset // 512, partition.size // 512)
+
+
+def test_the_service_mounts_a_card_with_a_flipped_type_and_keeps_its_files(board, tmp_path):
+    (tmp_path / "kept").write_text("kept")
+    card = Card.formatted(content=tmp_path)
+    flip(card, TABLE + 4, 1)
+    board.insert(card)
+    board.start_service()
+    expect_mounted(board)
+    assert board.read_file(f"{MOUNT_POINT}/kept") == "kept"
+    board.expect_record("INFO", "St:Mounting",
+                        f"Repairing the partition table of {CARD_DEVICE}, which holds ext4 at sector 2048")
+    eject(board)
 
 
 @pytest.mark.parametrize("offset, length", [(TABLE, ENTRIES), (SIGNATURE, 2), (0, 512)])

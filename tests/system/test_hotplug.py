@@ -442,6 +442,16 @@ def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
     hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
 
 
+def test_a_card_that_looks_blank_since_its_table_was_lost_keeps_its_file_system(bare_hotplug):
+    card = Card.formatted()
+    card.write(0, bytes(512))
+    file_system = card.read(2048 * 512, card.size - 2048 * 512)
+    bare_hotplug.insert(card)
+    format_now(bare_hotplug)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert card.read(2048 * 512, card.size - 2048 * 512) == file_system
+
+
 def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):
     bare_hotplug.replace_tool(MAKE_FILE_SYSTEM)
     bare_hotplug.replace_tool("/usr/bin/dd", "echo 'dd: Input/output error' >&2; exit 1")
