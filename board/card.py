@@ -71,11 +71,10 @@ class Card:
 
     @classmethod
     def two_partitions(cls, size_mib: int = 64) -> "Card":
-        """A FAT partition and a Linux partition."""
+        """A FAT partition and an empty Linux partition."""
         card = cls(size_mib)
         card.partition(FAT32, LINUX)
         card.make_fat(1)
-        card.make_ext4(2)
         return card
 
     @classmethod

@@ -1,9 +1,10 @@
 #!/bin/sh
-# Makes a card usable for the SD card service: one Linux partition with an ext4 file system.
+# Makes a card usable for the SD card service: one Linux partition with an ext4 file system. It never
+# formats a card with ext4: if the partition table has an error, it repairs the table.
 #
 # Usage: tavo-create-sdcardFS.sh [DEVICE]
 #
-# Exit status: 0 when there was nothing to do, 99 when a file system was made, 1 with a reason on
+# Exit status: 0 when the file system stayed, 99 when a file system was made, 1 with a reason on
 # standard error when that failed. DEVICE must be the configured card; it is the default.
 #
 # Configuration: /etc/default/tavo-sdcard may set CARD_DEVICE, the card's whole disk.
@@ -19,6 +20,7 @@ LOCK=/run/tavo-create-sdcardFS.lock
 FIRST_SECTOR=2048  # of 512 bytes: 1 MiB, a multiple of every erase block
 SMALLEST_SECTORS=32768
 NODE_TRIES=100     # of 0.1 s
+UNFINISHED=unfinished-card
 
 fail() {
     echo "${0##*/}: $1" >&2
@@ -39,9 +41,10 @@ is_mounted() {
     return 1
 }
 
-# Sets start and size (in sectors) of the partition if the table is as expected.
-has_expected_table() {
-    start='' size='' partitions=0 label=''
+# Reads the partition table: sets its label, the number of its entries, "start:size" (in sectors) of each
+# as places, and start and size of the last one.
+read_table() {
+    start='' size='' places='' partitions=0 label=''
     table=$(sfdisk --dump "$pinned" 2>/dev/null) || return 1
     while IFS= read -r line; do
         case $line in
@@ -50,20 +53,70 @@ has_expected_table() {
                 partitions=$((partitions + 1))
                 start=$(echo "$line" | sed -n 's/.*start= *\([0-9]*\).*/\1/p')
                 size=$(echo "$line" | sed -n 's/.*size= *\([0-9]*\).*/\1/p')
-                kind=$(echo "$line" | sed -n 's/.*type=\([0-9a-f]*\).*/\1/p')
+                places="$places $start:$size"
                 ;;
         esac
     done <<EOF
 $table
 EOF
-    [ "$label" = dos ] && [ "$partitions" -eq 1 ] && [ "$kind" = 83 ]
 }
 
-# Whether the bytes of the partition hold an ext4 file system, whatever the kernel knows of it.
-has_ext4() {
-    found=$(blkid --probe --offset $((start * 512)) --size $((size * 512)) \
-        --match-tag TYPE --output value "$pinned" 2>/dev/null)
-    [ "$found" = ext4 ]
+# Whether the table has one entry, the first, for a Linux partition on the card. The kernel ignores a table
+# with a status other than 00 and 80 in any entry.
+has_expected_table() {
+    [ "$label" = dos ] && [ "$partitions" -eq 1 ] && [ $((start + size)) -le "$sectors" ] &&
+        od -A n -v -t x1 -j 446 -N 64 "$pinned" | awk '
+            $1 != "00" && $1 != "80" || NR == 1 && $5 != "83" { bad = 1 } END { exit bad }'
+}
+
+# Prints the type of the file system at a sector, whatever the kernel knows of it.
+file_system_at() {
+    tags=$(blkid --probe --offset $(($1 * 512)) --output export "$pinned" 2>/dev/null)
+    type=$(echo "$tags" | sed -n 's/^TYPE=//p')
+    if [ "$type" = ext4 ]; then
+        # Inside ext4 there are copies of its superblock, with the number of their group.
+        group=$(od -A n -t u2 -j $(($1 * 512 + 1024 + 90)) -N 2 "$pinned")
+        [ $((group)) -eq 0 ] || return
+        case $tags in
+            *"LABEL=$UNFINISHED"*) type=unfinished-ext4 ;;
+        esac
+    fi
+    echo "$type"
+}
+
+# Prints the size in sectors of the ext4 file system at a sector.
+ext4_size_at() {
+    dumpe2fs -h "$pinned?offset=$(($1 * 512))" 2>/dev/null | awk -F ':' '
+        $1 == "Block count" { count = $2 }
+        $1 == "Block size" { bytes = $2 }
+        END { printf "%.0f", count * bytes / 512 }'
+}
+
+# Looks for ext4 where the table says, and then where this script makes it. Sets start and size of its
+# partition, and found: the types of all file systems. What lies below a foreign file system is old.
+find_ext4() {
+    found='' starts='' start=''
+    for place in $places; do
+        kind=$(file_system_at "${place%:*}")
+        found="$found${kind:+ $kind}"
+        [ "$kind" != ext4 ] || { start=${place%:*} size=${place#*:} starts="$starts $start"; }
+    done
+    if [ -z "$found" ] && [ "$(file_system_at "$FIRST_SECTOR")" = ext4 ]; then
+        found=' ext4' start=$FIRST_SECTOR size=$((sectors - FIRST_SECTOR)) starts=" $start"
+    fi
+    [ "${starts# * }" = "$starts" ] || fail "$card holds more than one ext4 file system"
+    [ -n "$start" ] || return 1
+    needed=$(ext4_size_at "$start")
+    [ "$size" -ge "$needed" ] || size=$((sectors - start))
+    [ $((start + size)) -le "$sectors" ] || size=$needed
+    [ $((start + size)) -le "$sectors" ] || size=$((sectors - start))
+}
+
+write_table() {
+    message=$(printf 'label: dos\nstart=%s, size=%s, type=83\n' "$start" "$size" |
+        sfdisk --quiet --no-reread --no-tell-kernel --wipe always --wipe-partitions never "$pinned" 2>&1) ||
+        fail "no partition table could be written to $card: $message"
+    announce_partition || fail "the partition of $card does not appear"
 }
 
 # Makes the kernel read the partition table and waits until the node of the partition is the right one.
@@ -115,27 +168,34 @@ pinned=/proc/self/fd/8
 [ "$(device_number "$pinned")" = "$number_of_card" ] || fail "$card was exchanged"
 ! is_mounted || fail "$card is mounted"
 
-if has_expected_table && has_ext4; then
+sectors=$(cat "$sysfs/size" 2>/dev/null) || fail "$card is gone"
+read_table
+listed=$start:$size
+has_ext4=no
+! find_ext4 || has_ext4=yes
+if [ $has_ext4 = yes ] && [ "$listed" = "$start:$size" ] && has_expected_table; then
     announce_partition || fail "the partition of $card does not appear"
     exit 0
 fi
 
 protected=$(cat "$sysfs/ro" 2>/dev/null) || fail "$card is gone"
 [ "$protected" = 0 ] || fail "$card is write-protected"
-sectors=$(cat "$sysfs/size" 2>/dev/null) || fail "$card is gone"
+if [ $has_ext4 = yes ]; then
+    echo "Repairing the partition table of $card, which holds ext4 at sector $start"
+    write_table
+    exit 0
+fi
 [ "$sectors" -ge "$SMALLEST_SECTORS" ] || fail "$card is too small ($sectors sectors)"
 
-# The table comes last. A card that is pulled before that is foreign and formatted again; with the table
-# first, it would look like a good card with half a file system. mke2fs claims the whole disk and fails
-# if any part of it is in use. A discard could take longer than the service waits.
+# The label goes when the file system is complete, and the table comes last. So a card that is pulled
+# before that is formatted again. mke2fs claims the whole disk and fails if any part of it is in use. A
+# discard could take longer than the service waits.
 start=$FIRST_SECTOR
 size=$((sectors - FIRST_SECTOR))
-echo "Making an ext4 file system on $card ($((sectors / 2048)) MiB)"
-message=$(mke2fs -q -F -t ext4 -E "offset=$((start * 512)),nodiscard" "$pinned" "$((size / 2))k" 2>&1 </dev/null) ||
+echo "Making an ext4 file system on $card ($((sectors / 2048)) MiB), which holds${found:- no file system}"
+message=$(mke2fs -q -F -t ext4 -L "$UNFINISHED" -E "offset=$((start * 512)),nodiscard" "$pinned" "$((size / 2))k" \
+    2>&1 </dev/null && tune2fs -L '' "$pinned?offset=$((start * 512))" 2>&1) ||
     fail "no file system could be made on $card: $message"
-message=$(printf 'label: dos\nstart=%s, size=%s, type=83\n' "$start" "$size" |
-    sfdisk --quiet --no-reread --no-tell-kernel --wipe always --wipe-partitions never "$pinned" 2>&1) ||
-    fail "no partition table could be written to $card: $message"
-announce_partition || fail "the partition of $card does not appear"
-has_ext4 || fail "$card does not hold what was written to it"
+write_table
+[ "$(file_system_at "$start")" = ext4 ] || fail "$card does not hold what was written to it"
 exit 99

@@ -58,8 +58,9 @@ class EmulatedBoard(Board):
         """
         super().__init__()
         installed = configuration_files(media_config, track_config)
-        if not format_blank_cards:
-            installed[HOTPLUG_CONFIGURATION] = file("FORMAT_BLANK_CARDS=no\n")
+        # Its background work would look left behind.
+        settings = "RESTART_WHEN_CORRUPTED=no\n" + ("" if format_blank_cards else "FORMAT_BLANK_CARDS=no\n")
+        installed[HOTPLUG_CONFIGURATION] = file(settings)
         installed |= {path: file(text) for path, text in (files or {}).items()}
         start = boot if cold_start else resume
         self._program = None if program is None else Path(program).resolve(strict=True)

@@ -19,6 +19,7 @@ LO_FLAGS_READ_ONLY, LO_FLAGS_AUTOCLEAR, LO_FLAGS_PARTSCAN = 1, 4, 8
 
 CARD = "mmcblk0"
 BLOCK_CLASS = Path("/sys/class/block")
+DEVICE_NUMBERS = Path("/sys/dev/block")
 MMC_DEVICES = Path("/sys/bus/mmc/devices")
 MMC_CARD = "mmc0:0001"
 
@@ -39,7 +40,9 @@ class CardSlot:
 
     def power_on(self) -> None:
         """Creates the slot's own parts of sysfs."""
-        mount("tmpfs", str(BLOCK_CLASS), "tmpfs", options="mode=0755")
+        # The kernel keeps a pulled loop device that is in use, other than a pulled card.
+        for directory in (BLOCK_CLASS, DEVICE_NUMBERS):
+            mount("tmpfs", str(directory), "tmpfs", options="mode=0755")
         mount("tmpfs", "/sys/bus", "tmpfs", options="mode=0755")
         MMC_DEVICES.mkdir(parents=True)
 
@@ -62,7 +65,7 @@ class CardSlot:
                 # Another board has taken this loop device meanwhile.
                 if problem.errno != errno.EBUSY:
                     raise
-        self._add_to_sysfs(CARD, f"{LOOP_MAJOR}:{self._loop_number}")
+        self._add_to_sysfs(CARD, f"{LOOP_MAJOR}:{self._loop_number}", f"loop{self._loop_number}")
         sysfs_device = BLOCK_CLASS / CARD / "device"
         sysfs_device.mkdir()
         (MMC_DEVICES / MMC_CARD).symlink_to(sysfs_device)
@@ -81,6 +84,8 @@ class CardSlot:
         fcntl.ioctl(self._device, LOOP_SET_STATUS64, _loop_info(self._flags, size_limit_bytes=1))
         self._loop_number = None
         self.update_device_nodes()
+        for entry in DEVICE_NUMBERS.iterdir():
+            entry.unlink()
         (MMC_DEVICES / MMC_CARD).unlink()
         shutil.rmtree(BLOCK_CLASS / CARD)
         os.unlink(f"/dev/{CARD}")
@@ -93,11 +98,13 @@ class CardSlot:
             device = path.stat().st_rdev
             if wanted.get(path.name) != f"{os.major(device)}:{os.minor(device)}":
                 path.unlink()
+                (DEVICE_NUMBERS / f"{os.major(device)}:{os.minor(device)}").unlink()
                 (BLOCK_CLASS / path.name).unlink()
                 shutil.rmtree(BLOCK_CLASS / CARD / path.name)
         for name, device in wanted.items():
             if not os.path.exists(f"/dev/{name}"):
-                self._add_to_sysfs(f"{CARD}/{name}", device)
+                loop = f"loop{self._loop_number}"
+                self._add_to_sysfs(f"{CARD}/{name}", device, f"{loop}/{name.replace(CARD, loop)}")
                 (BLOCK_CLASS / name).symlink_to(f"{CARD}/{name}")
                 major, minor = map(int, device.split(":"))
                 os.mknod(f"/dev/{name}", 0o60660, os.makedev(major, minor))
@@ -117,7 +124,8 @@ class CardSlot:
         return found
 
     @staticmethod
-    def _add_to_sysfs(name: str, device: str) -> None:
+    def _add_to_sysfs(name: str, device: str, loop_device: str) -> None:
         directory = BLOCK_CLASS / name
         directory.mkdir()
         (directory / "dev").write_text(device + "\n")
+        (DEVICE_NUMBERS / device).symlink_to(f"/sys/devices/virtual/block/{loop_device}")

@@ -62,8 +62,7 @@ class SystemdSystem:
             print(self._boot.output, self._boot.errors)
             self.close()
             raise
-        board.bus.close()
-        board.bus = BusClient(f"/proc/{board.host_pid}/root{SYSTEM_BUS_SOCKET}", board._notify)
+        self.connect_to_bus()
 
     def __enter__(self) -> "SystemdSystem":
         return self
@@ -77,6 +76,11 @@ class SystemdSystem:
         self._boot.stop(signal.SIGKILL)
         self._board.expect("its processes have gone", lambda: self._board.run(
             "sh", "-c", FORGET_CGROUPS, "sh", self._name).returncode == 0)
+
+    def connect_to_bus(self) -> None:
+        """Connects the board to this system's bus, after each start of the bus."""
+        self._board.bus.close()
+        self._board.bus = BusClient(f"/proc/{self._board.host_pid}/root{SYSTEM_BUS_SOCKET}", self._board._notify)
 
     def run(self, *command: str, check: bool = True, within: float = 60) -> subprocess.CompletedProcess:
         """Runs a program in this system to its end."""

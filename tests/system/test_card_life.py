@@ -72,7 +72,7 @@ def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
         assert messages(board)[1:] == [
             *START_RECORDS,
             "New SD Card detected", f"Executing '{FORMAT_SCRIPT}'...",
-            "Making an ext4 file system on /dev/mmcblk0 (64 MiB)", "SD Card Linux Ext4 format was new initialized",
+            "Making an ext4 file system on /dev/mmcblk0 (64 MiB), which holds vfat", "SD Card Linux Ext4 format was new initialized",
             f"Logger directory is '{MOUNT_POINT}/logger'",
             "Eject button timer started", "SD Card is successfully mounted",
             "SD Card eject trigger received",

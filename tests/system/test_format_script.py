@@ -8,7 +8,7 @@ import pytest
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, Process
 from board.card import LINUX
 from board.names import FORMAT_SCRIPT
-from steps import HOLD, go_on
+from steps import HOLD, eject, expect_mounted, go_on
 
 pytestmark = pytest.mark.installed
 
@@ -54,16 +54,129 @@ def card_with_gpt() -> Card:
     return card
 
 
-@pytest.mark.parametrize("make", [Card.as_bought, Card.two_partitions, Card.blank, Card.with_empty_table,
-                                  Card.unmountable, card_with_gpt])
-def test_a_foreign_card_is_made_ready_to_mount(bare_board, make):
+@pytest.mark.parametrize("make, found", [
+    (Card.as_bought, "vfat"), (Card.two_partitions, "vfat"), (Card.blank, "no file system"),
+    (Card.with_empty_table, "no file system"), (Card.unmountable, "no file system"), (card_with_gpt, "no file system")])
+def test_a_foreign_card_is_made_ready_to_mount(bare_board, make, found):
     card = make()
     bare_board.insert(card)
     result = format_card(bare_board)
     assert (result.returncode, result.stderr) == (MADE_FILE_SYSTEM, "")
+    assert result.stdout == f"Making an ext4 file system on {CARD_DEVICE} (64 MiB), which holds {found}\n"
     assert_ready(bare_board, card)
     bare_board.expect("no second node", lambda: not bare_board.exists(CARD_DEVICE + "p2"))
     assert format_card(bare_board).returncode == NOTHING_TO_DO
+
+
+# In the first entry of the partition table: status, type, start and size.
+ENTRY_BYTES = (0, 4, *range(8, 16))
+TABLE, ENTRIES, SIGNATURE = 446, 64, 510
+
+
+def flip(card: Card, offset: int, bit: int) -> None:
+    [byte] = card.read(offset, 1)
+    card.write(offset, bytes([byte ^ 1 << bit]))
+
+
+def data_of(card: Card) -> bytes:
+    return card.read(2048 * 512, card.size - 2048 * 512)
+
+
+def assert_repaired(board: Board, card: Card, start: int, sectors: int) -> None:
+    """Checks that the script keeps the file system and makes its table right."""
+    data = data_of(card)
+    board.insert(card)
+    result = format_card(board)
+    assert (result.returncode, result.stderr) == (NOTHING_TO_DO, "")
+    assert result.stdout == f"Repairing the partition table of {CARD_DEVICE}, which holds ext4 at sector {start}\n"
+    assert [(partition.offset // 512, partition.size // 512, partition.kind) for partition in card.partitions()] == [
+        (start, sectors, "83")]
+    assert data_of(card) == data
+    assert_ready(board, card)
+    result = format_card(board)
+    assert (result.returncode, result.stdout) == (NOTHING_TO_DO, "")
+    board.pull()
+
+
+@pytest.mark.parametrize("offset", ENTRY_BYTES)
+def test_a_flipped_bit_in_the_partition_table_costs_no_data(bare_board, offset):
+    card = Card.formatted()
+    [partition] = card.partitions()
+    for bit in range(8):
+        if (offset, bit) == (0, 7):
+            continue  # this one marks a boot partition
+        flip(card, TABLE + offset, bit)
+        assert_repaired(bare_board, card, partition.offset // 512, partition.size // 512)
+
+
+def test_the_service_mounts_a_card_with_a_flipped_type_and_keeps_its_files(board, tmp_path):
+    (tmp_path / "kept").write_text("kept")
+    card = Card.formatted(content=tmp_path)
+    flip(card, TABLE + 4, 1)
+    board.insert(card)
+    board.start_service()
+    expect_mounted(board)
+    assert board.read_file(f"{MOUNT_POINT}/kept") == "kept"
+    board.expect_record("INFO", "St:Mounting",
+                        f"Repairing the partition table of {CARD_DEVICE}, which holds ext4 at sector 2048")
+    eject(board)
+
+
+@pytest.mark.parametrize("offset, length", [(TABLE, ENTRIES), (SIGNATURE, 2), (0, 512)])
+def test_a_lost_partition_table_costs_no_data(bare_board, offset, length):
+    card = Card.formatted()
+    [partition] = card.partitions()
+    card.write(offset, bytes(length))
+    assert_repaired(bare_board, card, partition.offset // 512, partition.size // 512)
+
+
+def test_an_ext4_file_system_stays_where_another_machine_has_put_it(bare_board):
+    card = Card(64)
+    card.partition(LINUX, first_sector=8192)
+    card.make_ext4(1)
+    [partition] = card.partitions()
+    flip(card, TABLE + 4, 1)
+    assert_repaired(bare_board, card, 8192, partition.size // 512)
+
+
+def test_an_ext4_file_system_beside_another_partition_stays(bare_board):
+    card = Card.two_partitions()
+    card.make_ext4(2)
+    partition = card.partitions()[1]
+    assert_repaired(bare_board, card, partition.offset // 512, partition.size // 512)
+
+
+def test_neither_of_two_ext4_file_systems_is_lost(bare_board):
+    card = two_linux_partitions()
+    before = card.read(0, card.size)
+    bare_board.insert(card)
+    result = format_card(bare_board)
+    assert (result.returncode, result.stderr) == (
+        FAILED, f"tavo-create-sdcardFS.sh: {CARD_DEVICE} holds more than one ext4 file system\n")
+    assert card.read(0, card.size) == before
+
+
+def test_what_is_left_of_ext4_below_another_file_system_does_not_stay(bare_board):
+    card = Card.formatted()
+    card.partition("c", first_sector=8192)
+    card.make_fat(1)
+    bare_board.insert(card)
+    assert format_card(bare_board).returncode == MADE_FILE_SYSTEM
+
+
+def test_an_unfinished_file_system_is_made_again(bare_board):
+    card = Card.unmountable()
+    bare_board.insert(card)
+    formatting = start_formatting(bare_board, f"{MAKE_FILE_SYSTEM} && {WAIT}")
+    copy = card.copy()
+    bare_board.pull()
+    go_on(bare_board)
+    assert formatting.wait(within=60) == FAILED
+    bare_board.insert(copy)
+    result = format_card(bare_board)
+    assert result.returncode == MADE_FILE_SYSTEM
+    assert "which holds unfinished-ext4" in result.stdout
+    assert_ready(bare_board, copy)
 
 
 def test_a_node_that_goes_and_comes_again_is_awaited_without_a_message(bare_board):
@@ -129,7 +242,10 @@ def test_a_mounted_card_is_refused(bare_board, partition):
 
 
 def test_a_card_mounted_where_the_script_cannot_see_it_is_refused(bare_board):
-    card = two_linux_partitions()
+    card = Card.unmountable()
+    [partition] = card.partitions()
+    card.run_tool("mke2fs", "-q", "-F", "-t", "ext2", "-E", f"offset={partition.offset}", card.path,
+                  f"{partition.size // 1024}k")
     bare_board.insert(card)
     holder = bare_board.start("unshare", "--mount", "sh", "-c",
                               f"mount -o ro {PARTITION_DEVICE} /mnt && echo mounted && exec sleep 1000")
@@ -137,7 +253,7 @@ def test_a_card_mounted_where_the_script_cannot_see_it_is_refused(bare_board):
     result = format_card(bare_board)
     assert result.returncode == FAILED
     assert "in use" in result.stderr
-    assert len(card.partitions()) == 2
+    assert card.partitions() == [partition]
 
 
 def empty_slot(board):
@@ -198,7 +314,7 @@ def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
     bare_board.insert(second)
     go_on(bare_board)
     assert formatting.wait(within=60) == FAILED
-    assert "no partition table could be written" in formatting.errors
+    assert "no file system could be made" in formatting.errors
     assert [partition.kind for partition in second.partitions()] == ["c"]
 
 

@@ -64,7 +64,7 @@ def test_a_foreign_card_is_formatted_and_mounted(board, make):
         expect_mounted(board)
     assert looked_at(board)[:6] == [
         "SD Card is available but not initialized, check it...", "New SD Card detected",
-        f"Executing '{FORMAT_SCRIPT}'...", "Making an ext4 file system on /dev/mmcblk0 (64 MiB)",
+        f"Executing '{FORMAT_SCRIPT}'...", "Making an ext4 file system on /dev/mmcblk0 (64 MiB), which holds vfat",
         "SD Card Linux Ext4 format was new initialized", "SD Card is already present"]
     assert signal_names(board)[-1] == "CardMounted"
 

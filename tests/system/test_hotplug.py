@@ -1,18 +1,20 @@
 """The helper of the udev rule on a board, called as udev calls it."""
 
+import signal
 import time
 
 import pytest
 
-from board import CARD_DEVICE, PARTITION_DEVICE, Board, Card, State
+from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Board, Card, State
 from board.process import Process
 from conftest import ROOT
-from steps import HELD_PROGRAM, HOLD, go_on
+from steps import HELD_PROGRAM, HOLD, eject, expect_mounted, go_on
 
 pytestmark = pytest.mark.installed
 
 PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
+JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SETTINGS = "/etc/default/tavo-sdcard"
 BUS_SECONDS = 10  # that the helper gives the bus
 EVENT_SECONDS = 5  # a wait for an answer takes 25
@@ -22,9 +24,13 @@ REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
 
 
 def bring_helper(board: Board) -> None:
-    """Puts the helper on a board, with its own settings alone."""
+    """Puts the helper on a board. Nothing of it runs longer than an event."""
     board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
-    board.remove_file(SETTINGS)
+    write_settings(board)
+
+
+def write_settings(board: Board, *settings: str) -> None:
+    board.write_file(SETTINGS, "\n".join(("RESTART_WHEN_CORRUPTED=no", *settings, "")))
 
 
 @pytest.fixture
@@ -128,7 +134,7 @@ def test_other_devices_are_not_announced(hotplug):
 
 
 def test_the_card_is_the_one_that_the_settings_name(hotplug):
-    hotplug.write_file(SETTINGS, "CARD_DEVICE=/dev/sda\n")
+    write_settings(hotplug, "CARD_DEVICE=/dev/sda")
     hotplug.start_service()
     event(hotplug, "add", PARTITION_DEVICE)
     event(hotplug, "remove", "/dev/sda1")
@@ -214,6 +220,61 @@ def test_a_removal_is_announced_at_once_where_the_kernel_does_not_number_disks(b
     assert announced_methods(bare_hotplug) == [REMOVE_CARD]
 
 
+def restart_in_foreground(board: Board) -> None:
+    board.remove_file(SETTINGS)
+    board.replace_tool("/usr/bin/setsid", 'shift; exec "$@"')
+    board.replace_tool("/etc/init.d/sdcardd", "")
+
+
+def corrupt(board: Board) -> str:
+    """Inserts a card that the service calls corrupted."""
+    restart_in_foreground(board)
+    board.start_service()
+    number = put_in(board, Card.unmountable())
+    board.expect_state(State.CORRUPTED, within=20)
+    return number
+
+
+def test_a_service_is_restarted_when_its_corrupted_card_is_taken_out(hotplug):
+    number = corrupt(hotplug)
+    assert hotplug.tool_calls("sdcardd") == []
+    take_out(hotplug, number)
+    assert hotplug.tool_calls("sdcardd") == [["reset"]]
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_a_service_is_restarted_when_its_check_fails_at_the_moment_of_the_removal(hotplug):
+    number = corrupt(hotplug)
+    hotplug.replace_tool("/usr/bin/dbus-send", """
+        case "$*" in
+            *string:State) [ -e /run/board/asked ] || { touch /run/board/asked; echo '   variant       int32 6'; exit; } ;;
+        esac
+        exec "$ORIGINAL" "$@" """)
+    take_out(hotplug, number)
+    assert hotplug.exists("/run/board/asked")
+    assert hotplug.tool_calls("sdcardd") == [["reset"]]
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_a_corrupted_service_stays_when_the_installer_wants_so(hotplug):
+    number = corrupt(hotplug)
+    write_settings(hotplug)
+    take_out(hotplug, number)
+    assert hotplug.tool_calls("setsid") == hotplug.tool_calls("sdcardd") == []
+    hotplug.stop_service(signal.SIGKILL)
+
+
+def test_another_removal_does_not_restart_the_service(hotplug):
+    restart_in_foreground(hotplug)
+    hotplug.start_service()
+    number = put_in(hotplug, Card.formatted())
+    expect_mounted(hotplug)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    assert hotplug.tool_calls("setsid") == [["--fork", HELPER, "restart"]]
+    assert hotplug.tool_calls("sdcardd") == []
+
+
 def no_service(board):
     pass
 
@@ -231,7 +292,7 @@ def test_udev_goes_on_without_the_service_or_the_bus(hotplug, fault):
 
 def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
     # A helper that waits for an answer would wait this long.
-    hotplug.write_file(SETTINGS, "BUS_SECONDS=60\n")
+    write_settings(hotplug, "BUS_SECONDS=60")
     service = hotplug.start_service()
     hotplug.run("kill", "-STOP", str(service.pid), check=True)
     assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
@@ -262,6 +323,77 @@ def test_a_blank_card_is_formatted_in_the_background_even_if_it_replaces_another
     hotplug.expect_state(State.MOUNTED, within=20)
     assert [partition.kind for partition in card.partitions()] == ["83"]
     hotplug.expect_no_record("New SD Card detected")
+
+
+def open_file(board: Board) -> None:
+    board.hold_file_open(f"{MOUNT_POINT}/export/held")
+
+
+def working_directory(board: Board) -> None:
+    holder = board.start("sh", "-c", f"cd {MOUNT_POINT}/export && echo there && exec sleep 100000")
+    board.expect("the holder", lambda: "there" in holder.output)
+
+
+def mounted_device(board: Board) -> str:
+    return board.run("mountpoint", "-d", MOUNT_POINT).stdout.strip()
+
+
+def expect_own_mount(board: Board, old: Card) -> None:
+    """Checks that the card in the slot, and not the old one, is mounted and writable."""
+    new = board.card
+    expect_mounted(board)
+    device = board.run("stat", "-L", "--format=%Hr:%Lr", PARTITION_DEVICE, check=True).stdout.strip()
+    assert mounted_device(board) == device
+    board.run("sh", "-c", f"echo new >{MOUNT_POINT}/new", check=True)
+    eject(board)
+    assert "new" in new.list_files() and "new" not in old.list_files()
+
+
+@pytest.mark.parametrize("hold", [open_file, working_directory])
+def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_in_use(hotplug, hold):
+    hotplug.start_service()
+    old = Card.formatted()
+    number = put_in(hotplug, old)
+    expect_mounted(hotplug)
+    hold(hotplug)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    # udev's programs have a mount namespace of their own.
+    hotplug.write_file(HELPER, f"#!/bin/sh\nexec unshare --mount --propagation private {HELPER}.real\n", 0o755)
+    hotplug.write_file(f"{HELPER}.real", (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
+    assert mounted_device(hotplug) != ""
+    put_in(hotplug, Card.formatted())
+    expect_own_mount(hotplug, old)
+
+
+def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_it_was_prepared(hotplug):
+    hotplug.write_file(f"{JOBS}/10-slow", f"#!/bin/sh\ncd {MOUNT_POINT}\ntouch /run/board/runs\n{HOLD}\n", 0o755)
+    hotplug.start_service()
+    old = Card.formatted()
+    number = put_in(hotplug, old)
+    hotplug.expect("the script runs", lambda: hotplug.exists("/run/board/runs"), within=20)
+    take_out(hotplug, number)
+    hotplug.expect_state(State.NO_CARD)
+    put_in(hotplug, Card.formatted())
+    go_on(hotplug)
+    expect_own_mount(hotplug, old)
+
+
+def test_only_a_dead_mount_at_the_mount_point_is_detached(hotplug):
+    hotplug.replace_tool("/usr/bin/umount")
+    number = put_in(hotplug, Card.formatted())
+    hotplug.run("mkdir", "-p", "/mnt/other", MOUNT_POINT, check=True)
+    hotplug.run("mount", "-o", "ro", PARTITION_DEVICE, "/mnt/other", check=True)
+    hotplug.run("mount", "-t", "tmpfs", "none", MOUNT_POINT, check=True)
+    hotplug.start("sh", "-c", "cd /mnt/other && exec sleep 100000")
+    take_out(hotplug, number)
+    put_in(hotplug, Card.formatted())
+    hotplug.run("umount", MOUNT_POINT, check=True)
+    hotplug.run("mount", PARTITION_DEVICE, MOUNT_POINT, check=True)
+    event(hotplug, "add", PARTITION_DEVICE)
+    assert hotplug.tool_calls("umount") == [[MOUNT_POINT]]
+    hotplug.run("umount", "--lazy", "/mnt/other", check=True)
+    hotplug.run("umount", MOUNT_POINT, check=True)
 
 
 def bare_file_system() -> Card:
@@ -299,15 +431,25 @@ def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
 
 
 def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
-    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=no\n")
+    write_settings(hotplug, "FORMAT_BLANK_CARDS=no")
     hotplug.replace_tool("/usr/bin/setsid")
     hotplug.insert(Card.blank(), announce=False)
     event(hotplug, "add", CARD_DEVICE)
     assert hotplug.tool_calls("setsid") == []
-    hotplug.write_file(SETTINGS, "FORMAT_BLANK_CARDS=yes\n")
+    write_settings(hotplug, "FORMAT_BLANK_CARDS=yes")
     event(hotplug, "add", CARD_DEVICE)
     assert hotplug.tool_calls("setsid") == [["--fork", HELPER, "format"]]
     hotplug.expect("a partition", lambda: hotplug.exists(PARTITION_DEVICE))
+
+
+def test_a_card_that_looks_blank_since_its_table_was_lost_keeps_its_file_system(bare_hotplug):
+    card = Card.formatted()
+    card.write(0, bytes(512))
+    file_system = card.read(2048 * 512, card.size - 2048 * 512)
+    bare_hotplug.insert(card)
+    format_now(bare_hotplug)
+    assert [partition.kind for partition in card.partitions()] == ["83"]
+    assert card.read(2048 * 512, card.size - 2048 * 512) == file_system
 
 
 def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):

@@ -1,12 +1,14 @@
 """The installed Debian package: what it puts in place, its init script, its removal."""
 
 import re
+import time
 import xml.etree.ElementTree as ElementTree
 
 import pytest
 
-from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, Card, State
-from board.names import BOARD_DIRECTORY, MEDIA_CONFIGURATION, SERVICE_PROGRAM, TRACKING_CONFIGURATION
+from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, Card, State
+from board.names import E2FSCK, MEDIA_CONFIGURATION, SERVICE_PROGRAM
+from steps import HOLD, go_on, use_shipped_tracking_configuration
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
 INIT_SCRIPT = "/etc/init.d/sdcardd"
@@ -35,12 +37,6 @@ def installed_files(board):
     """The package's files, without directories."""
     listing = board.run("dpkg", "--listfiles", "sdcardd", check=True).stdout.split()
     return [path for path in listing if board.run("test", "-d", path).returncode != 0]
-
-
-def use_shipped_tracking_configuration(board):
-    """Replaces the board's tracking configuration by the package's."""
-    board.run("sh", "-c", 'dpkg-deb --fsys-tarfile "$1" | tar -xf - -C / ".$2"', "sh",
-              f"{BOARD_DIRECTORY}/package.deb", TRACKING_CONFIGURATION, check=True)
 
 
 # Installing and removing
@@ -184,6 +180,81 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
     assert board.bus.has_service()
     assert init(board, "status").returncode == RUNNING
     assert init(board, "stop").returncode == 0
+
+
+def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(board):
+    board.insert(Card.unmountable())
+    start(board)
+    board.expect_state(State.CORRUPTED, within=20)
+    first = service_pid(board)
+    board.pull(announce=False)
+    board.run("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "/usr/lib/udev/tavo-sdcard-hotplug", check=True)
+    board.expect("another service", lambda: service_pid(board) not in ("", first))
+    board.expect_state(State.NO_CARD)
+    board.insert(Card.formatted())
+    board.expect_state(State.MOUNTED, within=20)
+    assert init(board, "status").returncode == RUNNING
+    assert init(board, "stop").returncode == 0
+
+
+# Has the card's device open, like the real one, and does not end with the service.
+ORPHAN = """
+(
+    command exec 9<{device}
+    touch /run/board/orphan
+    {wait}
+    date +%s.%N >/run/board/end-of-orphan
+) &
+wait """
+
+
+def start_beside_an_orphan(board, wait, restart):
+    """Kills a service that checks its card, and starts another one."""
+    board.replace_tool(E2FSCK, ORPHAN.format(device=PARTITION_DEVICE, wait=wait))
+    board.insert(Card.formatted())
+    start(board)
+    board.expect("the check runs", lambda: board.exists("/run/board/orphan"))
+    board.run("kill", "-KILL", service_pid(board), check=True)
+    board.replace_tool(E2FSCK, 'date +%s.%N >/run/board/second-check; exec "$ORIGINAL" "$@"')
+    return board.start("sh", "-c", restart)
+
+
+@pytest.mark.parametrize("restart", [
+    f"{INIT_SCRIPT} start", f"{INIT_SCRIPT} restart", f"{INIT_SCRIPT} stop; {INIT_SCRIPT} start"])
+def test_a_start_waits_for_a_check_that_a_killed_service_has_left(board, restart):
+    starting = start_beside_an_orphan(board, HOLD, restart)
+    time.sleep(2)
+    assert starting.running and service_pid(board) == ""
+    go_on(board)
+    assert starting.wait(within=60) == 0
+    board.expect_state(State.MOUNTED, within=20)
+    ends = [float(board.read_file(f"/run/board/{name}")) for name in ("end-of-orphan", "second-check")]
+    assert ends == sorted(ends)
+    assert init(board, "stop").returncode == 0
+
+
+def test_a_check_that_does_not_end_is_killed_before_the_next_start(board):
+    board.write_file("/etc/default/tavo-sdcard", "LEFT_TRIES=20\n")
+    starting = start_beside_an_orphan(board, "sleep 1000", f"{INIT_SCRIPT} start")
+    assert starting.wait(within=60) == 0
+    board.expect_state(State.MOUNTED, within=20)
+    assert board.run("pgrep", "-f", "sleep 1000").returncode == 1
+    assert init(board, "stop").returncode == 0
+
+
+def test_a_process_of_another_service_is_not_waited_for(board):
+    other = board.start("sh", "-c", "sleep 1000")
+    board.write_file("/run/sdcardd.session", f"{other.pid}\n")
+    began = time.monotonic()
+    start(board)
+    assert time.monotonic() - began < 15
+    assert other.running
+    assert init(board, "stop").returncode == 0
+
+
+def test_a_reset_does_not_start_a_service_that_was_stopped(board):
+    assert init(board, "reset").returncode == 0
+    assert init(board, "status").returncode == NOT_RUNNING
 
 
 def test_a_stop_that_leaves_the_card_mounted_reports_it(board):

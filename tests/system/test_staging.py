@@ -16,14 +16,14 @@ FIXED = {
     "/etc/default/tavo-sdcard", "/etc/init.d/sdcardd", "/etc/logrotate.d/sdcardd",
     "/etc/tavo/tavo-sdcard.config.xml", "/etc/tavo/tavo-sdcard.config.xsd", "/etc/tavo/tavo-sdcard.trackconfig.xml",
     "/lib/systemd/system/sdcardd.service", "/lib/udev/rules.d/60-tavo-sdcard.rules", "/lib/udev/tavo-sdcard-hotplug",
-    "/opt/tavo/bin/tavo-create-sdcardFS.sh",
+    "/opt/tavo/bin/tavo-create-sdcardFS.sh", "/opt/tavo/share/tavo-sdcard/preparing/00-restrict-card-mount",
 }
 BELOW_PREFIX = {
-    "bin/sdcardctl", "sbin/sdcardd",
+    "bin/sdcardctl", "libexec/sdcardd/sdcardd-start", "sbin/sdcardd",
     "share/bash-completion/completions/sdcardctl", "share/fish/vendor_completions.d/sdcardctl.fish",
     "share/zsh/site-functions/_sdcardctl",
     "share/dbus-1/interfaces/tavo.SDCard1.xml", "share/dbus-1/interfaces/tavo.SDCardController1.xml",
-    "share/doc/sdcardd/examples/restrict-card-mount",
+    "share/doc/sdcardd/integrating.md", "share/doc/sdcardd/operating.md",
     "share/doc/sdcardd/examples/tavo-sdcard.trackconfig.console.xml",
     "share/doc/sdcardd/examples/tavo.SDCard1-group.conf.in",
     "share/man/man1/sdcardctl.1", "share/man/man5/tavo-sdcard.config.xml.5", "share/man/man8/sdcardd.8",
@@ -33,8 +33,8 @@ BUS_POLICIES = {"/usr": "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
                 "/usr/local": "/etc/dbus-1/system.d/tavo.SDCard1.conf",
                 "/opt/sdcardd": "/etc/dbus-1/system.d/tavo.SDCard1.conf"}
 PROGRAMS = {
-    "/usr/bin/sdcardctl", "/usr/sbin/sdcardd", "/usr/share/doc/sdcardd/examples/restrict-card-mount",
-    "/etc/init.d/sdcardd", "/lib/udev/tavo-sdcard-hotplug", "/opt/tavo/bin/tavo-create-sdcardFS.sh",
+    "/usr/bin/sdcardctl", "/usr/libexec/sdcardd/sdcardd-start", "/usr/sbin/sdcardd", "/etc/init.d/sdcardd", "/lib/udev/tavo-sdcard-hotplug",
+    "/opt/tavo/bin/tavo-create-sdcardFS.sh", "/opt/tavo/share/tavo-sdcard/preparing/00-restrict-card-mount",
 }
 
 
@@ -42,14 +42,15 @@ PROGRAMS = {
 def test_an_installation_has_these_files_programs_and_places(program, tmp_path, prefix):
     staged = stage(program, tmp_path, prefix)
     assert set(staged) == FIXED | {BUS_POLICIES[prefix]} | {f"{prefix}/{name}" for name in BELOW_PREFIX}
-    assert (tmp_path / "opt/tavo/share/tavo-sdcard/preparing").is_dir()
     programs = {place for place in staged if place.replace(prefix, "/usr", 1) in PROGRAMS}
     assert {place: path.stat().st_mode & 0o7777 for place, path in staged.items()} == {
         place: 0o755 if place in programs else 0o644 for place in staged}
-    unit, script = (staged[place].read_text() for place in ("/lib/systemd/system/sdcardd.service", "/etc/init.d/sdcardd"))
-    places = re.findall(r"^ExecStart=(\S+)", unit, re.M) + re.findall(r"^DAEMON=(\S+)$", script, re.M)
-    assert places == [f"{prefix}/sbin/sdcardd"] * 2
-    assert [line for line in (unit + script).splitlines() if re.search(r"@\w+@", line)] == []
+    starter = f"{prefix}/libexec/sdcardd/sdcardd-start"
+    configured = "".join(staged[place].read_text() for place in (
+        "/lib/systemd/system/sdcardd.service", "/etc/init.d/sdcardd", starter))
+    assert re.findall(r"^(?:ExecStart|DAEMON|CLIENT)=(\S+)", configured, re.M) == [
+        starter, f"{prefix}/sbin/sdcardd", f"{prefix}/sbin/sdcardd", f"{prefix}/bin/sdcardctl"]
+    assert [line for line in configured.splitlines() if re.search(r"@\w+@", line)] == []
 
 
 def test_an_installer_may_choose_a_group_a_place_for_the_policy_and_the_link_to_lsof(tmp_path):

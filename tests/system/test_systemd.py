@@ -6,7 +6,8 @@ import time
 import pytest
 
 from board import CARD_DEVICE, MOUNT_POINT, PARTITION_DEVICE, Card, State
-from board.names import E2FSCK
+from board.names import E2FSCK, MEDIA_CONFIGURATION
+from steps import use_shipped_tracking_configuration
 from systemd_system import SystemdSystem
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # the other has no systemd
@@ -19,8 +20,8 @@ HOLD_FILE = ("import signal, sys, time\n"
              "time.sleep(100000)\n")
 EXPOSURE_LIMIT = 5.0
 # Directives for running the service; all others take rights away.
-RUNNING = {"Type", "BusName", "EnvironmentFile", "ExecStart", "Restart", "RestartSec", "TimeoutStartSec",
-           "TimeoutStopSec", "KillMode"}
+RUNNING = {"Type", "BusName", "Environment", "EnvironmentFile", "ExecStart", "Restart", "RestartPreventExitStatus",
+           "RestartSec", "TimeoutStartSec", "TimeoutStopSec", "KillMode"}
 HARDENING = {
     "CapabilityBoundingSet": "CAP_SYS_ADMIN CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE CAP_DAC_READ_SEARCH "
                              "CAP_SYS_PTRACE CAP_KILL CAP_SETUID CAP_SETGID",
@@ -72,6 +73,7 @@ def test_the_service_starts_with_the_system_and_mounts_for_everyone(systemd_boar
         assert {"NoNewPrivs:\t1", "Seccomp:\t2"} <= set(system.run("cat", f"/proc/{pid}/status").stdout.splitlines())
         assert f"{PARTITION_DEVICE} {MOUNT_POINT} ext4 rw" in system.run(
             "systemd-run", "--quiet", "--wait", "--pipe", "cat", "/proc/mounts").stdout
+        assert {"nosuid", "nodev"} <= set(system.run("findmnt", "-no", "OPTIONS", MOUNT_POINT).stdout.strip().split(","))
         system.run("systemctl", "stop", UNIT)
         assert not is_mounted(system)
     assert card.is_clean()
@@ -111,6 +113,109 @@ def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_ca
         assert len(systemd_board.tool_calls("e2fsck")) == checks
         system.run("systemctl", "stop", UNIT)
         assert not is_mounted(system)
+
+
+def kill_bus(system):
+    system.run("systemctl", "kill", "--signal=SIGKILL", "dbus.service")
+    # The next program that uses the bus starts it.
+    system.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+               "org.freedesktop.DBus.ListNames")
+
+
+def restart_bus(system):
+    system.run("systemctl", "restart", "dbus.service")
+
+
+@pytest.mark.parametrize("interrupt", [kill_bus, restart_bus])
+def test_the_service_comes_back_after_the_bus(systemd_board, interrupt):
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        systemd_board.bus.close()
+        interrupt(system)
+        system.wait_for(lambda: system.show(UNIT, "NRestarts") != "0")
+        system.wait_for(lambda: system.show(UNIT, "ActiveState") == "active")
+        system.connect_to_bus()
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("systemctl", "stop", UNIT)
+        assert system.show(UNIT, "ActiveState") == "inactive"
+        assert not is_mounted(system)
+
+
+def test_a_refused_configuration_stops_the_restarts_at_once_and_shows_its_reason(systemd_board):
+    systemd_board.write_file(MEDIA_CONFIGURATION, '<sdcard>\n <dir size="10">a</dir>\n <dir size="x">b</dir>\n</sdcard>\n')
+    with SystemdSystem(systemd_board) as system:
+        system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+        assert (system.show(UNIT, "NRestarts"), system.show(UNIT, "ExecMainStatus")) == ("0", "78")
+
+        def status():
+            return system.run("systemctl", "status", "--full", UNIT, check=False).stdout
+        assert "status=78/CONFIG" in status()
+        system.wait_for(lambda: f"{MEDIA_CONFIGURATION}:3:" in status())
+
+
+def test_the_options_of_the_administrator_choose_the_configuration_that_is_checked(systemd_board):
+    systemd_board.write_file(MEDIA_CONFIGURATION, "<sdcard>")
+    systemd_board.write_file("/etc/tavo/other.xml", '<sdcard><dir size="10">other</dir></sdcard>')
+    systemd_board.write_file("/etc/default/tavo-sdcard", 'SDCARDD_OPTIONS="--config /etc/tavo/other.xml"\n')
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        assert system.run("test", "-d", f"{MOUNT_POINT}/other").returncode == 0
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_errors_reach_the_journal_with_their_level(systemd_board):
+    use_shipped_tracking_configuration(systemd_board)
+    systemd_board.insert(Card.unmountable())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.CORRUPTED, within=20)
+
+        def journal(*levels):
+            return system.run("journalctl", "--quiet", "--output=cat", f"--unit={UNIT}",
+                              f"--priority={'..'.join(levels)}").stdout
+        assert "Sdcard::corrupted: Corrupted SD Card detected\n" in journal("err", "err")
+        assert "SD Card is already present" not in journal("debug")
+        system.run("systemctl", "kill", "--signal=SIGKILL", UNIT)
+
+
+def report_removal(system):
+    """Runs what the udev rule runs when the card's partition has gone."""
+    system.run("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "DEVTYPE=partition",
+               "/usr/lib/udev/tavo-sdcard-hotplug")
+
+
+def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(systemd_board):
+    systemd_board.insert(Card.unmountable())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.CORRUPTED, within=20)
+        systemd_board.pull(announce=False)
+        report_removal(system)
+        system.wait_for(lambda: system.show(UNIT, "NRestarts") == "1")
+        systemd_board.expect_state(State.NO_CARD)
+        systemd_board.insert(Card.formatted())
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("systemctl", "stop", UNIT)
+
+
+def test_a_card_that_was_pulled_while_in_use_is_detached_before_the_next_is_announced(systemd_board):
+    systemd_board.insert(Card.formatted())
+    with SystemdSystem(systemd_board) as system:
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        hold_file_open(system)
+        systemd_board.pull()
+        systemd_board.expect_state(State.NO_CARD)
+        assert is_mounted(system)
+        card = Card.formatted()
+        systemd_board.insert(card, announce=False)
+        # udev's programs have a mount namespace of their own, and may not unmount.
+        system.run("systemd-run", "--quiet", "--wait", "--property=PrivateMounts=yes",
+                   "--property=SystemCallFilter=@system-service @module @raw-io bpf",
+                   "env", "ACTION=add", f"DEVNAME={PARTITION_DEVICE}", "/usr/lib/udev/tavo-sdcard-hotplug")
+        systemd_board.expect_state(State.MOUNTED, within=20)
+        system.run("sh", "-c", f"echo new >{MOUNT_POINT}/new")
+        system.run("systemctl", "stop", UNIT)
+    assert "new" in card.list_files()
 
 
 @pytest.mark.lasts(46)
