@@ -1,5 +1,7 @@
 #include "StorageCapacityWatcher.h"
 
+#include <utility>
+
 #include <QDir>
 #include <QFile>
 #include <QMutexLocker>
@@ -142,6 +144,13 @@ void StorageCapacityWatcher::abandonRuns()
     mRuns.cancelAll();
     for (WorkerThread* const thread : findChildren<WorkerThread*>()) {
         thread->wait(*mAbandonedUntil);
+    }
+}
+
+void StorageCapacityWatcher::resumeRuns()
+{
+    if (std::exchange(mAbandonedUntil, std::nullopt)) {
+        ensureDirSizeAllDone();
     }
 }
 

@@ -67,6 +67,8 @@ public:
     /// which could not be unmounted as long as they do. No other run starts before the next
     /// storageIsReady(). All calls until then wait at most 3 s together.
     void abandonRuns();
+    /// Takes the cycle of runs up again for a card that stays mounted after abandonRuns().
+    void resumeRuns();
     /// Enforces every limit while the card is mounted, until @p token is cancelled.
     void ensureDirSizeAll(CancellationToken token) const;
 

@@ -14,6 +14,7 @@
 
 #include "BusRegistration.h"
 #include "CardLights.h"
+#include "ForeignCard.h"
 #include "MemoryGauge.h"
 #include "MountedFileSystem.h"
 #include "ProgramRunner.h"
@@ -21,7 +22,6 @@
 #include "SdcardDefs.h"
 #include "StateMounting.h"
 #include "StatePreparing.h"
-#include "fdisk.h"
 
 namespace {
 
@@ -48,15 +48,13 @@ Sdcard::Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent)
     : QObject(parent), mConfig(config), mCapacityWatcher(config)
 {
     initTrack("sdcard");
+    mCapacityWatcher.setParent(this);
     TRACK_INFO(logger(), "Checking hardware...");
     checkHardware();
     registerBusObject(bus);
     setUpTimers();
     connect(&mMachine, &QStateMachine::started, this, &Sdcard::checkSDcardPresent);
-    const QByteArray failure = mTerminationSignals.setUp(&mMachine);
-    if (!failure.isEmpty()) {
-        TRACK_ERROR(logger(), failure);
-    }
+    registerSignalHandler();
     buildMachine();
     mMachine.start();
 }
@@ -82,18 +80,7 @@ void Sdcard::checkHardware()
         return;
     }
     TRACK_INFO(logger(), "SD Card is available but not initialized, check it...");
-    int linuxPartitions = 0;
-    int otherPartitions = 0;
-    if (FDisk::getNumberOfPartitions(logger(), mConfig.devicePath().toStdString(), linuxPartitions,
-                                     otherPartitions) != 0) {
-        return;
-    }
-    int code = SdcardDefs::kMmcFormatNotNeeded;
-    if (linuxPartitions != 1 || otherPartitions != 0) {
-        TRACK_INFO(logger(), "New SD Card detected");
-        code = ProgramRunner::run(logger(), SdcardDefs::kMmcFormatCmd, {}, true,
-                                  SdcardDefs::kMmcFormatTimeoutMs);
-    }
+    const int code = formatForeignCard(TRACK_HERE, logger(), mConfig.devicePath());
     if (code == SdcardDefs::kMmcFormatNotNeeded) {
         TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
     } else if (code == SdcardDefs::kMmcFormatCreated) {
@@ -122,6 +109,14 @@ void Sdcard::lookForCardAnew()
     const bool isKnown = mService->state() != static_cast<int>(State::NoCard);
     if (QFile::exists(mConfig.devicePath()) != isKnown) {
         isKnown ? Q_EMIT REMOVE_DEVICE() : Q_EMIT ADD_DEVICE();
+    }
+}
+
+void Sdcard::registerSignalHandler()
+{
+    const QByteArray failure = mTerminationSignals.setUp(&mMachine);
+    if (!failure.isEmpty()) {
+        TRACK_ERROR(logger(), failure);
     }
 }
 
@@ -322,13 +317,15 @@ void Sdcard::cardRemovedTriggered()
     }
     mStateTimer.stop();
     mService->setTransition(Transition::CardRemoved);
-    mCapacityWatcher.abandonRuns();
     const QString& mountPoint = mConfig.mountPoint();
     if (mountStateOf(mountPoint) == MountState::ReadWrite) {
         TRACK_INFO(logger(), "Force unmount device (if not already)");
+        mCapacityWatcher.abandonRuns();
         umountDevice(mountPoint, true);
     }
-    if (!MountedFileSystem(mountPoint).isMounted()) {
+    if (MountedFileSystem(mountPoint).isMounted()) {
+        mCapacityWatcher.resumeRuns();
+    } else {
         // Its limits are not those of the next card.
         mCapacityWatcher.storageIsUnmounted();
     }

@@ -131,6 +131,7 @@ private:
     void checkHardware();
     void registerBusObject(QDBusConnection& bus);
     void lookForCardAnew();
+    void registerSignalHandler();
     void setUpTimers();
     void buildMachine();
     void connectTriggers();

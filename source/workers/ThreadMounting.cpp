@@ -10,12 +10,12 @@
 #include <tavoutil/SystemError.h>
 #include <tavoutil/TrackLog.h>
 
+#include "ForeignCard.h"
 #include "MountTable.h"
 #include "MountedFileSystem.h"
 #include "ProgramRunner.h"
 #include "SdcardDefs.h"
 #include "UnpreparedMark.h"
-#include "fdisk.h"
 
 namespace {
 
@@ -130,20 +130,11 @@ void ThreadMounting::run()
 
 std::optional<int> ThreadMounting::ensureLinuxPartition(const QString& device)
 {
-    int linuxPartitions = 0;
-    int otherPartitions = 0;
-    int code = FDisk::getNumberOfPartitions(logger(), device.toStdString(), linuxPartitions,
-                                            otherPartitions);
-    const bool expected = linuxPartitions == 1 && otherPartitions == 0;
-    if (code == 0 && !expected) {
-        TRACK_INFO(logger(), "New SD Card detected");
-        code = ProgramRunner::run(logger(), SdcardDefs::kMmcFormatCmd, {}, true,
-                                  SdcardDefs::kMmcFormatTimeoutMs);
-    }
+    const int code = formatForeignCard(TRACK_HERE, logger(), device);
     if (isStopRequested()) {
         return std::nullopt;
     }
-    if (code == 0) {
+    if (code == SdcardDefs::kMmcFormatNotNeeded) {
         TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
     }
     return code;

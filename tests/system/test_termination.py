@@ -145,7 +145,8 @@ def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
     expect_40_seconds_of_closing(board)
     board.expect_service_end(0, within=10)
     assert held.wait() == -signal.SIGKILL
-    board.expect_record("WARN", "sdcard", "System is rebooting -> shutdown processes (!)", source="sdcard")
+    board.expect_record("WARN", "sdcard", "System is rebooting -> shutdown processes (!)", source="sdcard",
+                        function="Sdcard::forced_unmounting")
     assert not any("Shutdown softly" in message for message in messages(board))
     # The service does not wait for the killed program: the unmount may come too early.
     if "SD Card is successfully unmounted" in messages(board):
@@ -176,7 +177,7 @@ def test_a_program_that_is_gone_before_the_signal_is_logged(board, run_level, re
     board.set_runlevel(run_level)
     board.replace_tool(LSOF, "[ ! -e /run/board/asked ] || echo 4194305\n: >/run/board/asked")
     assert board.stop_service(within=15) == 0
-    board.expect_record("ERROR", "sdcard", record, source="sdcard")
+    board.expect_record("ERROR", "sdcard", record, source="sdcard", function="Sdcard::forced_unmounting")
     assert messages(board, "ERROR").count("Umount failed: error code 'Device or resource busy'") == 2
 
 

@@ -21,13 +21,13 @@
 ///
 /// The message is built only where the level is enabled; an ERROR or FATAL call is counted in any
 /// case.
-#define TRACK_INFO(logger, message) TRACK_RECORD_(logger, Info, message, TRACK_HERE_)
-#define TRACK_WARN(logger, message) TRACK_RECORD_(logger, Warn, message, TRACK_HERE_)
-#define TRACK_ERROR(logger, message) TRACK_ERROR_FROM(TRACK_HERE_, logger, message)
+#define TRACK_INFO(logger, message) TRACK_RECORD_(logger, Info, message, TRACK_HERE)
+#define TRACK_WARN(logger, message) TRACK_RECORD_(logger, Warn, message, TRACK_HERE)
+#define TRACK_ERROR(logger, message) TRACK_ERROR_FROM(TRACK_HERE, logger, message)
 #define TRACK_FATAL(logger, message)                                                               \
     do {                                                                                           \
         ++TrackObject::sFatalCounter;                                                              \
-        TRACK_RECORD_(logger, Fatal, message, TRACK_HERE_);                                        \
+        TRACK_RECORD_(logger, Fatal, message, TRACK_HERE);                                         \
     } while (false)
 
 /// The same on behalf of another function, for a helper that does a published function's work.
@@ -40,7 +40,8 @@
         TRACK_RECORD_(logger, Error, message, origin);                                             \
     } while (false)
 
-#define TRACK_HERE_                                                                                \
+/// The origin of a record in the calling function.
+#define TRACK_HERE                                                                                 \
     (tavoutil::RecordOrigin{kTrackSource, static_cast<const char*>(__PRETTY_FUNCTION__)})
 
 #define TRACK_RECORD_(logger, level, message, origin)                                              \
