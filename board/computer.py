@@ -11,8 +11,8 @@ from collections.abc import Callable
 from pathlib import Path
 
 from . import tools
-from .names import (BOARD_DIRECTORY, ENVIRONMENT, MEDIA_CONFIGURATION, MOUNT_POINT, RUN_LEVEL_FILE, SYSTEM_LOG,
-                    TOOL_CALLS_FILE, TRACKING_CONFIGURATION)
+from .names import (BOARD_DIRECTORY, ENVIRONMENT, MEDIA_CONFIGURATION, MOUNT_POINT, MOUNT_RESTRICTION, RUN_LEVEL_FILE,
+                    SYSTEM_LOG, TOOL_CALLS_FILE, TRACKING_CONFIGURATION)
 from .process import Process
 
 RUN_SECONDS = 60
@@ -149,6 +149,8 @@ class Computer(ABC):
     def _install_product(self, package: str | os.PathLike, media_config: str | None, track_config: str | None) -> None:
         self.install_package(package)
         self.remove_file(TRACKING_CONFIGURATION)
+        # Every mount would differ from one on a board without the package.
+        self.remove_file(MOUNT_RESTRICTION)
         if track_config is not None:
             self.write_file(TRACKING_CONFIGURATION, track_config)
         if media_config is not None:

@@ -1,7 +1,7 @@
 """Steps that many system tests share."""
 
 from board import Board, Card, LedPattern, State
-from board.names import BOARD_DIRECTORY, TRACKING_CONFIGURATION
+from board.names import BOARD_DIRECTORY, MOUNT_RESTRICTION, TRACKING_CONFIGURATION
 
 # The records of every start without a card.
 START_RECORDS = ["Configuration successfully parsed", "Checking hardware..."]
@@ -19,10 +19,10 @@ def go_on(board: Board) -> None:
     board.write_file(_GO_ON, "")
 
 
-def use_shipped_tracking_configuration(board: Board) -> None:
-    """Replaces the board's tracking configuration by the package's."""
-    board.run("sh", "-c", 'dpkg-deb --fsys-tarfile "$1" | tar -xf - -C / ".$2"', "sh",
-              f"{BOARD_DIRECTORY}/package.deb", TRACKING_CONFIGURATION, check=True)
+def use_shipped_files(board: Board) -> None:
+    """Brings the package's tracking configuration and restriction of the mount, which boards do not have."""
+    board.run("sh", "-c", 'dpkg-deb --fsys-tarfile "$1" | tar -xf - -C / ".$2" ".$3"', "sh",
+              f"{BOARD_DIRECTORY}/package.deb", TRACKING_CONFIGURATION, MOUNT_RESTRICTION, check=True)
 
 
 def start_with_mounted_card(board: Board, card: Card | None = None) -> Card:

@@ -8,7 +8,7 @@ import pytest
 
 from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_DEVICE, Card, State
 from board.names import E2FSCK, MEDIA_CONFIGURATION, SERVICE_PROGRAM
-from steps import HOLD, go_on, use_shipped_tracking_configuration
+from steps import HOLD, go_on, use_shipped_files
 
 pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
 INIT_SCRIPT = "/etc/init.d/sdcardd"
@@ -113,7 +113,7 @@ def test_there_is_a_manual_page(board, page):
 
 
 def test_the_shipped_configurations_work_together(board):
-    use_shipped_tracking_configuration(board)
+    use_shipped_files(board)
     board.insert(Card.formatted())
     start(board)
     board.expect_state(State.MOUNTED, within=20)
@@ -124,7 +124,7 @@ def test_the_shipped_configurations_work_together(board):
 
 
 def test_a_rotated_log_goes_on(board):
-    use_shipped_tracking_configuration(board)
+    use_shipped_files(board)
     start(board)
     board.run("logrotate", "--force", "/etc/logrotate.d/sdcardd", check=True)
     assert "Configuration successfully parsed" in board.read_file(LOG + ".1")
@@ -284,7 +284,7 @@ def test_a_stop_unmounts_the_card_and_nothing_else(board):
 
 
 def test_only_root_can_change_what_is_installed(board):
-    use_shipped_tracking_configuration(board)
+    use_shipped_files(board)
     start(board)
     listing = board.run("dpkg", "--listfiles", "sdcardd", check=True).stdout.split()
     paths = [*listing[1:], LOG, "/run/sdcardd.pid", "/run/sdcardd.messages"]
