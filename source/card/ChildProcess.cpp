@@ -33,7 +33,8 @@ ChildProcess::End ChildProcess::waitForEnd(int timeoutMs)
             return End::Finished;
         }
         if (isAbandoned()) {
-            kill();
+            // With what the program has started itself, which may hold the card.
+            ::kill(-static_cast<pid_t>(processId()), SIGKILL);
             waitForFinished();
             return End::Abandoned;
         }
@@ -58,6 +59,7 @@ void ChildProcess::setupChildProcess()
     // In the child, between fork and exec. The signal comes when the thread that waits for the
     // program ends, and that ends before the program only together with the service.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::setpgid(0, 0);
     if (::getppid() != mServiceId) {
         // The service has ended already.
         ::_exit(EXIT_FAILURE);

@@ -15,6 +15,7 @@
 #include <sys/sysmacros.h>
 
 #include "SdcardDefs.h"
+#include "UnpreparedMark.h"
 
 namespace {
 
@@ -87,7 +88,11 @@ int unmount(const QString& path)
     do {
         result = ::umount2(target.constData(), 0);
     } while (result != 0 && errno == EINTR);
-    return result == 0 ? 0 : errno;
+    if (result != 0) {
+        return errno;
+    }
+    UnpreparedMark::clear();
+    return 0;
 }
 
 bool removeMountPoint(const QString& path)

@@ -35,7 +35,8 @@ private:
     QByteArray mMountPoint;
 };
 
-/// Unmounts what is mounted on @p path, without force. Tries again as long as a signal interrupts.
+/// Unmounts what is mounted on @p path, without force, and clears the card's UnpreparedMark. Tries
+/// again as long as a signal interrupts.
 /// @return 0 or the error number
 int unmount(const QString& path);
 

@@ -48,7 +48,6 @@ Sdcard::Sdcard(QDBusConnection& bus, ConfigHandler& config, QObject* parent)
     : QObject(parent), mConfig(config), mCapacityWatcher(config)
 {
     initTrack("sdcard");
-    mCapacityWatcher.setParent(this);
     TRACK_INFO(logger(), "Checking hardware...");
     checkHardware();
     registerBusObject(bus);

@@ -73,7 +73,11 @@ void Relocation::moveDatabase() const
             return;
         }
         const std::string what = std::string(item.description) + " into new location";
-        if (ChildProcess::execute(kMoveCmd, {source, target}) == 0) {
+        const bool isMoved = ChildProcess::execute(kMoveCmd, {source, target}) == 0;
+        if (ChildProcess::isAbandoned()) {
+            return;
+        }
+        if (isMoved) {
             TRACK_INFO_FROM(kDatabaseJob, mLogger, "Succesffully moved " + what);
         } else {
             TRACK_ERROR_FROM(kDatabaseJob, mLogger, "Failed to moved " + what);
@@ -99,7 +103,11 @@ void Relocation::moveCsvFiles() const
         return;
     }
     TRACK_INFO_FROM(kCsvJob, mLogger, "move File From " + doubledDir + " to " + newDir);
-    if (!runInShell(kMoveCmd + " " + doubledDir + "/*/* " + newDir)) {
+    const bool isMoved = runInShell(kMoveCmd + " " + doubledDir + "/*/* " + newDir);
+    if (ChildProcess::isAbandoned()) {
+        return;
+    }
+    if (!isMoved) {
         TRACK_ERROR_FROM(kCsvJob, mLogger, "Failed moveing csv files into new location");
         return;
     }
@@ -147,7 +155,11 @@ void Relocation::removeDoubledCsvTree(const QString& doubledDir, const QString& 
         return;
     }
     TRACK_INFO_FROM(kCsvJob, mLogger, "Delete old Folder: " + topDir);
-    if (runInShell(kRemoveTreeCmd + " " + topDir)) {
+    const bool isRemoved = runInShell(kRemoveTreeCmd + " " + topDir);
+    if (ChildProcess::isAbandoned()) {
+        return;
+    }
+    if (isRemoved) {
         TRACK_INFO_FROM(kCsvJob, mLogger, "Succesffully removed old csv directory");
     } else {
         TRACK_ERROR_FROM(kCsvJob, mLogger, "Failed removeing old csv directory");

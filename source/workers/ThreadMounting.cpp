@@ -95,19 +95,21 @@ void ThreadMounting::run()
     }
     emitOnState([](StateMounting& state) { Q_EMIT state.mountingStateActive(); });
 
-    const std::optional<int> code = ensureLinuxPartition(device);
-    if (!code) {
+    const int code = formatForeignCard(TRACK_HERE, logger(), device);
+    if (isStopRequested()) {
         return;
     }
-    if (*code == SdcardDefs::kMmcFormatCreated) {
+    if (code == SdcardDefs::kMmcFormatNotNeeded) {
+        TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
+    } else if (code == SdcardDefs::kMmcFormatCreated) {
         emitOnState([birth = QDateTime::currentDateTime()](StateMounting& state) {
             Q_EMIT state.newFsBirthDate(birth);
         });
         TRACK_INFO(logger(), "SD Card Linux Ext4 format was new initialized");
-    } else if (*code != 0) {
+    } else {
         // An unreadable partition table ends here too, with its own code.
         TRACK_ERROR(logger(),
-                    "SD Card MMC formatting failed (exit code: " + QByteArray::number(*code) + ")");
+                    "SD Card MMC formatting failed (exit code: " + QByteArray::number(code) + ")");
         Q_EMIT setTransitionChangeSignal(StateMounting::MountFailed);
         return;
     }
@@ -126,18 +128,6 @@ void ThreadMounting::run()
         Q_EMIT setTransitionChangeSignal(corrupt ? StateMounting::MountCorupt
                                                  : StateMounting::MountFailed);
     }
-}
-
-std::optional<int> ThreadMounting::ensureLinuxPartition(const QString& device)
-{
-    const int code = formatForeignCard(TRACK_HERE, logger(), device);
-    if (isStopRequested()) {
-        return std::nullopt;
-    }
-    if (code == SdcardDefs::kMmcFormatNotNeeded) {
-        TRACK_INFO(logger(), "SD Card Linux Ext4 format is ok");
-    }
-    return code;
 }
 
 bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoint,
@@ -175,8 +165,9 @@ bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoin
     if (!mounted) {
         const QByteArray why = tavoutil::systemErrorText(errno);
         TRACK_ERROR(logger(), "Mount failed: " + why);
-        UnpreparedMark::clear();
-        removeMountPoint(mountPoint);
+        if (removeMountPoint(mountPoint)) {
+            UnpreparedMark::clear();
+        }
     } else if (before == MountState::NotMounted && isStopRequested()) {
         unmountAgain(mountPoint);
         return false;
@@ -186,9 +177,10 @@ bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoin
 
 void ThreadMounting::unmountAgain(const QString& mountPoint) const
 {
-    if (::umount2(mountPoint.toUtf8().constData(), 0) != 0 && errno != EINVAL) {
-        const QByteArray why = tavoutil::systemErrorText(errno);
-        TRACK_WARN(logger(), "Cannot unmount the card that was mounted too late: " + why);
+    const int error = unmount(mountPoint);
+    if (error != 0 && error != EINVAL) {
+        TRACK_WARN(logger(), "Cannot unmount the card that was mounted too late: " +
+                                 tavoutil::systemErrorText(error));
         return;
     }
     UnpreparedMark::clear();
@@ -199,7 +191,7 @@ ThreadMounting::SDcardState ThreadMounting::checkAndRepairFS(const QString& devi
 {
     const int quickResult = ProgramRunner::run(logger(), kCheckCmd, {QStringLiteral("-p"), device},
                                                false, kQuickCheckTimeoutMs);
-    if (quickResult <= ErrorsCorrected) {
+    if (quickResult <= ErrorsCorrected || isInterruptionRequested()) {
         return static_cast<SDcardState>(quickResult);
     }
     TRACK_INFO(logger(), "Run deeply file system check");
@@ -207,6 +199,8 @@ ThreadMounting::SDcardState ThreadMounting::checkAndRepairFS(const QString& devi
                                     QStringLiteral("-v"), QStringLiteral("-c"), device};
     const int deepResult =
         ProgramRunner::run(logger(), kCheckCmd, deepArguments, true, kDeepCheckTimeoutMs);
-    TRACK_INFO(logger(), "Pass2 check result: " + QByteArray::number(deepResult));
+    if (!isInterruptionRequested()) {
+        TRACK_INFO(logger(), "Pass2 check result: " + QByteArray::number(deepResult));
+    }
     return static_cast<SDcardState>(deepResult);
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 
 #include <QString>
 
@@ -56,10 +55,6 @@ protected:
     void run() override;
 
 private:
-    /// Sees to it that the card carries one Linux partition.
-    /// @return 0 where it does, 99 where it has been formatted now, otherwise the code of the
-    /// failure; nothing after a stop request
-    std::optional<int> ensureLinuxPartition(const QString& device);
     /// For a card that has been mounted while the state was left. Where that fails, its mark makes
     /// the next run prepare it.
     void unmountAgain(const QString& mountPoint) const;

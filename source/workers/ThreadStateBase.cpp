@@ -32,6 +32,10 @@ ThreadStateBase::ThreadStateBase(QObject* parent) : QThread(parent)
 ThreadStateBase::~ThreadStateBase()
 {
     terminateIfRunning();
+    if (!isRunning()) {
+        // The thread may still be emitting finished(), which uses this object.
+        wait();
+    }
 }
 
 void ThreadStateBase::setupTrackAndThreadName(TrackObject& track)
@@ -64,6 +68,10 @@ void ThreadStateBase::begin(QThread::Priority priority)
     mEndDeadline.reset();
     ++mRunsBegun;
     QThread::start(priority);
+    if (!isRunning() && !isFinished()) {
+        // No thread could be created: the end of this run will never be delivered.
+        --mRunsBegun;
+    }
 }
 
 void ThreadStateBase::requestStop()

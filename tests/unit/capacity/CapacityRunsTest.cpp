@@ -75,6 +75,7 @@ private Q_SLOTS:
     void runs_that_do_not_end_are_waited_for_3_seconds_in_all();
     void the_wait_ends_with_the_run();
     void no_run_starts_between_an_abandonment_and_the_next_card();
+    void the_cycle_goes_on_for_a_card_that_stays_mounted();
     void a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied();
     void a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record();
     void nothing_is_open_while_the_last_records_are_written();
@@ -214,6 +215,20 @@ void CapacityRunsTest::no_run_starts_between_an_abandonment_and_the_next_card()
     QCOMPARE(runs.runs(), 1);
     QVERIFY(runs.waitForEnd());
     QVERIFY(runs.timer().isActive());
+}
+
+void CapacityRunsTest::the_cycle_goes_on_for_a_card_that_stays_mounted()
+{
+    const LogCapture log;
+    WatchedRuns runs;
+    runs.watcher().storageIsReady();
+    QVERIFY(runs.waitForEnd());
+    runs.watcher().abandonRuns();
+    runs.watcher().resumeRuns();
+    QVERIFY(runs.timer().isActive());
+    runs.watcher().startEnsureDirSizeAllAsThread();
+    QCOMPARE(runs.runs(), 1);
+    QVERIFY(runs.waitForEnd());
 }
 
 void CapacityRunsTest::a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied()
