@@ -120,6 +120,17 @@ def test_a_card_pulled_during_a_run_is_gone_and_comes_back(run):
     run.expect_end()
 
 
+@pytest.mark.leaves_card_mounted
+def test_runs_go_on_for_a_card_that_a_removal_leaves_mounted(run):
+    held = run.board.hold_file_open()
+    run.board.bus.announce_removal()
+    run.board.expect_state(State.NO_CARD)
+    assert run.board.mounts() != []
+    run.tracer.stop()
+    run.expect_end()
+    held.stop()
+
+
 @pytest.mark.parametrize("run_level", [5, 6])
 def test_a_signal_during_a_run_ends_the_service_with_a_clean_card(run, run_level):
     run.board.set_runlevel(run_level)
