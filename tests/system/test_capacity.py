@@ -50,7 +50,7 @@ def watcher_messages(board, level):
     return messages(board, level, WATCHER)
 
 
-def test_the_oldest_files_go_until_the_rest_is_below_the_limit(board, contents):
+def test_the_oldest_files_are_removed_until_the_rest_is_below_the_limit(board, contents):
     write_in_turn(contents, "watched", *[MIB] * 9)
     limit = limit_of(contents, PERCENT)
     before = contents.entries("watched")
@@ -93,7 +93,7 @@ def test_directories_count_with_their_own_size(board, contents):
     assert len(contents.names("watched")) == 21
 
 
-def test_directories_left_empty_go_with_their_empty_parents(board, contents):
+def test_emptied_directories_are_removed_with_their_empty_parents(board, contents):
     contents.change(("write", "watched/a/b/c/old", 7 * MIB), ("write", "watched/a/beside", 1),
                     ("write", "watched/d/e/old", 7 * MIB), ("mkdir", "watched/empty-before"), PAUSE,
                     ("write", "watched/d/new", 1), ("chmod", "watched/a/beside", 0o600))
@@ -184,7 +184,7 @@ def test_a_card_is_brought_within_its_limits_as_soon_as_it_is_mounted(board, tmp
     assert watcher_messages(board, "WARN") == []
 
 
-def test_runs_follow_each_other_in_the_interval_of_the_file(board):
+def test_runs_repeat_at_the_interval_in_the_file(board):
     board.write_file(INTERVAL_FILE, "\t 1500 \n\n")
     start_with_watched_card(board)
     board.expect_record("INFO", WATCHER, "Use special Storage Capacity Watcher interval of 1500 ms",

@@ -21,7 +21,7 @@ def published(board):
     return State(properties["State"]), Transition(properties["Transition"]), properties["IsMounted"]
 
 
-def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
+def test_a_new_card_is_formatted_mounted_and_ejected_clean(board):
     # A new partition causes events, which the hot-plug rule would report.
     with board.unannounced():
         board.replace_tool(E2FSCK, HELD_PROGRAM)
@@ -157,7 +157,7 @@ def test_a_card_taken_out_within_a_second_is_never_mounted(board):
     assert signal_names(board) == ["MemStateChanged", "CardInserted", "CardRemoved"]
 
 
-def test_each_insertion_starts_the_delay_of_a_second_anew(board):
+def test_each_insertion_restarts_the_delay_of_one_second(board):
     board.start_service()
     board.insert(Card.formatted(), announce=False)
     for _ in range(12):

@@ -60,7 +60,7 @@ def test_a_command_gives_the_output_that_a_document_shows(board, document):
         assert without_numbers(result.stdout) == without_numbers(output), command
 
 
-def test_the_example_service_writes_while_the_card_is_mounted_and_lets_it_go(board):
+def test_the_example_service_writes_while_the_card_is_mounted_and_releases_it(board):
     script, = blocks(INTEGRATING, "sh")
     board.write_file("/usr/local/bin/keep-times", script, 0o755)
     service = board.start("/usr/local/bin/keep-times")

@@ -213,7 +213,7 @@ def test_without_a_signal_handler_the_service_does_not_start(board, preload):
     ("QDBusConnection::registerService", False),
     (f"{LED_DIRECTORY}/mmc-green/brightness", True),
 ], ids=["udev logger", "named configuration", "configuration", "bus", "controller", "event loop"])
-def test_an_exception_ends_the_service_with_a_record_before_its_objects_go(board, preload, call, had_controller):
+def test_an_exception_is_logged_before_the_objects_are_destroyed(board, preload, call, had_controller):
     board.write_file(LONG_NAME, board.read_file(MEDIA_CONFIGURATION))
     service = board.start_service("--config", LONG_NAME, environment=preload(THROW_AND_WITNESS, THROW_AT=call))
     assert service.wait() == 1
@@ -224,14 +224,14 @@ def test_an_exception_ends_the_service_with_a_record_before_its_objects_go(board
     assert witnessed(board) == ([(what, fatal) for what in GIVEN_BACK] if had_controller else [])
 
 
-def test_everything_is_given_back_before_the_last_record(board, preload):
+def test_everything_is_released_before_the_last_record(board, preload):
     board.start_service(environment=preload(THROW_AND_WITNESS))
     assert board.stop_service() == 0
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
     assert witnessed(board) == [(what, len(board.records) - 1) for what in GIVEN_BACK]
 
 
-def test_a_controller_without_its_bus_name_goes_after_the_record_of_the_failure(board, preload):
+def test_a_controller_without_its_bus_name_is_destroyed_after_the_record_of_the_failure(board, preload):
     board.remove_file(BUS_POLICY)
     board.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
               "org.freedesktop.DBus.ReloadConfig", check=True)

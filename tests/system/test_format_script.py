@@ -156,7 +156,7 @@ def test_neither_of_two_ext4_file_systems_is_lost(bare_board):
     assert card.read(0, card.size) == before
 
 
-def test_what_is_left_of_ext4_below_another_file_system_does_not_stay(bare_board):
+def test_remains_of_ext4_below_another_file_system_are_not_kept(bare_board):
     card = Card.formatted()
     card.partition("c", first_sector=8192)
     card.make_fat(1)

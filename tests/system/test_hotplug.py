@@ -143,7 +143,7 @@ def test_the_card_is_the_one_that_the_settings_name(hotplug):
 
 
 @pytest.mark.parametrize("swaps", [1, 4])
-def test_a_burst_of_events_ends_as_the_slot_does(hotplug, swaps):
+def test_a_burst_of_events_ends_with_the_state_of_the_slot(hotplug, swaps):
     hotplug.start_service()
     number = put_in(hotplug, Card.formatted())
     for _ in range(swaps):
@@ -256,7 +256,7 @@ def test_a_service_is_restarted_when_its_check_fails_at_the_moment_of_the_remova
     hotplug.stop_service(signal.SIGKILL)
 
 
-def test_a_corrupted_service_stays_when_the_installer_wants_so(hotplug):
+def test_a_corrupted_service_is_not_restarted_if_so_configured(hotplug):
     number = corrupt(hotplug)
     write_settings(hotplug)
     take_out(hotplug, number)
@@ -284,13 +284,13 @@ def no_bus(board):
 
 
 @pytest.mark.parametrize("fault", [no_service, no_bus])
-def test_udev_goes_on_without_the_service_or_the_bus(hotplug, fault):
+def test_udev_continues_without_the_service_or_the_bus(hotplug, fault):
     fault(hotplug)
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
     assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
 
 
-def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
+def test_udev_continues_when_the_service_does_not_answer(hotplug):
     # A helper that waits for an answer would wait this long.
     write_settings(hotplug, "BUS_SECONDS=60")
     service = hotplug.start_service()
@@ -302,7 +302,7 @@ def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
     assert announcements(hotplug) == ["CardRemoved", "CardInserted"]
 
 
-def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
+def test_udev_continues_when_the_bus_does_not_answer(hotplug):
     hotplug.replace_tool("/usr/bin/dbus-send", "sleep 600")
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + BUS_SECONDS
 
@@ -421,7 +421,7 @@ def format_now(board: Board) -> None:
 
 @pytest.mark.parametrize("make", [Card.as_bought, Card.formatted, Card.two_partitions, Card.unmountable,
                                   Card.with_empty_table, bare_file_system, swap_space, gpt_without_partitions])
-def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
+def test_a_card_with_any_signature_is_left_alone(bare_hotplug, make):
     card = make()
     before = card.read(0, card.size)
     bare_hotplug.insert(card)
@@ -430,7 +430,7 @@ def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
     assert bare_hotplug.system_log == []
 
 
-def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
+def test_a_blank_card_is_left_alone_if_so_configured(hotplug):
     write_settings(hotplug, "FORMAT_BLANK_CARDS=no")
     hotplug.replace_tool("/usr/bin/setsid")
     hotplug.insert(Card.blank(), announce=False)
@@ -452,7 +452,7 @@ def test_a_card_that_looks_blank_since_its_table_was_lost_keeps_its_file_system(
     assert card.read(2048 * 512, card.size - 2048 * 512) == file_system
 
 
-def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):
+def test_a_card_that_cannot_be_read_does_not_count_as_blank(bare_hotplug):
     bare_hotplug.replace_tool(MAKE_FILE_SYSTEM)
     bare_hotplug.replace_tool("/usr/bin/dd", "echo 'dd: Input/output error' >&2; exit 1")
     bare_hotplug.insert(Card.blank())

@@ -182,7 +182,7 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
     assert init(board, "stop").returncode == 0
 
 
-def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(board):
+def test_a_removed_corrupted_card_restarts_the_service(board):
     board.insert(Card.unmountable())
     start(board)
     board.expect_state(State.CORRUPTED, within=20)

@@ -86,7 +86,7 @@ def test_a_purged_package_leaves_no_file_and_no_service(board):
 
 
 @pytest.mark.emulated  # the other board has no udev
-def test_the_installed_rule_announces_the_card_and_has_a_blank_one_formatted(make_board):
+def test_the_installed_rule_announces_the_card_and_formats_a_blank_one(make_board):
     board = make_board(format_blank_cards=True)
     start(board)
     card = Card.blank()

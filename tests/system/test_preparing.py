@@ -131,7 +131,7 @@ def test_csv_files_that_cannot_be_moved_stay(board, tmp_path):
         ("ERROR", "Failed moveing csv files into new location")]
 
 
-def test_a_doubled_path_that_still_holds_files_is_not_removed(board, tmp_path):
+def test_a_doubled_path_that_still_contains_files_is_not_removed(board, tmp_path):
     write(tmp_path, {f"{DOUBLED}/2023/a.csv": "a", f"{DOUBLED}/2024/b.csv": "b"})
     board.replace_tool("/usr/bin/mv", "exit 0")
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
@@ -238,7 +238,7 @@ def test_a_process_that_a_script_leaves_running_does_not_block_the_service(board
     board.run("pkill", "-x", "sleep", check=True)
 
 
-def test_a_move_that_hangs_keeps_the_card_busy_until_it_ends(board, tmp_path):
+def test_a_blocked_move_keeps_the_card_busy_until_it_ends(board, tmp_path):
     write(tmp_path, {"PindleLogger.db": "database"})
     board.replace_tool("/usr/bin/mv", HELD_PROGRAM)
     board.insert(Card.formatted(content=tmp_path))

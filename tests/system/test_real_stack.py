@@ -40,7 +40,7 @@ def lasting(seen):
     return [later - earlier for earlier, later in zip(moments, moments[1:])]
 
 
-def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board):
+def test_the_kernels_events_alone_drive_a_new_cards_life(board):
     board.start_service()
     monitor = board.start("udevadm", "monitor", "--kernel", "--subsystem-match=block")
     board.expect("the monitor", lambda: "KERNEL" in monitor.output)

@@ -185,7 +185,7 @@ def report_removal(system):
                "/usr/lib/udev/tavo-sdcard-hotplug")
 
 
-def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(systemd_board):
+def test_a_removed_corrupted_card_restarts_the_service(systemd_board):
     systemd_board.insert(Card.unmountable())
     with SystemdSystem(systemd_board) as system:
         systemd_board.expect_state(State.CORRUPTED, within=20)
@@ -233,7 +233,7 @@ def test_the_time_to_stop_covers_all_waits(systemd_board):
         systemd_board.expect_record("ERROR", "sdcard", "Umount failed: error code 'Device or resource busy'")
 
 
-def test_a_shutdown_ends_with_a_clean_card_though_a_program_holds_a_file(systemd_board):
+def test_a_shutdown_leaves_a_clean_card_despite_an_open_file(systemd_board):
     card = Card.formatted()
     systemd_board.insert(card)
     with SystemdSystem(systemd_board) as system:

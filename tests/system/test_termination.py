@@ -138,7 +138,7 @@ def test_a_program_that_ignores_the_request_keeps_the_card_mounted_when_the_serv
 
 @pytest.mark.lasts(48)
 @pytest.mark.leaves_card_mounted
-def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
+def test_a_program_that_keeps_its_file_open_is_killed_at_a_reboot(board):
     card = start_with_mounted_card(board)
     held = board.hold_file_open(ignore_sigterm=True)
     board.set_runlevel(6)
@@ -258,7 +258,7 @@ def processor_seconds(board):
 
 
 @pytest.mark.parametrize("start", [with_a_corrupted_card, during_a_check])
-def test_a_request_that_waits_costs_no_processor_time(board, start):
+def test_a_pending_request_uses_no_processor_time(board, start):
     start(board)
     board.service.send_signal(signal.SIGTERM)
     time.sleep(0.5)

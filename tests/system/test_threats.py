@@ -160,7 +160,7 @@ def setuid_card(content):
 
 
 @pytest.mark.parametrize("setting, user", [("", "65534\n"), ("CARD_NOEXEC=yes", ""), ("RESTRICT_CARD_MOUNT=no", "0\n")])
-def test_a_set_user_id_program_on_the_card_has_no_effect_unless_the_administrator_wants_so(
+def test_a_set_user_id_program_on_the_card_has_no_effect_by_default(
         shipped, content, setting, user):
     restrict_mounts(shipped, setting)
     (content / "id").write_bytes(shipped.run("cat", "/usr/bin/id", check=True, as_bytes=True).stdout)
@@ -183,7 +183,7 @@ def test_a_restricted_mount_differs_only_in_its_restrictions(shipped):
 
 
 @pytest.mark.parametrize("setting, reaction", [("", "errors=remount-ro"), ("RESTRICT_CARD_MOUNT=no", "errors=panic")])
-def test_a_card_that_asks_for_a_panic_is_not_obeyed_unless_the_administrator_wants_so(shipped, setting, reaction):
+def test_a_card_that_requests_a_panic_is_ignored_by_default(shipped, setting, reaction):
     restrict_mounts(shipped, setting)
     card = Card.formatted()
     card.edit_ext4("set_super_value errors 3")
@@ -197,7 +197,7 @@ def test_a_card_that_asks_for_a_panic_is_not_obeyed_unless_the_administrator_wan
 
 @pytest.mark.parametrize("script, call", [("tavo-create-sdcardFS.sh", [FORMAT_SCRIPT]),
                                           ("tavo-sdcard-hotplug", ["/usr/lib/udev/tavo-sdcard-hotplug", "format"])])
-def test_a_local_account_can_neither_hold_nor_misuse_the_scripts_locks(bare_board, script, call):
+def test_a_local_account_can_neither_take_nor_misuse_the_scripts_locks(bare_board, script, call):
     [lock] = re.findall(r"^LOCK=(\S+)$", (PLATFORM / script).read_text(), re.M)
     assert bare_board.run("touch", lock, user="nobody").returncode != 0
     bare_board.write_file(call[0], (PLATFORM / script).read_text(), 0o755)
@@ -234,7 +234,7 @@ while True:
 """
 
 
-def test_peers_that_ask_without_end_do_not_keep_a_card_from_being_given_back(shipped):
+def test_peers_that_call_without_end_do_not_prevent_an_eject(shipped):
     start_with_mounted_card(shipped)
     Contents(shipped).change(*(("write", f"csv/{number}") for number in range(2000)))
     peers = [shipped.start("/usr/bin/python3", "-I", "-c", ASK_WITHOUT_END, user="nobody") for _ in range(3)]

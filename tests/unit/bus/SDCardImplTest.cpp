@@ -115,7 +115,7 @@ private Q_SLOTS:
         QCOMPARE(states, (QList<QVariantList>{{10}, {15}, {10}, {9}}));
     }
 
-    void other_properties_change_in_silence()
+    void other_properties_change_without_a_signal()
     {
         SDCardImpl service("/media/sdcard", nullptr);
         const auto spies = spiesOf(service);
@@ -132,7 +132,7 @@ private Q_SLOTS:
         }
     }
 
-    void questions_reach_the_controller_in_this_order_data()
+    void queries_reach_the_controller_in_this_order_data()
     {
         QTest::addColumn<QString>("id");
         QTest::addColumn<qint64>("size");
@@ -161,7 +161,7 @@ private Q_SLOTS:
                                << QStringList{unknown("")};
     }
 
-    void questions_reach_the_controller_in_this_order()
+    void queries_reach_the_controller_in_this_order()
     {
         QFETCH(const QString, id);
         QFETCH(const QStringList, errors);

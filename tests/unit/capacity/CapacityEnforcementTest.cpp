@@ -68,16 +68,16 @@ private Q_SLOTS:
     void cleanup();
     void a_size_counts_for_what_it_is_data();
     void a_size_counts_for_what_it_is();
-    void nanoseconds_decide();
-    void each_name_of_a_file_counts_and_goes_by_itself();
-    void everything_that_is_no_directory_can_go();
+    void the_age_is_compared_in_nanoseconds();
+    void each_hard_link_counts_and_is_removed_by_itself();
+    void every_entry_except_a_directory_can_be_removed();
     void a_directory_from_which_nothing_could_be_removed_stays();
     void directories_are_tried_in_the_order_in_which_they_were_touched();
-    void a_directory_that_went_with_another_is_reported_in_its_turn_data();
-    void a_directory_that_went_with_another_is_reported_in_its_turn();
+    void a_directory_removed_with_another_is_reported_in_its_turn_data();
+    void a_directory_removed_with_another_is_reported_in_its_turn();
     void each_directory_counts_for_2_bytes();
-    void a_path_is_normalised_before_it_is_climbed();
-    void a_climb_ends_at_the_root();
+    void a_path_is_normalised_before_its_parents_are_removed();
+    void the_removal_of_parents_ends_at_the_root();
     void nothing_is_removed_off_the_file_system_of_the_watched_directory();
 };
 
@@ -114,7 +114,7 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is()
     QVERIFY(exists(kRoot + "/last"));
 }
 
-void CapacityEnforcementTest::nanoseconds_decide()
+void CapacityEnforcementTest::the_age_is_compared_in_nanoseconds()
 {
     // Many files within a second, the names in an order of their own.
     QList<QByteArray> files;
@@ -128,7 +128,7 @@ void CapacityEnforcementTest::nanoseconds_decide()
     }
 }
 
-void CapacityEnforcementTest::each_name_of_a_file_counts_and_goes_by_itself()
+void CapacityEnforcementTest::each_hard_link_counts_and_is_removed_by_itself()
 {
     createFile(kRoot + "/a", 1000);
     for (const QByteArray& path : {kRoot + "/b", kRoot + "/c", QByteArray("/media/sdcard/out")}) {
@@ -145,7 +145,7 @@ void CapacityEnforcementTest::each_name_of_a_file_counts_and_goes_by_itself()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::everything_that_is_no_directory_can_go()
+void CapacityEnforcementTest::every_entry_except_a_directory_can_be_removed()
 {
     createSpecial(kRoot + "/pipe", S_IFIFO);
     createSpecial(kRoot + "/socket", S_IFSOCK);
@@ -208,7 +208,7 @@ void CapacityEnforcementTest::directories_are_tried_in_the_order_in_which_they_w
     QCOMPARE(log.errorCount(), 5U);
 }
 
-void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn_data()
+void CapacityEnforcementTest::a_directory_removed_with_another_is_reported_in_its_turn_data()
 {
     QTest::addColumn<QList<QByteArray>>("files");
     QTest::addColumn<bool>("isReported");
@@ -218,7 +218,7 @@ void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_
     QTest::newRow("parent after all children") << inRoot({"a/b/1", "a/c/3", "a/2"}) << true;
 }
 
-void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn()
+void CapacityEnforcementTest::a_directory_removed_with_another_is_reported_in_its_turn()
 {
     QFETCH(const QList<QByteArray>, files);
     QFETCH(const bool, isReported);
@@ -251,7 +251,7 @@ void CapacityEnforcementTest::each_directory_counts_for_2_bytes()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::a_path_is_normalised_before_it_is_climbed()
+void CapacityEnforcementTest::a_path_is_normalised_before_its_parents_are_removed()
 {
     createDirectory(kRoot + "/a");
     createDirectory(kRoot + "/a/b");
@@ -264,7 +264,7 @@ void CapacityEnforcementTest::a_path_is_normalised_before_it_is_climbed()
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
-void CapacityEnforcementTest::a_climb_ends_at_the_root()
+void CapacityEnforcementTest::the_removal_of_parents_ends_at_the_root()
 {
     createDirectory("/lonely");
     const LogCapture log;

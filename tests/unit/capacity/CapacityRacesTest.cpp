@@ -119,21 +119,21 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void a_directory_that_is_no_longer_what_was_seen_is_not_measured_data() { replacements(); }
-    void a_directory_that_is_no_longer_what_was_seen_is_not_measured();
+    void a_directory_replaced_since_the_listing_is_not_measured_data() { replacements(); }
+    void a_directory_replaced_since_the_listing_is_not_measured();
     void files_of_another_directory_stay_data() { replacements(); }
     void files_of_another_directory_stay();
-    void an_entry_that_cannot_be_asked_twice_is_tried_for_removal();
-    void a_directory_that_cannot_be_asked_is_no_file();
+    void an_entry_with_an_unreadable_status_is_tried_for_removal();
+    void a_directory_with_an_unreadable_status_is_not_a_file();
     void only_the_chosen_file_itself_is_removed_data();
     void only_the_chosen_file_itself_is_removed();
     void a_directory_that_was_filled_again_stays();
     void a_directory_that_became_a_link_stays();
-    void a_directory_whose_file_somebody_else_removed_goes_at_once();
+    void a_directory_emptied_by_another_process_is_removed_at_once();
     void a_parent_that_has_vanished_is_reported();
     void directories_of_another_tree_stay();
-    void a_path_that_leads_off_the_card_when_it_is_opened_is_left();
-    void a_status_is_asked_for_once_and_once_more_before_a_removal();
+    void a_path_that_leads_off_the_card_when_it_is_opened_is_left_alone();
+    void a_status_is_read_once_and_again_before_a_removal();
     void a_directory_is_not_opened_for_each_of_its_files();
 
 private:
@@ -191,7 +191,7 @@ void CapacityRacesTest::replacements()
     }) << failed + kStale << kStale;
 }
 
-void CapacityRacesTest::a_directory_that_is_no_longer_what_was_seen_is_not_measured()
+void CapacityRacesTest::a_directory_replaced_since_the_listing_is_not_measured()
 {
     QFETCH(const Change, change);
     QFETCH(const QString, whyNotMeasured);
@@ -220,7 +220,7 @@ void CapacityRacesTest::files_of_another_directory_stay()
     }
 }
 
-void CapacityRacesTest::an_entry_that_cannot_be_asked_twice_is_tried_for_removal()
+void CapacityRacesTest::an_entry_with_an_unreadable_status_is_tried_for_removal()
 {
     const QStringList messages = doAndChange(
         enforceNothing, [] { QCOMPARE(::unlink(kDir + "/2"), 0); },
@@ -234,7 +234,7 @@ void CapacityRacesTest::an_entry_that_cannot_be_asked_twice_is_tried_for_removal
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
-void CapacityRacesTest::a_directory_that_cannot_be_asked_is_no_file()
+void CapacityRacesTest::a_directory_with_an_unreadable_status_is_not_a_file()
 {
     const QStringList messages = doAndChange(
         enforceNothing, [] { move(kDir, kAway); },
@@ -296,7 +296,7 @@ void CapacityRacesTest::a_directory_that_became_a_link_stays()
     QVERIFY(exists(kOutside + "/empty"));
 }
 
-void CapacityRacesTest::a_directory_whose_file_somebody_else_removed_goes_at_once()
+void CapacityRacesTest::a_directory_emptied_by_another_process_is_removed_at_once()
 {
     int opened = 0;
     const TracedProcess traced(enforceNothing, [&opened](const TracedProcess::Call& call) {
@@ -338,7 +338,7 @@ void CapacityRacesTest::directories_of_another_tree_stay()
     QVERIFY(exists(kAway + "/a/b"));
 }
 
-void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left()
+void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left_alone()
 {
     const QByteArray elsewhere = "/elsewhere";
     createDirectory(elsewhere);
@@ -367,7 +367,7 @@ void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left
     TestDevice::remove(elsewhere);
 }
 
-void CapacityRacesTest::a_status_is_asked_for_once_and_once_more_before_a_removal()
+void CapacityRacesTest::a_status_is_read_once_and_again_before_a_removal()
 {
     QMap<QByteArray, int> expected{{"a", 1}, {"b", 1}, {"1", 2}, {"2", 2}};
     ScannedTree::awaitNextChangeTime();

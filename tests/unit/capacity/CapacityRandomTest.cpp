@@ -116,11 +116,11 @@ class CapacityRandomTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void what_goes_and_is_logged_is_what_a_plain_computation_demands_data();
-    void what_goes_and_is_logged_is_what_a_plain_computation_demands();
+    void removals_and_records_match_a_plain_computation_data();
+    void removals_and_records_match_a_plain_computation();
 };
 
-void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_demands_data()
+void CapacityRandomTest::removals_and_records_match_a_plain_computation_data()
 {
     QTest::addColumn<unsigned>("seed");
     QTest::addColumn<int>("sharePercent");
@@ -130,7 +130,7 @@ void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_dem
     }
 }
 
-void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_demands()
+void CapacityRandomTest::removals_and_records_match_a_plain_computation()
 {
     QFETCH(const unsigned, seed);
     QFETCH(const int, sharePercent);

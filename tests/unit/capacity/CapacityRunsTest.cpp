@@ -68,19 +68,19 @@ class CapacityRunsTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void signals_and_slots_stand_in_their_order();
+    void signals_and_slots_have_this_order();
     void a_run_has_a_logger_and_a_signal_stack_of_its_own_and_ends_in_the_watchers_thread();
     void the_directories_are_brought_within_their_limits_in_their_order();
     void destruction_ends_a_run_early();
-    void runs_that_do_not_end_are_waited_for_3_seconds_in_all();
+    void the_wait_for_blocked_runs_is_3_seconds_in_total();
     void the_wait_ends_with_the_run();
     void no_run_starts_between_an_abandonment_and_the_next_card();
-    void a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied();
-    void a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record();
+    void a_cancelled_enforcement_leaves_no_emptied_directory();
+    void a_cancelled_enforcement_does_not_log_failed_removals();
     void nothing_is_open_while_the_last_records_are_written();
 };
 
-void CapacityRunsTest::signals_and_slots_stand_in_their_order()
+void CapacityRunsTest::signals_and_slots_have_this_order()
 {
     QCOMPARE(methodsOf(StorageCapacityWatcher::staticMetaObject, QMetaMethod::Slot),
              (QStringList{"storageIsReady()", "storageIsUnmounted()", "ensureDirSizeAll()",
@@ -142,7 +142,7 @@ void CapacityRunsTest::destruction_ends_a_run_early()
     QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
 }
 
-void CapacityRunsTest::runs_that_do_not_end_are_waited_for_3_seconds_in_all()
+void CapacityRunsTest::the_wait_for_blocked_runs_is_3_seconds_in_total()
 {
     LogCapture log;
     WatchedRuns runs;
@@ -216,7 +216,7 @@ void CapacityRunsTest::no_run_starts_between_an_abandonment_and_the_next_card()
     QVERIFY(runs.timer().isActive());
 }
 
-void CapacityRunsTest::a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied()
+void CapacityRunsTest::a_cancelled_enforcement_leaves_no_emptied_directory()
 {
     LogCapture log;
     const WatchedRuns runs;
@@ -232,7 +232,7 @@ void CapacityRunsTest::a_cancelled_enforcement_leaves_no_directory_that_it_has_e
     QCOMPARE(log.messages().size(), 1);
 }
 
-void CapacityRunsTest::a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record()
+void CapacityRunsTest::a_cancelled_enforcement_does_not_log_failed_removals()
 {
     LogCapture log;
     const WatchedRuns runs;

@@ -72,10 +72,10 @@ class DirectoryScanLimitsTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void a_directory_may_hold_300000_files();
-    void a_tree_deeper_than_a_path_is_long_is_emptied_data();
-    void a_tree_deeper_than_a_path_is_long_is_emptied();
-    void three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is();
+    void a_directory_may_contain_300000_files();
+    void a_tree_deeper_than_path_max_is_emptied_data();
+    void a_tree_deeper_than_path_max_is_emptied();
+    void three_descriptors_and_a_small_stack_suffice_at_any_depth();
     void a_file_costs_at_most_320_bytes_data();
     void a_file_costs_at_most_320_bytes();
     void a_level_of_a_deep_tree_costs_as_little_as_a_file();
@@ -93,7 +93,7 @@ void DirectoryScanLimitsTest::cleanup()
     WatchedCard::remove();
 }
 
-void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
+void DirectoryScanLimitsTest::a_directory_may_contain_300000_files()
 {
     constexpr int kFiles = 300'000;
     ScannedTree::createNames(kFile, kRoot, kFiles, 10);
@@ -106,7 +106,7 @@ void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied_data()
+void DirectoryScanLimitsTest::a_tree_deeper_than_path_max_is_emptied_data()
 {
     QTest::addColumn<int>("levels");
     QTest::addColumn<int>("nameLength");
@@ -115,7 +115,7 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied_data(
     QTest::newRow("200 long names") << 200 << 255;
 }
 
-void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
+void DirectoryScanLimitsTest::a_tree_deeper_than_path_max_is_emptied()
 {
     QFETCH(const int, levels);
     QFETCH(const int, nameLength);
@@ -131,7 +131,7 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
     }
 }
 
-void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is()
+void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_at_any_depth()
 {
     createDeepTree(200, QByteArray(250, 'x'));
     const LogCapture log(LogLevel::Off);

@@ -78,14 +78,14 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void only_marked_directories_are_watched_once_the_list_is_built();
-    void a_directory_is_asked_for_by_its_base_name_data();
-    void a_directory_is_asked_for_by_its_base_name();
+    void a_directory_is_selected_by_its_base_name_data();
+    void a_directory_is_selected_by_its_base_name();
     void the_limit_is_the_share_of_the_card_data();
     void the_limit_is_the_share_of_the_card();
-    void a_card_whose_size_cannot_be_read_gives_limits_of_0();
-    void a_path_is_utf_8_from_the_configuration_to_the_removal_in_a_c_environment();
+    void a_card_with_an_unreadable_size_has_limits_of_0();
+    void paths_stay_utf_8_in_the_c_locale();
     void directories_that_cannot_be_watched_are_left_out();
-    void a_directory_that_can_be_watched_later_is_taken_in_then();
+    void a_directory_that_becomes_usable_is_watched_from_then_on();
     void a_watched_directory_that_has_vanished_is_reported();
     void a_link_is_followed_on_the_card_and_not_off_it();
     void one_level_and_a_whole_tree_are_measured();
@@ -125,7 +125,7 @@ void WatchedDirectoriesTest::only_marked_directories_are_watched_once_the_list_i
                                           noWatchedDirectory("c")}));
 }
 
-void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name_data()
+void WatchedDirectoriesTest::a_directory_is_selected_by_its_base_name_data()
 {
     QTest::addColumn<QString>("identifier");
     QTest::addColumn<bool>("isKnown");
@@ -142,7 +142,7 @@ void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name_data()
     QTest::newRow("mount point") << "sdcard" << false;
 }
 
-void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name()
+void WatchedDirectoriesTest::a_directory_is_selected_by_its_base_name()
 {
     QFETCH(const QString, identifier);
     QFETCH(const bool, isKnown);
@@ -185,7 +185,7 @@ void WatchedDirectoriesTest::the_limit_is_the_share_of_the_card()
     QVERIFY(!exists(dir + "/old"));
 }
 
-void WatchedDirectoriesTest::a_card_whose_size_cannot_be_read_gives_limits_of_0()
+void WatchedDirectoriesTest::a_card_with_an_unreadable_size_has_limits_of_0()
 {
     createDirectory(kCard + "/w");
     createFile(kCard + "/w/file", 0);
@@ -197,8 +197,7 @@ void WatchedDirectoriesTest::a_card_whose_size_cannot_be_read_gives_limits_of_0(
     QCOMPARE(log.messages(), QStringList());
 }
 
-void WatchedDirectoriesTest::
-    a_path_is_utf_8_from_the_configuration_to_the_removal_in_a_c_environment()
+void WatchedDirectoriesTest::paths_stay_utf_8_in_the_c_locale()
 {
     QTextCodec* const codec = QTextCodec::codecForLocale();
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("US-ASCII"));
@@ -255,7 +254,7 @@ void WatchedDirectoriesTest::directories_that_cannot_be_watched_are_left_out()
     QVERIFY(watch.watcher.ensureDirSize("last"));
 }
 
-void WatchedDirectoriesTest::a_directory_that_can_be_watched_later_is_taken_in_then()
+void WatchedDirectoriesTest::a_directory_that_becomes_usable_is_watched_from_then_on()
 {
     const LogCapture log;
     Watch watch(watched("w", "90"));

@@ -34,11 +34,11 @@ private Q_SLOTS:
     void there_is_no_size_without_a_mount();
     void the_device_is_that_of_what_is_mounted();
     void there_is_no_device_without_a_mount();
-    void a_mount_point_is_removed_with_what_lies_in_it();
+    void a_mount_point_is_removed_with_its_content();
     void a_mount_point_that_is_gone_need_not_be_removed();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted_data();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted();
-    void nothing_is_removed_where_the_mount_table_cannot_be_read();
+    void nothing_is_removed_if_the_mount_table_cannot_be_read();
 };
 
 void MountedFileSystemTest::init()
@@ -132,7 +132,7 @@ void MountedFileSystemTest::there_is_no_device_without_a_mount()
     QCOMPARE(device, dev_t{0});
 }
 
-void MountedFileSystemTest::a_mount_point_is_removed_with_what_lies_in_it()
+void MountedFileSystemTest::a_mount_point_is_removed_with_its_content()
 {
     TestDevice::writeFile(kMountPoint + "/dir/file", "below");
     QVERIFY(removeMountPoint(kMountPoint));
@@ -177,7 +177,7 @@ void MountedFileSystemTest::nothing_is_removed_as_long_as_a_file_system_is_mount
     QCOMPARE(content, QByteArray("kept"));
 }
 
-void MountedFileSystemTest::nothing_is_removed_where_the_mount_table_cannot_be_read()
+void MountedFileSystemTest::nothing_is_removed_if_the_mount_table_cannot_be_read()
 {
     TestDevice::writeFile(kMountPoint + "/kept", "kept");
     QVERIFY(TestDevice::mountTmpfs("/proc", kMegabyte));

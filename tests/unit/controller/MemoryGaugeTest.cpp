@@ -62,7 +62,7 @@ private Q_SLOTS:
         CardImage::remove();
     }
 
-    void what_is_not_mounted_has_no_used_share()
+    void an_unmounted_card_has_no_used_share()
     {
         QCOMPARE(MemoryGauge::usedPercentage("/nowhere"), 0);
 

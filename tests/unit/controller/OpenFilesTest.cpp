@@ -22,7 +22,7 @@ private Q_SLOTS:
         ToolStandIn::takeCalls();
     }
 
-    void lsof_says_which_processes_hold_files_open_data()
+    void lsof_reports_the_processes_with_open_files_data()
     {
         QTest::addColumn<QByteArray>("lsof");
         QTest::addColumn<int>("exitCode");
@@ -39,7 +39,7 @@ private Q_SLOTS:
         QTest::newRow("crash") << QByteArray("echo 12; kill -9 $$") << -1 << before;
     }
 
-    void lsof_says_which_processes_hold_files_open()
+    void lsof_reports_the_processes_with_open_files()
     {
         QFETCH(const QByteArray, lsof);
         ToolStandIn::place(ToolStandIn::kLsof, lsof);

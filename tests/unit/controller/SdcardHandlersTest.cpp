@@ -67,7 +67,7 @@ private Q_SLOTS:
         SystemCalls::reset();
     }
 
-    void without_the_bus_name_the_card_is_handled_all_the_same()
+    void the_card_is_handled_without_the_bus_name()
     {
         ControllerDevice device(mBus);
         QDBusConnection other = mBus.connection("other");
@@ -103,7 +103,7 @@ private Q_SLOTS:
         QVERIFY(device.effects().take().contains("ADD_DEVICE"));
     }
 
-    void without_a_socket_pair_the_card_is_handled_all_the_same()
+    void the_card_is_handled_without_a_socket_pair()
     {
         ControllerDevice device(mBus);
         SystemCalls::fail(SystemCalls::Call::SocketPair, EMFILE);
@@ -273,7 +273,7 @@ private Q_SLOTS:
         QVERIFY(!stateTimer.isActive());
     }
 
-    void timers_are_single_shot_where_they_bound_something()
+    void timers_that_limit_something_are_single_shot()
     {
         ControllerDevice device(mBus);
         QStringList singleShot;

@@ -87,7 +87,7 @@ private Q_SLOTS:
         }
     }
 
-    void a_card_whose_table_cannot_be_read_is_left()
+    void a_card_with_an_unreadable_table_is_left_alone()
     {
         ControllerDevice device(mBus);
         CardImage::listMmcCard();

@@ -109,7 +109,7 @@ private Q_SLOTS:
                   properties));
     }
 
-    void workers_that_end_at_once_take_the_card_on()
+    void the_machine_moves_on_when_workers_end_at_once()
     {
         ControllerDevice device(mBus);
         QVERIFY(CardImage::createPartition());

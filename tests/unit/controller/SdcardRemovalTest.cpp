@@ -129,7 +129,7 @@ private Q_SLOTS:
                  MountState::ReadOnly);
     }
 
-    void a_card_of_a_failed_forced_unmount_is_gone_all_the_same()
+    void a_card_is_gone_even_after_a_failed_forced_unmount()
     {
         ControllerDevice device(mBus);
         Sdcard& controller = device.startIn("mounted");

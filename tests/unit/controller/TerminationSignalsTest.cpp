@@ -106,7 +106,7 @@ private Q_SLOTS:
         QCOMPARE(afterwards, ENOTTY);
     }
 
-    void signals_beyond_what_the_socket_holds_do_not_block()
+    void signals_do_not_block_when_the_socket_is_full()
     {
         QCOMPARE(mSignals->setUp(this), QByteArray());
         const Handler handler = actionOf(SIGTERM).sa_handler;
@@ -163,7 +163,7 @@ private Q_SLOTS:
         ::close(pair[1]);
     }
 
-    void tear_down_gives_everything_back()
+    void tear_down_restores_everything()
     {
         QCOMPARE(mSignals->setUp(this), QByteArray());
         QVERIFY(actionOf(SIGHUP).sa_handler != ignore);

@@ -40,8 +40,8 @@ private Q_SLOTS:
     void a_size_under_an_unknown_name_is_nothing();
     void the_use_of_a_directory_without_a_card_is_nothing();
     void the_use_of_a_missing_directory_is_reported();
-    void the_first_directory_of_a_name_is_asked();
-    void each_question_for_a_use_reads_the_interval_file();
+    void the_first_directory_of_a_name_is_used();
+    void each_query_of_the_use_reads_the_interval_file();
     void a_card_device_is_a_link_of_the_first_slot_data();
     void a_card_device_is_a_link_of_the_first_slot();
     void there_is_no_card_device_without_the_kernels_directory();
@@ -92,7 +92,7 @@ void ConfigCardTest::the_use_of_a_missing_directory_is_reported()
     QCOMPARE(log.errorCount(), 1U);
 }
 
-void ConfigCardTest::the_first_directory_of_a_name_is_asked()
+void ConfigCardTest::the_first_directory_of_a_name_is_used()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     TestDevice::writeFile("/media/sdcard/a/x/file", QByteArray(1000, 'x'));
@@ -103,7 +103,7 @@ void ConfigCardTest::the_first_directory_of_a_name_is_asked()
     QCOMPARE(config.getDirSize("x"), static_cast<qint64>(kCardSize * 0.05));
 }
 
-void ConfigCardTest::each_question_for_a_use_reads_the_interval_file()
+void ConfigCardTest::each_query_of_the_use_reads_the_interval_file()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     QVERIFY(QDir().mkpath("/media/sdcard/logs"));

@@ -30,7 +30,7 @@ private Q_SLOTS:
     void any_number_of_siblings_is_read();
     void shares_that_are_no_sensible_numbers_are_harmless_data();
     void shares_that_are_no_sensible_numbers_are_harmless();
-    void whatever_is_in_the_file_it_is_read_or_refused();
+    void every_changed_file_is_read_or_refused();
 };
 
 void ConfigHostileFileTest::directories_may_be_nested_as_deep_as_a_path_can_be()
@@ -85,7 +85,7 @@ void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless()
     TestDevice::unmountAll(CardConfig::kMountPoint);
 }
 
-void ConfigHostileFileTest::whatever_is_in_the_file_it_is_read_or_refused()
+void ConfigHostileFileTest::every_changed_file_is_read_or_refused()
 {
     const QByteArray sound =
         "<?xml version='1.0'?><sdcard mountpoint='/m'><dir size='12.5' capacitywatch='true' "

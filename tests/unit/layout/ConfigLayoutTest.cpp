@@ -73,7 +73,7 @@ private Q_SLOTS:
     void other_file_systems_are_left_alone();
     void a_link_that_takes_the_place_of_a_new_directory_is_not_followed_off_the_card();
     void a_mount_point_that_is_not_mounted_counts_as_the_card();
-    void what_is_mounted_over_an_opened_card_is_not_reached();
+    void a_mount_over_an_opened_card_is_not_reached();
 };
 
 void ConfigLayoutTest::init()
@@ -242,7 +242,7 @@ void ConfigLayoutTest::a_mount_point_that_is_not_mounted_counts_as_the_card()
     QVERIFY(QFileInfo("/media/sdcard/a/l").isSymLink());
 }
 
-void ConfigLayoutTest::what_is_mounted_over_an_opened_card_is_not_reached()
+void ConfigLayoutTest::a_mount_over_an_opened_card_is_not_reached()
 {
     QVERIFY(QDir().mkpath("/media/sdcard/below"));
     const CardRoot card(CardConfig::kMountPoint);

@@ -66,8 +66,8 @@ private Q_SLOTS:
     void cleanup();
     void a_move_that_does_not_succeed_is_reported_data();
     void a_move_that_does_not_succeed_is_reported();
-    void failures_count_where_their_level_is_off();
-    void paths_are_not_for_the_shell();
+    void failures_count_even_if_their_level_is_off();
+    void the_shell_does_not_interpret_paths();
     void csv_may_be_nested_in_another_directory();
     void the_doubled_trees_top_is_fixed();
     void links_to_other_places_on_the_card_are_followed();
@@ -127,7 +127,7 @@ void PreparingJobsTest::a_move_that_does_not_succeed_is_reported()
     QVERIFY(QFile::exists(kDoubled + "/day/file"));
 }
 
-void PreparingJobsTest::failures_count_where_their_level_is_off()
+void PreparingJobsTest::failures_count_even_if_their_level_is_off()
 {
     TestDevice::writeFile(kCard + "/PindleLogger.db", "content");
     QVERIFY(QDir().mkpath(kDoubled));
@@ -141,7 +141,7 @@ void PreparingJobsTest::failures_count_where_their_level_is_off()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void PreparingJobsTest::paths_are_not_for_the_shell()
+void PreparingJobsTest::the_shell_does_not_interpret_paths()
 {
     TestDevice::writeFile("/cards/my $(card)/PindleLogger.db", "content");
     QVERIFY(QDir().mkpath("/cards/my $(card)/data; of/logger"));

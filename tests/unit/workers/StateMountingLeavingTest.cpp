@@ -68,8 +68,8 @@ private Q_SLOTS:
     void a_state_that_is_left_during_the_inspection_only_formats();
     void a_state_that_is_left_during_a_program_does_not_mount_data();
     void a_state_that_is_left_during_a_program_does_not_mount();
-    void what_was_mounted_too_late_is_unmounted_or_prepared_next_data();
-    void what_was_mounted_too_late_is_unmounted_or_prepared_next();
+    void a_late_mount_is_undone_or_prepared_next_data();
+    void a_late_mount_is_undone_or_prepared_next();
     void a_state_that_is_left_at_once_emits_nothing();
     void a_run_without_a_result_repeats_the_last_data();
     void a_run_without_a_result_repeats_the_last();
@@ -206,7 +206,7 @@ void StateMountingLeavingTest::a_state_that_is_left_during_a_program_does_not_mo
     QCOMPARE(state.signalNames(), kActive);
 }
 
-void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next_data()
+void StateMountingLeavingTest::a_late_mount_is_undone_or_prepared_next_data()
 {
     QTest::addColumn<int>("mountError");
     QTest::addColumn<int>("unmountError");
@@ -219,7 +219,7 @@ void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepare
     QTest::newRow("not mounted") << EIO << -1 << QStringList() << false;
 }
 
-void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next()
+void StateMountingLeavingTest::a_late_mount_is_undone_or_prepared_next()
 {
     QFETCH(const int, mountError);
     QFETCH(const int, unmountError);

@@ -106,9 +106,9 @@ private Q_SLOTS:
     void termination_kills_the_program_that_the_run_waits_for_data();
     void termination_kills_the_program_that_the_run_waits_for();
     void a_terminated_run_starts_no_further_program();
-    void a_run_that_cannot_end_is_waited_for_3_seconds_once();
-    void a_run_that_cannot_end_is_followed_by_the_next();
-    void a_run_that_is_no_longer_wanted_does_not_begin();
+    void the_wait_for_a_blocked_run_is_3_seconds_once();
+    void the_next_run_follows_a_blocked_one();
+    void a_cancelled_run_does_not_begin();
     void a_run_acts_in_the_owning_thread_unless_it_has_been_left_data();
     void a_run_acts_in_the_owning_thread_unless_it_has_been_left();
     void each_run_has_a_stack_for_signal_handlers();
@@ -232,7 +232,7 @@ void ThreadStateBaseTest::a_terminated_run_starts_no_further_program()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void ThreadStateBaseTest::a_run_that_cannot_end_is_waited_for_3_seconds_once()
+void ThreadStateBaseTest::the_wait_for_a_blocked_run_is_3_seconds_once()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);
@@ -248,7 +248,7 @@ void ThreadStateBaseTest::a_run_that_cannot_end_is_waited_for_3_seconds_once()
     QVERIFY2(watch.elapsed() < 2000, qPrintable(QString::number(watch.elapsed())));
 }
 
-void ThreadStateBaseTest::a_run_that_cannot_end_is_followed_by_the_next()
+void ThreadStateBaseTest::the_next_run_follows_a_blocked_one()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);
@@ -263,7 +263,7 @@ void ThreadStateBaseTest::a_run_that_cannot_end_is_followed_by_the_next()
     QVERIFY(!held.worker.isInterruptionRequested());
 }
 
-void ThreadStateBaseTest::a_run_that_is_no_longer_wanted_does_not_begin()
+void ThreadStateBaseTest::a_cancelled_run_does_not_begin()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);

@@ -36,9 +36,9 @@ class WorkerStateTest : public QObject
 private Q_SLOTS:
     void entering_starts_the_worker_and_its_end_finishes_the_state();
     void leaving_asks_the_worker_to_stop();
-    void a_run_before_does_not_finish_the_state();
+    void an_earlier_run_does_not_finish_the_state();
     void a_state_is_finished_only_when_the_latest_end_is_delivered();
-    void two_held_workers_are_waited_for_3_seconds_in_all();
+    void two_blocked_workers_delay_the_end_by_3_seconds_in_total();
 };
 
 void WorkerStateTest::entering_starts_the_worker_and_its_end_finishes_the_state()
@@ -75,7 +75,7 @@ void WorkerStateTest::leaving_asks_the_worker_to_stop()
     QCOMPARE(finished.size(), 0);
 }
 
-void WorkerStateTest::a_run_before_does_not_finish_the_state()
+void WorkerStateTest::an_earlier_run_does_not_finish_the_state()
 {
     HeldWork work;
     auto* const state = new StateOfThreads(work.function());
@@ -124,7 +124,7 @@ void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered(
     QTRY_COMPARE_WITH_TIMEOUT(deliveredWhenFinished, 2, kPatienceMs);
 }
 
-void WorkerStateTest::two_held_workers_are_waited_for_3_seconds_in_all()
+void WorkerStateTest::two_blocked_workers_delay_the_end_by_3_seconds_in_total()
 {
     HeldWork work;
     std::array<QPointer<ThreadOfThreads>, 2> workers;
