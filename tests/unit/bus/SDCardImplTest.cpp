@@ -13,8 +13,8 @@
 
 namespace {
 
-/// Stands in for the controller. It knows the directory "logs", which is watched, and "csv", which
-/// is not.
+/// Stands in for the controller. It knows two directories: "logs", which is watched, and "csv",
+/// which is not.
 class Controller : public QObject, public SdcardInterface
 {
 public:
@@ -152,7 +152,7 @@ private Q_SLOTS:
                                << QStringList{path("csv"), "getDirSize csv", path("csv"),
                                               "getDirUsed csv", path("csv")}
                                << QStringList();
-        // No further look-up.
+        // The controller is not called.
         QTest::newRow("unknown") << "it's" << qint64{0} << qint64{0} << QString()
                                  << QStringList{path("it's"), path("it's"), path("it's")}
                                  << QStringList{unknown("it's"), unknown("it's"), unknown("it's")};
@@ -172,7 +172,7 @@ private Q_SLOTS:
             const LogCapture log(level);
             QTEST(service.GetDirSize(id), "size");
             QTEST(service.getDirUsed(id), "used");
-            // Mount point and path follow each other as they are.
+            // Mount point and path are joined unchanged.
             QTEST(service.GetDirPath(id), "path");
             QTEST(controller.calls, "calls");
             QCOMPARE(log.messages(LogLevel::Error),

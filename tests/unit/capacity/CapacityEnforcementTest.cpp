@@ -47,7 +47,7 @@ QString cannotRemoveDirectory(const QString& name, const QString& why)
     return "Cannot remove empty directory /media/sdcard/w/" + name + ": " + why;
 }
 
-/// Removes empty directories; returns what they were taken to count for.
+/// Removes empty directories; returns the bytes that they counted for.
 qint64 removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir)
 {
     const ConfigHandler config;
@@ -58,7 +58,7 @@ qint64 removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir)
 
 } // namespace
 
-/// Which files go to bring a directory within its limit, and the directories that they leave empty.
+/// Which files are removed to bring a directory within its limit, and which emptied directories.
 class CapacityEnforcementTest : public QObject
 {
     Q_OBJECT
@@ -116,7 +116,7 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is()
 
 void CapacityEnforcementTest::the_age_is_compared_in_nanoseconds()
 {
-    // Many files within a second, the names in an order of their own.
+    // Many files within one second, with names in another order.
     QList<QByteArray> files;
     for (int i = 0; i < 30; ++i) {
         files.append(kRoot + "/" + QByteArray::number(i * 7 % 30));
@@ -190,8 +190,8 @@ void CapacityEnforcementTest::directories_are_tried_in_the_order_in_which_they_w
         files.append(kRoot + "/" + name + "/1");
         messages.append(cannotRemoveDirectory(name, "Device or resource busy"));
     }
-    // All of them a second time, the other way round: each is tried once. The last file, which
-    // stays, is reported before the directories.
+    // All of them again, in reverse order: each is tried once. The last file, which stays, is
+    // reported before the directories.
     files += inRoot({"b/2", "q/2", "a/2", "z/2", "m/2", "last"});
     messages.prepend(cannotRemove("last"));
     createFilesInOrder(files, 100);

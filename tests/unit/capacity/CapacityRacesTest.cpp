@@ -42,13 +42,13 @@ bool isOpeningOf(const TracedProcess::Call& call, const QByteArray& path)
     return call.number == SYS_openat && call.text(1) == path;
 }
 
-/// Whether a directory is about to be removed from its parent under this name.
+/// Whether the call removes a directory with this name from its parent.
 bool isRemovalOf(const TracedProcess::Call& call, const QByteArray& name)
 {
     return call.number == SYS_unlinkat && call.arguments[2] == AT_REMOVEDIR && call.text(1) == name;
 }
 
-/// Bytes of the directory, followed by the messages.
+/// Bytes of the directory, then the messages.
 QStringList measure()
 {
     const LogCapture log;
@@ -57,7 +57,7 @@ QStringList measure()
     return QStringList{QString::number(size)} + log.messages(LogLevel::Error);
 }
 
-/// Brings the directory within a limit that no file fits in; returns the messages.
+/// Brings the directory within a limit that is smaller than any file; returns the messages.
 QStringList enforceNothing()
 {
     const LogCapture log;
@@ -65,7 +65,7 @@ QStringList enforceNothing()
     return log.messages();
 }
 
-/// Does the work and makes a change right before the @p occurrence-th call of a kind.
+/// Runs the work and makes a change right before the @p occurrence-th call of a kind.
 QStringList doAndChange(QStringList (*work)(), const Change& change,
                         const std::function<bool(const TracedProcess::Call&)>& isMoment,
                         int occurrence = 1)
@@ -79,8 +79,8 @@ QStringList doAndChange(QStringList (*work)(), const Change& change,
     return traced.isFinished() && seen >= occurrence ? traced.output() : QStringList{"no moment"};
 }
 
-/// Makes a change when the files have been chosen, but not a call before the first of them goes:
-/// the second time the directory is opened.
+/// Makes a change between the choice of the files and the first removal: at the second opening of
+/// the directory.
 QStringList enforceAndChange(const Change& change)
 {
     return doAndChange(
@@ -110,7 +110,7 @@ QString cannotRemoveDirectory(const QString& why)
 
 } // namespace
 
-/// Cards that change while they are scanned, and between the choice of files and their removal.
+/// Cards that change during the scan, and between the choice of files and their removal.
 class CapacityRacesTest : public QObject
 {
     Q_OBJECT
@@ -142,7 +142,7 @@ private:
 
 void CapacityRacesTest::initTestCase()
 {
-    // It looks for its configuration when it is first used, which is not the service's doing.
+    // At its first use it looks for its configuration, which is not a call of the service.
     log4cxx::Logger::getRootLogger();
 }
 
@@ -307,7 +307,7 @@ void CapacityRacesTest::a_directory_emptied_by_another_process_is_removed_at_onc
     });
     QCOMPARE(traced.output(), QStringList{cannotRemove("2", kNoEntry)});
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
-    // At the end it would be opened once more.
+    // Would be opened once more at the end.
     QCOMPARE(opened, 2);
 }
 
@@ -325,7 +325,7 @@ void CapacityRacesTest::directories_of_another_tree_stay()
 {
     createDirectory(kOutside + "/a");
     createDirectory(kOutside + "/a/b");
-    // The second time the parent is opened, its directory is to be removed from it.
+    // The second opening of the parent precedes the removal of its directory.
     const QStringList messages = doAndChange(
         enforceNothing,
         [] {
@@ -376,7 +376,7 @@ void CapacityRacesTest::a_status_is_read_once_and_again_before_a_removal()
         createFile(kRoot + "/" + name, 0);
         expected[name] = 1;
     }
-    // What is no directory and what has a record of its own.
+    // Entries that are not directories and have a record of their own.
     expected[kRoot + "/young 1"] = 1;
     expected[kRoot + "/young 2"] = 1;
     const qint64 limit = WatchedCard::used() - 1'500;
@@ -417,14 +417,14 @@ void CapacityRacesTest::a_directory_is_not_opened_for_each_of_its_files()
     const TracedProcess traced(enforceNothing, [&](const TracedProcess::Call& call) {
         if (isOpeningOf(call, kDir)) {
             ++opened;
-            // A program that is started does not inherit the descriptor, and no link is followed.
+            // Started programs must not inherit the descriptor, and no link is followed.
             lackingFlags |= ~call.arguments[2] & (O_CLOEXEC | O_NOFOLLOW);
         }
     });
     QVERIFY(traced.isFinished());
     QCOMPARE(lackingFlags, quint64{0});
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
-    // To be read, and to remove its files.
+    // Once to read it, once to remove its files.
     QCOMPARE(opened, 2);
 }
 

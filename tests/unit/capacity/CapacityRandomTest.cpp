@@ -25,7 +25,7 @@ QByteArray parentOf(const QByteArray& path)
     return path.left(path.lastIndexOf('/'));
 }
 
-/// Creates a tree in which each file has a change time of its own.
+/// Creates a tree in which each file has a different change time.
 void createTree(unsigned seed, int directories, int files)
 {
     std::mt19937 random(seed);
@@ -53,7 +53,7 @@ void createTree(unsigned seed, int directories, int files)
     }
 }
 
-/// What the rules demand, computed in the simplest way from what find(1) saw.
+/// The result that the rules require, computed in the simplest way from the output of find(1).
 class Model
 {
 public:

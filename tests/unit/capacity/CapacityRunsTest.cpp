@@ -20,8 +20,7 @@ namespace {
 
 constexpr int kPatienceMs = 30000;
 
-/// Brings the second directory to 0 bytes until it comes to the file "last", which cannot be
-/// removed, and is cancelled there.
+/// Brings the second directory to 0 bytes and cancels at the file "last", which cannot be removed.
 void enforceUntilLast(LogCapture& log)
 {
     WatchedRuns::createFile("last");
@@ -40,14 +39,14 @@ void enforceUntilLast(LogCapture& log)
     QVERIFY(WatchedRuns::fileExists("after it"));
 }
 
-/// A directory in the second one with one file.
+/// A directory with one file, in the second directory.
 void createDirectoryWithFile(const QByteArray& name)
 {
     ScannedTree::createDirectory(WatchedRuns::kSecond + "/" + name);
     WatchedRuns::createFile(name + "/file");
 }
 
-// What this process has open on the card.
+// The files and directories on the card that this process has open.
 QStringList openOnCard()
 {
     QStringList open;
@@ -62,7 +61,7 @@ QStringList openOnCard()
 
 } // namespace
 
-/// Runs in the background, and how they are cut short.
+/// Background runs and their early end.
 class CapacityRunsTest : public QObject
 {
     Q_OBJECT
@@ -132,7 +131,7 @@ void CapacityRunsTest::destruction_ends_a_run_early()
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
     std::thread release([&log] {
-        // Time enough to begin the destruction.
+        // Long enough for the destruction to begin.
         std::this_thread::sleep_for(std::chrono::seconds(1));
         log.letGo();
     });
@@ -159,11 +158,11 @@ void CapacityRunsTest::the_wait_for_blocked_runs_is_3_seconds_in_total()
     log.letGo();
     QVERIFY(first >= 2990 && second < 2000);
     QVERIFY(runs.waitForEnd());
-    // The directories that came next are left.
+    // The directories after that are left alone.
     QVERIFY(WatchedRuns::fileExists());
     QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
 
-    // The next card's runs are waited for anew.
+    // The wait for the next card's runs starts again.
     log.holdAt(WatchedRuns::kReport);
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());

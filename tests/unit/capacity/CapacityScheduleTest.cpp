@@ -79,7 +79,7 @@ void CapacityScheduleTest::a_positive_number_in_the_file_is_the_interval()
     TestDevice::writeFile(kIntervalFile, content);
     const LogCapture log;
     WatchedRuns runs;
-    // It is read once.
+    // The file is read once.
     TestDevice::writeFile(kIntervalFile, "70000");
     QCOMPARE(runs.timer().interval(), interval > 0 ? interval : kThreeHoursMs);
     QVERIFY(!runs.timer().isActive());
@@ -113,7 +113,7 @@ void CapacityScheduleTest::each_timeout_starts_a_run_that_starts_the_timer()
     for (int i = 0; i < 3; ++i) {
         WatchedRuns::createFile();
         QTRY_VERIFY_WITH_TIMEOUT(!WatchedRuns::fileExists(), 30000);
-        // One after the other, never two.
+        // Never two at the same time.
         QVERIFY(runs.runs() <= 1);
     }
 }

@@ -25,7 +25,7 @@ constexpr qint64 kFileSize = qint64{1} << 40;
 const QByteArray kRoot = WatchedCard::kDirectory;
 const QByteArray kFile = "/media/sdcard/file";
 
-/// Makes @p levels directories, each in the one before, with a file in each.
+/// Creates @p levels nested directories, with a file in each.
 void createDeepTree(int levels, const QByteArray& name)
 {
     QCOMPARE(::chdir(kRoot.constData()), 0);
@@ -64,7 +64,7 @@ private:
 
 } // namespace
 
-/// Trees as large and as deep as a card may hold.
+/// Trees of the largest size and depth on a card.
 class DirectoryScanLimitsTest : public QObject
 {
     Q_OBJECT
@@ -122,7 +122,7 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_path_max_is_emptied()
     createDeepTree(levels, QByteArray(nameLength, 'x'));
     const LogCapture log;
     WatchedCard::enforce(levels * 1000);
-    // The directories' own sizes are what was too much.
+    // The directories' own sizes exceeded the limit.
     QVERIFY(WatchedCard::entries().size() < 2 * levels);
     WatchedCard::enforce(0);
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
@@ -141,7 +141,7 @@ void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_at_any
         ::close(next);
         rlimit unlimited{};
         ::getrlimit(RLIMIT_NOFILE, &unlimited);
-        // The directory whose files go, and two on the way to one with a long path.
+        // The directory of the removed files, and two on the way to one with a long path.
         const rlimit three{static_cast<rlim_t>(next) + 3, unlimited.rlim_max};
         isLimited = ::setrlimit(RLIMIT_NOFILE, &three) == 0;
         WatchedCard::enforce(0);
@@ -180,7 +180,7 @@ void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
         createDirectory(dir);
         ScannedTree::createNames(kFile, dir, files / directories, kPathLength - dir.size() - 1);
     }
-    // The directories' own sizes are less than that of a file.
+    // The directories' own sizes are smaller than a file.
     const qint64 peak = peakOfEnforcement((files - removed + 1) * kFileSize) - peakOfSingle;
     QVERIFY(peak > 0);
     qInfo("%.1f bytes a file", static_cast<double>(peak) / files);
@@ -199,7 +199,7 @@ void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
     constexpr int kLevels = 2000;
     QCOMPARE(::chdir(kRoot.constData()), 0);
     for (int i = 0; i < kLevels; ++i) {
-        // A sibling that waits for its turn at each level.
+        // A waiting sibling at each level.
         createDirectory("later");
         createDirectory("x");
         QCOMPARE(::chdir("x"), 0);

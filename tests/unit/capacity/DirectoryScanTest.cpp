@@ -39,7 +39,7 @@ qint64 flatSize(const QByteArray& path)
     return scanSize(path, DirectoryScan::Extent::OneLevel);
 }
 
-/// Makes @p levels directories below the scanned one and enters the last; returns its path.
+/// Creates @p levels directories below the scanned one and enters the last; returns its path.
 QByteArray descend(int levels)
 {
     const QByteArray name(250, 'x');

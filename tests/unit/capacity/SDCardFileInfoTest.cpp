@@ -184,7 +184,7 @@ void SDCardFileInfoTest::without_memory_a_new_base_name_is_empty_and_a_known_one
 void SDCardFileInfoTest::the_status_is_that_of_the_file()
 {
     TestDevice::writeFile("/w/file", "12345");
-    // Beyond what fits into 32 bits.
+    // More than fits into 32 bits.
     QCOMPARE(::truncate("/w/file", 5'000'000'000), 0);
     struct stat status = {};
     QCOMPARE(::lstat("/w/file", &status), 0);
@@ -212,7 +212,7 @@ void SDCardFileInfoTest::a_missing_entry_is_invalid_and_logged()
 
 void SDCardFileInfoTest::a_change_time_beyond_64_bit_nanoseconds_is_clamped_data()
 {
-    // Seconds are 64 bits wide only where time_t is.
+    // Seconds have 64 bits only if time_t has.
     QTest::addColumn<qint64>("seconds");
     QTest::addColumn<qint64>("nanoseconds");
     QTest::addColumn<qint64>("changeTime");

@@ -32,7 +32,7 @@ QByteArray watched(const QByteArray& name, const QByteArray& size = "0",
     return "<dir capacitywatch='true' size='" + size + "'>" + name + children + "</dir>";
 }
 
-/// A watcher of the directories that a configuration names.
+/// A watcher of the directories in a configuration.
 struct Watch
 {
     explicit Watch(const QByteArray& children) : config(CardConfig::withChildren(children))
@@ -69,7 +69,7 @@ int __wrap_statvfs64(const char* path, struct statvfs64* status)
 } // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-/// Which directories are watched, with which limit, and how they are asked for.
+/// Which directories are watched, with which limits, and how callers select them.
 class WatchedDirectoriesTest : public QObject
 {
     Q_OBJECT
@@ -176,7 +176,7 @@ void WatchedDirectoriesTest::the_limit_is_the_share_of_the_card()
     createFile(dir + "/young", 0);
     const Watch watch(watched("w", size));
     const qint64 rest = limit - ScannedTree::sizeOf(dir);
-    // A hole, so that more than the card holds is possible.
+    // A hole, so that the file may be larger than the card.
     QCOMPARE(::truncate((dir + "/young").constData(), rest), 0);
     QVERIFY(watch.watcher.ensureDirSize("w"));
     QVERIFY(exists(dir + "/old"));
@@ -229,7 +229,7 @@ void WatchedDirectoriesTest::directories_that_cannot_be_watched_are_left_out()
     for (const char* const name : {"/closed", "/read-only", "/last"}) {
         createDirectory(kCard + name);
     }
-    // The owner's bits decide, whoever the owner is.
+    // The owner's bits decide, for every owner.
     QCOMPARE(::chmod((kCard + "/closed").constData(), 0077), 0);
     QCOMPARE(::chmod((kCard + "/read-only").constData(), 0577), 0);
     QCOMPARE(::chmod((kCard + "/last").constData(), 0600), 0);
@@ -294,7 +294,7 @@ void WatchedDirectoriesTest::a_link_is_followed_on_the_card_and_not_off_it()
     const Watch watch("<dir size='50'>away" + watched("w") + "</dir><dir size='50'>link" +
                       watched("w") + "</dir>");
     const LogCapture log;
-    // Of two directories of one name the first is meant.
+    // With two directories of the same name the first one is used.
     QVERIFY(watch.watcher.ensureDirSize("w"));
     QVERIFY(exists(inside + "/w/file"));
     watch.watcher.ensureDirSizeAll();

@@ -117,7 +117,7 @@ void MountedFileSystemTest::the_device_is_that_of_what_is_mounted()
     const MountedFileSystem card(kMountPoint);
     struct stat status = {};
     for (int round = 0; round < 2; ++round) {
-        // The second time over the first.
+        // A second mount on top of the first.
         QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
         QCOMPARE(::stat(kMountPoint.toUtf8(), &status), 0);
         QCOMPARE(card.device(), status.st_dev);
@@ -182,7 +182,7 @@ void MountedFileSystemTest::nothing_is_removed_if_the_mount_table_cannot_be_read
     TestDevice::writeFile(kMountPoint + "/kept", "kept");
     QVERIFY(TestDevice::mountTmpfs("/proc", kMegabyte));
     const bool isGone = removeMountPoint(kMountPoint);
-    // Only this one: the other below it is needed.
+    // Only this one: the test still needs the other one below it.
     QCOMPARE(::umount("/proc"), 0);
     QVERIFY(!isGone);
     QCOMPARE(TestDevice::readFile(kMountPoint + "/kept"), QByteArray("kept"));

@@ -33,7 +33,7 @@ namespace {
 
 const QString kTool = QStringLiteral("/opt/tool");
 const QString kPidFile = QStringLiteral("/run/tool.pid");
-// exec, so that no child of the shell's own is left.
+// exec, so that the shell leaves no child.
 const QByteArray kHang = "echo $$ > /run/tool.pid; exec sleep 1000";
 const QString kExecuting = QStringLiteral("INFO Executing '/opt/tool'...");
 const QString kNotStarted = QStringLiteral("ERROR Starting command failed (exitstatus:0)");
@@ -46,7 +46,7 @@ log4cxx::LoggerPtr worker()
     return log4cxx::Logger::getLogger("worker");
 }
 
-// No script means that there is no such program.
+// Without a script the program does not exist.
 void placeTool(const QByteArray& script)
 {
     if (!script.isEmpty()) {

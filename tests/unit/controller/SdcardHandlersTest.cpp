@@ -16,7 +16,7 @@ namespace {
 
 const QString kInfo = QStringLiteral("INFO sdcard sdcard: ");
 
-/// What reports the calls of the functions below; null where nobody asks.
+/// Receives the calls of the functions below; null if no test needs them.
 ControllerDevice* observed = nullptr;
 
 void observe(const QString& call)

@@ -27,7 +27,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isListed");
         QTest::addColumn<bool>("hasPartitionNode");
         QTest::addColumn<Types>("types");
-        QTest::addColumn<QByteArray>("script"); // null where it does not run
+        QTest::addColumn<QByteArray>("script"); // null if it does not run
         QTest::addColumn<QStringList>("records");
         const Types fat{CardImage::kFat};
         const QByteArray notRun;

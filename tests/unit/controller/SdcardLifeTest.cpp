@@ -44,7 +44,7 @@ private Q_SLOTS:
         const Life pull = [](ControllerDevice& device) {
             device.removeCard();
         };
-        // What is announced leaves before the machine moves.
+        // The bus signal is sent before the machine changes its state.
         QTest::newRow("pulled") << pull
                                 << QStringList{
                                        "CardRemoved: State 3, Transition 1, IsMounted 1" + timers,

@@ -136,7 +136,7 @@ private Q_SLOTS:
         QFile open(ControllerDevice::kMountPoint + "/filling");
         QVERIFY(open.open(QIODevice::ReadOnly));
         device.removeCard();
-        // Its limits are kept.
+        // Its limits stay.
         QVERIFY(controller.ensureDirSize("csv"));
         QCOMPARE(device.effects().errorCount(), 1U);
         const QStringList records = device.effects().takeParts().logRecords;

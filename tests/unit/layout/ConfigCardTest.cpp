@@ -49,7 +49,7 @@ private Q_SLOTS:
 
 void ConfigCardTest::initTestCase()
 {
-    // Its device directory is the kernel's; the tests lay out one of their own.
+    // The service reads the kernel's device directory; the tests build their own.
     QVERIFY(TestDevice::mountTmpfs("/sys/bus", kMegabyte));
 }
 
@@ -139,7 +139,7 @@ void ConfigCardTest::a_card_device_is_a_link_of_the_first_slot()
     QVERIFY(QDir().mkpath(kMmcDevices));
     makeLink("../devices/other", kMmcDevices + "/mmc2:0001");
     if (isLink) {
-        // It leads nowhere, as the kernel's may while a card goes.
+        // A dangling link, as the kernel's may be while a card is removed.
         makeLink("../../../devices/mmc_host/nowhere", kMmcDevices + "/" + name);
     } else {
         QVERIFY(QDir().mkpath(kMmcDevices + "/" + name));

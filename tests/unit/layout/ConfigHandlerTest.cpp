@@ -118,7 +118,7 @@ void ConfigHandlerTest::empty_paths_replace_the_default_ones()
     QVERIFY(config.setup());
     QCOMPARE(config.mountPoint(), QString(""));
     QCOMPARE(config.devicePath(), QString(""));
-    // No card is there, and the root directory is none.
+    // No card is mounted, and the root directory does not count as one.
     QVERIFY(!config.applyConfigLayout());
     QVERIFY(!QFileInfo::exists("/empty"));
 }

@@ -20,7 +20,7 @@
 
 namespace {
 
-// What somebody else does right before the service makes a directory.
+// The action of another process right before the service creates a directory.
 std::function<void()> meanwhile; // NOLINT(cert-err58-cpp)
 
 } // namespace
@@ -56,7 +56,7 @@ unsigned modeOf(const char* path)
 
 } // namespace
 
-/// The layout on cards that no board can bring about.
+/// Faults that no board can produce.
 class ConfigLayoutTest : public QObject
 {
     Q_OBJECT

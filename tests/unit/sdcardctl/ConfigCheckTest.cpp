@@ -184,8 +184,9 @@ void ConfigCheckTest::an_unknown_attribute_of_the_root_gives_a_warning()
 
 void ConfigCheckTest::unusual_but_valid_content_gives_no_warnings()
 {
-    // Shares that add up to the whole in decimal only; two links of one name; a link named like a
-    // directory elsewhere; dots in names and targets; a link through a link that comes later.
+    // Shares that add up to 100 in decimal only; two links of the same name; a link with the name
+    // of a directory elsewhere; dots in names and targets; a link through a link that follows
+    // later.
     for (const QByteArray content :
          {"<dir size='33.3'>a</dir><dir size='33.3'>b</dir><dir size='33.4'>c</dir>",
           "<dir size='1'>a<symlink target='/etc'>x</symlink></dir><symlink "

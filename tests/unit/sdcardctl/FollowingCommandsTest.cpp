@@ -39,7 +39,7 @@ private:
 
 namespace {
 
-// What the monitor wrote, without the times.
+// The output of the monitor, without the times.
 QString eventsOf(ProgramRun& run)
 {
     return run.output().replace(QRegularExpression(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}  )",
@@ -47,7 +47,7 @@ QString eventsOf(ProgramRun& run)
                                 QString());
 }
 
-// A monitor that has shown the present values.
+// A monitor that has shown the current values.
 std::unique_ptr<ProgramRun> startMonitor(const PrivateBus& bus, const QStringList& options = {})
 {
     auto run =

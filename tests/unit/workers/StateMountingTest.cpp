@@ -25,7 +25,7 @@ const QString kMountCall = QStringLiteral("mount /card/mmcblk0p1 /media/sdcard e
 
 } // namespace
 
-/// What the worker finds out about the card, and what the state then emits.
+/// How the worker judges the card, and the signals that the state then emits.
 class StateMountingTest : public QObject
 {
     Q_OBJECT
@@ -112,7 +112,7 @@ void StateMountingTest::each_result_has_its_signal()
     QCOMPARE(state.signalNames(), QStringList());
     state.state().emitTransitionChangeSignal();
     QCOMPARE(state.signalNames(), signalNames);
-    // It stays until the next is reported.
+    // It stays until the next report.
     state.state().emitTransitionChangeSignal();
     QCOMPARE(state.signalNames(), signalNames + signalNames);
 }
@@ -175,7 +175,7 @@ void StateMountingTest::the_card_decides_the_result()
     QCOMPARE(describe(log.records()), records);
     QTEST(ToolStandIn::takeCalls() + takeMountCalls(), "calls");
     QCOMPARE(log.errorCount(), static_cast<unsigned int>(records.filter("ERROR ").size()));
-    // A mounted card waits for its preparation.
+    // The mark of a mounted card that still needs its preparation.
     QCOMPARE(QFile::exists(kUnpreparedMark), result.contains("START_PREPARE"));
 }
 

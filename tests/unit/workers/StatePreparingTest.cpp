@@ -32,7 +32,7 @@ QString executing(const QString& script, const QString& arguments = "logger=/log
            (arguments.isEmpty() ? QString() : " " + arguments) + "'...";
 }
 
-/// The state in a machine, entered over and over.
+/// The state in a machine that enters it repeatedly.
 class Preparing
 {
 public:
@@ -57,7 +57,7 @@ public:
     bool waitForWorker()
     {
         const bool isFinished = worker().wait(kPatienceMs);
-        // What it has sent arrives.
+        // Delivers the events that it has sent.
         QCoreApplication::processEvents();
         return isFinished;
     }

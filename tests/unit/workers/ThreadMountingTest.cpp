@@ -155,7 +155,7 @@ void ThreadMountingTest::a_check_that_does_not_start_counts_as_a_correction()
 {
     QFETCH(const QByteArray, check);
     QFETCH(const int, infos);
-    // The machine has an e2fsck of its own.
+    // The machine has a real e2fsck.
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/opt/stand-ins");
     if (check.isEmpty()) {
@@ -198,7 +198,7 @@ void ThreadMountingTest::an_interrupted_mount_is_repeated()
     SystemCalls::reset();
     const MountTable mountTable(table);
     SystemCalls::reset();
-    // What comes after that reaches the system, which knows no such device.
+    // Later calls reach the system, which has no such device.
     SystemCalls::fail(Call::Mount, EINTR, 3);
     QVERIFY(!mountDevice().isMounted);
     const QString call = mountCall(flags);
@@ -240,7 +240,7 @@ void ThreadMountingTest::a_card_that_is_in_the_mount_table_is_only_remounted()
         QVERIFY(records.isEmpty() || outcome.records.first().startsWith(records.first()));
         QCOMPARE(outcome.errors, static_cast<unsigned int>(records.size()));
         QCOMPARE(ToolStandIn::takeCalls() + takeMountCalls(), calls);
-        // What is mounted is not to be emptied.
+        // A mounted card must not be emptied.
         QVERIFY(QFile::exists(kCard));
     }
 }

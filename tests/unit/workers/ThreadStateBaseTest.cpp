@@ -18,7 +18,7 @@
 #include "ProgramRunner.h"
 #include "ThreadOfThreads.h"
 
-/// Its name does not say what it is.
+/// A worker without the prefix "Thread" in its name.
 class WorkerOfThreads : public ThreadStateBase, public TrackObject
 {
     Q_OBJECT
@@ -40,7 +40,7 @@ Q_DECLARE_METATYPE(Construction)
 
 namespace {
 
-/// A program that does not end by itself, and the run that waits for it.
+/// A program that does not end by itself, and a run that waits for it.
 class EndlessProgram
 {
 public:
@@ -68,7 +68,7 @@ private:
     const QString mFile = mDirectory.filePath("id");
 };
 
-// What a process that does this writes before it aborts; nothing where it does not abort.
+// The output of a process that does this and aborts; empty if it does not abort.
 QByteArray lastWordsOf(const Construction& construction)
 {
     QTemporaryFile words;
@@ -208,7 +208,7 @@ void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for()
     QCOMPARE(runs.load(), isStartedAgain ? 2 : 1);
     QCOMPARE(code.load(), -1);
     QVERIFY(!program.isRunning());
-    // Nobody waits for the program any more, so that its end is no failure.
+    // The run no longer waits for the program, so its end is not a failure.
     QCOMPARE(log.messages(LogLevel::Error), QStringList());
 }
 
@@ -255,7 +255,7 @@ void ThreadStateBaseTest::the_next_run_follows_a_blocked_one()
     QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
     held.worker.start(QThread::InheritPriority);
     QVERIFY(held.worker.isUnderWay());
-    // Otherwise the old run would go on with its work.
+    // Otherwise the old run would continue its work.
     QVERIFY(held.worker.isStopRequested());
     held.mayEnd.release();
     QTRY_COMPARE_WITH_TIMEOUT(held.hasBegun.available(), 1, kPatienceMs);

@@ -24,7 +24,7 @@ QStringList waitsFor(const QString& command, int timeoutMs)
     return {command + ": start 30000", command + ": end " + QString::number(timeoutMs)};
 }
 
-// Prepares a card with directories for the logger and for values.
+// Creates a card with directories for the logger and for values.
 bool prepare()
 {
     const ConfigHandler config =
@@ -38,7 +38,7 @@ bool prepare()
 
 } // namespace
 
-/// How long each of the service's programs may take.
+/// The time limits of the service's programs.
 class ToolTimeoutsTest : public QObject
 {
     Q_OBJECT

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// A state with a worker that does what the test gives it to do.
+/// A state with a worker that runs a function of the test.
 class StateOfThreads : public WorkerState
 {
 public:
@@ -84,7 +84,7 @@ void WorkerStateTest::an_earlier_run_does_not_finish_the_state()
     Q_EMIT harness.enter();
     QTRY_COMPARE_WITH_TIMEOUT(work.hasBegun.available(), 1, kPatienceMs);
     Q_EMIT harness.leave();
-    // The run goes on, so that this waits for it and then for its end to be delivered.
+    // The run continues, so this waits for it and then for the delivery of its end.
     Q_EMIT harness.enter();
     QTRY_VERIFY_WITH_TIMEOUT(state->active(), kPatienceMs);
     work.mayEnd.release();
@@ -116,7 +116,7 @@ void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered(
     QTRY_COMPARE_WITH_TIMEOUT(hasBegun.available(), 1, kPatienceMs);
     Q_EMIT harness.leave();
     QTRY_VERIFY_WITH_TIMEOUT(!state->active(), kPatienceMs);
-    // This ends the first run. Then the ends of both wait to be delivered.
+    // This ends the first run. Then the ends of both runs wait for delivery.
     connect(state->initialState(), &QAbstractState::entered, this,
             [state] { state->worker->wait(kPatienceMs); });
     Q_EMIT harness.enter();
@@ -142,7 +142,7 @@ void WorkerStateTest::two_blocked_workers_delay_the_end_by_3_seconds_in_total()
     }
     QVERIFY2(watch.elapsed() >= 2900 && watch.elapsed() < 5000,
              qPrintable(QString::number(watch.elapsed())));
-    // What such a run uses is left to it.
+    // Such a run keeps the objects that it uses.
     work.mayEnd.release(2);
     for (const QPointer<ThreadOfThreads>& worker : workers) {
         QVERIFY(worker);
