@@ -25,7 +25,7 @@ CONFIGURATION = f"""
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose card has watched directories."""
+    """A board with a card that has watched directories."""
     return make_board(program=program, media_config=CONFIGURATION)
 
 
@@ -77,7 +77,7 @@ def test_a_directory_exactly_at_its_limit_is_left_alone_and_a_byte_more_is_too_m
     assert names(contents, "watched") == ["0", "1", "last"]
     contents.change(("truncate", "watched/last", last_size + 1))
     enforce(board, "watched")
-    # Without the oldest, the use is exactly at the limit, which is not yet below it.
+    # Without the oldest file the use is exactly at the limit, which still is too much.
     assert names(contents, "watched") == ["last"]
 
 
@@ -209,7 +209,7 @@ def test_runs_go_on_after_the_card_was_out(board):
 
 def test_nothing_is_enforced_after_an_eject(board, contents):
     eject(board)
-    # The mount point is an ordinary directory now.
+    # The mount point is now an ordinary directory.
     board.run("mkdir", "-p", f"{MOUNT_POINT}/watched", check=True)
     board.run("truncate", "-s", "60M", f"{MOUNT_POINT}/watched/file", check=True)
     for identifier in ("watched", "", "unknown"):

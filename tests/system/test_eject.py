@@ -1,4 +1,4 @@
-"""Ejecting the card with the button, while programs use it and while they do not."""
+"""Ejecting the card with the button, with and without programs that use it."""
 
 import time
 
@@ -107,7 +107,7 @@ def test_a_blocked_lsof_counts_as_open_files(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exec sleep 1000")
     press_until_eject(board, within=20)
-    # The service answers nobody for the 10 seconds that it gives lsof.
+    # The service answers no calls for the 10 seconds that it waits for lsof.
     board.expect_record("ERROR", "sdcard", "Invoke of 'lsof' utility failed with exit code -1", within=15)
     board.restore_tool(LSOF)
     expect_safe_to_take_out(board, within=20)

@@ -21,7 +21,7 @@ WAIT = f"touch /run/board/waiting; {HOLD}"
 
 
 def start_formatting(board: Board, mke2fs: str) -> Process:
-    """Starts the script with this body for mke2fs, and returns when mke2fs waits."""
+    """Starts the script with mke2fs replaced by this body, and returns when it waits."""
     board.replace_tool("/usr/sbin/mke2fs", mke2fs)
     formatting = board.start(FORMAT_SCRIPT)
     board.expect("mke2fs waits", lambda: board.exists("/run/board/waiting"))
@@ -83,7 +83,7 @@ def data_of(card: Card) -> bytes:
 
 
 def assert_repaired(board: Board, card: Card, start: int, sectors: int) -> None:
-    """Checks that the script keeps the file system and makes its table right."""
+    """Checks that the script keeps the file system and repairs its table."""
     data = data_of(card)
     board.insert(card)
     result = format_card(board)
@@ -328,7 +328,7 @@ def test_a_card_pulled_at_any_moment_is_made_ready_the_next_time(bare_board, mom
     status = formatting.wait(within=30)
     assert status in (FAILED, MADE_FILE_SYSTEM)
     assert status == MADE_FILE_SYSTEM or formatting.errors
-    # Either the card still looks foreign, or it is as good as formatted.
+    # Either the card still looks foreign, or its format is complete.
     if [partition.kind for partition in card.partitions()] == ["83"]:
         assert card.is_clean()
     bare_board.insert(card)
