@@ -16,15 +16,15 @@ PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SETTINGS = "/etc/default/tavo-sdcard"
-BUS_SECONDS = 10  # that the helper gives the bus
-EVENT_SECONDS = 5  # a wait for an answer takes 25
+BUS_SECONDS = 10  # limit of the helper for a bus call
+EVENT_SECONDS = 5  # waiting for a reply takes 25
 MAKE_FILE_SYSTEM = "/usr/sbin/mke2fs"
-PAUSE = "0.02"  # seconds, between two looks of the helper
+PAUSE = "0.02"  # seconds between two checks of the helper
 REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
 
 
 def bring_helper(board: Board) -> None:
-    """Puts the helper on a board. Nothing of it runs longer than an event."""
+    """Puts the helper on a board. None of its processes outlives its event."""
     board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
     write_settings(board)
 
@@ -35,7 +35,7 @@ def write_settings(board: Board, *settings: str) -> None:
 
 @pytest.fixture
 def hotplug(make_board, program):
-    """A board with the helper on it, which only the test calls."""
+    """A board with the helper, which only the test calls."""
     board = make_board(program=program)
     bring_helper(board)
     with board.unannounced():
@@ -57,7 +57,7 @@ def disk_number(board: Board) -> str:
 
 
 def event(board: Board, action: str, device: str, number: str | None = None) -> float:
-    """Reports a device event; returns how long that kept udev, in seconds, divided by the board's patience."""
+    """Reports a device event; returns how long it blocked udev, in seconds, divided by the board's patience."""
     kind = "disk" if device == CARD_DEVICE else "partition"
     variables = [f"ACTION={action}", f"DEVNAME={device}", f"DEVTYPE={kind}"]
     if number is not None:
@@ -69,7 +69,7 @@ def event(board: Board, action: str, device: str, number: str | None = None) -> 
 
 
 def start_event_without_partition(board: Board) -> Process:
-    """Takes a card's partition away, reports that, and returns while the helper waits for it, until announced_by()."""
+    """Removes a card's partition and reports it. The helper then waits for the partition until announced_by()."""
     board.insert(Card.formatted(), announce=False)
     board.replace_tool("/usr/bin/dbus-send", "")
     board.replace_tool("/usr/bin/sleep", f'[ "$1" = {PAUSE} ] || exec "$ORIGINAL" "$@"; {HOLD}')
@@ -86,14 +86,14 @@ def pauses(board: Board) -> int:
 
 
 def announced_by(board: Board, helper: Process) -> list[str]:
-    """Lets the waiting helper end; returns the methods that it has called."""
+    """Ends the wait of the helper; returns the methods that it has called."""
     go_on(board)
     assert helper.wait(60) == 0
     return announced_methods(board)
 
 
 def announced_methods(board: Board) -> list[str]:
-    """The methods that the replaced dbus-send was to call."""
+    """The methods in the calls of the replaced dbus-send."""
     return [call[-1] for call in board.tool_calls("dbus-send")]
 
 
@@ -291,7 +291,7 @@ def test_udev_continues_without_the_service_or_the_bus(hotplug, fault):
 
 
 def test_udev_continues_when_the_service_does_not_answer(hotplug):
-    # A helper that waits for an answer would wait this long.
+    # A helper that waits for a reply would wait this long.
     write_settings(hotplug, "BUS_SECONDS=60")
     service = hotplug.start_service()
     hotplug.run("kill", "-STOP", str(service.pid), check=True)
@@ -358,7 +358,7 @@ def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_in_use(hotp
     hold(hotplug)
     take_out(hotplug, number)
     hotplug.expect_state(State.NO_CARD)
-    # udev's programs have a mount namespace of their own.
+    # udev's programs have their own mount namespace.
     hotplug.write_file(HELPER, f"#!/bin/sh\nexec unshare --mount --propagation private {HELPER}.real\n", 0o755)
     hotplug.write_file(f"{HELPER}.real", (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
     assert mounted_device(hotplug) != ""
@@ -415,7 +415,7 @@ def gpt_without_partitions() -> Card:
 
 
 def format_now(board: Board) -> None:
-    """Runs what the event starts in the background."""
+    """Runs the background program of the event."""
     board.run(HELPER, "format", check=True)
 
 

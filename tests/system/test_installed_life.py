@@ -1,4 +1,4 @@
-"""The installed package from its first start to its removal, as the device's user and its init see it."""
+"""The installed package from its first start to its removal, as seen by the device's user and by init."""
 
 import signal
 
@@ -92,7 +92,7 @@ def test_the_installed_rule_announces_the_card_and_formats_a_blank_one(make_boar
     card = Card.blank()
     board.insert(card, announce=None)
     expect_mounted(board)
-    # Once or more often, as udev reads the new table too.
+    # Once or more, because udev reads the new table too.
     announced = {signal.name for signal in board.signals} & {"CardInserted", "CardRemoved"}
     assert announced == {"CardInserted"}
     eject(board)

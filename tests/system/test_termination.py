@@ -78,7 +78,7 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
     held = board.hold_file_open()
     board.service.send_signal(number)
     board.expect_state(State.CLOSING_FILES)
-    # More signals change nothing.
+    # Further signals change nothing.
     board.service.send_signal(signal.SIGHUP)
     board.service.send_signal(signal.SIGTERM)
     board.expect_leds(LedPattern.BUSY)
@@ -92,7 +92,7 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
 
 
 def expect_40_seconds_of_closing(board):
-    """Asks the service to end, and watches it wait for open files as long as it may."""
+    """Asks the service to end, and watches its full wait for open files."""
     began = time.monotonic()
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
@@ -220,7 +220,7 @@ def test_a_signal_while_a_pulled_card_is_still_checked_ends_the_check(board):
     assert board.exists(f"/proc/{check}")
     assert board.stop_service(within=10) == 0
     board.expect("no check runs", lambda: not board.exists(f"/proc/{check}"), within=10)
-    # The thread that would remove it has been ended.
+    # The thread that would remove it has been stopped.
     board.run("rmdir", MOUNT_POINT, check=True)
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
 
@@ -271,7 +271,7 @@ def test_a_pending_request_uses_no_processor_time(board, start):
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
     start_with_mounted_card(board)
-    # Reports an open file for ever: with a real one the service could end before the card is pulled.
+    # Always reports an open file: with a real one the service could end before the card is pulled.
     board.replace_tool(LSOF, "echo 4194305")
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
