@@ -31,7 +31,7 @@ public:
     bool isMounted() const { return mIsMounted; }
     /// Used share of the card in percent.
     int memLevel() const { return mMemLevel; }
-    /// A value of the enumeration MemState. State and Transition below are values of theirs.
+    /// A value of the enumeration MemState; state() and transition() likewise.
     int memState() const { return mMemState; }
     QString mountPoint() const { return mMountPoint; }
     int state() const { return mState; }

@@ -116,7 +116,7 @@ void Sdcard::registerBusObject(QDBusConnection& bus)
     connect(mService, &SDCardImpl::CardRemoved, this, &Sdcard::REMOVE_DEVICE);
 }
 
-// Without the bus nobody could announce a card or its removal.
+// While the bus was away, nobody could announce a card or its removal.
 void Sdcard::lookForCardAnew()
 {
     const bool isKnown = mService->state() != static_cast<int>(State::NoCard);

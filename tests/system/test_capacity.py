@@ -195,7 +195,7 @@ def test_runs_repeat_at_the_interval_in_the_file(board):
         board.expect("the file is gone", lambda: names(contents, "watched") == [], within=4)
 
 
-def test_runs_go_on_after_the_card_was_out(board):
+def test_runs_continue_after_the_card_was_out(board):
     board.write_file(INTERVAL_FILE, "500\n")
     card = start_with_watched_card(board)
     eject(board)

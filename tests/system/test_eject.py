@@ -90,7 +90,7 @@ def test_the_card_is_unmounted_as_soon_as_no_program_uses_it(board):
         "Number of processes with open files: 2"]
 
 
-def test_a_failing_lsof_is_asked_again_until_it_works(board):
+def test_a_failing_lsof_is_run_again_until_it_works(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exit 3")
     press_until_eject(board)

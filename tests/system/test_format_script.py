@@ -306,7 +306,7 @@ def test_a_card_that_is_being_formatted_is_not_formatted_twice(bare_board):
     assert first.wait(within=60) == MADE_FILE_SYSTEM
 
 
-def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
+def test_an_exchanged_card_does_not_get_the_other_cards_table(bare_board):
     first, second = Card.as_bought(), Card.as_bought()
     bare_board.insert(first)
     formatting = start_formatting(bare_board, f"{MAKE_FILE_SYSTEM} && {WAIT}")

@@ -123,7 +123,7 @@ def test_the_shipped_configurations_work_together(board):
     assert init(board, "stop").returncode == 0
 
 
-def test_a_rotated_log_goes_on(board):
+def test_a_rotated_log_continues(board):
     use_shipped_tracking_configuration(board)
     start(board)
     board.run("logrotate", "--force", "/etc/logrotate.d/sdcardd", check=True)

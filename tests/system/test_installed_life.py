@@ -27,7 +27,7 @@ def kill_service(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
 
 
-def test_a_card_lives_its_life_with_the_installed_service(board):
+def test_the_installed_service_handles_a_whole_card_life(board):
     start(board)
     card = Card.as_bought()
     board.insert(card)
@@ -41,7 +41,7 @@ def test_a_card_lives_its_life_with_the_installed_service(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
 
 
-def test_a_crashed_service_goes_on_with_the_mounted_card_and_stops_cleanly(board):
+def test_a_crashed_service_continues_with_the_mounted_card_and_stops_cleanly(board):
     card = Card.formatted()
     board.insert(card)
     start(board)

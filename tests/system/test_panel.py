@@ -220,7 +220,7 @@ def test_the_panel_comes_back_after_a_shell_on_the_board(panel):
     assert panel.expect_end() == 0
 
 
-def test_keys_that_do_nothing_at_the_moment_say_why(panel):
+def test_keys_without_an_effect_say_why(panel):
     panel.press("p")
     panel.expect("panel  There is no card to pull: put one in (i).")
     panel.press("e")

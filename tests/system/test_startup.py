@@ -202,7 +202,7 @@ def test_the_bus_knows_the_name_only_while_the_service_runs(board):
     board.expect("the name has no owner", lambda: not board.bus.has_service())
 
 
-def test_the_udev_logger_goes_on_before_the_configuration_is_looked_for(board):
+def test_the_udev_logger_resumes_before_the_configuration_is_looked_for(board):
     # The kernel's own /proc has no such file, so the service gets its own. It is a pipe, which blocks the service until
     # somebody reads.
     switch = "/run/device/tavo-logger/suspendudev"

@@ -96,7 +96,7 @@ def test_other_devices_are_closed_to_the_service(board):
         system.run("systemctl", "stop", UNIT)
 
 
-def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_card(systemd_board):
+def test_a_crashed_service_is_restarted_and_continues_with_the_mounted_card(systemd_board):
     systemd_board.insert(Card.formatted())
     systemd_board.replace_tool(E2FSCK)
     with SystemdSystem(systemd_board) as system:

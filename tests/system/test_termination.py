@@ -279,7 +279,7 @@ def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(bo
     board.expect_service_end(0, within=10)
 
 
-def test_a_service_that_was_started_again_goes_on_with_the_same_card(board):
+def test_a_restarted_service_continues_with_the_same_card(board):
     card = start_with_mounted_card(board)
     board.write_file(f"{MOUNT_POINT}/export/kept", "kept\n")
     assert board.stop_service() == 0

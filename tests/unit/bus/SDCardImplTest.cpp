@@ -200,14 +200,14 @@ private Q_SLOTS:
         QCOMPARE(log.errorCount(), 1U);
     }
 
-    void without_a_controller_the_answers_are_empty_data()
+    void without_a_controller_the_replies_are_empty_data()
     {
         QTest::addColumn<bool>("hasParent");
         QTest::newRow("no parent") << false;
         QTest::newRow("a parent that is none") << true;
     }
 
-    void without_a_controller_the_answers_are_empty()
+    void without_a_controller_the_replies_are_empty()
     {
         QFETCH(const bool, hasParent);
         QObject parent;

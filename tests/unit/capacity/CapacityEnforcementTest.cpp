@@ -66,8 +66,8 @@ class CapacityEnforcementTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void a_size_counts_for_what_it_is_data();
-    void a_size_counts_for_what_it_is();
+    void files_of_any_size_count_in_full_data();
+    void files_of_any_size_count_in_full();
     void the_age_is_compared_in_nanoseconds();
     void each_hard_link_counts_and_is_removed_by_itself();
     void every_entry_except_a_directory_can_be_removed();
@@ -91,7 +91,7 @@ void CapacityEnforcementTest::cleanup()
     WatchedCard::remove();
 }
 
-void CapacityEnforcementTest::a_size_counts_for_what_it_is_data()
+void CapacityEnforcementTest::files_of_any_size_count_in_full_data()
 {
     QTest::addColumn<qint64>("oldest");
     QTest::addColumn<qint64>("excess");
@@ -101,7 +101,7 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is_data()
     QTest::newRow("5 GiB do not suffice") << (qint64{5} << 30) << (qint64{5} << 30) << false;
 }
 
-void CapacityEnforcementTest::a_size_counts_for_what_it_is()
+void CapacityEnforcementTest::files_of_any_size_count_in_full()
 {
     QFETCH(const qint64, oldest);
     QFETCH(const qint64, excess);

@@ -30,12 +30,12 @@ private Q_SLOTS:
     void only_the_exact_mount_point_counts_data();
     void only_the_exact_mount_point_counts();
     void a_device_that_is_named_like_the_mount_point_does_not_count();
-    void sizes_are_those_of_the_mounted_file_system();
+    void sizes_come_from_the_mounted_file_system();
     void there_is_no_size_without_a_mount();
-    void the_device_is_that_of_what_is_mounted();
+    void the_device_is_that_of_the_mounted_file_system();
     void there_is_no_device_without_a_mount();
     void a_mount_point_is_removed_with_its_content();
-    void a_mount_point_that_is_gone_need_not_be_removed();
+    void a_missing_mount_point_counts_as_removed();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted_data();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted();
     void nothing_is_removed_if_the_mount_table_cannot_be_read();
@@ -97,7 +97,7 @@ void MountedFileSystemTest::a_device_that_is_named_like_the_mount_point_does_not
     QVERIFY(!isMounted);
 }
 
-void MountedFileSystemTest::sizes_are_those_of_the_mounted_file_system()
+void MountedFileSystemTest::sizes_come_from_the_mounted_file_system()
 {
     QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
     TestDevice::writeFile(kMountPoint + "/file", QByteArray(kMegabyte, 'x'));
@@ -112,7 +112,7 @@ void MountedFileSystemTest::there_is_no_size_without_a_mount()
     QVERIFY(!MountedFileSystem(kMountPoint).size());
 }
 
-void MountedFileSystemTest::the_device_is_that_of_what_is_mounted()
+void MountedFileSystemTest::the_device_is_that_of_the_mounted_file_system()
 {
     const MountedFileSystem card(kMountPoint);
     struct stat status = {};
@@ -139,7 +139,7 @@ void MountedFileSystemTest::a_mount_point_is_removed_with_its_content()
     QVERIFY(!QFile::exists(kMountPoint));
 }
 
-void MountedFileSystemTest::a_mount_point_that_is_gone_need_not_be_removed()
+void MountedFileSystemTest::a_missing_mount_point_counts_as_removed()
 {
     QVERIFY(removeMountPoint("/media/missing"));
 }

@@ -90,7 +90,7 @@ private Q_SLOTS:
         QVERIFY(device.waitForState("mounted"));
     }
 
-    void without_its_place_on_the_bus_the_object_is_not_registered()
+    void with_its_path_taken_the_object_is_not_registered()
     {
         ControllerDevice device(mBus);
         QObject other;

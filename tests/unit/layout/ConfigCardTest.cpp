@@ -37,8 +37,8 @@ class ConfigCardTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanup();
-    void a_size_under_an_unknown_name_is_nothing();
-    void the_use_of_a_directory_without_a_card_is_nothing();
+    void size_and_use_of_an_unknown_name_are_0();
+    void the_use_of_a_directory_without_a_card_is_0();
     void the_use_of_a_missing_directory_is_reported();
     void the_first_directory_of_a_name_is_used();
     void each_query_of_the_use_reads_the_interval_file();
@@ -61,7 +61,7 @@ void ConfigCardTest::cleanup()
     TestDevice::remove("/etc/scw_interval");
 }
 
-void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
+void ConfigCardTest::size_and_use_of_an_unknown_name_are_0()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     const ConfigHandler config =
@@ -73,7 +73,7 @@ void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
     QCOMPARE(config.getDirUsed("Logs"), qint64{0});
 }
 
-void ConfigCardTest::the_use_of_a_directory_without_a_card_is_nothing()
+void ConfigCardTest::the_use_of_a_directory_without_a_card_is_0()
 {
     TestDevice::writeFile("/media/sdcard/logs/a", QByteArray(1000, 'x'));
     const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");

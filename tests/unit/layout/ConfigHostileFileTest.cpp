@@ -28,8 +28,8 @@ class ConfigHostileFileTest : public QObject
 private Q_SLOTS:
     void directories_may_be_nested_as_deep_as_a_path_can_be();
     void any_number_of_siblings_is_read();
-    void shares_that_are_no_sensible_numbers_are_harmless_data();
-    void shares_that_are_no_sensible_numbers_are_harmless();
+    void extreme_shares_are_harmless_data();
+    void extreme_shares_are_harmless();
     void every_changed_file_is_read_or_refused();
 };
 
@@ -52,7 +52,7 @@ void ConfigHostileFileTest::any_number_of_siblings_is_read()
     QCOMPARE(config.dirEntries().size(), kSiblings);
 }
 
-void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless_data()
+void ConfigHostileFileTest::extreme_shares_are_harmless_data()
 {
     QTest::addColumn<QByteArray>("size");
     for (const char* const size :
@@ -61,7 +61,7 @@ void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless_dat
     }
 }
 
-void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless()
+void ConfigHostileFileTest::extreme_shares_are_harmless()
 {
     QFETCH(const QByteArray, size);
     constexpr qint64 kCardSize = 1048576;
