@@ -1,1 +1,1 @@
-"""The service beside the tools that could replace it, measured in turn in one run."""
+"""Compares the service with tools that could replace it, measured in turn in one run."""

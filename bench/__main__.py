@@ -1,4 +1,4 @@
-"""./dev bench: prints one table; ends with 1 where a goal was missed."""
+"""./dev bench: prints one table; ends with 1 if a goal was missed."""
 
 import argparse
 import os

@@ -1,4 +1,4 @@
-"""The service's times beside those of the same work done by hand, on a board."""
+"""Compares the service's times with those of the same work done by hand, on a board."""
 
 import re
 import statistics
@@ -101,14 +101,14 @@ class LifeBench:
 
 
 def _lay_out(board: Board, card: Card) -> None:
-    # So that neither side has to create the directories.
+    # Neither side has to create the directories.
     board.insert(card, announce=False)
     board.run("sh", "-c", f"{MOUNT_BY_HAND}\numount {MOUNT_POINT}", check=True)
     board.pull(announce=False)
 
 
 def _unmount_seconds(board: Board) -> Run:
-    # The record of the closed files comes directly before the unmounting; the record of the success follows its signal.
+    # The record of the closed files comes directly before the unmount; the record of the success follows its signal.
     moments = {}
     for record in board.records:
         for text in ("Number of processes with open files: 0", "SD Card is successfully unmounted"):
@@ -124,7 +124,7 @@ def nanoseconds(text: str) -> Run:
 
 
 def compared(pairs: list[tuple[Run, Run]]) -> Comparison:
-    """Medians of both, and of their ratios; of the memory's where there are no times."""
+    """Medians of both and of their ratios; of the memory if there are no times."""
     def median(side: int) -> Run:
         return Run(statistics.median(pair[side].wall for pair in pairs),
                    statistics.median(pair[side].peak_mib for pair in pairs))

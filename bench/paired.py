@@ -31,7 +31,7 @@ Command = Callable[[], list[str]]
 def measure(command: list[str]) -> Run:
     """Runs a command once. Raises RuntimeError when it fails."""
     with tempfile.NamedTemporaryFile("r") as peak:
-        # The peak of a child includes the size of its parent at the fork, and GNU time is small.
+        # The peak of a child includes the size of its parent at the fork, so the parent is GNU time, which is small.
         timed = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak.name}", *command]
         started = time.perf_counter()
         result = subprocess.run(timed, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
@@ -48,7 +48,7 @@ def median(runs: list[Run]) -> Run:
 
 
 def compare(ours: Command, theirs: Command, rounds: int, prepare: Callable[[], object]) -> Comparison:
-    """Runs two commands in turn, each after @p prepare, which is not timed."""
+    """Runs two commands in turn, each after an untimed @p prepare."""
     return compare_all(ours, [theirs], rounds, prepare)[0]
 
 

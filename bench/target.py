@@ -1,4 +1,4 @@
-"""The service on the emulated board beside the same tools run by hand there: python3 -m bench.target BUILD"""
+"""Compares the service on the emulated board with the same tools run by hand: python3 -m bench.target BUILD"""
 
 import sys
 import time
@@ -21,10 +21,10 @@ TAKE_BACK = f"lsof -t -Q {MOUNT_POINT} || :; umount {MOUNT_POINT}"
 
 
 class TargetBench(LifeBench):
-    """What the device's user waits for."""
+    """The times that the device's user waits."""
 
     def contact_and_button(self) -> Iterator[Row]:
-        """From the card's contact to its use, and from the button's release to the green light.
+        """From the card's insertion to its use, and from the button's release to the green light.
 
         The button is released as soon as the service reacts to it.
         """

@@ -13,7 +13,7 @@ FILE_SIZE = 1000
 PAUSE_SECONDS = 1.0
 DEEP_LEVELS = 200
 
-# Shares of the files to delete; the change times have a gap behind each, for a tool that deletes by age.
+# Shares of the files to delete. A gap in the change times follows each, for a tool that deletes by age.
 SHARES = (0.01, 0.1, 0.9)
 
 
@@ -29,7 +29,7 @@ def directories_of(shape: str) -> list[str]:
 
 
 class CardImage:
-    """An ext4 image with `tree` in it. Mounted, it lies at self.tree."""
+    """An ext4 image with `tree` in it. Once mounted, it is at self.tree."""
 
     def __init__(self, shape: str, files: int) -> None:
         self.shape, self.files = shape, files
@@ -81,7 +81,7 @@ class CardImage:
         (self.mount_point / "cuts").write_text(" ".join(map(str, cuts)))
 
     def _mount(self, image: Path) -> None:
-        # Direct, so that pages are not cached twice.
+        # Direct I/O, so that pages are not cached twice.
         device = subprocess.run(["losetup", "--find", "--show", "--direct-io=on", image], check=True,
                                 capture_output=True, text=True).stdout.strip()
         try:

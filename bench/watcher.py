@@ -1,4 +1,4 @@
-"""The capacity watcher beside du, find, a shell pipeline and systemd-tmpfiles."""
+"""Compares the capacity watcher with du, find, a shell pipeline and systemd-tmpfiles."""
 
 import os
 import subprocess
@@ -27,7 +27,7 @@ class WatcherBench:
         self.seconds_per_file: dict[tuple[str, int], float] = {}
 
     def start(self) -> Iterator[Row]:
-        """The time of the tool's start, which a running service does not spend again."""
+        """The start time of the tool, which a running service does not need."""
         with tempfile.TemporaryDirectory() as empty:
             result = compare(lambda: [self.tool, "size", empty], lambda: ["du", "-s", "--apparent-size", empty],
                              START_ROUNDS, lambda: None)
@@ -55,7 +55,7 @@ class WatcherBench:
             image.close()
 
     def growth(self) -> Iterator[Row]:
-        """Time per file in the largest tree beside that in the smallest, for each shape."""
+        """Compares the time per file in the largest tree with that in the smallest, for each shape."""
         for shape in {shape for shape, _ in self.seconds_per_file}:
             sizes = sorted(files for known, files in self.seconds_per_file if known == shape)
             if len(sizes) > 1:

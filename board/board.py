@@ -1,4 +1,4 @@
-"""The base of every board: a device that a test can have expectations of."""
+"""The base of every board: a device with expectations for tests."""
 
 import time
 from collections.abc import Callable
@@ -36,7 +36,7 @@ class Board(Device):
         self._expect_value(f"State {state.name}", lambda: self.state, state, within)
 
     def expect_state_for(self, state: State, seconds: float) -> None:
-        """Checks that the State property keeps its value for so long."""
+        """Checks that the State property keeps its value for this time."""
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             seen = self.state

@@ -1,6 +1,6 @@
 """SD cards: images in this process's memory, of every kind that a user may insert.
 
-An image has no name in any file system, so nothing remains of a card however a test ends.
+An image has no name in any file system, so nothing of a card remains after a test.
 """
 
 import os
@@ -125,7 +125,7 @@ class Card:
 
     @property
     def stored(self) -> int:
-        """How many bytes the image takes; it grows with every block that is written for the first time."""
+        """How many bytes the image takes; it grows with each first write to a block."""
         return os.fstat(self._image).st_blocks * SECTOR_BYTES
 
     def read(self, offset: int, size: int) -> bytes:

@@ -1,4 +1,4 @@
-"""A board as a computer: programs run on it, files lie on it, and a service may leave something behind."""
+"""A board as a computer: its programs, its files, and the leftovers of a service."""
 
 import os
 import shlex
@@ -22,7 +22,7 @@ POLL_SECONDS = 0.03
 class Computer(ABC):
     """Programs and files. A kind of board implements the abstract operations at the end of the class."""
 
-    # Every time limit of a test is multiplied by it.
+    # All time limits of tests are multiplied by it.
     patience = 1
     _dpkg_options: tuple[str, ...] = ()
     # A command (sh) that ends when the kernel's events have been handled.
@@ -100,10 +100,10 @@ class Computer(ABC):
         """The lines of /proc/mounts that mention the card or its mount point."""
         return _card_mounts(self.read_file("/proc/mounts"))
 
-    # Tools of the system, replaced to record their calls or to fail
+    # Tools of the system, replaced in order to record their calls or to fail
 
     def replace_tool(self, path: str, body: str = 'exec "$ORIGINAL" "$@"') -> None:
-        """Puts a script in a program's place: it records its arguments, then runs @p body (sh).
+        """Replaces a program by a script that records its arguments and then runs @p body (sh).
 
         "$ORIGINAL" in the body is the real program, which the default body runs.
         """
@@ -113,7 +113,7 @@ class Computer(ABC):
         self.write_file(path, tools.recording_script(path, body), 0o755)
 
     def restore_tool(self, path: str) -> None:
-        """Puts the real program back."""
+        """Restores the real program."""
         self.run("mv", tools.original_of(path), path, check=True)
 
     def remove_tool(self, path: str) -> None:
@@ -156,19 +156,19 @@ class Computer(ABC):
         if media_config is not None:
             self.write_file(MEDIA_CONFIGURATION, media_config)
 
-    # What was left behind
+    # Leftovers
 
     def leftovers(self) -> list[str]:
-        """What was left behind, in words.
+        """Describes the leftovers.
 
-        While the board is open: what the service left on the board when it ended. Once it is closed: what the
+        Of an open board: what the service left on the board when it ended. Of a closed board: what the
         board left on this machine.
         """
         return self._remains_on_board() if self.is_open else self._remains_of_board()
 
     def _remains_on_board(self) -> list[str]:
         own = {str(process.pid) for process in self._started}
-        # One command, because each program's start takes a slow board its time.
+        # One command, because each program start takes time on a slow board.
         look = (f"{self._settle}; ps -e -o pid=,ppid=,stat=,args=; echo; cat /proc/mounts; echo; "
                 f"[ ! -e {MOUNT_POINT} ] || echo {MOUNT_POINT}")
         processes, mounts, directory = self.run("sh", "-c", look).stdout.split("\n\n")
@@ -202,14 +202,14 @@ class Computer(ABC):
                 return False
             with self._changed:
                 self._changed.wait(pause)
-            # Each evaluation costs a slow board time that its service needs.
+            # Each evaluation takes time on a slow board that its service needs.
             pause = min(1.5 * pause, POLL_SECONDS * self.patience)
 
     def _notify(self) -> None:
         with self._changed:
             self._changed.notify_all()
 
-    # What a kind of board implements
+    # Operations of each kind of board
 
     @property
     @abstractmethod
@@ -232,7 +232,7 @@ class Computer(ABC):
     @abstractmethod
     def _start(self, command: list[str], environment: dict[str, str], user: str | None,
                standard_input: bytes) -> Process:
-        """Starts a program with exactly this environment."""
+        """Starts a program with only this environment."""
 
     @abstractmethod
     def _board_file(self, path: str) -> str:

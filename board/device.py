@@ -1,4 +1,4 @@
-"""A board as a device: a card slot, two LEDs, an eject button, and the service on its system bus."""
+"""A board as a device: its card slot, LEDs and eject button, and the service on its system bus."""
 
 import signal
 import time
@@ -16,7 +16,7 @@ from .process import Process
 
 SERVICE_START_SECONDS = 20
 
-# Sanitizers report every error and go on; the tests treat a report as a crash.
+# Sanitizers report all errors and continue; the tests treat a report as a crash.
 SANITIZER_ENVIRONMENT = {
     "ASAN_OPTIONS": "detect_stack_use_after_return=1:handle_abort=0:abort_on_error=0",
     "UBSAN_OPTIONS": "print_stacktrace=1",
@@ -25,7 +25,7 @@ SANITIZER_ENVIRONMENT = {
 
 
 class Device(Computer):
-    """What the device's user does to it and sees of it."""
+    """The device from its user's point of view."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -44,7 +44,7 @@ class Device(Computer):
             self.bus.announce_insertion()
 
     def pull(self, announce: bool = True) -> None:
-        """Removes the card at once: whoever uses it gets I/O errors. @p announce as for insert()."""
+        """Removes the card at once: programs that use it get I/O errors. @p announce as for insert()."""
         self._pull()
         self.card = None
         if announce and self.bus.has_service():
@@ -52,7 +52,7 @@ class Device(Computer):
 
     @contextmanager
     def unannounced(self) -> Iterator[None]:
-        """Keeps the board's own hot-plug rule, if it has one, from announcing cards meanwhile."""
+        """Prevents the board's own hot-plug rule, if any, from announcing cards meanwhile."""
         yield
 
     # The eject button
@@ -66,7 +66,7 @@ class Device(Computer):
         self._set_eject_button("0\n")
 
     def hold_eject_button(self, seconds: float = 8) -> None:
-        """Holds the button; the service needs five seconds, and on a busy machine a few more."""
+        """Presses the button for @p seconds; the service needs five, and a few more on a busy machine."""
         self.press_eject_button()
         time.sleep(seconds)
         self.release_eject_button()
@@ -74,7 +74,7 @@ class Device(Computer):
     # The LEDs
 
     def led_pins(self) -> dict[str, bool] | None:
-        """Which LED is lit at this moment, by its pin; None where the LEDs are only files."""
+        """Which LED is lit now, by its pin; None if the LEDs are only files."""
         return None
 
     # The service
@@ -83,7 +83,7 @@ class Device(Computer):
                       environment: dict[str, str] | None = None) -> Process:
         """Starts the service with the given options.
 
-        With @p wait it returns when the service has entered its first state, with @p name_only as soon as its name
+        With @p wait it returns when the service has entered its first state, with @p name_only when its name
         is on the bus; in either case also when the service has ended. Raises TimeoutError.
         """
         variables = ENVIRONMENT | SANITIZER_ENVIRONMENT | (environment or {})
@@ -97,7 +97,7 @@ class Device(Computer):
         return self.service
 
     def _has_begun(self) -> bool:
-        # The name appears a moment before the object, and the object a moment before the state machine.
+        # The name appears shortly before the object, and the object shortly before the state machine starts.
         try:
             return self.state is not State.UNKNOWN
         except BusError:
@@ -141,7 +141,7 @@ class Device(Computer):
             lines += [f"  {line}" for line in (self.service.output + self.service.errors).splitlines()[-40:]]
         return "\n".join(lines)
 
-    # What a kind of board implements
+    # Operations of each kind of board
 
     @abstractmethod
     def card_counters(self) -> str:

@@ -1,4 +1,4 @@
-"""What the product installs on any board."""
+"""The files of the product on any board."""
 
 from pathlib import Path
 

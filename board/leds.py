@@ -1,4 +1,4 @@
-"""The two LEDs beside the slot and the patterns that they show together. All Python code takes both from here."""
+"""The two LEDs beside the slot and their patterns, for all Python code."""
 
 import time
 from collections.abc import Callable
@@ -11,7 +11,7 @@ FAST_BLINK_MS = 100
 
 
 class Light(Enum):
-    """What one LED does, in words."""
+    """The description of one LED."""
 
     OFF = "off"
     ON = "on"
@@ -22,7 +22,7 @@ class Light(Enum):
 
 
 class LedPattern(Enum):
-    """What the user sees: the light of the red LED and of the green LED."""
+    """The visible light of the red and of the green LED."""
 
     OFF = (Light.OFF, Light.OFF)
     MOUNTED = (Light.CARD_ACTIVITY, Light.OFF)
@@ -92,7 +92,7 @@ class Led:
         return "on" if self.brightness else "off"
 
 
-# What each LED's directory contains on a board without real LEDs.
+# The content of each LED's directory on a board without real LEDs.
 LED_FILES = {"brightness": "0\n", "trigger": "none\n", "delay_on": "0\n", "delay_off": "0\n"}
 
 

@@ -1,4 +1,4 @@
-"""What a virtual board may have left on this machine."""
+"""Possible leftovers of a virtual board on this machine."""
 
 import os
 import re

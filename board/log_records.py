@@ -1,4 +1,4 @@
-"""The service's log records as the board's tracking configuration has them written."""
+"""The service's log records in the format of the board's tracking configuration."""
 
 import re
 from dataclasses import dataclass

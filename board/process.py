@@ -70,7 +70,7 @@ class Process:
 
     @property
     def crashed(self) -> bool:
-        """Whether a crash signal ended it, or a sanitizer has reported an error."""
+        """Whether a crash signal ended it or a sanitizer reported an error."""
         status = self.exit_status
         return ((status is not None and -status in CRASH_SIGNALS)
                 or any(mark in self.errors for mark in SANITIZER_MARKS))

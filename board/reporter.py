@@ -9,14 +9,14 @@ from .bus import BusError
 from .emulated.light_watch import LightWatch
 
 POLL_SECONDS = 0.01
-# After so long, a terminal shows what is awaited.
+# After this time, a terminal shows what the program waits for.
 PATIENCE_SECONDS = 2
 
-News = tuple[float, str, str]  # moment, subject, words
+News = tuple[float, str, str]  # time, subject, text
 
 
 class NotSeen(Exception):
-    """A step of the story did not happen."""
+    """An expected step of the story did not happen."""
 
 
 class Reporter:
@@ -44,14 +44,14 @@ class Reporter:
         self._print(f"\n{text}")
 
     def report(self, subject: str, words: str, moment: float | None = None) -> None:
-        """Reports one event that happened at @p moment (of time.monotonic()), or now."""
+        """Reports one event of @p moment (time.monotonic()), or of now."""
         self.seen.append(f"{subject}: {words}")
         elapsed = (time.monotonic() if moment is None else moment) - self._start
         self._print(f"{max(elapsed, 0):7.2f} s  {subject:8} {words}")
 
     def look(self) -> None:
-        """Reports everything new, in the order in which it happened."""
-        # The state first, as its answer takes longest: it then precedes what the others have by that time.
+        """Reports all new events, in order."""
+        # The state first, because its reply takes longest: so it precedes all later events.
         news = [*self._new_state(), *self._new_signals(), *self._new_patterns(), *self._new_lights(),
                 *self._new_log_lines()]
         for moment, subject, words in sorted(news, key=lambda new: new[0]):

@@ -1,6 +1,6 @@
 """A card's life, played and shown in a terminal: python3 -m board.story [--emulated] PROGRAM
 
-Ends with status 0 when every step was seen.
+Ends with status 0 if every step was seen.
 """
 
 import sys
@@ -46,7 +46,7 @@ def play(kind: type[Board], program: Path) -> None:
         reporter.until_seen(["State: NO_CARD", f"LEDs: {LedPattern.OFF.name}",
                              "log: INFO  sdcard      Starting (Version"], within=10)
 
-        # Busy for long enough to be seen on any machine.
+        # Busy long enough to be seen on any machine.
         board.write_file(PREPARATION_SCRIPT, "#!/bin/sh\nsleep 2\n", 0o755)
         reporter.heading(f"A card of {CARD_MIB} MiB as it is bought is put in")
         board.insert(card)
@@ -118,7 +118,7 @@ def _light_watch(board: Board) -> Iterator[LightWatch | None]:
 
 
 def _led_steps(board: Board, pattern: LedPattern) -> list[str]:
-    """What is reported when the LEDs show a pattern; their pins only where a board has them."""
+    """The report of an LED pattern, with the pins if the board has them."""
     at_pins = ", ".join(f"{name} {light.value}" for name, light in zip(LED_NAMES, pattern.value))
     return [f"LEDs: {pattern.name}", *([] if board.led_pins() is None else [f"pins: {at_pins}"])]
 

@@ -1,4 +1,4 @@
-"""Replaced tools: scripts in the place of programs on a board, which record their calls."""
+"""Scripts that replace programs on a board and record their calls."""
 
 import os
 import shlex
@@ -13,7 +13,7 @@ printf '%s\\0' "$(($# + 1))" {name} "$@" >>{calls}
 
 
 def original_of(path: str) -> str:
-    """Where the program at @p path is kept while it is replaced."""
+    """The path of the original of the replaced program at @p path."""
     return f"{ORIGINALS}/{os.path.basename(path)}"
 
 

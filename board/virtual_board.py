@@ -50,7 +50,7 @@ class VirtualBoard(Board):
         self._machine: VirtualMachine | None = VirtualMachine(
             SERVICE_PROGRAM, None if program is None else Path(program).resolve(strict=True), installed, shared)
         self.namespace = self._machine.namespace
-        # While it is open, no other board's namespace gets this number, by which remains are found.
+        # While it is open, no other board's namespace gets this number, which identifies leftovers.
         weakref.finalize(self, os.close, os.open(f"/proc/{self._machine.host_pid}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         try:
             self.led_panel = VirtualLedPanel(self._machine.path_from_host(LED_DIRECTORY), self._notify)

@@ -1,4 +1,4 @@
-"""The LEDs of a virtual board: plain files, whose writes are applied to a model of each LED in their order."""
+"""The LEDs of a virtual board: plain files. Writes to them are applied in order to a model of each LED."""
 
 import os
 import select

@@ -3,7 +3,7 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
-# CMake reads this file again for its own little builds, which see only the variables named here.
+# CMake reads this file again in its own test builds, which see only the variables listed here.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SDCARDD_ARMHF_SYSROOT)
 if(NOT SDCARDD_ARMHF_SYSROOT)
     execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/armhf-sysroot.sh"

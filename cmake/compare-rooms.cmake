@@ -1,4 +1,4 @@
-# Fails unless the picture of the rooms in the file `page` shows what the build wrote into the file `rooms`.
+# Fails unless the picture of the rooms in the file `page` matches the one that the build wrote into `rooms`.
 file(READ ${page} text)
 file(READ ${rooms} built)
 string(FIND "${text}" "flowchart TD\n${built}```" found)

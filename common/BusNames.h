@@ -7,9 +7,9 @@ namespace BusNames {
 
 inline const QString kService = QStringLiteral("tavo.SDCard1");
 inline const QString kCardObject = QStringLiteral("/tavo/sdcard");
-/// What the card's users need.
+/// The interface for programs that use the card.
 inline const QString kCardInterface = QStringLiteral("tavo.SDCard1");
-/// What announces cards to the service.
+/// The interface that announces cards to the service.
 inline const QString kControllerInterface = QStringLiteral("tavo.SDCardController1");
 
 } // namespace BusNames

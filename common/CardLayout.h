@@ -5,7 +5,7 @@
 
 #include "DirInfo.h"
 
-/// What the capacity watcher needs to know of the media configuration.
+/// The part of the media configuration that the capacity watcher uses.
 class CardLayout
 {
 public:

@@ -5,7 +5,7 @@
 
 #include <QString>
 
-// The published enumerations. A value is one row: name, number, word for people, meaning.
+// The published enumerations. Each value is one row: name, number, word for people, meaning.
 // clang-format off
 #define CARD_STATES(ROW)                                                                      \
     ROW(Unknown,        0, "unknown",              "not yet known")                           \
@@ -30,7 +30,7 @@
     ROW(FilesClosed,    8, "files-closed",         "programs closed their files")             \
     ROW(TimedOut,       9, "timed-out",            "a time limit passed")
 
-// The shares are of the whole card.
+// Shares of the whole card.
 #define CARD_MEM_STATES(ROW)                                                                  \
     ROW(Unknown,        0, "unknown",              "not yet known")                           \
     ROW(NoCard,         1, "no-card",              "no card, or it is or is being unmounted") \
@@ -51,7 +51,7 @@ enum class State : int
     CARD_STATES(CARD_ENUMERATOR)
 };
 
-/// What drove the card's state last, as the `Transition` property publishes it.
+/// The last event that changed the card's state, as the `Transition` property publishes it.
 enum class Transition : int
 {
     CARD_TRANSITIONS(CARD_ENUMERATOR)
@@ -66,7 +66,7 @@ enum class MemState : int
 struct PublishedValue
 {
     int value;
-    const char* word; ///< under which people see it
+    const char* word; ///< as shown to people
     const char* meaning;
 };
 

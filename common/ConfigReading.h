@@ -12,7 +12,7 @@ struct SymlinkInfo;
 /// share it, so that they cannot differ.
 namespace ConfigReading {
 
-/// The values when neither the command line nor the file gives others.
+/// The defaults for values that neither the command line nor the file sets.
 inline const QString kDefaultFile = QStringLiteral("/etc/tavo/tavo-sdcard.config.xml");
 inline const QString kDefaultMountPoint = QStringLiteral("/media/sdcard");
 inline const QString kDefaultDevicePath = QStringLiteral("/dev/mmcblk0p1");
@@ -39,7 +39,7 @@ public:
     Listener& operator=(Listener&&) = delete;
     virtual ~Listener() = default;
 
-    /// An element breaks the rules, so it gives no record.
+    /// An element that breaks the rules and therefore gives no record.
     /// @return whether to read on
     virtual bool onProblem(const ITCXMLNode& node, const QByteArray& message) = 0;
     /// @param percent the directory's share of the directory around it
@@ -47,13 +47,13 @@ public:
     virtual void onSymlink(const ITCXMLNode& node, const SymlinkInfo& symlink) = 0;
 };
 
-/// Whether the attribute means anything in elements of this name; others are ignored.
+/// Whether elements of this name use the attribute. All others ignore it.
 bool isKnownAttribute(const char* element, const char* attribute);
 
 /// Reads the children of one element.
 /// @param parentPath path of the element's directory; empty for the root
 /// @param parentSize its share of the card; 1.0 for the root
-/// @return false as soon as the listener does not want to read on
+/// @return false if the listener ended the reading
 bool readChildNodes(const ITCXMLNode& node, const QString& parentPath, qreal parentSize,
                     Listener& listener);
 /// Reads one `dir` element and its children; otherwise as readChildNodes().

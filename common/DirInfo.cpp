@@ -48,8 +48,8 @@ DirInfo::Ids DirInfo::ownerIds() const
 
 qint64 DirInfo::allottedBytes(quint64 cardBytes) const
 {
-    // Shares are not checked when they are read: one that is no sensible number must end neither in
-    // an undefined conversion nor, where it is no number, in a limit that deletes everything.
+    // Shares are read unchecked. A share that is not a finite number must not cause undefined
+    // behaviour, and NaN must not become a limit that deletes everything.
     constexpr qreal kLimit = 9223372036854775808.0;
     const qreal bytes = static_cast<qreal>(cardBytes) * size;
     if (bytes >= kLimit || std::isnan(bytes)) {

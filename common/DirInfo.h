@@ -23,12 +23,12 @@ struct DirInfo
     QString name;               ///< its identifier: the last component of its path
     QString path;               ///< relative to the mount point, beginning with "/"
     qreal size = 0;             ///< its share of the whole card; 1.0 is all of it
-    bool capacitywatch = false; ///< whether its oldest files go when it exceeds its share
+    bool capacitywatch = false; ///< whether its oldest files are deleted above its share
     std::string mode;           ///< permission bits in octal digits as configured; may be empty
     std::string owner;          ///< "user" or "user:group" as configured; may be empty
 
-    /// The permission bits: 0755 where none are configured, 0 where the text does not begin with an
-    /// octal digit.
+    /// The permission bits: 0755 if none are configured, 0 if the text does not begin with an octal
+    /// digit.
     mode_t modeBits() const;
     /// The configured names of user and group; either may be empty.
     OwnerNames ownerNames() const;

@@ -1,1 +1,1 @@
-"""A board in a terminal, to look at and to play with."""
+"""A board in a terminal, to watch and to operate."""

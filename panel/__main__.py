@@ -1,6 +1,6 @@
 """A board in a terminal: python3 -m panel [--emulated] PROGRAM
 
-Ends with status 0 when the user quits and nothing is left behind.
+Ends with status 0 if the user quits and nothing is left behind.
 """
 
 import signal
@@ -51,7 +51,7 @@ class Panel:
         self._loop = urwid.MainLoop(self._view.widget, PALETTE, screen, handle_mouse=False, unhandled_input=self._press)
 
     def run(self) -> None:
-        """Shows the panel until the user quits. Restores the terminal however this ends."""
+        """Shows the panel until the user quits. Always restores the terminal at the end."""
         self.hands.start_service()
         self._loop.set_alarm_in(0, self._tick)
         try:
@@ -67,7 +67,7 @@ class Panel:
             open_shell(self._board)
         finally:
             self._loop.screen.start()
-            # The terminal may have another size by now.
+            # The size of the terminal may have changed.
             self._loop.screen_size = None
 
     def quit(self) -> None:
@@ -93,10 +93,10 @@ class Panel:
 
 @contextmanager
 def kept_terminal() -> Iterator[None]:
-    """Restores the terminal's settings at the end, and keeps Ctrl-Z from stopping this program."""
+    """Restores the terminal's settings at the end, and prevents Ctrl-Z from stopping this program."""
     descriptor = sys.stdin.fileno()
     settings = termios.tcgetattr(descriptor)
-    # A stopped panel would leave its screen behind. Not ignored: the board's programs would inherit that.
+    # A stopped panel would leave its screen behind. Not SIG_IGN: the board's programs would inherit that.
     signal.signal(signal.SIGTSTP, lambda number, frame: None)
     try:
         yield

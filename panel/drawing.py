@@ -20,7 +20,7 @@ Markup = list[str | tuple[str, str]]
 def bar(share: float, width: int) -> tuple[str, str]:
     """A gauge as its filled and its empty part; a @p share of 1 or more is full."""
     filled = round(min(max(share, 0.0), 1.0) * width)
-    # A little shows, and a gauge that is not full does not look full.
+    # The smallest use is visible, and only a full gauge looks full.
     if 0 < share < 1:
         filled = min(max(filled, 1), width - 1)
     return "█" * filled, "░" * (width - filled)

@@ -1,4 +1,4 @@
-"""What the user can do to the board. Every operation returns at once; a worker carries it out."""
+"""The user's operations on the board. Each returns at once; a worker carries it out."""
 
 import signal
 import threading
@@ -14,10 +14,10 @@ from .model import REBOOT_RUN_LEVEL, Changes, Model
 from .workers import Lane
 
 CARD_MIB = 64
-# A directory is filled in so many steps, so that the user can follow.
+# A directory is filled in this number of steps, so that the user can follow.
 WRITE_STEPS = 8
 WRITE_PAUSE_SECONDS = 0.4
-# Fails when the directory is gone: a new one would stay on the board without a card.
+# Fails if the directory no longer exists: a new one would stay on the board without a card.
 WRITE_FILE = 'head -c "$2" /dev/zero >"$1"'
 
 
@@ -44,7 +44,7 @@ class Hands:
         self._own_card: Card | None = None
         self._holder: Process | None = None
         self._stop_writing = threading.Event()
-        # One lane for each part of the board that does one thing at a time.
+        # One worker for each part of the board that does one thing at a time.
         self._slot, self._button, self._service, self._files, self._writer, self._bus = (
             Lane(name, changes) for name in ("slot", "button", "service", "files", "writer", "bus calls"))
 

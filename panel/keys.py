@@ -1,4 +1,4 @@
-"""The keys: what each does, and when."""
+"""The keys, with their actions and conditions."""
 
 import signal
 from collections.abc import Callable
@@ -129,7 +129,7 @@ KEYS: list[tuple[str, list[Key]]] = [
         Key("t", _end_or_start_label, _end_or_start),
         Key("r", _run_level_label, _set_other_run_level),
         Key("s", _always("shell"), lambda panel: panel.open_shell()),
-        # The list of events handles these; they arrive here when it is at its end.
+        # The list of events handles these; at its end it passes them on to here.
         Key("up", _always("log"), lambda panel: None, name="↑↓"),
         Key("q", _always("quit"), lambda panel: panel.quit()),
     ]),

@@ -1,4 +1,4 @@
-"""How the board's LEDs look at a moment."""
+"""The visible light of the board's LEDs."""
 
 from dataclasses import replace
 

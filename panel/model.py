@@ -1,4 +1,4 @@
-"""What the panel shows, without a terminal. Other threads post changes to it; the view reads it."""
+"""The content of the panel, without a terminal. Other threads post changes to it; the view reads it."""
 
 import time
 from collections.abc import Callable
@@ -13,7 +13,7 @@ from .lights import Lamp
 EVENTS_KEPT = 1000
 NORMAL_RUN_LEVEL, REBOOT_RUN_LEVEL = 5, 6
 EJECT_SECONDS = 5
-# The button is released after so long without an effect.
+# The button is released after this time without an effect.
 BUTTON_PATIENCE_SECONDS = 10
 
 HINTS = {
@@ -62,7 +62,7 @@ class DirectoryUse:
 
 
 class Button:
-    """The eject button as the user holds it. Times are seconds of time.monotonic()."""
+    """The eject button as pressed by the user. Times are seconds of time.monotonic()."""
 
     def __init__(self) -> None:
         self._pressed_at: float | None = None
@@ -91,7 +91,7 @@ class Button:
         return 0.0 if self._pressed_at is None else now - self._pressed_at
 
     def wants_release(self, now: float) -> bool:
-        """Whether it is to be released now."""
+        """Whether it must be released now."""
         return self.pressed and (self._may_let_go or self.held(now) > BUTTON_PATIENCE_SECONDS)
 
 
@@ -112,7 +112,7 @@ class Model:
         self.service_runs = False
         self.term_sent = False
         self.run_level = NORMAL_RUN_LEVEL
-        self.holder: int | None = None  # the process on the board that holds a file open
+        self.holder: int | None = None  # the process on the board with an open file
         self.writing = False
         self.directories = [DirectoryUse(identifier) for identifier in directories]
         self.chosen = 0
@@ -140,7 +140,7 @@ class Model:
 
     @property
     def hint(self) -> str:
-        """What the state means for the user."""
+        """The meaning of the state for the user."""
         if self.slot_busy:
             return self.slot_busy
         if not self.service_runs:
@@ -182,7 +182,7 @@ class Model:
         self.properties = None
 
     def held_by(self, pid: int | None) -> None:
-        """A process of the board has opened a file to hold it, or has ended (None)."""
+        """A process of the board has opened a file and keeps it open, or has ended (None)."""
         if pid is None and self.holder is not None:
             self.add_event("board", f"process {self.holder} has ended, and its file is closed")
         self.holder = pid

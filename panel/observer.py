@@ -70,7 +70,7 @@ class Observer:
         self._log_bytes = size
         for record in self._board.records[self._records:]:
             self._records += 1
-            # A tool's output has empty lines, which would only take space.
+            # Empty lines in a tool's output would only take space.
             if words := plain(record.message):
                 yield _of_record(record, words)
 
@@ -105,7 +105,7 @@ class Observer:
                                 MemState(answer["MemState"]), answer["MemLevel"])
         self._changes.post(lambda model: setattr(model, "properties", properties))
         state_before, self._state = self._state, properties.state
-        # A question would open the directories and delay the unmounting.
+        # A query would open the directories and delay the unmount.
         if properties.state in (State.CLOSING_FILES, State.UNMOUNTING):
             return
         if properties.state is state_before and time.monotonic() - self._directories_asked < DIRECTORIES_SECONDS:

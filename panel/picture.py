@@ -6,14 +6,14 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from xml.sax.saxutils import escape
 
-COLUMN, ROW = 9, 19  # size of a character's place
+COLUMN, ROW = 9, 19  # size of a character cell
 BASELINE = 14
 FONT = "ui-monospace, 'DejaVu Sans Mono', Menlo, Consolas, monospace"
 FOREGROUND, BACKGROUND = "#d0d0d0", "#16181d"
 SYSTEM_COLOURS = ("#000000", "#cd0000", "#00cd00", "#cdcd00", "#0000ee", "#cd00cd", "#00cdcd", "#e5e5e5",
                   "#7f7f7f", "#ff0000", "#00ff00", "#ffff00", "#5c5cff", "#ff00ff", "#00ffff", "#ffffff")
 ESCAPE = re.compile(r"\x1b\[([\d;]*)m")
-# From the middle of the place: to its left, right, top and bottom edge. Fonts leave gaps between these characters.
+# From the middle of the cell to its left, right, top and bottom edge. Fonts leave gaps between these characters.
 BOX_LINES = {"─": "lr", "│": "tb", "┌": "rb", "┐": "lb", "└": "rt", "┘": "lt"}
 EDGES = {"l": f"h-{COLUMN / 2}", "r": f"h{COLUMN / 2}", "t": f"v-{ROW / 2}", "b": f"v{ROW / 2}"}
 BLOCKS = {"█": 1.0, "░": 0.3}  # opacity
@@ -21,7 +21,7 @@ BLOCKS = {"█": 1.0, "░": 0.3}  # opacity
 
 @dataclass
 class Style:
-    """How the characters to come look; None is the terminal's own colour."""
+    """The style of the next characters; None is the terminal's own colour."""
 
     foreground: str | None = None
     background: str | None = None
@@ -59,7 +59,7 @@ class Style:
 
     @property
     def colours(self) -> tuple[str, str]:
-        """The colours of characters and of what is behind them."""
+        """The colours of characters and of their background."""
         pair = self.foreground or FOREGROUND, self.background or BACKGROUND
         return pair[::-1] if self.reverse else pair
 

@@ -117,7 +117,7 @@ class View:
 
 
 def colours_of_terminal() -> int:
-    """How many colours to use: as TERM says, and none when NO_COLOR is set."""
+    """The number of colours: from TERM, and none if NO_COLOR is set."""
     if os.environ.get("NO_COLOR"):
         return NO_COLOURS
     return MANY_COLOURS if "256color" in os.environ.get("TERM", "") else FEW_COLOURS

@@ -1,4 +1,4 @@
-"""Threads of the panel. All that may take time runs in one of these, never in the thread that draws."""
+"""Threads of the panel. Slow operations run here and never in the thread that draws."""
 
 import subprocess
 import threading

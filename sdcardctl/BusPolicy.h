@@ -4,14 +4,14 @@
 
 namespace sdcardctl {
 
-/// Where the stock system bus reads its policies.
+/// The directories in which the stock system bus reads its policies.
 inline const QStringList kPolicyDirectories{QStringLiteral("/usr/share/dbus-1/system.d"),
                                             QStringLiteral("/etc/dbus-1/system.d")};
 
-/// The groups that the policies in these directories let announce cards, as root may.
+/// The groups that the policies in these directories allow to announce cards, in addition to root.
 QStringList controlGroups(const QStringList& directories = kPolicyDirectories);
 
-/// Who has to make a call that the bus refused, as a sentence.
+/// A sentence that says who may make a call that the bus refused.
 QString permissionDenied(const QStringList& groups);
 
 } // namespace sdcardctl

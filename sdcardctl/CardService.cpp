@@ -28,8 +28,7 @@ bool read(const QVariantMap& map, const char* name, Value& value)
 
 Failure failureOfCall(const QDBusConnection& bus, const QDBusError& error)
 {
-    // The error reply is the same for a service that ends during a call and for one that is too
-    // slow.
+    // A service that ends during a call gives the same error reply as one that is too slow.
     if (error.type() == QDBusError::NoReply && bus.isConnected() &&
         !bus.interface()->isServiceRegistered(BusNames::kService)) {
         return {ExitStatus::NotRunning,

@@ -20,25 +20,25 @@ struct CardProperties
     QString mountPoint;
     bool isMounted = false;
 
-    /// Reads the answer of the bus; a failure where a property is missing or of another type.
+    /// Reads the bus reply; fails if a property is missing or has another type.
     static Result<CardProperties> fromMap(const QVariantMap& map);
 };
 
-/// The bus that the service is on: the one at @p address, the system bus where that is empty.
+/// The bus of the service: the one at @p address, or the system bus if that is empty.
 Result<QDBusConnection> connectToBus(const QString& address);
 
-/// The failure that an error reply stands for, in words for the user.
+/// The failure for an error reply, in words for the user.
 Failure failureOf(const QDBusError& error);
 
-/// Calls of the service that wait for its answer. Directories are named by their identifiers in the
-/// media configuration. Each call fails with NotRunning, NotPermitted, TimedOut or Failure; those
-/// that take an identifier also with UnknownDirectory.
+/// Calls of the service that wait for its reply. Directories are named by their identifiers in the
+/// media configuration. Each call fails with NotRunning, NotPermitted, TimedOut or Failure. Calls
+/// with an identifier may also fail with UnknownDirectory.
 class CardService
 {
 public:
     explicit CardService(QDBusConnection bus);
 
-    /// Asks for all properties without waiting; the answer is a map for CardProperties::fromMap().
+    /// Requests all properties without waiting; the reply is a map for CardProperties::fromMap().
     static QDBusPendingCall requestProperties(const QDBusConnection& bus);
 
     Result<CardProperties> properties() const;
@@ -46,7 +46,7 @@ public:
     Result<QString> directoryPath(const QString& id) const;
     /// Bytes allotted to a directory; 0 while no card is mounted.
     Result<qint64> directorySize(const QString& id) const;
-    /// Bytes that a directory occupies, for an empty @p id the whole card; 0 as above.
+    /// Bytes that a directory occupies, or the whole card if @p id is empty; 0 as above.
     Result<qint64> directoryUsed(const QString& id) const;
     /// Deletes the oldest files of a watched directory until it is within its share; of all watched
     /// directories if @p id is empty. Waits without a time limit.

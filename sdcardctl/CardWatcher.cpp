@@ -84,7 +84,7 @@ void CardWatcher::receive(const char* name, std::optional<int> argument)
 
 void CardWatcher::readProperties()
 {
-    // One reading at a time: the service may be busy for long.
+    // One reading at a time: the service may be busy for a long time.
     mReadTimer.stop();
     if (mIsReading) {
         mReadAgain = true;
@@ -100,7 +100,7 @@ void CardWatcher::finishReading(QDBusPendingCallWatcher* reading)
     reading->deleteLater();
     mIsReading = false;
     const QDBusPendingReply<QVariantMap> reply = *reading;
-    // Other errors are passing: the service is starting, ending or busy.
+    // Other errors are temporary: the service is starting, ending or busy.
     if (!reply.isError()) {
         const auto properties = CardProperties::fromMap(reply.value());
         if (!properties) {

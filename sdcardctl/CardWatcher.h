@@ -14,9 +14,9 @@ class QDBusPendingCallWatcher;
 
 namespace sdcardctl {
 
-/// Follows the service over its restarts. The service does not announce changes of its properties,
-/// and some of them have no signal at all; so they are read after every signal and kReadIntervalMs
-/// after the last reading.
+/// Follows the service over its restarts. The service does not announce property changes, and some
+/// properties have no signal. So the watcher reads all of them after every signal and
+/// kReadIntervalMs after the last reading.
 class CardWatcher : public QObject
 {
     Q_OBJECT
@@ -26,11 +26,11 @@ public:
 
     explicit CardWatcher(const QDBusConnection& bus, QObject* parent = nullptr);
 
-    /// Starts; reports come from the event loop.
+    /// Starts the watcher; its reports come from the event loop.
     void start();
 
 Q_SIGNALS:
-    /// Whether the service runs: at first, and when that changes.
+    /// Whether the service runs. Emitted at the start and after each change.
     void runningChanged(bool isRunning);
     /// A signal of the service, with its argument if it has one.
     void signalReceived(const QString& name, std::optional<int> argument);

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kMsPerSecond = 1000;
 constexpr int kCallWidth = 20;
-// More letters to change, and a suggestion is a guess.
+// With more differing letters a suggestion would be a guess.
 constexpr int kMaxTypos = 2;
 
 Failure usage(const QString& message)
@@ -62,7 +62,7 @@ QString ownersOf(const Option& option)
     return owners.isEmpty() ? QString() : owners.join(", ") + ": ";
 }
 
-// All options, or only those that @p command takes.
+// All options, or only those of @p command.
 void addOptions(QCommandLineParser& parser, const Command* command)
 {
     for (const Option& option : kOptions) {
@@ -79,7 +79,7 @@ void addOptions(QCommandLineParser& parser, const Command* command)
     }
 }
 
-// How many letters differ: changed, missing or added.
+// The number of letters that were changed, added or left out.
 int typosBetween(const QString& left, const QString& right)
 {
     std::vector<int> row(static_cast<std::size_t>(right.size()) + 1);
@@ -112,7 +112,7 @@ Failure unknownCommand(const QString& name)
     return usage(message);
 }
 
-// The options that are set and that @p command does not take.
+// The given options that @p command does not take.
 QStringList strayOptions(const QCommandLineParser& parser, const Command& command)
 {
     QStringList stray;
@@ -184,7 +184,7 @@ QString helpText(const Command* command)
     const QString call =
         command != nullptr ? callOf(*command) : QStringLiteral("command [argument]");
     parser.addPositionalArgument(QString(), QString(), call);
-    // What follows the options is a list of arguments without a text.
+    // Cuts off the list of arguments, which have no text.
     return parser.helpText().section(QStringLiteral("\n\nArguments:"), 0, 0).trimmed();
 }
 
@@ -208,7 +208,7 @@ Result<ParsedCommandLine> parseCommandLine(const QStringList& arguments)
         return usage(QStringLiteral("A command is missing."));
     }
     const QString name = words.takeFirst();
-    // The command that "help" names has to exist, too.
+    // The command after "help" must exist, too.
     for (const QString& word : QStringList{name} + (name == "help" ? words : QStringList())) {
         if (commandNamed(word) == nullptr) {
             return unknownCommand(word);

@@ -62,7 +62,7 @@ inline constexpr std::array kOptions{
 };
 // clang-format on
 
-/// What a command takes as its argument.
+/// The kind of a command's argument.
 enum class Argument
 {
     None,
@@ -73,7 +73,7 @@ enum class Argument
     Command
 };
 
-/// One word of the command line that does something.
+/// One command of the command line.
 struct Command
 {
     const char* name;
@@ -84,20 +84,21 @@ struct Command
     unsigned int options; ///< of CommandOption
     ExitStatus (*run)(const Invocation& invocation, Output& output);
 
-    /// Whether the command takes an option; all take those of all commands.
+    /// Whether the command takes an option; every command takes the common ones.
     bool takes(const Option& option) const
     {
         return option.flag == NoOption || (options & option.flag) != 0;
     }
 };
 
-/// The command of this name; null where there is none.
+/// The command of this name; null if there is none.
 const Command* commandNamed(const QString& name);
 
-/// The help of one command, or of the program where @p command is null.
+/// The help of one command, or of the program if @p command is null.
 QString helpText(const Command* command);
 
-/// What a command line comes to: something to do, or a text to print (for --help and --version).
+/// The result of reading a command line: a command to run, or a text to print (for --help and
+/// --version).
 struct ParsedCommandLine
 {
     std::optional<Invocation> invocation;

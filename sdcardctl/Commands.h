@@ -11,7 +11,7 @@ constexpr std::size_t kCommandCount = 13;
 /// All commands in the order in which the help shows them.
 const std::array<Command, kCommandCount>& commands();
 
-// Each command's work; sdcardctl(1) says what it does and prints.
+// The implementation of each command; sdcardctl(1) documents what it does and prints.
 ExitStatus runStatus(const Invocation& invocation, Output& output);
 ExitStatus runMonitor(const Invocation& invocation, Output& output);
 ExitStatus runList(const Invocation& invocation, Output& output);

@@ -22,7 +22,7 @@ void offerFiles(Output& output)
     offer(output, QString(), "file");
 }
 
-// The option with a value that a word like "--name" or "--name=value" begins; null for others.
+// The option that takes a value and that "--name" or "--name=value" starts; null for other words.
 const Option* optionWithValue(const QString& word)
 {
     const QString name = word.section('=', 0, 0);
@@ -34,7 +34,7 @@ const Option* optionWithValue(const QString& word)
     return found == kOptions.end() ? nullptr : found;
 }
 
-// What stands before the cursor.
+// The command line before the cursor.
 struct Typed
 {
     QStringList words;              ///< the command and its arguments

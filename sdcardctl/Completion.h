@@ -6,12 +6,12 @@
 
 namespace sdcardctl {
 
-/// The word before which the shells' completions put what is to be completed.
+/// The shells' completion scripts put this word before the words to complete.
 constexpr const char* kCompleteCommand = "__complete";
 
-/// Prints what the last of the words may be, one candidate a line: the word, a tab, what it means.
-/// A line that begins with a tab stands for the names of files. Whether a candidate begins like the
-/// last word is left to the shell, which knows its quotes.
+/// Prints the candidates for the last of the words, one on each line: the word, a tab, its meaning.
+/// A line that begins with a tab stands for file names. The shell selects the candidates that begin
+/// like the last word, because it knows its own quoting.
 /// @param words of a command line up to the cursor, without the program's name
 void printCompletion(const QStringList& words, Output& output);
 

@@ -5,7 +5,7 @@
 
 namespace sdcardctl {
 
-/// One thing that a check of a media configuration found.
+/// One finding of a check of a media configuration.
 struct ConfigFinding
 {
     enum Severity
@@ -14,12 +14,12 @@ struct ConfigFinding
         Warning ///< the service accepts it, but it is probably a mistake
     };
     Severity severity;
-    int line;   ///< of the element, from 1; 0 where the finding has no place in the text
+    int line;   ///< of the element, from 1; 0 if the finding has no place in the text
     int column; ///< in characters, from 1
     QString message;
 };
 
-/// Checks a media configuration. There is an error if and only if the service refuses the file.
+/// Checks a media configuration. Reports an error if and only if the service refuses the file.
 /// @return all findings in the order of the text
 QVector<ConfigFinding> checkConfig(const QString& file);
 

@@ -22,24 +22,24 @@ struct CheckedSymlink
     SymlinkInfo info;
 };
 
-/// Something in a media configuration for which the service refuses the file.
+/// A reason why the service refuses a media configuration.
 struct ConfigError
 {
-    int line;   ///< of the element, from 1; 0 where the error has no place in the text
+    int line;   ///< of the element, from 1; 0 if the error has no place in the text
     int column; ///< in characters, from 1
     QString message;
 };
 
-/// All of a media configuration that could be read, with the elements it came from.
+/// All readable parts of a media configuration, with the elements they came from.
 struct ConfigFile
 {
     ITCXMLNode root;
-    QVector<CheckedDir> dirs; ///< in the file's order, also where there are errors
+    QVector<CheckedDir> dirs; ///< in the file's order, even if there are errors
     QVector<CheckedSymlink> symlinks;
     QVector<ConfigError> errors; ///< empty if and only if the service accepts the file
 };
 
-/// Reads a media configuration to its end, as the service does up to the first error.
+/// Reads a media configuration like the service, but does not stop at the first error.
 ConfigFile readConfigFile(const QString& file);
 
 } // namespace sdcardctl

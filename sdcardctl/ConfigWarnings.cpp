@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kMaxNameBytes = 255;
 constexpr qreal kWhole = 100;
-// What the decimal shares of a file may miss the whole by when they are added up in binary.
+// Rounding tolerance: decimal shares may not add up to exactly 100 in binary.
 constexpr qreal kRounding = 1e-6;
 
 class Warnings

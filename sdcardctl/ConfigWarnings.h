@@ -7,8 +7,8 @@
 
 namespace sdcardctl {
 
-/// Probable mistakes in a configuration that the service accepts. Owners and targets outside the
-/// card are looked up on this machine.
+/// Probable mistakes in a configuration that the service accepts. Looks up owners, and link targets
+/// outside the card, on this machine.
 QVector<ConfigFinding> warningsOf(const ConfigFile& config);
 
 } // namespace sdcardctl

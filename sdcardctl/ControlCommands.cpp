@@ -5,7 +5,7 @@ namespace sdcardctl {
 
 namespace {
 
-// A call with no answer but that it was done.
+// A call whose reply has no value.
 template <typename Call>
 ExitStatus perform(const Invocation& invocation, Output& output, Call call)
 {

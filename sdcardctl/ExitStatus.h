@@ -4,7 +4,7 @@
 
 namespace sdcardctl {
 
-/// What the program ends with; sdcardctl(1) documents the numbers.
+/// The exit statuses of the program; sdcardctl(1) documents the numbers.
 enum class ExitStatus : int
 {
     Success = 0,
@@ -13,13 +13,13 @@ enum class ExitStatus : int
     NotRunning = 3,       ///< the service's name has no owner on the bus
     NotPermitted = 4,     ///< the bus policy refuses the call to this user
     UnknownDirectory = 5, ///< no (watched) directory has the identifier
-    TimedOut = 6,         ///< the state was not reached, or the service did not answer, in time
-    NoBus = 7,            ///< the bus cannot be reached, or is gone
+    TimedOut = 6,         ///< timeout: no wanted state or no reply
+    NoBus = 7,            ///< the bus cannot be reached or was lost
     BadConfiguration = 8, ///< the checked configuration has problems
     OutputFailed = 9      ///< the results could not be written
 };
 
-/// Why a command could not do its work, in words for its user.
+/// Why a command failed, in words for its user.
 struct Failure
 {
     ExitStatus status;

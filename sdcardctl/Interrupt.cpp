@@ -36,7 +36,7 @@ void setHandler(void (*handler)(int))
 Interrupt::Interrupt(QObject* parent) : QObject(parent)
 {
     std::array<int, 2> ends{};
-    // Without the pipe the signals keep ending the program, only with another status.
+    // Without the pipe the signals still end the program, but with another status.
     if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
         return;
     }

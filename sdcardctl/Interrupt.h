@@ -18,7 +18,7 @@ public:
     Interrupt(Interrupt&&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
     Interrupt& operator=(Interrupt&&) = delete;
-    /// Gives the signals their default actions back.
+    /// Restores the signals' default actions.
     ~Interrupt() override;
 
 Q_SIGNALS:

@@ -6,17 +6,17 @@
 
 namespace sdcardctl {
 
-/// Where links lead on a card that is laid out and otherwise empty.
+/// Resolves links on a card that contains the configured layout and nothing else.
 class LinkTargets
 {
 public:
     enum Outcome
     {
         OnCard,        ///< a configured directory
-        MissingOnCard, ///< a place on the card at which nothing is configured
-        OffCard,       ///< outside the card, and there on this machine
+        MissingOnCard, ///< a place on the card without a configured entry
+        OffCard,       ///< outside the card, exists on this machine
         MissingOffCard,
-        Endless ///< the links lead in a circle
+        Endless ///< the links form a loop
     };
 
     /// @param mountPoint absolute
@@ -26,7 +26,7 @@ public:
     void addDir(const QString& path);
     void addSymlink(const QString& path, const QString& target);
 
-    /// Where a link at @p path with @p target leads, by way of other links as far as need be.
+    /// The target of a link at @p path with @p target, after all links on the way.
     Outcome outcomeOf(const QString& path, const QString& target) const;
 
 private:

@@ -26,7 +26,7 @@ QString argumentText(const QString& signal, int argument)
                                                       : memLevelText(argument);
 }
 
-// Reports what happens, one line each with the time at which this program detected it.
+// Prints one line for each event, with the time at which this program detected it.
 class Reporter
 {
 public:

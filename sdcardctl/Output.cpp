@@ -80,7 +80,7 @@ QString bytesText(qint64 bytes)
         return QString::number(bytes) + " B";
     }
     constexpr std::array<const char*, 6> kUnits{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-    // The next unit also where rounding would show 1024.0 of this one.
+    // Takes the next unit if rounding would show 1024.0 of this one.
     constexpr qreal kNextUnit = kUnit - 0.05;
     qreal value = static_cast<qreal>(bytes) / kUnit;
     std::size_t unit = 0;

@@ -9,7 +9,7 @@ namespace sdcardctl {
 
 namespace {
 
-// Bytes of a directory are 0 whatever is on the card while it is not mounted.
+// Without a mounted card the service reports 0 bytes for every directory.
 void noteUnmounted(const CardService& service, Output& output)
 {
     const auto properties = service.properties();

@@ -18,11 +18,11 @@ constexpr int kShareWidth = 8;
 constexpr int kColumnGap = 2;
 constexpr qreal kNearlyFull = 0.8;
 
-// A configured directory with the service's answers.
+// A configured directory with the values from the service.
 struct DirectoryStatus
 {
     DirInfo configured;
-    bool isKnown = false; ///< false when the service was started with another configuration
+    bool isKnown = false; ///< false if the service uses another configuration
     QString path;
     qint64 size = 0;
     qint64 used = 0;
@@ -209,7 +209,7 @@ ExitStatus runStatus(const Invocation& invocation, Output& output)
             printDirectories(output, *directories, invocation.hasLegend);
         }
     }
-    // A broken configuration does not hide the state of the card.
+    // Prints the card's state even with a broken configuration.
     return configured ? ExitStatus::Success : output.fail(configured.failure());
 }
 

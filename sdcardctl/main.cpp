@@ -10,8 +10,8 @@
 
 namespace {
 
-// Code that the service shares logs, too. Counts as configured, or log4cxx would look for a
-// configuration in the working directory.
+// Code that is shared with the service writes log records. Marks log4cxx as configured, because it
+// would look for a configuration in the working directory otherwise.
 void switchLoggingOff()
 {
     const log4cxx::spi::LoggerRepositoryPtr repository = log4cxx::LogManager::getLoggerRepository();

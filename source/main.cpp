@@ -34,13 +34,13 @@ constexpr int kFailure = 1;
 
 QString applicationVersion()
 {
-    // The builder's name is part of a text that others compare, whoever builds.
+    // A fixed name: other programs compare the text that contains it.
     return VersionRecord{QVersionNumber::fromString(QStringLiteral(SDCARDD_VERSION)),
                          QStringLiteral("yocto"), false, 0}
         .toString();
 }
 
-// Makes the logger of udev's events pass them on. Devices without that logger lack the file.
+// Enables the logger of udev events. Devices without that logger lack the file.
 void resumeDeviceEvents()
 {
     const int fd = ::open("/proc/tavo-logger/suspendudev", O_WRONLY | O_CLOEXEC);
@@ -50,7 +50,7 @@ void resumeDeviceEvents()
     }
 }
 
-// The objects of a run, in the order in which they are built. They are destroyed in reverse.
+// The objects of a run, in order of construction. They are destroyed in reverse.
 struct Service
 {
     InstanceLock lock;
@@ -84,7 +84,7 @@ int run(Service& service, QCoreApplication& application, const QCommandLineParse
                     "Cannot connect to the D-Bus " + bus.name().section('_', 2, 2) + " bus");
         return kFailure;
     }
-    // Another instance that has lost the bus would not be seen there.
+    // The bus name does not reveal another instance that has lost the bus.
     if (service.lock.isTaken() && !bus.interface()->isServiceRegistered(BusNames::kService)) {
         TRACK_ERROR(logger, "Another instance of the service is using the card");
         return kFailure;
@@ -107,8 +107,8 @@ int main(int argc, char* argv[])
         return kFailure;
     }
 
-    // GLib's event loop has no unwind tables on the device: an exception of a slot would end the
-    // process there instead of below.
+    // GLib's event loop has no unwind tables on the device: an exception from a slot would end the
+    // process there and not reach the handler below.
     qputenv("QT_NO_GLIB", "1");
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationVersion(applicationVersion());

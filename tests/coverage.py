@@ -3,7 +3,7 @@
     coverage.py BUILD
 
 Lists each uncovered line of source/ with the reason that tests/uncovered.txt gives for it. The exit status
-is 1 when source/ misses a target.
+is 1 if source/ misses a target.
 """
 
 import json
@@ -23,7 +23,7 @@ LINE_TARGET, BRANCH_TARGET = 98.0, 90.0  # percent
 
 @dataclass
 class Counts:
-    """Numbers of lines and branches, and of those that some test has executed."""
+    """Numbers of lines and branches, in total and executed by tests."""
 
     lines: int = 0
     covered_lines: int = 0
@@ -55,7 +55,7 @@ class Counts:
 
 @dataclass(frozen=True)
 class Uncovered:
-    """A line that no test executes, found again by its text wherever it moves."""
+    """A line that no test executes, identified by its text, because line numbers change."""
 
     file: str      # name without directories
     function: str  # name without class and parameters
@@ -109,7 +109,7 @@ def print_uncovered(files: list[dict]) -> None:
         print(f"  {path}:{number}  {line.function}: {line.text}\n      {reasons.get(line, 'no reason is given')}")
     stale = set(reasons) - {line for _, _, line in found}
     for line in sorted(stale, key=str):
-        # Some lines are reached by chance, so this is no error.
+        # Tests reach some lines by chance, so this is not an error.
         print(f"  {REASONS.name}: {line.file}, {line.function}, '{line.text}' was covered, or is gone")
 
 

@@ -2,7 +2,7 @@
 
     summary.py DIRECTORY SUITE... [-- NOTE...]
 
-The results of each suite are in DIRECTORY/SUITE.xml (JUnit). A unit test program counts as many tests as it
+The results of each suite are in DIRECTORY/SUITE.xml (JUnit). A unit test program counts the tests that it
 reports. A program that its suite cannot run counts none and is listed separately. Each note becomes a line:
 what was skipped.
 """

@@ -58,7 +58,7 @@ class EmulatedBoard(Board):
         """
         super().__init__()
         installed = configuration_files(media_config, track_config)
-        # Its background work would look left behind.
+        # Its background work would look like leftovers.
         settings = "RESTART_WHEN_CORRUPTED=no\n" + ("" if format_blank_cards else "FORMAT_BLANK_CARDS=no\n")
         installed[HOTPLUG_CONFIGURATION] = file(settings)
         installed |= {path: file(text) for path, text in (files or {}).items()}
@@ -123,7 +123,7 @@ class EmulatedBoard(Board):
         self._emulator = None
 
     def cut_power(self) -> None:
-        """Switches the board off in the middle of any write. The card keeps what has reached it."""
+        """Switches the board off, even during a write. The card keeps completed writes."""
         self.close()
 
     @property
@@ -182,7 +182,7 @@ class EmulatedBoard(Board):
             self._insert(card)
         self.card = card
         if announce and not self.bus.has_service():
-            # Otherwise the rule would still notify a service that is started next.
+            # Otherwise the rule would still notify a service that starts afterwards.
             self.settle()
         elif announce and not has_partition:
             self.bus.announce_insertion()

@@ -1,4 +1,4 @@
-"""What the LEDs do at their pins, in words."""
+"""Describes what the LEDs do, as seen at their pins."""
 
 import threading
 import time
@@ -11,7 +11,7 @@ LOOK_SECONDS = 0.02
 # Long enough for four changes of an LED that blinks in intervals of 100 ms.
 WINDOW_SECONDS = 0.7
 BLINK_SECONDS = (0.04, 0.25)
-# A shorter one is part of the change from one pattern to the next.
+# A shorter one is part of a change of patterns.
 STEADY_SECONDS = 0.3
 FLICKERS = "flickers"
 

@@ -1,4 +1,4 @@
-"""The test process's end of the connection to an emulated board's agent."""
+"""The test process's side of the connection to the agent of an emulated board."""
 
 import itertools
 import json
@@ -16,7 +16,7 @@ READ_BYTES = 65536
 
 
 class BoardGone(Exception):
-    """The board does not answer: it was switched off or hangs."""
+    """The board does not answer: it was switched off or is blocked."""
 
 
 class Link:
@@ -88,11 +88,11 @@ class Link:
                 return
 
     def new_number(self) -> int:
-        """A number for a request, to know before it is sent."""
+        """A number for a request that the caller needs before it is sent."""
         return next(self._numbers)
 
     def forget(self, number: int) -> None:
-        """Ends the listening to a request."""
+        """Stops listening to a request."""
         self._listeners.pop(number, None)
 
     def send(self, kind: int, number: int, payload: bytes) -> None:

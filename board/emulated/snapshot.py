@@ -1,4 +1,4 @@
-"""Snapshots of booted boards: to resume one is ten times as fast as to boot."""
+"""Snapshots of booted boards: resuming is ten times as fast as booting."""
 
 import fcntl
 import hashlib
@@ -24,8 +24,8 @@ BOARD_DIRECTORY = "usr/lib/board"
 HOTPLUG_RULE = "/usr/lib/udev/rules.d/60-tavo-sdcard.rules"
 HOTPLUG_HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 
-# Emulated instructions are slow, most of all when they are translated for the first time. So the kernel skips
-# what only hardens it, and programs keep their addresses, which keeps the translations.
+# Emulated instructions are slow, most of all when they are translated for the first time. So the kernel skips its
+# hardening, and programs keep their addresses, which preserves the translations.
 KERNEL_OPTIONS = ("console=ttyAMA0 rdinit=/init panic=-1 "
                   "norandmaps init_on_alloc=0 hardened_usercopy=off cgroup_disable=memory audit=0 apparmor=0")
 BOOT_SECONDS = 240
@@ -34,7 +34,7 @@ KEPT_SNAPSHOTS = 3
 
 
 def make_image() -> Path:
-    """The directory with what the board boots; it is made if needed. Raises CalledProcessError."""
+    """The directory with the board's boot files; made if needed. Raises CalledProcessError."""
     with _locked(_cache() / "image.lock"):
         result = subprocess.run([IMAGE_MAKER], check=True, stdout=subprocess.PIPE, text=True)
     return Path(result.stdout.strip())
@@ -71,7 +71,7 @@ def resume(program: Path | None, memory_mib: int) -> tuple[Emulator, Link]:
 
 
 def state_name(image: Path, program: Path | None, memory_mib: int) -> str:
-    """The name of the snapshot of such a board; every other board has another."""
+    """The name of the snapshot of such a board; boards with any difference have different names."""
     # A saved board knows the blocks of its files, which differ in every image, even in one made from the same files.
     digest = hashlib.sha256(f"{memory_mib} {(image / 'root.ext4').stat().st_mtime_ns}".encode())
     for path in sorted([*_sources(), *([program] if program else [])]):

@@ -40,7 +40,7 @@ class CardSlot:
 
     def power_on(self) -> None:
         """Creates the slot's own parts of sysfs."""
-        # The kernel keeps a pulled loop device that is in use, other than a pulled card.
+        # While a pulled loop device is in use, the kernel keeps it, unlike a pulled card.
         for directory in (BLOCK_CLASS, DEVICE_NUMBERS):
             mount("tmpfs", str(directory), "tmpfs", options="mode=0755")
         mount("tmpfs", "/sys/bus", "tmpfs", options="mode=0755")
@@ -62,7 +62,7 @@ class CardSlot:
             except OSError as problem:
                 os.close(self._device)
                 os.unlink(f"/dev/{CARD}")
-                # Another board has taken this loop device meanwhile.
+                # Another board has taken this loop device in the meantime.
                 if problem.errno != errno.EBUSY:
                     raise
         self._add_to_sysfs(CARD, f"{LOOP_MAJOR}:{self._loop_number}", f"loop{self._loop_number}")
@@ -75,7 +75,7 @@ class CardSlot:
         return self._loop_number
 
     def pull(self) -> None:
-        """Removes the card; whoever still uses it gets I/O errors from now on."""
+        """Removes the card; programs that use it get I/O errors from now on."""
         if self._loop_number is None:
             raise RuntimeError("there is no card in the slot")
         for partition in self._partitions():

@@ -9,7 +9,7 @@ from pathlib import Path
 MS_NOSUID, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 2, 8, 4096, 16384, 1 << 18
 MNT_DETACH = 2
 
-# Files of a service that is installed on the host; the board has its own, or none.
+# Files of a service installed on the host. The board has its own, or none.
 HIDDEN_FROM_HOST = (
     "/etc/tavo", "/etc/scw_interval", "/etc/default/tavo-sdcard", "/opt/tavo",
     "/etc/dbus-1/system.d/tavo.SDCard1.conf", "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
@@ -42,7 +42,7 @@ def build_root(service: str, program: str | None, shared: str | None) -> None:
     machine's programs can write to it. Every mount made here belongs to this mount namespace and ends with it.
     """
     mount("none", "/", flags=MS_REC | MS_PRIVATE)
-    # Opened now: the mounts below may hide their names.
+    # Opened now, because the mounts below may hide their names.
     program_descriptor = os.open(program, os.O_PATH | os.O_CLOEXEC) if program else None
     shared_descriptor = os.open(shared, os.O_PATH | os.O_CLOEXEC) if shared else None
     # Scratch space, in this namespace only.

@@ -13,7 +13,7 @@ constexpr std::size_t kSize = std::size_t{64} * 1024;
 } // namespace
 
 AlternateSignalStack::AlternateSignalStack()
-    // Mapped, as a page of it takes memory only once a handler runs.
+    // Mapped: its pages take no memory until a handler runs.
     : mMemory(mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))
 {
     if (mMemory == MAP_FAILED) {

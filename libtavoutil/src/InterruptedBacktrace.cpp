@@ -4,10 +4,9 @@
 
 #include <array>
 
-// Calls backtrace() from a frame whose unwind opcode restores r4 to r15 from the stack: the
-// unwinder continues with the interrupted code. libunwind would do without assembly, but its
-// look-up of unwind tables takes a lock of the dynamic loader, which the crashed process may keep
-// for ever.
+// Calls backtrace() from a frame whose unwind opcode restores r4 to r15 from the stack, so that the
+// unwinder continues with the interrupted code. libunwind needs no assembly, but its look-up of
+// unwind tables takes a lock of the dynamic loader. The crashed thread may own that lock.
 extern "C" int tavoutilBacktraceFrom(const unsigned long* registers, void** frames, int maxFrames);
 asm(R"(
     .text
@@ -39,7 +38,7 @@ tavoutilBacktraceFrom:
 
 int interruptedBacktrace(const mcontext_t& interrupted, void** frames, int maxFrames)
 {
-    // The unwinder expects return addresses and looks a step before them.
+    // The unwinder expects a return address and looks up the instruction before it.
     constexpr unsigned long kStep = 2;
     const std::array<unsigned long, 12> registers{
         interrupted.arm_r4, interrupted.arm_r5, interrupted.arm_r6,  interrupted.arm_r7,

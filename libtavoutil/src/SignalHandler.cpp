@@ -43,14 +43,13 @@ constexpr std::array<CrashSignal, 5> kCrashSignals{{{SIGSEGV, "SIGSEGV"},
 constexpr sockaddr_un kSystemLog{AF_UNIX, "/dev/log"};
 constexpr int kMaxFrames = 64;
 
-// What the handler needs is made ready when it is installed: it must neither allocate nor lock.
+// Prepared at the installation, because the handler must not allocate or lock.
 std::array<char, 64> sProgramName;
 int sSocket = -1;
 bool sSystemLogAnswers = true;
 std::atomic_flag sCrashed = ATOMIC_FLAG_INIT;
 
-/// A line of the report, cut off where the buffer ends. Calls nothing that a signal handler may
-/// not.
+/// A line of the report, cut off at the end of the buffer. Async-signal-safe.
 class ReportLine
 {
 public:
@@ -103,7 +102,7 @@ private:
 
     void writeToStandardError()
     {
-        // A reader that has stopped reading must not keep the process from ending.
+        // A reader that no longer reads must not block the end of the process.
         pollfd ready{STDERR_FILENO, POLLOUT, 0};
         if (poll(&ready, 1, 0) != 1) {
             return;
@@ -112,7 +111,7 @@ private:
         *this << "\n";
         const ssize_t written =
             write(STDERR_FILENO, mText.data() + mPriorityLength, mLength - mPriorityLength);
-        static_cast<void>(written); // No other place is left to report to.
+        static_cast<void>(written); // There is nowhere else to report to.
     }
 
     std::array<char, 512> mText{};
@@ -187,7 +186,7 @@ void passOn(int number, siginfo_t* info)
     {};
     defaultAction.sa_handler = SIG_DFL;
     sigaction(number, &defaultAction, nullptr);
-    // The original information, so that a core dump contains the fault address too.
+    // Keeps the original information, so that a core dump contains the fault address.
     if (syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), number, info) != 0) {
         static_cast<void>(raise(number));
     }
@@ -211,7 +210,7 @@ bool openSocket()
     if (sSocket < 0) {
         sSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     }
-    // A system log that has stopped reading must not keep the process from ending.
+    // A system log that no longer reads must not block the end of the process.
     constexpr timeval kPatience{1, 0};
     return sSocket >= 0 &&
            setsockopt(sSocket, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience)) == 0;

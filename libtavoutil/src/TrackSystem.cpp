@@ -49,7 +49,7 @@ log4cxx::AppenderPtr standardError()
 }
 
 /// Replaces the appenders that cannot be used.
-/// @return whether there was nothing to replace
+/// @return true if there was nothing to replace
 bool ensureRecordsAreWritten()
 {
     const log4cxx::LoggerPtr root = log4cxx::LogManager::getRootLogger();

@@ -60,8 +60,8 @@ Problem readFile(const char* fileName, QByteArray& content)
     return {};
 }
 
-/// The document's characters, with NUL for what its encoding does not allow: the reader's own
-/// decoding accepts that.
+/// The document's characters, with NUL for invalid ones, which the reader's own decoding would
+/// accept.
 QString decoded(const QByteArray& content)
 {
     QXmlStreamReader reader(content);
@@ -166,7 +166,7 @@ private:
 
     ITCXMLNode::Element startedElement()
     {
-        // No tag contains another '<', and the reader stands at the end of this one.
+        // A tag contains no other '<', and the reader is at the end of this one.
         moveTo(mText.lastIndexOf('<', static_cast<int>(mReader.characterOffset()) - 1));
         ITCXMLNode::Element element;
         element.name = mReader.qualifiedName().toUtf8();
@@ -272,7 +272,7 @@ ITCXMLNode ITCXMLNode::getChildNode(int index) const
     if (index < 0 || index >= nChildNode()) {
         return {};
     }
-    // Shares the ownership of the whole document.
+    // Shares ownership of the whole document.
     return ITCXMLNode({mElement, &mElement->children[static_cast<std::size_t>(index)]});
 }
 

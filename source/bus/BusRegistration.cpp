@@ -6,7 +6,7 @@ namespace {
 
 constexpr int kRetryMs = 500;
 
-// Qt keeps the connection of a name, also a broken one, until the name is given back.
+// Qt keeps a connection under its name, even a broken one, until disconnectFromBus().
 const QString kConnectionName = QStringLiteral("sdcardd_restored_system");
 
 } // namespace

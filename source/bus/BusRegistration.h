@@ -4,25 +4,25 @@
 #include <QObject>
 #include <QTimer>
 
-/// Keeps the service on the bus: its name and its object. Where the bus goes away, it takes both
-/// again as soon as there is a bus.
+/// Keeps the service's name and object on the bus. When a lost bus comes back, registers both
+/// again.
 class BusRegistration : public QObject
 {
     Q_OBJECT
 
 public:
-    /// @param bus is replaced where the bus comes back; must outlive this object
+    /// @param bus is replaced when the bus comes back; must outlive this object
     /// @param object exported with its adaptors
     BusRegistration(QDBusConnection& bus, QObject* object, QObject* parent);
 
-    /// Takes the service's name.
-    /// @return false where somebody else has it or the bus refuses
+    /// Requests the service's name.
+    /// @return false if another process owns it or the bus refuses it
     bool takeName();
-    /// Exports the object and from now on follows the bus.
+    /// Exports the object and starts to watch the bus.
     bool exportObject();
 
 Q_SIGNALS:
-    /// Name and object are on the bus again.
+    /// Name and object are registered again.
     void restored();
 
 private Q_SLOTS:

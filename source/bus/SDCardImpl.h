@@ -10,8 +10,8 @@
 
 class SdcardInterface;
 
-/// The object on the bus: the card's published properties and signals, and the methods, which it
-/// passes on to its parent, a SdcardInterface. The adaptors that export it are its children.
+/// The bus object: the card's published properties, signals and methods. Passes the methods on to
+/// its parent, an SdcardInterface. Its children are the adaptors that export it.
 class SDCardImpl : public QObject, public QDBusContext, public TrackObject
 {
     Q_OBJECT
@@ -31,35 +31,36 @@ public:
     bool isMounted() const { return mIsMounted; }
     /// Used share of the card in percent.
     int memLevel() const { return mMemLevel; }
-    /// A value of the enumeration MemState; State and Transition below likewise.
+    /// A value of the enumeration MemState; state() and transition() likewise.
     int memState() const { return mMemState; }
     QString mountPoint() const { return mMountPoint; }
     int state() const { return mState; }
     int transition() const { return mTransition; }
 
     void setIsMounted(bool isMounted) { mIsMounted = isMounted; }
-    /// Emits MemLevelChanged where the level differs from the present one.
+    /// Emits MemLevelChanged if the level changes.
     void setMemLevel(int level);
-    /// Emits MemStateChanged where the state differs from the present one.
+    /// Emits MemStateChanged if the state changes.
     void setMemState(int state);
     void setMemState(MemState state) { setMemState(static_cast<int>(state)); }
-    /// Part of the published interface; the service gives the mount point to the constructor.
+    /// Part of the published interface. The service itself passes the mount point to the
+    /// constructor.
     void setMountPoint(const QString& mountPoint) { mMountPoint = mountPoint; }
     void setState(int state) { mState = state; }
     void setState(State state) { setState(static_cast<int>(state)); }
     void setTransition(int transition) { mTransition = transition; }
     void setTransition(Transition transition) { setTransition(static_cast<int>(transition)); }
 
-    /// Brings a watched directory, or all for an empty @p id, back within its share. An unknown one
-    /// is answered with the bus error InvalidArgs.
+    /// Brings a watched directory, or all of them for an empty @p id, back within its share. The
+    /// reply to an unknown one is the bus error InvalidArgs.
     Q_INVOKABLE void EnsureDirSize(const QString& id);
-    /// The absolute path of a configured directory or link. An unknown one is answered with the bus
+    /// The absolute path of a configured directory or link. The reply to an unknown one is the bus
     /// error InvalidArgs.
     Q_INVOKABLE QString GetDirPath(const QString& id);
-    /// Bytes allotted to a configured directory; an unknown one as in GetDirPath().
+    /// Bytes allotted to a configured directory. Error as in GetDirPath().
     Q_INVOKABLE qint64 GetDirSize(const QString& id);
-    /// Bytes used by a configured directory, for an empty @p id by the whole card; an unknown one
-    /// as in GetDirPath().
+    /// Bytes used by a configured directory, or by the whole card for an empty @p id. Error as in
+    /// GetDirPath().
     Q_INVOKABLE qint64 getDirUsed(const QString& id);
     /// Recomputes memory state and level and returns the new memory state.
     Q_INVOKABLE int RefreshMemState();

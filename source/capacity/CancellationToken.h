@@ -6,7 +6,7 @@
 
 class CancellationSource;
 
-/// Says whether work is still wanted. Once cancelled, it stays so.
+/// Shows whether work was cancelled. A cancelled token stays cancelled.
 class CancellationToken
 {
 public:
@@ -20,8 +20,8 @@ private:
     quint32 mGeneration;
 };
 
-/// Hands out tokens and cancels all of them at once; tokens that it hands out later are valid
-/// again. Must outlive its tokens. Safe on any thread.
+/// Issues tokens and cancels all of them at once; tokens that it issues later are valid again. Must
+/// outlive its tokens. Safe on any thread.
 class CancellationSource
 {
 public:

@@ -21,7 +21,7 @@ void closeDirectory(int fd)
 
 int openDirectory(const QByteArray& path)
 {
-    // The system takes PATH_MAX bytes at once; a longer path is walked in parts.
+    // A system call takes at most PATH_MAX bytes, so a longer path is opened in parts.
     int base = AT_FDCWD;
     int start = 0;
     while (path.size() - start >= PATH_MAX) {

@@ -13,10 +13,10 @@ public:
     DirectoryHandle& operator=(const DirectoryHandle&) = delete;
     ~DirectoryHandle();
 
-    /// Whether it could be opened; where not, errno says why right after the construction.
+    /// Whether the directory is open. If not, errno says why right after the construction.
     bool isOpen() const { return mFd >= 0; }
     int fd() const { return mFd; }
-    /// Leaves the descriptor to the caller.
+    /// Passes the descriptor to the caller, who closes it.
     int release();
 
 private:

@@ -23,8 +23,8 @@ constexpr tavoutil::RecordOrigin kOrigin{
 
 constexpr std::size_t kNameBlockSize = 65536;
 
-// Large directories list their entries in the order of hashes. In the order of inodes the status
-// records are read from the card one after the other.
+// Large directories list their entries in hash order. In inode order the status records are read
+// from the card sequentially.
 constexpr std::size_t kSortThreshold = 1024;
 
 constexpr int kStatusFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
@@ -115,7 +115,7 @@ void DirectoryScan::scanDirectory(quint32 index)
         mDevice = status.st_dev;
         mDirectories[kRoot].inode = status.st_ino;
     } else if (!isDirectory(index, status)) {
-        // Another one has taken its place since it was seen.
+        // Another directory has replaced it since it was listed.
         TRACK_ERROR_FROM(kOrigin, mLogger,
                          "fstatat() failed for " + path + ": " + tavoutil::systemErrorText(ESTALE));
         return;
@@ -203,7 +203,7 @@ void DirectoryScan::measureEntries(int fd, quint32 directory, const QByteArray& 
 
 void DirectoryScan::addSize(qint64 size)
 {
-    // Sparse files may claim more than there can be.
+    // The sizes of sparse files may overflow the sum.
     if (__builtin_add_overflow(mTotalSize, size, &mTotalSize)) {
         mTotalSize = std::numeric_limits<qint64>::max();
     }

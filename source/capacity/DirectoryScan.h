@@ -15,22 +15,20 @@
 #include "CancellationToken.h"
 
 /// Measures a directory or a whole tree: the apparent sizes of the directories themselves and of
-/// every entry that is not a directory. Links are counted as themselves and never followed, other
-/// file systems are not entered, and names are bytes. Each entry is asked for its status once. The
-/// scan needs one descriptor and no recursion, however deep the tree is, and its memory grows with
-/// the number of entries alone.
+/// all other entries. Links count as themselves and are never followed. Other file systems are not
+/// entered. Names are bytes. Each entry's status is read once. The scan needs one descriptor and no
+/// recursion at any depth, and its memory grows only with the number of entries.
 class DirectoryScan
 {
 public:
-    /// One entry that is not a directory. A card may hold a million of them, so they are kept
-    /// small.
+    /// One entry that is not a directory. Kept small, because a card may contain a million of them.
     struct File
     {
         qint64 changeTime; ///< nanoseconds since the epoch
         qint64 size;       ///< bytes
         const char* name;  ///< within its directory; lives as long as the scan
-        quint32 directory; ///< index of the directory that holds it
-        quint32 inode;     ///< ext4 has no larger ones; of other file systems the low part
+        quint32 directory; ///< index of its directory
+        quint32 inode;     ///< enough for ext4; the low part on other file systems
     };
 
     /// The index of the scanned directory.
@@ -47,33 +45,32 @@ public:
         Files
     };
 
-    /// @param logger receives an error for each entry that cannot be measured, which then counts
-    /// nothing, on behalf of StorageCapacityWatcher::dirSizeFlat()
+    /// @param logger receives an error for each entry that cannot be measured and counts as 0, on
+    /// behalf of StorageCapacityWatcher::dirSizeFlat()
     /// @param token ends the scan early when it is cancelled
     DirectoryScan(log4cxx::LoggerPtr logger, CancellationToken token);
 
-    /// Scans @p path; to be called once.
-    /// @param device the file system that it must lie on, or it is not scanned; any without it
+    /// Scans @p path; call it once.
+    /// @param device the file system that must contain it; if empty, any
     void run(const QByteArray& path, Extent extent, Keep keep, std::optional<dev_t> device = {});
-    /// Whether @p path was found on another file system than the given one.
+    /// Whether @p path is on another file system than the given one.
     bool isElsewhere() const { return mIsElsewhere; }
 
-    /// Bytes in all.
+    /// Bytes in total.
     qint64 totalSize() const { return mTotalSize; }
-    /// The files, in no particular order; empty unless they were to be kept.
+    /// The files, in no particular order; empty unless they are kept.
     std::vector<File>& files() { return mFiles; }
-    /// What would be among the files, but could not be asked for its status; with neither size nor
-    /// time.
+    /// Entries whose status could not be read; without size and time.
     const std::vector<File>& unmeasured() const { return mUnmeasured; }
-    /// How many directories were found, the scanned one among them.
+    /// The number of directories, including the scanned one.
     std::size_t directoryCount() const { return mDirectories.size(); }
-    /// The directory that holds the directory @p index; the scanned one for itself.
+    /// The parent of the directory @p index; for the scanned directory, itself.
     quint32 parent(quint32 index) const { return mDirectories[index].parent; }
     /// The path of the directory @p index.
     QByteArray path(quint32 index) const;
     QByteArray path(const File& file) const { return path(file.directory) + "/" + file.name; }
-    /// Whether @p status is that of the directory @p index, and not of another that has taken its
-    /// place.
+    /// Whether @p status is still that of the directory @p index, so that no other directory has
+    /// replaced it.
     bool isDirectory(quint32 index, const struct stat& status) const;
 
 private:
@@ -81,15 +78,15 @@ private:
     {
         ino_t inode;
         const char* name;
-        bool isDirectory; ///< as far as the directory says
+        bool isDirectory; ///< according to the directory entry
     };
 
-    /// Keeps names in large blocks, since one allocation each would cost more than the names.
+    /// Keeps names in large blocks, because separate allocations would cost more than the names.
     class NameArena
     {
     public:
         const char* store(std::string_view name);
-        /// Forgets all names and keeps one block.
+        /// Drops all names and keeps one block.
         void clear();
 
     private:
@@ -98,8 +95,8 @@ private:
         std::size_t mCapacity = 0;
     };
 
-    /// Paths are put together when they are needed: in a deep tree they would take more memory
-    /// than everything else.
+    /// Paths are built on demand: in a deep tree stored paths would need more memory than
+    /// everything else.
     struct Directory
     {
         const char* name; ///< within its parent

@@ -59,7 +59,7 @@ void EmptiedDirectories::finishUpwards(quint32 directory)
     for (quint32 level = directory; level != DirectoryScan::kRoot; level = mScan.parent(level)) {
         State& state = mStates[level];
         if (state.goneUnfinished > 0) {
-            return; // It goes with the last of them.
+            return; // The last of them removes it.
         }
         if (state.isFinished) {
             mRemover.logNotRemoved(mScan.path(level), ENOENT);

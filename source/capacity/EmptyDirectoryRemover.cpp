@@ -21,7 +21,7 @@ constexpr tavoutil::RecordOrigin kOrigin{
     "void StorageCapacityWatcher::removeEmptyDirs(const QByteArray&, const QByteArray&, qint64&) "
     "const"};
 
-// Entries of an empty directory: "." and "..".
+// "." and "..".
 constexpr int kEmptyDirectoryEntries = 2;
 
 bool holdsEntries(const QByteArray& path)
@@ -48,7 +48,7 @@ QByteArray parentOf(const QByteArray& path)
     return slash > 0 ? path.left(slash) : QByteArray("/");
 }
 
-/// The file system that holds the directory @p path; 0 where it cannot be read.
+/// The file system of the directory @p path; 0 if it cannot be read.
 dev_t deviceOf(const QByteArray& path)
 {
     const DirectoryHandle handle(path);

@@ -5,16 +5,16 @@
 #include "DirectoryHandle.h"
 #include "DirectoryScan.h"
 
-/// Removes files of a scan. Each directory is opened once for a run of its files. What has taken
-/// the place of a scanned directory or file meanwhile stays, as far as its inode tells: a link may
-/// lead anywhere, and a new file is not the old one of its name.
+/// Removes files of a scan. Opens each directory once for consecutive files. A directory or file
+/// that has been replaced since the scan, as its inode shows, stays: a link may lead anywhere, and
+/// a new file of the same name is another file.
 class FileRemover
 {
 public:
     /// @param scan must outlive the remover
     explicit FileRemover(const DirectoryScan& scan) : mScan(scan) {}
 
-    /// @return 0 or the error number; ESTALE for what has been replaced
+    /// @return 0 or the error number; ESTALE if the file or its directory has been replaced
     int remove(const DirectoryScan::File& file);
 
 private:

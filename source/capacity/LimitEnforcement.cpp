@@ -18,7 +18,8 @@ constexpr tavoutil::RecordOrigin kOrigin{
     "void StorageCapacityWatcher::ensureDirSizeSingle(const StorageCapacityWatcher::WatchDir&) "
     "const"};
 
-/// Asks once more for what the scan could not ask, and adds it to the files either way.
+/// Reads the status again of entries that the scan could not read, and adds them to the files in
+/// any case.
 void addUnmeasured(DirectoryScan& scan)
 {
     for (const DirectoryScan::File& file : scan.unmeasured()) {
@@ -55,13 +56,13 @@ void LimitEnforcement::run(const QByteArray& path, qint64 limit, std::optional<d
     remove(scan, select(scan.files(), scan.totalSize(), limit));
 }
 
-/// Moves the files that have to go to the end, the oldest last.
+/// Moves the files to delete to the end, the oldest last.
 /// @return the first of them
 LimitEnforcement::Files::const_iterator LimitEnforcement::select(Files& files, qint64 used,
                                                                  qint64 limit) const
 {
-    // A heap with the oldest on top: often a few of very many files have to go, and a full sort
-    // would order them all.
+    // A heap with the oldest on top: often few of many files are deleted, and a full sort would
+    // order all of them.
     const auto isNewer = [](const DirectoryScan::File& a, const DirectoryScan::File& b) {
         return a.changeTime > b.changeTime;
     };
@@ -79,7 +80,7 @@ void LimitEnforcement::remove(DirectoryScan& scan, Files::const_iterator selecte
 {
     EmptiedDirectories directories(scan, mLogger);
     {
-        // It keeps a directory open.
+        // The remover keeps a directory open.
         FileRemover remover(scan);
         for (auto file = scan.files().cend(); file != selected && !mToken.isCancelled();) {
             --file;

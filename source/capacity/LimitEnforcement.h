@@ -13,7 +13,7 @@
 #include "DirectoryScan.h"
 
 /// Deletes the oldest files of a directory until it is below its limit, and the directories that
-/// become empty by it. Logs on behalf of StorageCapacityWatcher::ensureDirSizeSingle().
+/// become empty. Logs on behalf of StorageCapacityWatcher::ensureDirSizeSingle().
 class LimitEnforcement
 {
 public:
@@ -21,8 +21,8 @@ public:
     LimitEnforcement(log4cxx::LoggerPtr logger, CancellationToken token);
 
     /// @param limit bytes
-    /// @param device the file system on which the directory must lie, or nothing is deleted; any
-    /// without it
+    /// @param device the file system that must contain the directory; otherwise nothing is deleted.
+    /// If empty, any
     void run(const QByteArray& path, qint64 limit, std::optional<dev_t> device = {}) const;
 
 private:

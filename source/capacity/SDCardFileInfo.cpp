@@ -23,7 +23,7 @@ constexpr auto kTrackSource = "SDCardFileInfo";
 constexpr std::size_t kMaxWorkingDirectory = 4096;
 constexpr qint64 kNanosecondsPerSecond = 1000000000;
 
-// Looked up once: records are made in great number.
+// Looked up once, because there are many objects.
 const log4cxx::LoggerPtr& recordLogger()
 {
     static const log4cxx::LoggerPtr instance = log4cxx::Logger::getLogger("SDCardFileInfo");
@@ -102,7 +102,7 @@ qint64 changeTimeOf(const struct stat& status)
     qint64 time = 0;
     if (__builtin_mul_overflow(qint64{status.st_ctim.tv_sec}, kNanosecondsPerSecond, &time) ||
         __builtin_add_overflow(time, qint64{status.st_ctim.tv_nsec}, &time)) {
-        // ext4 knows years that nanoseconds in 64 bits do not reach: 1677 to 2262.
+        // ext4 allows years beyond the range of 64-bit nanoseconds, 1677 to 2262.
         return status.st_ctim.tv_sec < 0 ? std::numeric_limits<qint64>::min()
                                          : std::numeric_limits<qint64>::max();
     }

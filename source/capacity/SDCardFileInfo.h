@@ -6,11 +6,11 @@
 
 #include <tavoutil/TrackObject.h>
 
-/// Path and status of one directory entry, taken once. A final symbolic link is not followed.
+/// Path and status of one directory entry, read once. A final symbolic link is not followed.
 class SDCardFileInfo : public TrackObject
 {
 public:
-    /// @param path any bytes; a relative one is taken from the working directory
+    /// @param path any bytes; a relative one starts in the working directory
     explicit SDCardFileInfo(const QByteArray& path);
 
     /// The absolute path, as of absolutePath(); links in it are not resolved.
@@ -18,14 +18,14 @@ public:
     /// The path's last component; empty for the root. Valid for as long as this object.
     const char* baseName() const;
 
-    /// @p path made absolute with the working directory, without empty, "." and ".." components;
-    /// empty where the working directory cannot be read, and errno then says why.
+    /// @p path made absolute with the working directory, without empty, "." and ".." components. If
+    /// the working directory cannot be read, empty, with the reason in errno.
     static QByteArray absolutePath(const QByteArray& path);
 
-    /// Whether the entry could be asked for its status; the accessors below are of use only then.
+    /// Whether the status could be read; the accessors below are valid only then.
     bool isValid() const { return mValid; }
     bool isDirectory() const { return S_ISDIR(mStatus.st_mode); }
-    /// The owner's permission bits, whoever asks.
+    /// The owner's permission bits, for every caller.
     bool isOwnerReadable() const { return (mStatus.st_mode & S_IRUSR) != 0; }
     bool isOwnerWritable() const { return (mStatus.st_mode & S_IWUSR) != 0; }
     /// Apparent size in bytes.

@@ -24,7 +24,7 @@ constexpr int kDefaultIntervalMs = 10800000;
 
 constexpr qint64 kAbandonedRunsMs = 3000;
 
-// What a removed directory counts for, whatever its size was.
+// The bytes that each removed directory counts for, whatever its size.
 constexpr qint64 kRemovedDirectorySize = 2;
 
 } // namespace

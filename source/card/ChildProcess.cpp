@@ -12,7 +12,7 @@
 
 namespace {
 
-// How late an abandoned program is killed.
+// The longest delay before an abandoned program is killed.
 constexpr qint64 kLookIntervalMs = 100;
 
 } // namespace
@@ -56,12 +56,12 @@ int ChildProcess::execute(const QString& program, const QStringList& arguments)
 
 void ChildProcess::setupChildProcess()
 {
-    // In the child, between fork and exec. The signal comes when the thread that waits for the
-    // program ends, and that ends before the program only together with the service.
+    // In the child, between fork and exec. The signal comes when the waiting thread ends. That
+    // thread outlives the program, unless the whole service ends.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::setpgid(0, 0);
     if (::getppid() != mServiceId) {
-        // The service has ended already.
+        // The service has already ended.
         ::_exit(EXIT_FAILURE);
     }
 }

@@ -4,8 +4,8 @@
 
 #include <sys/types.h>
 
-/// A program that the service starts and waits for. It does not outlive the service, nor the run of
-/// a worker that waits for it.
+/// A program that the service starts and waits for. It ends at the latest with the service, or with
+/// the worker's run that waits for it.
 class ChildProcess : public QProcess
 {
 public:
@@ -16,15 +16,15 @@ public:
         Abandoned    ///< isAbandoned(), and killed
     };
 
-    /// Whether the calling thread is to end (QThread::requestInterruption()), so that nobody needs
-    /// its programs any more.
+    /// Whether the calling thread was asked to end (QThread::requestInterruption()) and so no
+    /// longer needs its programs.
     static bool isAbandoned();
 
-    /// @param parent the parent object, in whose thread the program is started and waited for
+    /// @param parent the parent object; start and wait on its thread
     explicit ChildProcess(QObject* parent = nullptr);
 
-    /// Waits for the end of the started program. The destructor kills one that has not finished.
-    /// @param timeoutMs -1 for as long as it takes
+    /// Waits for the end of the started program. The destructor kills a program that still runs.
+    /// @param timeoutMs -1 for no limit
     End waitForEnd(int timeoutMs);
 
     /// Runs a program to its end, with the service's own standard output and error.

@@ -2,7 +2,7 @@
 
 #include <QString>
 
-/// What the mount table says about a mount point.
+/// The state of a mount point in the mount table.
 enum class MountState : int
 {
     Unclear = 0,    ///< listed, but neither as "rw" nor as "ro"
@@ -11,6 +11,6 @@ enum class MountState : int
     ReadWrite = 3
 };
 
-/// Looks the mount point up in the mount table as plain text: the first line that contains it
-/// decides, and "rw" or "ro" anywhere in that line.
+/// Looks the mount point up in the mount table as plain text. The first line that contains it
+/// decides, by "rw" or "ro" anywhere in that line.
 MountState mountStateOf(const QString& mountPoint);

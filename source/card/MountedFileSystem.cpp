@@ -19,7 +19,7 @@
 
 namespace {
 
-/// Whether @p matches holds for the mount point of any entry of the mount table; nothing where the
+/// Whether @p matches is true for the mount point of any entry of the mount table; empty if the
 /// table cannot be read.
 template <typename Predicate>
 std::optional<bool> isAnyMountPoint(Predicate matches)
@@ -29,7 +29,7 @@ std::optional<bool> isAnyMountPoint(Predicate matches)
     if (!table) {
         return std::nullopt;
     }
-    // Device and mount point may each be PATH_MAX bytes, of which every one may be an octal escape.
+    // Device and mount point may be PATH_MAX bytes each, and every byte may be an octal escape.
     static constexpr std::size_t kLineSize = 2 * 4 * 4096 + 1024;
     std::vector<char> line(kLineSize);
     mntent entry{};

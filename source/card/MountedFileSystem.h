@@ -14,7 +14,7 @@ struct FileSystemSize
     quint64 free;
 };
 
-/// A mount point, and the file system that is mounted on it at the time of each call.
+/// A mount point, and the file system that is mounted on it at the time of the call.
 class MountedFileSystem
 {
 public:
@@ -23,25 +23,24 @@ public:
 
     /// Whether the mount table lists exactly this mount point.
     bool isMounted() const;
-    /// The size of the file system; nothing when none is mounted or it cannot be asked.
+    /// The size of the file system; empty if none is mounted or statvfs() fails.
     std::optional<FileSystemSize> size() const;
-    /// The device number of what is mounted; 0, which no file bears, when nothing is.
+    /// The device number of the mounted file system; 0, which no file has, if none is mounted.
     dev_t device() const;
-    /// Whether the block device below the mount point no longer exists: the card was pulled, and a
-    /// program still uses the mount. Never for file systems that are on no block device.
+    /// Whether the block device below the mount point no longer exists: the card was pulled while a
+    /// program used the mount. Never true for file systems without a block device.
     bool isDeviceGone() const;
 
 private:
     QByteArray mMountPoint;
 };
 
-/// Unmounts what is mounted on @p path, without force, and clears the card's UnpreparedMark. Tries
-/// again as long as a signal interrupts.
+/// Unmounts the file system on @p path, without force, and clears the card's UnpreparedMark. Retries
+/// when a signal interrupts the call.
 /// @return 0 or the error number
 int unmount(const QString& path);
 
-/// Removes the directory of a mount point with all that it contains, but nothing while a file
-/// system is mounted there or below, however @p path is spelled, or where the mount table, which
-/// would tell, cannot be read.
-/// @return whether the directory is gone
+/// Removes the directory of a mount point with its content. Removes nothing while a file system is
+/// mounted there or below, in any spelling of @p path, or if the mount table cannot be read.
+/// @return whether the directory no longer exists
 bool removeMountPoint(const QString& path);

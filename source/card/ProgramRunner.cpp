@@ -8,7 +8,7 @@
 
 namespace {
 
-// The functions that records name: see the header.
+// The functions in the records: see the header.
 constexpr tavoutil::RecordOrigin kRunLogged{
     "sdcard", "static int Sdcard::runCMD(log4cxx::LoggerPtr, const QString&, const QStringList&, "
               "bool, int)"};
@@ -32,7 +32,7 @@ QStringList linesOf(const QByteArray& output)
 {
     QStringList lines;
     QTextStream stream(output);
-    // The locale's codec would lose what is not ASCII where the locale is "C".
+    // In the "C" locale the locale's codec would lose non-ASCII characters.
     stream.setCodec("UTF-8");
     while (!stream.atEnd()) {
         lines.append(stream.readLine());

@@ -1,12 +1,12 @@
 #pragma once
 
-/// A file in /run that exists from a mount by this service until the card has been prepared. So a
-/// card whose mounting or preparation was cut short (by SIGKILL, or as its state was left) is not
-/// taken for one that needs no preparation, although it is mounted. It does not survive a restart
-/// of the device, and neither does the mount.
+/// A file in /run that exists from a mount by this service until the card has been prepared. It
+/// marks a mounted card that still needs preparation because its mounting or preparation was cut
+/// short (by SIGKILL, or because its state was left). A restart of the device ends both the mark
+/// and the mount.
 namespace UnpreparedMark {
 
-/// @return false with errno where the file cannot be created
+/// @return false with errno if the file cannot be created
 bool set();
 bool isSet();
 void clear();

@@ -32,8 +32,8 @@ struct LedWrite
 
 using Pattern = CardLights::Pattern;
 
-// Missing on purpose: NotMountable leaves the delays to the driver, and Unmounted leaves the red
-// trigger, as brightness 0 ends the blinking.
+// Missing on purpose: NotMountable leaves the delays to the driver. Unmounted does not reset the
+// red trigger because brightness 0 ends the blinking.
 // clang-format off
 constexpr std::array<LedWrite, 13> kWrites{{
     {Pattern::Off,          kGreenBrightness, kOff},

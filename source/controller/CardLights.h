@@ -3,18 +3,18 @@
 /// The red and the green LED beside the slot.
 namespace CardLights {
 
-/// What the two LEDs show together.
+/// The patterns of the two LEDs.
 enum class Pattern
 {
     Off,
-    Mounted,      ///< red, and dark while the card is busy
+    Mounted,      ///< red; off during card access
     Busy,         ///< red blinks fast
     Unmounted,    ///< green
     NotMountable, ///< green blinks
 };
 
-/// Writes the pattern's values to the LED files, in order. A file that cannot be opened, as on a
-/// board without that LED, is skipped.
+/// Writes the values of the pattern to the LED files, in order. Skips files that it cannot open,
+/// because a board may lack an LED.
 void show(Pattern pattern);
 
 } // namespace CardLights

@@ -13,7 +13,7 @@ class Sdcard;
 class CardMachine : public QStateMachine
 {
 public:
-    /// What the memory state is in a state of the machine.
+    /// The memory state in a state of the machine.
     enum class Memory
     {
         NoCard,
@@ -26,14 +26,14 @@ public:
     {
         QAbstractState* state;
         const char* name;
-        Handler onEntry; ///< may be null, as may onExit
+        Handler onEntry; ///< onEntry and onExit may be null
         Handler onExit;
         Memory memory;
     };
     struct TransitionRow
     {
         QState* from;
-        const QObject* sender; ///< null where the source of the signal could not be created
+        const QObject* sender; ///< null if the source of the signal could not be created
         const char* signal;
         QAbstractState* to;
     };
@@ -43,12 +43,12 @@ public:
     void addStates(Sdcard* controller, const std::vector<StateRow>& rows);
     /// Adds the transitions in the order of the table.
     /// @param removal the signal whose transitions @p echo may suppress
-    /// @param requests the notifier of requests that stay pending: it reports only while a state
-    /// waits for them, as it would keep the event loop busy otherwise
+    /// @param requests the notifier of requests that stay pending. It is enabled only in states
+    /// that wait for requests: otherwise a pending one would keep the event loop busy
     void addTransitions(const std::vector<TransitionRow>& rows, const char* removal,
                         const FormatEcho& echo, QSocketNotifier* requests);
 
-    /// What the memory state is in the active state.
+    /// The memory state in the active state.
     Memory memory() const;
 
 private:

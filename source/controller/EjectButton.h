@@ -1,6 +1,6 @@
 #pragma once
 
-/// The eject button beside the slot. It ejects the card when it has been held for 25 readings.
+/// The eject button beside the slot. It ejects the card after 25 pressed readings in a row.
 class EjectButton
 {
 public:
@@ -9,8 +9,8 @@ public:
 
     /// Forgets the readings so far.
     void reset() { mPressedReadings = 0; }
-    /// Reads the button once. A reading that gives no number changes nothing.
-    /// @return whether this reading completes a hold; the next one then begins a new one
+    /// Reads the button once. A reading that is not a number changes nothing.
+    /// @return whether this reading is the 25th in a row; the count then starts again
     bool read();
 
 private:

@@ -5,17 +5,17 @@
 
 class QObject;
 
-/// Separates the removal of a card from the echo of a format: a new file system makes the kernel
-/// announce the partition anew, which arrives here as a removal.
+/// Distinguishes the removal of a card from the echo of a format. After a format the kernel
+/// announces the partition again, which arrives here as a removal.
 class FormatEcho
 {
 public:
-    /// A file system was created at @p birth; a null time forgets the last one.
+    /// Records that a file system was created at @p birth; a null time clears the record.
     void setBirth(const QDateTime& birth) { mBirth = birth; }
-    /// Judges a removal that arrives now, and forgets the birth.
+    /// Classifies a removal that arrives now, and clears the record.
     /// @return whether it is the echo of a format: 1 to 2999 ms after the birth
     bool takeRemoval();
-    /// The judgement on the last removal.
+    /// Whether the last removal was an echo.
     bool isEcho() const { return mIsEcho; }
 
 private:
@@ -23,7 +23,7 @@ private:
     bool mIsEcho = false;
 };
 
-/// The transition on a removal, which an echo does not trigger.
+/// The transition on a removal. An echo does not trigger it.
 class RemovalTransition : public QSignalTransition
 {
 public:

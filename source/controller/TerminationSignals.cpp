@@ -15,8 +15,8 @@ QByteArray TerminationSignals::setUp(QObject* notifierParent)
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, mSignalFd.data()) != 0) {
         return "Can't create socket pair (" + tavoutil::systemErrorText(errno) + ")";
     }
-    // Nobody reads the socket: once it is full, a blocking write would never return. And no tool
-    // that is started may inherit it.
+    // Nobody reads the socket: once it is full, a blocking write would never return. Programs that
+    // the service starts must not inherit it.
     for (const int fd : mSignalFd) {
         ::fcntl(fd, F_SETFL, O_NONBLOCK);
         ::fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -68,7 +68,7 @@ void TerminationSignals::handle(int signalNumber)
     }
     const int savedErrno = errno;
     const auto byte = static_cast<char>(signalNumber);
-    // A full socket already holds what there is to say.
+    // If the socket is full, a request is already pending.
     [[maybe_unused]] const ssize_t written = ::write(mSignalFd[0], &byte, 1);
     errno = savedErrno;
 }

@@ -102,7 +102,7 @@ void Sdcard::registerBusObject(QDBusConnection& bus)
     connect(mService, &SDCardImpl::CardRemoved, this, &Sdcard::REMOVE_DEVICE);
 }
 
-// Nobody could announce a card or its removal while the bus was away.
+// While the bus was away, nobody could announce a card or its removal.
 void Sdcard::lookForCardAnew()
 {
     const bool isKnown = mService->state() != static_cast<int>(State::NoCard);
@@ -128,7 +128,7 @@ void Sdcard::setUpTimers()
     mEjectPollTimer.setObjectName(QStringLiteral("eject poll timer"));
     for (QTimer* const timer : {&mStateTimer, &mOpenFilesTimer, &mInsertDelayTimer}) {
         timer->setSingleShot(true);
-        // The default may be off by a second in twenty.
+        // The default timer type may be off by one second in twenty.
         timer->setTimerType(Qt::PreciseTimer);
     }
     connect(&mOpenFilesTimer, &QTimer::timeout, this, &Sdcard::checkFiles);
@@ -176,9 +176,9 @@ void Sdcard::buildMachine()
     const char* const kTimeout = SIGNAL(timeout());
     const char* const kRemoved = SIGNAL(SD_REMOVE());
     // Missing on purpose: a corrupted card keeps its state until the process ends, so nothing
-    // leaves corrupted; and a request to terminate waits until mounting and preparing are done. A
-    // terminating state leaves by the pending request after its own unmount, as UMOUNT_SUCCESS says
-    // that nothing was mounted.
+    // leaves corrupted. A request to terminate waits until mounting and preparing are done. A
+    // terminating state leaves by the pending request after its own unmount, because UMOUNT_SUCCESS
+    // means that nothing was mounted.
     // clang-format off
     mMachine.addTransitions({
         {noSdCardState,                   this,            SIGNAL(SD_INSERT()),      mMountingState},
@@ -234,7 +234,7 @@ void Sdcard::connectTriggers()
     connect(mMountingState, &StateMounting::mountingStateActive, this, &Sdcard::setMountingState);
 }
 
-// Worker threads hand over their own logger, by value.
+// Worker threads pass their own logger, by value.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 int Sdcard::runCMD(log4cxx::LoggerPtr logger, const QString& program, const QStringList& arguments,
                    bool verbose, int timeoutMs)
@@ -325,7 +325,7 @@ void Sdcard::cardRemovedTriggered()
     if (MountedFileSystem(mountPoint).isMounted()) {
         mCapacityWatcher.resumeRuns();
     } else {
-        // Its limits are not those of the next card.
+        // The next card has other limits.
         mCapacityWatcher.storageIsUnmounted();
     }
 }
@@ -506,7 +506,7 @@ void Sdcard::closingFiles()
 {
     setBusyState(State::ClosingFiles);
     Q_EMIT mService->EjectPressed();
-    // The service's own runs let go first: they would be taken for somebody else's.
+    // End the service's own runs first: lsof would report them as foreign open files.
     mCapacityWatcher.abandonRuns();
     if (areFilesClosed(eLogLevel::Processes)) {
         Q_EMIT FILES_CLOSED();
@@ -561,7 +561,7 @@ void Sdcard::forced_unmounting()
         TRACK_WARN(logger(), "System is rebooting -> shutdown processes (!)");
     }
     QVector<int> processIds;
-    // The service itself is spared, and so is the wait for it.
+    // Never signals or awaits the service itself.
     const auto findOthers = [&](eLogLevel logLevel) {
         processIds.clear();
         checkOpenFiles(mConfig.mountPoint(), processIds, logLevel);

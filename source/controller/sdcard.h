@@ -28,9 +28,9 @@ class SDCardImpl;
 class StateMounting;
 class StatePreparing;
 
-/// The controller of the card's life: a state machine, the timers that bound its states, and what
-/// is done on each state and event. Lives on the main thread. Its helpers report, it decides and
-/// logs.
+/// The controller of the card's life: a state machine, the timers that bound its states, and the
+/// actions on each state and event. Lives on the main thread. Its helpers report; the controller
+/// decides and logs.
 class Sdcard : public QObject, public TrackObject, public SdcardInterface
 {
     Q_OBJECT
@@ -40,8 +40,8 @@ public:
     enum class eLogLevel : int
     {
         Silent = 0,
-        Processes = 1, ///< the processes that hold files open
-        Files = 2      ///< these, and each file
+        Processes = 1, ///< the processes with open files
+        Files = 2      ///< the processes and each file
     };
 
     /// Looks at the hardware, takes the bus name and starts the machine.
@@ -58,7 +58,7 @@ public:
     QString getDirPath(const QString& id) override { return mConfig.getDirPath(id); }
     bool ensureDirSize(const QString& id) override { return mCapacityWatcher.ensureDirSize(id); }
 
-    // Published names of what other rooms do: ProgramRunner::run() and mountStateOf().
+    // Published names that forward to other rooms: ProgramRunner::run() and mountStateOf().
     static int runCMD(log4cxx::LoggerPtr logger, const QString& program,
                       const QStringList& arguments, bool verbose, int timeoutMs);
     int runCMD(const QString& program, const QStringList& arguments, QByteArray& output,
@@ -66,17 +66,18 @@ public:
     static MountState getMountState(const log4cxx::LoggerPtr& logger, const QString& mountPoint);
 
     /// Unmounts @p path and removes the mount point directory.
-    /// @param force without effect: the forced path ends the processes first
-    /// @return false when it could not be unmounted or the directory not be removed
+    /// @param force without effect: on the forced path the processes have already been ended
+    /// @return false if the unmount or the removal of the directory failed
     bool umountDevice(const QString& path, bool force);
 
-    /// Finds the processes that hold files below @p mountPoint open.
+    /// Finds the processes with open files below @p mountPoint.
     /// @param processIds the ids found are appended
-    /// @return 0, or -1 when they cannot be found out
+    /// @return 0, or -1 if lsof fails
     int checkOpenFiles(const QString& mountPoint, QVector<int>& processIds,
                        const eLogLevel& logLevel);
 
-    /// The machine, to look at. Its states' object names are those of the table of states.
+    /// The machine, for inspection. The object names of its states are those in the table of
+    /// states.
     const QStateMachine& machine() const { return mMachine; }
 
 Q_SIGNALS:
@@ -84,7 +85,7 @@ Q_SIGNALS:
     void REMOVE_DEVICE();
     void SD_INSERT();
     void SD_REMOVE();
-    // The next four are driven by the worker states' signals of the same names; nothing emits them
+    // The signals of the same names of the worker states drive the next four; nothing emits them
     // here. They are part of the published meta-object.
     void START_PREPARE();
     void MOUNT_SUCCESS();
@@ -113,7 +114,7 @@ public Q_SLOTS:
     void cardInsertedTriggered();
     void cardRemovedTriggered();
     void cardEjectTriggered();
-    // These three never run: see the signals. What is to follow a mount belongs into mounted().
+    // These three never run: see the signals. Actions after a mount belong into mounted().
     void mountSuccessTriggered();
     void mountFailedTriggered();
     void mountCorruptTriggered();

@@ -18,7 +18,7 @@ constexpr tavoutil::RecordOrigin kOrigin{"config", "bool ConfigHandler::applyCon
 
 constexpr mode_t kPermissionBits = 0777;
 
-// A configured path, cut where its last component begins.
+// A configured path, split before its last component.
 struct EntryPath
 {
     explicit EntryPath(const QString& path)
@@ -30,11 +30,11 @@ struct EntryPath
         }
         const int slash = whole.lastIndexOf('/', end - 1);
         parent = whole.left(slash);
-        // Never an absolute path, whatever the configured name is.
+        // Must not be an absolute path, whatever the configured name.
         name = "." + whole.mid(slash);
     }
 
-    QByteArray parent; // as CardRoot::open() takes it
+    QByteArray parent; // as in CardRoot::open()
     QByteArray name;   // below the parent
 };
 
@@ -51,7 +51,7 @@ int makeDir(const OpenedPlace& parent, const QByteArray& name, mode_t mode)
 
 int setMode(const OpenedPlace& place, mode_t mode)
 {
-    // fchmod(2) refuses a descriptor that was opened without access.
+    // fchmod(2) refuses O_PATH descriptors.
     const QByteArray link = "/proc/self/fd/" + QByteArray::number(place.fd());
     return errorOf(::chmod(link.constData(), mode));
 }
@@ -165,7 +165,7 @@ bool LayoutApplication::applySymlink(const SymlinkInfo& symlink) const
 
     struct stat status = {};
     if (hasEntry(parent, entry.name, status)) {
-        // Something else than a link may be there, and of any size.
+        // It may not be a link, and may have any size.
         QByteArray content(static_cast<int>(std::min<qint64>(status.st_size, PATH_MAX)), '\0');
         const ssize_t length = ::readlinkat(parent.fd(), entry.name.constData(), content.data(),
                                             static_cast<std::size_t>(content.size()));

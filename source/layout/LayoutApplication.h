@@ -9,17 +9,17 @@
 #include "CardRoot.h"
 #include "DirInfo.h"
 
-/// Creates and corrects the configured directories and links on a mounted card. It never removes
-/// anything but a link with another content, and it leaves alone what a link on the card or a
-/// configured name leads to on another file system.
+/// Creates and corrects the configured directories and links on a mounted card. Removes nothing
+/// except a link with another target. Does not touch other file systems, even if a link on the card
+/// or a configured name leads there.
 class LayoutApplication
 {
 public:
     /// @param logger receives a record for each correction and for each step that fails
     LayoutApplication(const QString& mountPoint, log4cxx::LoggerPtr logger);
 
-    /// Goes on after a step that fails.
-    /// @return false when at least one step failed
+    /// Continues after a failed step.
+    /// @return false if at least one step failed
     bool apply(const QVector<DirInfo>& dirs, const QVector<SymlinkInfo>& symlinks) const;
 
 private:

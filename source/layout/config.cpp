@@ -58,7 +58,7 @@ bool ConfigHandler::setup()
     }
 
     if (const char* const mountPoint = root.getAttribute(ConfigReading::kMountPointAttribute)) {
-        // As the mount table writes it, where it is looked for.
+        // Spelled as in the mount table, where it is looked up.
         mMountPoint = QDir::cleanPath(QString::fromUtf8(mountPoint));
     }
     if (const char* const devicePath = root.getAttribute(ConfigReading::kDevicePathAttribute)) {
@@ -77,7 +77,7 @@ bool ConfigHandler::setup()
     return true;
 }
 
-// Takes the records into lists and lets the first problem end the reading.
+// Collects the records in lists; the first error ends the reading.
 class ConfigHandler::Collector : public ConfigReading::Listener
 {
 public:
@@ -101,7 +101,7 @@ public:
 
 private:
     const ConfigHandler& mConfig;
-    QVector<DirInfo>* mDirs; // null where no directory can come
+    QVector<DirInfo>* mDirs; // null if no directory can follow
     QVector<SymlinkInfo>& mSymlinks;
 };
 

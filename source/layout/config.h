@@ -12,25 +12,25 @@
 #include "ConfigReading.h"
 #include "DirInfo.h"
 
-/// The media configuration: where the card is mounted and how it is laid out. Read-only after
-/// setup(), so that threads may share it.
+/// The media configuration: the mount point and the layout of the card. Read-only after setup(), so
+/// that threads may share it.
 class ConfigHandler : public TrackObject, public CardLayout
 {
 public:
     ConfigHandler();
 
-    /// The file that setup() reads.
+    /// The path of the file that setup() reads.
     const QString& configFile() const { return mConfigFile; }
     /// Replaces its default path.
     void setConfigFile(const QString& path) { mConfigFile = path; }
 
     /// Reads the configuration file.
-    /// @return false on the first error, which has been logged; what was read before it is kept
+    /// @return false on the first error, which has been logged; elements before it are kept
     bool setup();
 
-    /// Creates and corrects the configured directories and links on the mounted card. Never removes
-    /// anything but a link with another content.
-    /// @return false when at least one step failed; each failure has been logged
+    /// Creates and corrects the configured directories and links on the mounted card. Removes
+    /// nothing except a link with another target.
+    /// @return false if at least one step failed; each failure has been logged
     bool applyConfigLayout() const;
 
     const QString& mountPoint() const override { return mMountPoint; }
@@ -40,19 +40,19 @@ public:
     /// One "name=path" for each directory.
     const QStringList& dirEntries() const { return mDirEntries; }
 
-    /// Path, relative to the mount point, of the first directory named @p id, else of the first
-    /// such link; empty when there is neither.
+    /// Path, relative to the mount point, of the first directory named @p id, or else of the first
+    /// such link; empty if there is neither.
     QString getDirPath(const QString& id) const;
-    /// Bytes allotted to the first directory named @p id; 0 when there is none or no mounted card.
+    /// Bytes allotted to the first directory named @p id; 0 if there is none or no mounted card.
     qint64 getDirSize(const QString& id) const;
-    /// Bytes that the first directory named @p id and all below it occupy (apparent sizes); where
-    /// @p id is empty, the bytes used on the card. 0 when there is none or no mounted card.
+    /// Bytes (apparent sizes) that the first directory named @p id and its content occupy, or the
+    /// used bytes of the card if @p id is empty. 0 if there is none or no mounted card.
     qint64 getDirUsed(const QString& id) const;
     /// Whether the kernel lists a card in the first MMC slot.
     bool hasMmcDevice() const;
 
-    // Published: programs of the device are built against the names of this class, so they stay.
-    // The service itself uses of the following only parseChildNodes().
+    // Published for other programs of the device, which are built against this class. The service
+    // itself uses only parseChildNodes() of these.
 
     /// One "name=path" for each link.
     const QStringList& symlinkEntries() const { return mSymlinkEntries; }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kMaxExecutablePath = 4096;
 
-// Empty where it cannot be found out.
+// Empty if unknown.
 QString executableDirectory()
 {
     std::array<char, kMaxExecutablePath> path{};

@@ -14,8 +14,8 @@ namespace ConfigFileLookup {
 QStringList searchDirectories();
 
 /// @param defaultName the file's name in the search directories
-/// @param option the option that may name another file; then only that one is looked for
-/// @param parser has processed the command line
+/// @param option the option that may name a file; if it is set, only that file is looked for
+/// @param parser must have processed the command line
 /// @param errors receives why no file was found
 /// @return the file's path; empty when there is none
 QString find(const QString& defaultName, const QCommandLineOption& option,

@@ -1,7 +1,7 @@
 #pragma once
 
-/// Keeps two instances of the service from one card. The kernel releases it when the process ends,
-/// however it ends.
+/// Prevents two instances of the service from using one card. The kernel releases the lock when the
+/// process ends, however it ends.
 class InstanceLock
 {
 public:
@@ -10,7 +10,8 @@ public:
     InstanceLock& operator=(const InstanceLock&) = delete;
     ~InstanceLock();
 
-    /// Whether another process has the lock. A lock file that cannot be made counts as free.
+    /// Whether another process has the lock. If the lock file cannot be created, the lock counts as
+    /// free.
     bool isTaken() const { return mIsTaken; }
 
 private:

@@ -30,7 +30,7 @@ const QString kRemoveTreeCmd = QStringLiteral("/bin/rm -r");
 struct LoggerItem
 {
     const char* path;        // below the old and the new directory
-    const char* description; // as the records name it
+    const char* description; // as in the records
 };
 
 constexpr std::array<LoggerItem, 3> kLoggerItems{{
@@ -39,10 +39,10 @@ constexpr std::array<LoggerItem, 3> kLoggerItems{{
     {"/LoggerFiles", "logger files folder"},
 }};
 
-// Runs a command line in the shell; false where it does not end with status 0.
+// Runs a command line in the shell; false unless it ends with status 0.
 bool runInShell(const QString& commandLine)
 {
-    // The patterns in the command line are for the shell to expand.
+    // The shell expands the patterns in the command line.
     return ChildProcess::execute(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), commandLine}) ==
            0;
 }
@@ -94,7 +94,7 @@ void Relocation::moveCsvFiles() const
     const QString newDir = mMountPoint + csvPath;
     const QString doubledPath = csvPath + newDir;
     const QString doubledDir = mMountPoint + doubledPath;
-    // Fixed, whatever the mount point is.
+    // Fixed: does not follow the configured mount point.
     const QString topDir = newDir + "/media";
     if (!QFile::exists(doubledDir)) {
         return;
@@ -115,17 +115,17 @@ void Relocation::moveCsvFiles() const
     removeDoubledCsvTree(doubledDir, topDir);
 }
 
-// Looks at each directory whose entries the shell's commands move or remove.
+// Checks each directory in which the shell commands move or remove entries.
 bool Relocation::isCsvElsewhere(const QByteArray& csvPath, const QByteArray& doubledPath) const
 {
     QVector<QByteArray> places{csvPath};
     const OpenedPlace doubled = mCard.open(doubledPath);
-    // The names are bytes, which QDir would not list if they are not text.
+    // Names are bytes; QDir does not list those that are not valid text.
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(
         ::fdopendir(::openat(doubled.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), ::closedir);
     while (const dirent* const entry = entries ? ::readdir(entries.get()) : nullptr) {
         if (entry->d_name[0] != '.') {
-            // Only a directory has entries that the pattern finds.
+            // The pattern matches entries of directories only.
             places.append(doubledPath + '/' + entry->d_name + '/');
         }
     }

@@ -10,9 +10,8 @@
 class ConfigHandler;
 
 /// Moves data that other services left in outdated places of the card into the configured
-/// directories. A job that would work on another file system than the card's moves nothing. No
-/// state is kept: what is left to do shows on the card. The records name ThreadPreparing's
-/// published functions.
+/// directories. Never moves anything on another file system than the card's. Keeps no state: the
+/// card shows what is left to do. The records name the published functions of ThreadPreparing.
 class Relocation
 {
 public:

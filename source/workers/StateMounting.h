@@ -6,14 +6,14 @@
 
 class ConfigHandler;
 
-/// The state in which ThreadMounting inspects, formats, checks and mounts the card. When that has
-/// ended, the state emits its result.
+/// The state in which ThreadMounting inspects, formats, checks and mounts the card. After that the
+/// state emits the result.
 class StateMounting : public WorkerState
 {
     Q_OBJECT
 
 public:
-    /// What a worker reports, each the signal that the state then emits.
+    /// Results of a worker. Each stands for the signal that the state then emits.
     enum eTransitionChangeSignalType
     {
         IgnoreEmit = 0,   ///< none
@@ -36,13 +36,13 @@ Q_SIGNALS:
     void MOUNT_CORRUPT();
     /// A new file system was created on the card at @p birth.
     void newFsBirthDate(const QDateTime& birth);
-    /// The worker has begun to work on the card.
+    /// The worker has started to work on the card.
     void mountingStateActive();
 
 public Q_SLOTS:
     /// Keeps the worker's result until the state ends.
     void setTransitionChangeSignal(eTransitionChangeSignalType signalType);
-    /// Emits the signal of the result that was last reported.
+    /// Emits the signal for the last reported result.
     void emitTransitionChangeSignal();
 
 private:

@@ -32,7 +32,7 @@ ThreadPreparing::ThreadPreparing(const ConfigHandler& config, QObject* parent)
 
 ThreadPreparing::~ThreadPreparing()
 {
-    // Here and not only in the base: a run in progress uses this object.
+    // Not only in the base: a run in progress uses this object.
     terminateIfRunning();
 }
 

@@ -8,8 +8,8 @@
 #include "WorkerState.h"
 #include "config.h"
 
-/// The state in which the mounted card is laid out and other services' data are brought onto it. It
-/// ends with MOUNT_SUCCESS whatever its worker achieved.
+/// The state that applies the layout to the mounted card and moves other services' data to it. It
+/// always ends with MOUNT_SUCCESS, even if its worker fails.
 class StatePreparing : public WorkerState
 {
     Q_OBJECT
@@ -38,11 +38,11 @@ public:
     ~ThreadPreparing() override;
 
     /// Moves the logger service's database, journal and files from the card's root into the
-    /// configured directory "logger". What is already there stays as it is.
+    /// configured directory "logger". Existing files stay unchanged.
     void prepareJobRelocateDatabase(const QString& mountPoint) const;
 
-    /// Moves files that ended up below the doubled path of the configured directory "csv" into that
-    /// directory and removes the doubled tree.
+    /// Moves files from the doubled path of the configured directory "csv" into that directory and
+    /// removes the doubled tree.
     void prepareJobRelocateCsv(const QString& mountPoint) const;
 
 protected:

@@ -59,7 +59,7 @@ ThreadMounting::ThreadMounting(const ConfigHandler& config, QObject* parent)
 
 ThreadMounting::~ThreadMounting()
 {
-    // Here and not only in the base: a run in progress uses this object.
+    // Not only in the base: a run in progress uses this object.
     terminateIfRunning();
 }
 
@@ -75,7 +75,7 @@ void ThreadMounting::emitOnState(const std::function<void(StateMounting&)>& emis
 
 void ThreadMounting::run()
 {
-    // Copies: a run that is held until the service has ended finds no configuration any more.
+    // Copies: a run that is blocked until the service ends outlives the configuration.
     const QString mountPoint = mConfig.mountPoint();
     const QString device = mConfig.devicePath();
     const MountState mountState = mountStateOf(mountPoint);
@@ -107,7 +107,7 @@ void ThreadMounting::run()
         });
         TRACK_INFO(logger(), "SD Card Linux Ext4 format was new initialized");
     } else {
-        // An unreadable partition table ends here too, with its own code.
+        // Also for an unreadable partition table, with its own code.
         TRACK_ERROR(logger(),
                     "SD Card MMC formatting failed (exit code: " + QByteArray::number(code) + ")");
         Q_EMIT setTransitionChangeSignal(StateMounting::MountFailed);
@@ -147,7 +147,7 @@ bool ThreadMounting::mountDevice(const QString& device, const QString& mountPoin
         }
     }
     if (isStopRequested()) {
-        // The card that is in the slot now may not be the one that was checked.
+        // The card in the slot may have changed since the check.
         removeMountPoint(mountPoint);
         return false;
     }

@@ -16,7 +16,7 @@ class ThreadMounting : public ThreadStateBase, public TrackObject
     Q_OBJECT
 
 public:
-    /// Exit codes of e2fsck, any sum of which may be returned, and of a failure to run it.
+    /// Exit codes of e2fsck, which may be combined, and one for a failure to run it.
     enum SDcardState : int
     {
         CheckNotRun = -1,
@@ -34,17 +34,16 @@ public:
     ThreadMounting& operator=(const ThreadMounting&) = delete;
     ~ThreadMounting() override;
 
-    /// Checks the file system on @p device, and repairs it thoroughly where the quick repair leaves
-    /// errors.
+    /// Checks the file system on @p device. If the quick repair leaves errors, repairs it
+    /// thoroughly.
     /// @return the exit code of the last e2fsck, or CheckNotRun
     SDcardState checkAndRepairFS(const QString& device) const;
 
-    /// Brings @p device to be mounted read-write at @p mountPoint, checking its file system before.
-    /// @param corrupt set to true where the file system was checked and still cannot be mounted
-    /// @return false on failure, and where a stop was requested: then nothing stays mounted. The
-    /// mount point directory is removed in both cases, but not where it is still mounted
-    /// (read-only, or with an entry of the mount table that is unclear) or the table cannot be
-    /// read; what stands in its place and is no directory stays as well
+    /// Mounts @p device read-write at @p mountPoint after a check of its file system.
+    /// @param corrupt set to true if the checked file system still cannot be mounted
+    /// @return false on failure and after a stop request; then nothing stays mounted. The mount
+    /// point directory is then removed, unless the card is still mounted (read-only, or unclear in
+    /// the mount table), the table cannot be read, or the path is not a directory
     bool mountDevice(const QString& device, const QString& mountPoint, const QString& fsType,
                      bool& corrupt) const;
 
@@ -55,10 +54,10 @@ protected:
     void run() override;
 
 private:
-    /// For a card that has been mounted while the state was left. Where that fails, its mark makes
-    /// the next run prepare it.
+    /// For a card that was mounted while the state was being left. If the unmount fails, the mark
+    /// makes the next run prepare the card.
     void unmountAgain(const QString& mountPoint) const;
-    /// Lets the owning state emit, unless it has been left until then.
+    /// Makes the owning state emit, unless the state has been left in the meantime.
     void emitOnState(const std::function<void(StateMounting&)>& emission);
 
     const ConfigHandler& mConfig;

@@ -63,7 +63,7 @@ void ThreadStateBase::start(QThread::Priority priority)
 
 void ThreadStateBase::begin(QThread::Priority priority)
 {
-    // Only now: an earlier run must see until its end that it has been left.
+    // Not earlier: until its end, the previous run must see the request to stop.
     setStopRequested(false);
     mEndDeadline.reset();
     ++mRunsBegun;
@@ -98,7 +98,7 @@ void ThreadStateBase::requestEnd()
         return;
     }
     setStopRequested(true);
-    // ChildProcess, which waits for the programs, looks at this.
+    // ChildProcess checks this while it waits for programs.
     requestInterruption();
     if (!mEndDeadline) {
         mEndDeadline.emplace(kTerminationWaitMs);

@@ -4,15 +4,15 @@
 
 class ThreadStateBase;
 
-/// Leads out of a state's running child when its worker has finished.
+/// Leaves a state's running child when its worker has finished.
 class WorkerFinishedTransition : public QSignalTransition
 {
 public:
     WorkerFinishedTransition(const ThreadStateBase* worker, QAbstractState* target);
 
 protected:
-    /// An earlier run's end may be delivered when the next run goes on or has ended already. It
-    /// must not count as the end of that run, whose result may not have come yet.
+    /// The end of an earlier run may be delivered during the next run or after it. It must not
+    /// count as the end of the next run, whose result may not have arrived yet.
     bool eventTest(QEvent* event) override;
 
 private:

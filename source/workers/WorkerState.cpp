@@ -19,7 +19,7 @@ WorkerState::~WorkerState()
     }
     mWorker->terminateIfRunning();
     if (mWorker->isRunning()) {
-        // No further run is to begin.
+        // Do not start another run.
         mWorker->requestStop();
         mWorker->setParent(nullptr);
     }
@@ -29,7 +29,8 @@ void WorkerState::setWorker(ThreadStateBase* worker)
 {
     mWorker = worker;
     mRunning->addTransition(new WorkerFinishedTransition(worker, mFinished));
-    // Not on this state's own entry, where nobody listens yet: a worker may end at once.
+    // Not on the entry of this state itself, where nothing is connected yet: a worker may end at
+    // once.
     connect(mRunning, &QState::entered, worker,
             [worker] { worker->start(QThread::InheritPriority); });
 }

@@ -5,22 +5,22 @@
 
 class ThreadStateBase;
 
-/// A state whose work a thread of its own does. Entering it starts the worker, the worker's end
-/// finishes it, and leaving it asks the worker to stop.
+/// A state whose work is done by a thread of its own. Its entry starts the worker, the end of the
+/// worker finishes it, and its exit asks the worker to stop.
 class WorkerState : public QState
 {
 public:
     WorkerState(const WorkerState&) = delete;
     WorkerState& operator=(const WorkerState&) = delete;
-    /// Ends the worker, and asks those of the machine's other states to end as well: so all of them
-    /// together are waited for 3000 ms at most. A worker that the kernel holds longer is left to
-    /// the end of the process, together with its object: neither can be removed safely before.
+    /// Ends the worker and asks those of the machine's other states to end as well, so that the
+    /// total wait is at most 3000 ms. If the kernel blocks a worker longer, it is left with its
+    /// object until the process ends, because neither can be removed safely before.
     ~WorkerState() override;
 
 protected:
     WorkerState();
 
-    /// To be called once, in the constructor of the state.
+    /// Call it once, in the constructor of the state.
     /// @param worker a child object of this state
     void setWorker(ThreadStateBase* worker);
 

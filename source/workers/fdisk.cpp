@@ -58,7 +58,7 @@ std::string FDisk::getDiskDevicePath(const std::string& partitionPath)
     return directory + disk.substr(disk.rfind('/'));
 }
 
-// Worker threads hand over their own logger, by value.
+// Worker threads pass their own logger, by value.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 int FDisk::getNumberOfPartitions(log4cxx::LoggerPtr logger, const std::string& partitionPath,
                                  int& linuxPartitions, int& otherPartitions)

@@ -1,4 +1,4 @@
-// Runs a fuzz target over given files and directories of files, where there is no libFuzzer.
+// Runs a fuzz target on the given files and directories, without libFuzzer.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>

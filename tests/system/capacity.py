@@ -9,15 +9,15 @@ from steps import start_with_mounted_card
 
 WATCHER = "StorageCapacityWatcher"
 RUN_THREAD = "WorkerThread"
-# Between two changes, longer than the file system's clock takes for a step.
+# Between two changes: longer than one step of the file system's clock.
 PAUSE = ("sleep", 0.012)
 
 
 def start_with_watched_card(board: Board, card: Card | None = None) -> Card:
-    """Starts the service with a card and waits until the run that follows the mount is over."""
+    """Starts the service with a card and waits until the run after the mount has ended."""
     card = start_with_mounted_card(board, card)
     board.expect_signal("CardMounted")
-    assert board.state is State.MOUNTED  # after an answer, everything that follows the signal at once has begun
+    assert board.state is State.MOUNTED  # a reply means that the actions on the signal have begun
     board.expect("the end of the run", lambda: not _is_running(board))
     return card
 
@@ -46,7 +46,7 @@ def enforce(board: Board, identifier: str) -> None:
 
 def assert_well_chosen(before: list[Entry], after: list[Entry], limit: int,
                        not_removable: Iterable[bytes] = ()) -> None:
-    """The oldest files are gone, as many as necessary, and the directories that they leave empty.
+    """Checks that the oldest files, no more than necessary, and the directories that became empty are gone.
 
     @p before and @p after are the entries of the watched directory; @p not_removable the paths of
     files that were chosen but could not be removed.
@@ -66,7 +66,7 @@ def assert_well_chosen(before: list[Entry], after: list[Entry], limit: int,
         if kept:
             assert used < limit, "too few were removed"
             assert newest_chosen <= min(files[path].changed for path in kept), "the oldest do not go first"
-        # Among files of one change time any may have been the last.
+        # Of files with the same change time any may be the last.
         assert any(used + files[path].size >= limit for path in chosen
                    if files[path].changed == newest_chosen), "too many were removed"
     assert {entry.path for entry in after if entry.is_directory} == _directories_left(before, left, removed)
@@ -84,5 +84,5 @@ def _directories_left(before: list[Entry], left: set[bytes], removed: set[bytes]
 
 
 def card_path(name: str) -> str:
-    """A path as records show it."""
+    """A path in the form of the log records."""
     return f"{MOUNT_POINT}/{name}"

@@ -1,4 +1,4 @@
-"""Fixtures of the system tests: boards that are checked when a test is over."""
+"""Fixtures of the system tests: boards that are checked after each test."""
 
 import os
 import signal
@@ -31,7 +31,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Deselects the tests of another kind of board, and those of the package without one; sorts the rest."""
+    """Deselects tests of another kind of board, and package tests without a package; sorts the rest."""
     others = set(BOARDS) - {config.getoption("--board")}
     if config.getoption("--package") is None:
         others.add("package")
@@ -42,9 +42,9 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
 
 
 def in_quick_order(items: list[pytest.Item], spread: bool) -> list[pytest.Item]:
-    """The long ones first: beside all others they cost no time.
+    """Puts the long tests first: beside all others they cost no time.
 
-    With @p spread they are spread over the first half. An emulator needs a core while its board works, and most of
+    With @p spread they are spread over the first half: an emulator needs a core while its board works, but most of
     the long ones wait most of the time.
     """
     def seconds(item: pytest.Item) -> int:
@@ -94,13 +94,13 @@ def program(pytestconfig: pytest.Config, package: Path | None) -> Path | None:
 
 @pytest.fixture
 def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator[Callable[..., Board]]:
-    """Makes boards and checks each after the test: no crash, and nothing left behind except by a killed service."""
+    """Makes boards and checks each after the test: no crash, and no leftovers except of a killed service."""
     kind = BOARDS[request.config.getoption("--board")]
     boards: list[Board] = []
 
     given: dict[str, object] = {} if package is None else {"package": package}
     if request.config.getoption("--preset") == "coverage":
-        # Where the service on the board writes its counts.
+        # The directory on the board to which the service writes its counts.
         given["shared"] = ROOT / "build" / "coverage"
 
     def make(**options: object) -> Board:
@@ -128,9 +128,9 @@ def make_board(request: pytest.FixtureRequest, package: Path | None) -> Iterator
 
 
 def problems_at_the_end(board: Board, may_stay: bool) -> list[str]:
-    """Ends what still runs on a board, and returns what was left behind.
+    """Ends all programs on a board, and returns what they left behind.
 
-    A service that a signal has ended could not clean up, and one that did not start has not touched the card.
+    A service that was killed by a signal cannot clean up, and one that did not start has not touched the card.
     @p may_stay: the card may stay mounted.
     """
     if board.service is None:

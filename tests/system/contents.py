@@ -11,7 +11,7 @@ from board import MOUNT_POINT, Board
 KINDS = {b"d": "directory", b"f": "file"}
 NANOSECOND_DIGITS = 9
 
-# Calls functions of os, and these, in turn: one program for many files.
+# Calls functions of os, and the ones below, in order: one program for many files.
 CHANGES = """
 import fcntl, os, struct, sys, time
 SET_FLAGS, IMMUTABLE = 0x40006602 | struct.calcsize('l') << 16, 0x10
@@ -53,7 +53,7 @@ class Contents:
         return os.statvfs_result((*map(int, values), 0, 0, 0, 0, 0))
 
     def fill(self, name: str, size: int) -> None:
-        """Writes a file of zeros that takes its room on the card."""
+        """Writes a file of zeros that occupies its blocks on the card."""
         self._board.run("fallocate", "-l", str(size), f"{MOUNT_POINT}/{name}", check=True)
 
     def change(self, *steps: tuple) -> None:
@@ -66,20 +66,20 @@ class Contents:
         self._board.run("/usr/bin/python3", "-I", "-S", "-c", CHANGES, MOUNT_POINT, input=repr(steps), check=True)
 
     def write(self, name: str | bytes, size: int = 0) -> None:
-        """Makes a file of this size, which is one hole, with its directories."""
+        """Makes a sparse file of this size, with its directories."""
         self.change(("write", name, size))
 
     def entries(self, directory: str | bytes) -> list[Entry]:
-        """Everything below a directory, and the directory itself with an empty path."""
+        """Everything below a directory, and the directory itself as the empty path."""
         return [Entry(path, int(size), _nanoseconds(changed), kind == b"d")
                 for path, size, changed, kind in self._find(directory, b"%P", b"%s", b"%C@", b"%y")]
 
     def files(self, directory: str | bytes) -> dict[bytes, Entry]:
-        """Everything below a directory that is no directory, by its path."""
+        """Everything below a directory except directories, by path."""
         return {entry.path: entry for entry in self.entries(directory) if not entry.is_directory}
 
     def used(self, directory: str | bytes) -> int:
-        """The bytes that a directory is charged with: its own and those of all that is in it."""
+        """The bytes that count for a directory: its own and those of its content."""
         return sum(entry.size for entry in self.entries(directory))
 
     def names(self, directory: str = ".") -> list[str]:
@@ -88,7 +88,7 @@ class Contents:
                       if entry.path and b"/" not in entry.path)
 
     def described(self) -> dict[str, str | tuple[str, str, str, str]]:
-        """Kind, permissions in octal, owner and group of all files and directories, the text of each link."""
+        """Kind, octal permissions, owner and group of all files and directories, and the target of each link."""
         found = {}
         for path, kind, mode, user, group, target in self._find(".", b"%P", b"%y", b"%m", b"%u", b"%g", b"%l"):
             found[os.fsdecode(path)] = (target.decode() if kind == b"l" else
@@ -96,7 +96,7 @@ class Contents:
         return found
 
     def texts(self, *names: str) -> list[str | None]:
-        """The texts of files; None for one that is missing."""
+        """The texts of files; None for a missing one."""
         archive = self._board.run("tar", "--create", "--directory", MOUNT_POINT, "--", *names, as_bytes=True).stdout
         with tarfile.open(fileobj=io.BytesIO(archive)) as files:
             found = {member.name: files.extractfile(member).read().decode() for member in files}
@@ -107,7 +107,7 @@ class Contents:
         result = self._board.run("find", path, "-printf", "".join(os.fsdecode(field) + r"\0" for field in fields),
                                  as_bytes=True)
         values = result.stdout.split(b"\0")[:-1]
-        # Files may vanish during the search; any other error would leave the tree half read.
+        # Files may vanish during the search. Any other error would leave the tree incomplete.
         assert values and all(line.endswith("No such file or directory") for line in result.stderr.splitlines()), \
             result.stderr
         return zip(*(values[index::len(fields)] for index in range(len(fields))))

@@ -3,19 +3,19 @@
 from board import Board, Card, LedPattern, State
 from board.names import BOARD_DIRECTORY, MOUNT_RESTRICTION, TRACKING_CONFIGURATION
 
-# The records of every start without a card.
+# The records of each start without a card.
 START_RECORDS = ["Configuration successfully parsed", "Checking hardware..."]
 
 MOUNT_SECONDS = 30
 
 _GO_ON = "/run/board/go-on"
-# The code (sh) with which a replaced program or a script waits for go_on().
+# Shell code that makes a replaced program or a script wait for go_on().
 HOLD = f"until [ -e {_GO_ON} ]; do sleep 0.1; done"
 HELD_PROGRAM = f'{HOLD}; exec "$ORIGINAL" "$@"'
 
 
 def go_on(board: Board) -> None:
-    """Ends all waits of HOLD, also those that begin later."""
+    """Ends all waits of HOLD, even later ones."""
     board.write_file(_GO_ON, "")
 
 
@@ -40,7 +40,7 @@ def expect_mounted(board: Board, within: float = MOUNT_SECONDS) -> None:
 
 
 def press_until_eject(board: Board, within: float = 10) -> None:
-    """Holds the button until the service reacts to it, then lets it go."""
+    """Presses the button until the service reacts, then releases it."""
     before = len(board.signals)
     board.press_eject_button()
     try:
@@ -50,13 +50,13 @@ def press_until_eject(board: Board, within: float = 10) -> None:
 
 
 def eject(board: Board, within: float = 10) -> None:
-    """Holds the button until the card may be taken out."""
+    """Presses the button until the card may be removed."""
     press_until_eject(board)
     expect_safe_to_take_out(board, within)
 
 
 def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
-    """Waits until the service reports that the card may be taken out, and checks that it may."""
+    """Waits until the service reports that the card may be removed, and checks it."""
     card = board.card
     board.expect_state(State.UNMOUNTED, within)
     board.expect_leds(LedPattern.UNMOUNTED)
@@ -65,7 +65,7 @@ def expect_safe_to_take_out(board: Board, within: float = 10) -> None:
 
 
 def take_out(board: Board) -> None:
-    """Takes the card out and waits until the service has detected it."""
+    """Removes the card and waits until the service has detected it."""
     board.pull()
     board.expect_state(State.NO_CARD)
     board.expect_leds(LedPattern.OFF)
@@ -87,12 +87,12 @@ def seconds_since_format(board: Board) -> float:
 
 
 def signal_names(board: Board, after: int = 0) -> list[str]:
-    """The names of all signals so far, in their order."""
+    """The names of all signals so far, in order."""
     return [signal.name for signal in board.signals[after:]]
 
 
 def steady_leds(board: Board) -> list[LedPattern]:
-    """The patterns that the LEDs have shown, in their order, without the busy one: it may be too short to be seen."""
+    """The patterns that the LEDs have shown, in order, without the busy one, which may be too short to be seen."""
     steady: list[LedPattern] = []
     for _, pattern in board.led_panel.history:
         if pattern is not LedPattern.BUSY and pattern not in steady[-1:]:

@@ -1,7 +1,7 @@
 """systemd as the first process of a system of its own on a board.
 
-The system has namespaces of its own below the board's, of the network too, and cannot write to the
-kernel's settings or to sysfs: nothing that it starts reaches this machine.
+The system has namespaces of its own below the board's, including the network, and cannot write to the
+kernel's settings or to sysfs: its programs do not affect this machine.
 """
 
 import signal
@@ -16,7 +16,7 @@ from board.names import SYSTEM_BUS_SOCKET
 BOOT_SECONDS = 60
 READY = ("running", "degraded")
 
-# What a start of the service needs; udev, settings of the kernel, time and network are left out.
+# The units that the service needs, without udev, kernel settings, time and network.
 PREPARE = r"""
 set -e
 cd /lib/systemd/system
@@ -50,7 +50,7 @@ class SystemdSystem:
     """Has the board's card slot, LEDs and button, and systemd in charge. Use it in a with statement."""
 
     def __init__(self, board: VirtualBoard) -> None:
-        """Boots and returns when all that is enabled was started. Raises Unexpected."""
+        """Boots and returns when all enabled units have started. Raises Unexpected."""
         self._board = board
         self._name = f"sdcardd-board-{uuid.uuid4().hex[:12]}"
         self._first_process = ""
@@ -71,7 +71,7 @@ class SystemdSystem:
         self.close()
 
     def close(self) -> None:
-        """Ends everything that systemd has started, and systemd."""
+        """Ends systemd and everything that it has started."""
         self._board.bus.close()
         self._boot.stop(signal.SIGKILL)
         self._board.expect("its processes have gone", lambda: self._board.run(
@@ -92,7 +92,7 @@ class SystemdSystem:
         return self._board.start("nsenter", "--target", self._first_process, "--all", "--", *command)
 
     def wait_for(self, condition: Callable[[], bool]) -> None:
-        """Waits until a condition holds. Raises Unexpected."""
+        """Waits until a condition is true. Raises Unexpected."""
         self._board.expect("the condition", condition)
 
     def power_off(self, within: float = 60) -> None:

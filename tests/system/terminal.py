@@ -9,7 +9,7 @@ from pathlib import Path
 
 POLL_SECONDS = 0.03
 ENDED = r"ended with status (\d+), terminal (changed|as before)"
-# Waits at the end, for the screen to be read.
+# Waits at the end, so that the screen can be read.
 SCRIPT = """
 trap : INT QUIT
 before=$(stty -g)
@@ -36,7 +36,7 @@ class Terminal:
                    "new-session", "-d", "-x", str(columns), "-y", str(rows), "sh", "-c", script)
 
     def close(self) -> None:
-        """Closes the terminal as a user closes a window: what runs in it gets SIGHUP."""
+        """Closes the terminal like a window: its programs get SIGHUP."""
         self._tmux("kill-server", check=False)
 
     @property
@@ -53,7 +53,7 @@ class Terminal:
         self._tmux("send-keys", *keys)
 
     def resize(self, columns: int, rows: int) -> None:
-        """Gives the terminal another size."""
+        """Changes the size of the terminal."""
         self._tmux("resize-window", "-x", str(columns), "-y", str(rows))
 
     def screen(self, colours: bool = False) -> str:
@@ -70,10 +70,10 @@ class Terminal:
         return re.search(pattern, screen)
 
     def expect_end(self, within: float = 60) -> int:
-        """Waits for the command's end, which has to leave the terminal as it was; returns its exit status."""
+        """Waits for the command's end, checks that it restored the terminal, and returns its exit status."""
         status, settings = self.expect_match(ENDED, within).groups()
         assert settings == "as before"
-        # Neither on the alternate screen nor without a cursor.
+        # The normal screen, with a cursor.
         assert self._tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split() == ["0", "1"]
         return int(status)
 

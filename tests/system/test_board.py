@@ -1,4 +1,4 @@
-"""The virtual board itself: what the other tests rely on."""
+"""The virtual board itself, on which the other tests rely."""
 
 import os
 from concurrent.futures import ThreadPoolExecutor
@@ -11,7 +11,7 @@ from board.leftovers import remains_on_host
 from board.log_records import parse_records
 from board.names import EJECT_BUTTON, LED_DIRECTORY
 
-pytestmark = pytest.mark.virtual  # about the boards' own working: once is enough
+pytestmark = pytest.mark.virtual  # tests the boards themselves: once is enough
 
 MOUNT_COMMAND = f"mkdir {MOUNT_POINT} && mount -t ext4 {PARTITION_DEVICE} {MOUNT_POINT}"
 
@@ -156,7 +156,7 @@ def test_the_button_file_is_never_empty_while_it_changes(bare_board):
     assert watcher.output == "begins\n"
 
 
-# What the service writes, in its order, from the darkness after power-on.
+# The service's writes, in order, starting with dark LEDs after power-on.
 BUSY = ["mmc-green/brightness 0", "mmc-red/trigger timer", "mmc-red/delay_on 100", "mmc-red/delay_off 100"]
 MOUNTED = ["mmc-green/brightness 0", "mmc-red/brightness 255", "mmc-red/trigger mmc0"]
 UNMOUNTED = ["mmc-red/brightness 0", "mmc-green/brightness 255"]

@@ -49,7 +49,7 @@ CONFIGURATION = """
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose card has watched directories, others and a link."""
+    """A board with a card that has watched and other directories and a link."""
     return make_board(program=program, media_config=CONFIGURATION)
 
 
@@ -64,7 +64,7 @@ def error_of(board, method, *arguments):
 
 
 def described_members(interface):
-    """The members of an interface's description, in their order."""
+    """The members of an interface's description, in order."""
     members = []
     for member in interface:
         if member.tag == "annotation":
@@ -195,7 +195,7 @@ def test_the_memory_state_follows_the_used_share(board):
 
 
 def test_a_full_card_has_level_100(board):
-    # Large enough for what ext4 keeps back to be less than a percent.
+    # Large enough that the reserve of ext4 is less than one percent.
     start_with_mounted_card(board, Card.formatted(4096))
     board.run("sh", "-c", f"i=0; while fallocate -l 64M {MOUNT_POINT}/export/$i; do i=$((i + 1)); done\n"
                           f"while fallocate -l 1M {MOUNT_POINT}/export/$i; do i=$((i + 1)); done")

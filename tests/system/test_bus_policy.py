@@ -1,4 +1,4 @@
-"""The shipped bus policy on a real bus: who may do what, as one table."""
+"""The shipped bus policy on a real bus: all permissions in one table."""
 
 import json
 import xml.etree.ElementTree as ElementTree
@@ -19,7 +19,7 @@ POLICY_DIRECTORY = "/usr/share/dbus-1/system.d"
 EVERYONE = ("root", "games", "nobody")
 ROOT_ONLY = ("root",)
 
-# What a client may do: the call (interface, member, signature, arguments), and who may.
+# The calls of a client (interface, member, signature, arguments), and who may make them.
 CALLS = {
     "read State": ((PROPERTIES, "Get", "ss", [CARD_INTERFACE, "State"]), EVERYONE),
     "read Transition": ((PROPERTIES, "Get", "ss", [CARD_INTERFACE, "Transition"]), EVERYONE),
@@ -43,7 +43,7 @@ CALLS = {
     "call RemoveCard": ((CONTROLLER_INTERFACE, "RemoveCard", None, []), ROOT_ONLY),
     "introspect": ((INTROSPECTABLE, "Introspect", None, []), EVERYONE),
     "ping": ((PEER, "Ping", None, []), EVERYONE),
-    # Without an interface a member is looked up in all of them.
+    # Without an interface the bus looks up a member in all of them.
     "call EnsureDirSize of no interface": ((None, "EnsureDirSize", "s", ["csv"]), ROOT_ONLY),
     "call InsertCard of no interface": ((None, "InsertCard", None, []), ROOT_ONLY),
     "call RemoveCard of no interface": ((None, "RemoveCard", None, []), ROOT_ONLY),
@@ -106,7 +106,7 @@ def test_everyone_may_read_and_query_and_only_root_may_change(board, user):
         if not table[name]:
             assert outcome == ACCESS_DENIED, name
         elif name.startswith("write "):
-            # The bus lets root write; the service refuses.
+            # The bus allows root to write; the service refuses.
             assert outcome not in ("done", ACCESS_DENIED), name
         else:
             assert outcome == "done", name
@@ -134,7 +134,7 @@ def test_a_signal_of_a_local_account_does_not_come_from_the_services_name(board)
     board.expect("the listener is on the bus", lambda: "NameAcquired" in listener.output)
     forge = ["dbus-send", "--system", "--type=signal", OBJECT_PATH, f"{CARD_INTERFACE}.CardRemoved"]
     board.run(*forge, user="nobody", check=True)
-    board.expect_signal("CardRemoved")  # a listener that does not check the sender takes it for real
+    board.expect_signal("CardRemoved")  # a listener that does not check the sender accepts it
     board.bus.announce_removal()
     board.expect("the service's own", lambda: "CardRemoved" in listener.output)
     senders = {line.split("\t")[3] for line in listener.output.splitlines() if "CardRemoved" in line}

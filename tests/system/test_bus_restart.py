@@ -60,7 +60,7 @@ def test_a_second_instance_does_not_start_beside_one_that_lost_the_bus(board):
     start_with_mounted_card(board)
     first = board.service
     board.stop_message_bus()
-    # On a bus that the first one does not look for.
+    # On a bus that the first service does not use.
     other_bus = "unix:path=/run/other-bus"
     board.run("dbus-daemon", "--system", "--fork", "--nopidfile", "--nosyslog", f"--address={other_bus}", check=True)
     second = board.run("env", f"DBUS_SYSTEM_BUS_ADDRESS={other_bus}", SERVICE_PROGRAM)

@@ -25,7 +25,7 @@ CONFIGURATION = f"""
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose card has watched directories."""
+    """A board with a card that has watched directories."""
     return make_board(program=program, media_config=CONFIGURATION)
 
 
@@ -50,7 +50,7 @@ def watcher_messages(board, level):
     return messages(board, level, WATCHER)
 
 
-def test_the_oldest_files_go_until_the_rest_is_below_the_limit(board, contents):
+def test_the_oldest_files_are_removed_until_the_rest_is_below_the_limit(board, contents):
     write_in_turn(contents, "watched", *[MIB] * 9)
     limit = limit_of(contents, PERCENT)
     before = contents.entries("watched")
@@ -77,7 +77,7 @@ def test_a_directory_exactly_at_its_limit_is_left_alone_and_a_byte_more_is_too_m
     assert names(contents, "watched") == ["0", "1", "last"]
     contents.change(("truncate", "watched/last", last_size + 1))
     enforce(board, "watched")
-    # Without the oldest, the use is exactly at the limit, which is not yet below it.
+    # Without the oldest file the use is exactly at the limit, which still is too much.
     assert names(contents, "watched") == ["last"]
 
 
@@ -93,7 +93,7 @@ def test_directories_count_with_their_own_size(board, contents):
     assert len(contents.names("watched")) == 21
 
 
-def test_directories_left_empty_go_with_their_empty_parents(board, contents):
+def test_emptied_directories_are_removed_with_their_empty_parents(board, contents):
     contents.change(("write", "watched/a/b/c/old", 7 * MIB), ("write", "watched/a/beside", 1),
                     ("write", "watched/d/e/old", 7 * MIB), ("mkdir", "watched/empty-before"), PAUSE,
                     ("write", "watched/d/new", 1), ("chmod", "watched/a/beside", 0o600))
@@ -184,7 +184,7 @@ def test_a_card_is_brought_within_its_limits_as_soon_as_it_is_mounted(board, tmp
     assert watcher_messages(board, "WARN") == []
 
 
-def test_runs_follow_each_other_in_the_interval_of_the_file(board):
+def test_runs_repeat_at_the_interval_in_the_file(board):
     board.write_file(INTERVAL_FILE, "\t 1500 \n\n")
     start_with_watched_card(board)
     board.expect_record("INFO", WATCHER, "Use special Storage Capacity Watcher interval of 1500 ms",
@@ -195,7 +195,7 @@ def test_runs_follow_each_other_in_the_interval_of_the_file(board):
         board.expect("the file is gone", lambda: names(contents, "watched") == [], within=4)
 
 
-def test_runs_go_on_after_the_card_was_out(board):
+def test_runs_continue_after_the_card_was_out(board):
     board.write_file(INTERVAL_FILE, "500\n")
     card = start_with_watched_card(board)
     eject(board)
@@ -209,7 +209,7 @@ def test_runs_go_on_after_the_card_was_out(board):
 
 def test_nothing_is_enforced_after_an_eject(board, contents):
     eject(board)
-    # The mount point is an ordinary directory now.
+    # The mount point is now an ordinary directory.
     board.run("mkdir", "-p", f"{MOUNT_POINT}/watched", check=True)
     board.run("truncate", "-s", "60M", f"{MOUNT_POINT}/watched/file", check=True)
     for identifier in ("watched", "", "unknown"):

@@ -20,16 +20,16 @@ MILLISECONDS_A_REMOVAL = 300
 
 
 class SlowRun:
-    """A service with slow removals, at the moment when a background run has begun to remove files."""
+    """A service with slow removals, after a background run has begun to remove files."""
 
     def __init__(self, board):
         self.board = board
         board.write_file("/etc/scw_interval", str(INTERVAL_MS))
         self.card = start_with_watched_card(board)
         self.contents = Contents(board)
-        # A tracer makes lsof slow, which closes every descriptor that it could have.
+        # A tracer slows down lsof, which closes every descriptor that it could have.
         board.run("prlimit", "--pid", str(board.service.pid), "--nofile=256", check=True)
-        # Slows down every removal of a file, and nothing else.
+        # Slows down only the removal of files.
         self.tracer = board.start("strace", "-f", "-qq", "-o", "/run/board/removals", "-e", "trace=unlink,unlinkat",
                                   "-e", f"inject=unlink,unlinkat:delay_enter={MILLISECONDS_A_REMOVAL * 1000}",
                                   "-p", str(board.service.pid))
@@ -45,30 +45,30 @@ class SlowRun:
         return len(self.contents.files("watched/files"))
 
     def was_cut_short(self):
-        """Whether files that had to go are still on the unmounted card."""
+        """Whether files to be removed are still on the unmounted card."""
         return len(self.card.list_files("/watched/files")) > self.files_at_the_end
 
     def expect_end(self):
-        """Waits for the end of the run, which then must have removed what it had to."""
+        """Waits for the end of the run and checks that it has removed the right files."""
         self.board.expect("the end of the run", lambda: self.files_left() <= self.files_at_the_end, within=20)
         assert_well_chosen(self.before, self.contents.entries("watched"), limit_of(self.contents, PERCENT))
 
     def _write_files(self):
-        # They get into the watched directory at the same moment. Each has a time of its own: of two files
-        # with the same time, one run may choose the one and another run the other.
+        # They appear in the watched directory at the same moment. Each has a different time: with equal times, two runs
+        # may choose different files.
         self.contents.change(*(step for number in range(FILES)
                                for step in (("write", f"aside/{number}", FILE_SIZE), PAUSE)),
                              ("rename", "aside", "watched/files"))
         self.before = self.contents.entries("watched")
 
     def finish_quickly(self):
-        """Lets the rest of the removals happen at their normal speed."""
+        """Restores the normal speed for the remaining removals."""
         self.tracer.stop()
 
 
 @pytest.fixture
 def run(make_board, program):
-    """A background run that is removing files."""
+    """A background run during its removals."""
     return SlowRun(make_board(program=program, media_config=CONFIGURATION))
 
 
@@ -87,7 +87,7 @@ def test_two_enforcements_at_once_remove_no_more_than_one_would(run):
     enforce(run.board, "watched")
     run.finish_quickly()
     run.expect_end()
-    # A third run finds nothing to do.
+    # A third run has nothing left to remove.
     enforce(run.board, "watched")
     run.expect_end()
     assert messages(run.board, "WARN", WATCHER) != []
@@ -136,7 +136,7 @@ def test_a_signal_during_a_run_ends_the_service_with_a_clean_card(run, run_level
     run.board.set_runlevel(run_level)
     run.board.service.send_signal()
     run.board.expect_signal("EjectPressed")
-    # No leak check works in a process that is traced when it ends.
+    # The leak check does not work in a process that is traced when it ends.
     run.tracer.stop()
     run.board.expect_service_end(0, within=10)
     assert run.board.mounts() == []

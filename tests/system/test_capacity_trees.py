@@ -25,7 +25,7 @@ ODD_NAMES = [
 
 @pytest.fixture
 def board(make_board, program):
-    """A board whose card has watched directories."""
+    """A board with a card that has watched directories."""
     return make_board(program=program, media_config=CONFIGURATION)
 
 
@@ -55,7 +55,7 @@ def test_a_file_that_cannot_be_removed_is_reported_and_the_others_still_go(board
     contents.change(("write", "watched/sub/first", 7 * MIB), PAUSE, ("write", frozen, 7 * MIB), ("freeze", frozen),
                     PAUSE, ("write", "watched/sub/third", 7 * MIB))
     enforce(board, "watched")
-    # The service chooses before it removes: no other file goes in the frozen one's place.
+    # The service chooses before it removes: no other file replaces the immutable one.
     assert contents.files("watched").keys() == {b"sub/fro\xffzen", b"sub/third"}
     warning, = [record for record in board.records if record.level == "WARN"]
     assert (warning.channel, warning.source) == (WATCHER, WATCHER)

@@ -12,17 +12,17 @@ from steps import (HELD_PROGRAM, START_RECORDS, eject, expect_mounted, go_on, me
 pytestmark = pytest.mark.installed
 
 MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
-COARSE = 0.05  # of its time, by which a timer of the service may be early
+COARSE = 0.05  # share of its time by which a timer of the service may be early
 
 
 def published(board):
-    """The card's properties as the bus publishes them."""
+    """The card's properties on the bus."""
     properties = board.bus.properties()
     return State(properties["State"]), Transition(properties["Transition"]), properties["IsMounted"]
 
 
-def test_a_card_as_bought_is_made_ready_mounted_and_given_back_clean(board):
-    # A new partition causes events, which the hot-plug rule would report.
+def test_a_new_card_is_formatted_mounted_and_ejected_clean(board):
+    # A new partition causes events. Without this the hot-plug rule would report them.
     with board.unannounced():
         board.replace_tool(E2FSCK, HELD_PROGRAM)
         board.start_service()
@@ -89,7 +89,7 @@ def test_a_card_is_mounted_once_and_unmounted_by_these_system_calls(board):
     board.expect("the trace", lambda: board.run("grep", "TracerPid:\t0", f"/proc/{service.pid}/status").returncode)
     board.insert(Card.formatted())
     expect_mounted(board)
-    # A second insertion of a mounted card changes nothing.
+    # A second announcement of a mounted card changes nothing.
     board.bus.announce_insertion()
     board.expect_state_for(State.MOUNTED, 1.5)
     assert {"rw", "noatime", "nodelalloc", "data=journal"} <= set(board.mounts()[0].split()[3].split(","))
@@ -132,7 +132,7 @@ def test_a_button_held_for_less_than_five_seconds_does_nothing(board):
         signals, pressed = len(board.signals), time.monotonic()
         board.hold_eject_button(4.2)
         if time.monotonic() - pressed > 4.7:
-            # This process released it too late, and the card may be ejected.
+            # This process released the button too late, and the card may be ejected.
             assert board.stop_service() == 0
             board.start_service()
             expect_mounted(board)
@@ -157,7 +157,7 @@ def test_a_card_taken_out_within_a_second_is_never_mounted(board):
     assert signal_names(board) == ["MemStateChanged", "CardInserted", "CardRemoved"]
 
 
-def test_each_insertion_starts_the_delay_of_a_second_anew(board):
+def test_each_insertion_restarts_the_delay_of_one_second(board):
     board.start_service()
     board.insert(Card.formatted(), announce=False)
     for _ in range(12):
@@ -190,7 +190,7 @@ def announce_echo(board):
         board.bus.announce_removal()
         if seconds_since_format(board) < 2.9:
             return before
-        # Perhaps too late, on a busy machine. The second removal is never an echo.
+        # This may be too late on a busy machine. The second removal is never an echo.
         board.bus.announce_removal()
         board.expect("the card is unmounted", lambda: board.mounts() == [])
         assert board.stop_service() == 0
@@ -199,7 +199,7 @@ def announce_echo(board):
 
 
 def test_a_removal_within_three_seconds_of_a_format_changes_nothing(board):
-    # A new partition causes events, which the hot-plug rule would report.
+    # A new partition causes events. Without this the hot-plug rule would report them.
     with board.unannounced():
         before = announce_echo(board)
         board.expect_state_for(State.MOUNTED, 0.5)
@@ -212,7 +212,7 @@ def test_a_removal_within_three_seconds_of_a_format_changes_nothing(board):
 
 
 def test_a_removal_later_than_three_seconds_after_a_format_unmounts_the_card(board):
-    # A new partition causes events, which the hot-plug rule would report.
+    # A new partition causes events. Without this the hot-plug rule would report them.
     with board.unannounced():
         card = start_with_mounted_card(board, Card.as_bought())
         time.sleep(3.2)
@@ -235,7 +235,7 @@ def test_a_card_without_a_partition_cannot_be_mounted(board, make):
     assert board.stop_service() == 0
 
 
-@pytest.mark.virtual  # a kernel that sees the table change takes the partition away
+@pytest.mark.virtual  # a kernel that detects the changed table removes the partition
 def test_a_card_whose_partition_table_cannot_be_read_cannot_be_mounted(board):
     board.replace_tool(FORMAT_SCRIPT)
     board.start_service()

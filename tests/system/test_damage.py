@@ -17,7 +17,7 @@ CARD_OPTIONS = "noatime,data=journal,nodelalloc,journal_checksum"
 
 
 def with_two_linux_partitions():
-    """A card whose first partition can be mounted, but which has a partition too many."""
+    """A card with a mountable first partition and one partition too many."""
     card = Card(64)
     card.partition(LINUX, LINUX)
     card.make_ext4(1)
@@ -66,7 +66,7 @@ def test_a_card_that_cannot_be_repaired_is_corrupted_until_the_service_is_killed
     assert not board.exists(MOUNT_POINT)
     assert (board.property("MemState"), board.property("MemLevel"), board.property("IsMounted")) == (2, 0, False)
     assert board.call(CARD_INTERFACE, "RefreshMemState") == 2
-    # Only the memory state and the state report this to clients.
+    # Only memory state and state report this to clients.
     assert ("MemStateChanged", 2) in [(sent.name, *sent.arguments) for sent in board.signals]
     assert not {"CardCorrupt", "CardMounted", "CardNotMountable"} & set(signal_names(board))
     assert board.transition is Transition.CARD_INSERTED

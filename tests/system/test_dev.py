@@ -1,4 +1,4 @@
-"""The front door and the summary of the tests."""
+"""./dev and the summary of the tests."""
 
 import json
 import re
@@ -9,10 +9,10 @@ import pytest
 
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual  # about the command on this machine
+pytestmark = pytest.mark.virtual  # tests the command on this machine
 
-# Runs a command in a mount namespace: programs of the first directory replace the machine's own, and a script
-# may change the rest of the machine.
+# Runs a command in a mount namespace. Programs of the first directory replace those of the machine, and a script may
+# change more of it.
 ELSEWHERE = r"""
 mount -t overlay -o "lowerdir=$1:/usr/sbin" none /usr/sbin && eval "$2" || exit 125
 shift 2
@@ -45,7 +45,7 @@ def test_a_wrong_command_line_is_reported_in_one_line_with_status_2(arguments):
 
 @pytest.mark.parametrize("command", ["run", "board", "test", "coverage", "emulate", "shell"])
 def test_missing_root_rights_are_reported_in_one_line(command):
-    # The script is passed as text, since other users may not be able to read the tree.
+    # The script is passed as text, because other users may not be able to read the tree.
     script = (ROOT / "dev").read_text()
     result = subprocess.run(["bash", "-c", script, "dev", command], capture_output=True, text=True, user=65534, cwd="/")
     assert result.returncode == 1
@@ -54,7 +54,7 @@ def test_missing_root_rights_are_reported_in_one_line(command):
 
 @pytest.fixture
 def refusal(tmp_path):
-    """Runs ./dev on a machine that differs from this one; returns the error messages of its refusal."""
+    """Runs ./dev on a simulated different machine; returns the error messages of its refusal."""
     def errors_of(*command, stand_ins={}, difference=":"):
         programs = tmp_path / "programs"
         programs.mkdir()
@@ -68,11 +68,11 @@ def refusal(tmp_path):
     return errors_of
 
 
-# A name that only contains "ext4" or "overlay" does not count.
+# A name that only contains "ext4" or "overlay" does not match.
 KNOWN_FILE_SYSTEMS = ("printf 'nodev\\tproc\\n\\t%s\\n\\tx%s\\n' {} >/run/known; "
                       "mount --bind /run/known /proc/filesystems")
 OWN_RUN = "mount -t tmpfs none /run && "
-# The null device, which takes output, is the only device left.
+# The null device, which receives output, is the only device left.
 NO_DEVICES = "mount -t tmpfs none /dev && mknod -m 666 /dev/null c 1 3"
 
 
@@ -100,7 +100,7 @@ def test_packages_that_cannot_be_installed_are_reported_in_one_line(refusal, tmp
 
 
 def test_packages_that_only_root_can_install_are_reported_in_one_line(refusal):
-    # The script is passed as text, since other users may not be able to read the tree.
+    # The script is passed as text, because other users may not be able to read the tree.
     command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--reset-env",
                "bash", "-c", (ROOT / "dev").read_text(), "dev", "build"]
     assert refusal(*command, stand_ins={"dpkg-query": PARTLY_INSTALLED, "apt-get": "echo called >&2"}) == (
@@ -108,7 +108,7 @@ def test_packages_that_only_root_can_install_are_reported_in_one_line(refusal):
 
 
 def totals(counts, rest=""):
-    """The result of a unit test program as ctest records it."""
+    """The result of a unit test program in ctest's format."""
     return f"<testcase name='a'><system-out>Totals: {counts}, 0 blacklisted, 3ms</system-out>{rest}</testcase>"
 
 
@@ -151,7 +151,7 @@ def test_a_failure_or_a_missing_result_makes_the_summary_fail(tmp_path, unit, li
 
 
 def coverage_of(directory: Path, counts: list[int]) -> subprocess.CompletedProcess:
-    """The report of a source file whose lines have these counts, and of a covered one of another folder."""
+    """A report with a source file that has these line counts, and with a covered file in another folder."""
     def file(name: str, counts: list[int]) -> dict:
         return {"file": name, "functions": [{"lineno": 1, "name": "(anonymous namespace)::first(int)"}],
                 "lines": [{"line_number": number, "count": count, "branches": [{"count": count}]}

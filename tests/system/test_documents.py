@@ -20,7 +20,7 @@ USERS = {"$": "nobody", "#": None}
 
 @pytest.fixture
 def board(make_board, program: Path) -> Board:
-    """A device as it is shipped, with a mounted card."""
+    """A device with the shipped configuration and a mounted card."""
     board = make_board(program=program, track_config=(ROOT / "platform/tavo-sdcard.trackconfig.xml").read_text())
     install_client(board, program)
     start_with_mounted_card(board, Card.formatted(size_mib=256))
@@ -33,7 +33,7 @@ def blocks(document: Path, language: str) -> list[str]:
 
 
 def dialogues(document: Path) -> list[tuple[str | None, str, str]]:
-    """User, command and output of each command in a document's console blocks."""
+    """User, command and output for each command in a document's console blocks."""
     found = []
     for block in blocks(document, "console"):
         pieces = re.split(r"^([$#]) (.*)\n", block, flags=re.MULTILINE)
@@ -60,7 +60,7 @@ def test_a_command_gives_the_output_that_a_document_shows(board, document):
         assert without_numbers(result.stdout) == without_numbers(output), command
 
 
-def test_the_example_service_writes_while_the_card_is_mounted_and_lets_it_go(board):
+def test_the_example_service_writes_while_the_card_is_mounted_and_releases_it(board):
     script, = blocks(INTEGRATING, "sh")
     board.write_file("/usr/local/bin/keep-times", script, 0o755)
     service = board.start("/usr/local/bin/keep-times")
@@ -77,7 +77,7 @@ def test_the_example_service_writes_while_the_card_is_mounted_and_lets_it_go(boa
 
 
 def expect_lines(board: Board, number: int) -> None:
-    """Waits until the service has written so many lines on the mounted card."""
+    """Waits until the service has written this number of lines on the mounted card."""
     file = f"{MOUNT_POINT}/logger/times"
     board.expect(f"{number} lines in {file}",
                  lambda: board.exists(file) and board.read_file(file).count("\n") >= number)

@@ -1,4 +1,4 @@
-"""Ejecting the card with the button, while programs use it and while they do not."""
+"""Ejecting the card with the button, with and without programs that use it."""
 
 import time
 
@@ -67,7 +67,7 @@ def test_a_card_taken_out_in_time_is_not_mounted_20_seconds_later(board):
     assert len(board.records) == records
 
 
-def test_the_card_is_unmounted_as_soon_as_the_last_program_has_let_go(board):
+def test_the_card_is_unmounted_as_soon_as_no_program_uses_it(board):
     card = start_with_mounted_card(board)
     holder = board.hold_file_open(f"{MOUNT_POINT}/one")
     # A working directory on the card counts like an open file.
@@ -90,7 +90,7 @@ def test_the_card_is_unmounted_as_soon_as_the_last_program_has_let_go(board):
         "Number of processes with open files: 2"]
 
 
-def test_a_failing_lsof_is_asked_again_until_it_works(board):
+def test_a_failing_lsof_is_run_again_until_it_works(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exit 3")
     press_until_eject(board)
@@ -103,11 +103,11 @@ def test_a_failing_lsof_is_asked_again_until_it_works(board):
 
 
 @pytest.mark.lasts(15)
-def test_an_lsof_that_hangs_counts_as_files_still_open(board):
+def test_a_blocked_lsof_counts_as_open_files(board):
     start_with_mounted_card(board)
     board.replace_tool(LSOF, "exec sleep 1000")
     press_until_eject(board, within=20)
-    # The service answers nobody for the 10 seconds that it gives lsof.
+    # The service answers no calls for the 10 seconds that it waits for lsof.
     board.expect_record("ERROR", "sdcard", "Invoke of 'lsof' utility failed with exit code -1", within=15)
     board.restore_tool(LSOF)
     expect_safe_to_take_out(board, within=20)
@@ -140,7 +140,7 @@ def test_a_card_that_cannot_be_unmounted_stays_in_use(board):
     eject(board)
 
 
-def test_a_card_that_somebody_else_has_unmounted_is_gone_for_the_service(board):
+def test_a_card_unmounted_by_another_process_is_gone_for_the_service(board):
     start_with_mounted_card(board)
     held = board.hold_file_open()
     press_until_eject(board)

@@ -8,7 +8,7 @@ import pytest
 from conftest import ROOT
 from terminal import Terminal
 
-pytestmark = pytest.mark.emulated  # about what is shown of that board
+pytestmark = pytest.mark.emulated  # tests the display of that board
 
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8", "PYTHONPATH": str(ROOT)}
 GREEN_LIT = r"\x1b\[1m\x1b\[38;5;46m.*●"

@@ -1,4 +1,4 @@
-"""Start-ups in which a call fails that does not fail on a device: a preloaded library makes it fail."""
+"""Start-ups with a failing call that does not fail on a device: a preloaded library makes it fail."""
 
 import re
 import subprocess
@@ -21,8 +21,8 @@ extern "C" int socket(int, int, int)
     return -1;
 }
 """
-# Throws in the call that THROW_AT names, and writes how the service gives back its signals and sockets to a
-# file: what it does, and how many records the log has by then.
+# Throws in the call that THROW_AT names. Writes to a file how the service restores its signals and closes its sockets,
+# and the number of records in the log at that time.
 WITNESS = "/run/board/witness"
 THROW_AND_WITNESS = """
 #include <csignal>
@@ -177,19 +177,19 @@ GIVEN_BACK = ["SIGHUP restored", "SIGTERM restored", "SIGSEGV restored", "socket
 
 @pytest.fixture
 def preload(board, tmp_path):
-    """Puts a library, given as its source, on the board; gives the environment that loads it."""
+    """Builds a library from source on the board; returns the environment that loads it."""
     def build(source, **variables):
         library = tmp_path / "failing-calls.so"
         command = [COMPILERS[board.kind], "-x", "c++", "-shared", "-fPIC", "-o", library, "-"]
         subprocess.run(command, input=source, text=True, check=True)
         board.install_program(library, LIBRARY)
-        # A sanitizer would refuse to be loaded after the library.
+        # Otherwise a sanitizer would refuse to be loaded after the library.
         return {"LD_PRELOAD": LIBRARY, "ASAN_OPTIONS": "verify_asan_link_order=0"} | variables
     return build
 
 
 def witnessed(board):
-    """What the library saw the service give back, and the number of records that the log had then."""
+    """The clean-up calls that the library recorded, and the number of records in the log at that time."""
     lines = board.read_file(WITNESS).splitlines() if board.exists(WITNESS) else []
     return [(what, int(records)) for what, records in (line.rsplit(" ", 1) for line in lines)]
 
@@ -200,7 +200,7 @@ def test_without_a_signal_handler_the_service_does_not_start(board, preload):
     assert (service.output, service.errors) == (
         "", "Abort. Cannot install signal handler, see systemlog for details.\n")
     assert board.records == []
-    # After the time and the name that the C library puts before it.
+    # Without the time and the name that the C library puts before it.
     entry = re.compile(r"<27>.* sdcardd: sdcardd: cannot install the crash handler: Too many open files")
     board.expect("the reason in the system log", lambda: any(map(entry.fullmatch, board.system_log)))
 
@@ -213,7 +213,7 @@ def test_without_a_signal_handler_the_service_does_not_start(board, preload):
     ("QDBusConnection::registerService", False),
     (f"{LED_DIRECTORY}/mmc-green/brightness", True),
 ], ids=["udev logger", "named configuration", "configuration", "bus", "controller", "event loop"])
-def test_an_exception_ends_the_service_with_a_record_before_its_objects_go(board, preload, call, had_controller):
+def test_an_exception_is_logged_before_the_objects_are_destroyed(board, preload, call, had_controller):
     board.write_file(LONG_NAME, board.read_file(MEDIA_CONFIGURATION))
     service = board.start_service("--config", LONG_NAME, environment=preload(THROW_AND_WITNESS, THROW_AT=call))
     assert service.wait() == 1
@@ -224,14 +224,14 @@ def test_an_exception_ends_the_service_with_a_record_before_its_objects_go(board
     assert witnessed(board) == ([(what, fatal) for what in GIVEN_BACK] if had_controller else [])
 
 
-def test_everything_is_given_back_before_the_last_record(board, preload):
+def test_everything_is_released_before_the_last_record(board, preload):
     board.start_service(environment=preload(THROW_AND_WITNESS))
     assert board.stop_service() == 0
     assert messages(board)[-1] == "Terminating sdcardd with exit code 0"
     assert witnessed(board) == [(what, len(board.records) - 1) for what in GIVEN_BACK]
 
 
-def test_a_controller_without_its_bus_name_goes_after_the_record_of_the_failure(board, preload):
+def test_a_controller_without_its_bus_name_is_destroyed_after_the_record_of_the_failure(board, preload):
     board.remove_file(BUS_POLICY)
     board.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
               "org.freedesktop.DBus.ReloadConfig", check=True)

@@ -21,7 +21,7 @@ WAIT = f"touch /run/board/waiting; {HOLD}"
 
 
 def start_formatting(board: Board, mke2fs: str) -> Process:
-    """Starts the script with this body for mke2fs, and returns when mke2fs waits."""
+    """Starts the script with mke2fs replaced by this body, and returns when it waits."""
     board.replace_tool("/usr/sbin/mke2fs", mke2fs)
     formatting = board.start(FORMAT_SCRIPT)
     board.expect("mke2fs waits", lambda: board.exists("/run/board/waiting"))
@@ -83,7 +83,7 @@ def data_of(card: Card) -> bytes:
 
 
 def assert_repaired(board: Board, card: Card, start: int, sectors: int) -> None:
-    """Checks that the script keeps the file system and makes its table right."""
+    """Checks that the script keeps the file system and repairs its table."""
     data = data_of(card)
     board.insert(card)
     result = format_card(board)
@@ -156,7 +156,7 @@ def test_neither_of_two_ext4_file_systems_is_lost(bare_board):
     assert card.read(0, card.size) == before
 
 
-def test_what_is_left_of_ext4_below_another_file_system_does_not_stay(bare_board):
+def test_remains_of_ext4_below_another_file_system_are_not_kept(bare_board):
     card = Card.formatted()
     card.partition("c", first_sector=8192)
     card.make_fat(1)
@@ -306,7 +306,7 @@ def test_a_card_that_is_being_formatted_is_not_formatted_twice(bare_board):
     assert first.wait(within=60) == MADE_FILE_SYSTEM
 
 
-def test_an_exchanged_card_is_not_given_the_other_cards_table(bare_board):
+def test_an_exchanged_card_does_not_get_the_other_cards_table(bare_board):
     first, second = Card.as_bought(), Card.as_bought()
     bare_board.insert(first)
     formatting = start_formatting(bare_board, f"{MAKE_FILE_SYSTEM} && {WAIT}")
@@ -328,7 +328,7 @@ def test_a_card_pulled_at_any_moment_is_made_ready_the_next_time(bare_board, mom
     status = formatting.wait(within=30)
     assert status in (FAILED, MADE_FILE_SYSTEM)
     assert status == MADE_FILE_SYSTEM or formatting.errors
-    # Either the card still looks foreign, or it is as good as formatted.
+    # Either the card still looks foreign, or its format is complete.
     if [partition.kind for partition in card.partitions()] == ["83"]:
         assert card.is_clean()
     bare_board.insert(card)

@@ -8,14 +8,14 @@ from steps import expect_mounted, messages, seconds_since_format, signal_names
 
 pytestmark = pytest.mark.installed
 
-# A place for device nodes: one can be missing here that udev makes in /dev.
+# A directory for device nodes in which a node can be missing; udev would make it in /dev.
 NODES = "/run/nodes"
 CONFIGURATION = f'<sdcard devicepath="{NODES}/mmcblk0p1"/>'
 
 
 @pytest.fixture
 def board(make_board, program):
-    """A board without the device node of the card's partition, as the service sees it."""
+    """A board on which the service does not find the device node of the card's partition."""
     board = make_board(program=program, media_config=CONFIGURATION)
     board.run("mkdir", NODES, check=True)
     board.run("ln", "-s", CARD_DEVICE, f"{NODES}/mmcblk0", check=True)
@@ -23,7 +23,7 @@ def board(make_board, program):
 
 
 def looked_at(board):
-    """The service's records from the beginning of the check on."""
+    """The service's records since the beginning of the check."""
     said = [record.message for record in board.records]
     return said[said.index("Checking hardware...") + 1:]
 
@@ -58,7 +58,7 @@ def test_a_card_with_one_linux_partition_or_none_is_not_formatted(board, make, r
 def test_a_foreign_card_is_formatted_and_mounted(board, make):
     board.replace_tool(FORMAT_SCRIPT, f'"$ORIGINAL"; status=$?; ln -s {PARTITION_DEVICE} {NODES}; exit $status')
     board.insert(make())
-    # A new partition causes events, which the hot-plug rule would report.
+    # A new partition causes events. Without this the hot-plug rule would report them.
     with board.unannounced():
         board.start_service()
         expect_mounted(board)
@@ -92,7 +92,7 @@ def test_a_removal_that_follows_the_format_is_its_echo(board):
         board.bus.announce_removal()
         if is_soon := seconds_since_format(board) < 2.9:
             break
-        # Too late for an echo, on a busy machine.
+        # This may be too late for an echo on a busy machine.
         assert board.stop_service() == 0
     assert is_soon
     board.expect_signal("CardRemoved", after=signals)

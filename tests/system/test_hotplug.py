@@ -16,15 +16,15 @@ PLATFORM = ROOT / "platform"
 HELPER = "/usr/lib/udev/tavo-sdcard-hotplug"
 JOBS = "/opt/tavo/share/tavo-sdcard/preparing"
 SETTINGS = "/etc/default/tavo-sdcard"
-BUS_SECONDS = 10  # that the helper gives the bus
-EVENT_SECONDS = 5  # a wait for an answer takes 25
+BUS_SECONDS = 10  # limit of the helper for a bus call
+EVENT_SECONDS = 5  # waiting for a reply takes 25
 MAKE_FILE_SYSTEM = "/usr/sbin/mke2fs"
-PAUSE = "0.02"  # seconds, between two looks of the helper
+PAUSE = "0.02"  # seconds between two checks of the helper
 REMOVE_CARD = "tavo.SDCardController1.RemoveCard"
 
 
 def bring_helper(board: Board) -> None:
-    """Puts the helper on a board. Nothing of it runs longer than an event."""
+    """Puts the helper on a board. None of its processes outlives its event."""
     board.write_file(HELPER, (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
     write_settings(board)
 
@@ -35,7 +35,7 @@ def write_settings(board: Board, *settings: str) -> None:
 
 @pytest.fixture
 def hotplug(make_board, program):
-    """A board with the helper on it, which only the test calls."""
+    """A board with the helper, which only the test calls."""
     board = make_board(program=program)
     bring_helper(board)
     with board.unannounced():
@@ -57,7 +57,7 @@ def disk_number(board: Board) -> str:
 
 
 def event(board: Board, action: str, device: str, number: str | None = None) -> float:
-    """Reports a device event; returns how long that kept udev, in seconds, divided by the board's patience."""
+    """Reports a device event; returns how long it blocked udev, in seconds, divided by the board's patience."""
     kind = "disk" if device == CARD_DEVICE else "partition"
     variables = [f"ACTION={action}", f"DEVNAME={device}", f"DEVTYPE={kind}"]
     if number is not None:
@@ -69,7 +69,7 @@ def event(board: Board, action: str, device: str, number: str | None = None) -> 
 
 
 def start_event_without_partition(board: Board) -> Process:
-    """Takes a card's partition away, reports that, and returns while the helper waits for it, until announced_by()."""
+    """Removes a card's partition and reports it. The helper then waits for the partition until announced_by()."""
     board.insert(Card.formatted(), announce=False)
     board.replace_tool("/usr/bin/dbus-send", "")
     board.replace_tool("/usr/bin/sleep", f'[ "$1" = {PAUSE} ] || exec "$ORIGINAL" "$@"; {HOLD}')
@@ -86,14 +86,14 @@ def pauses(board: Board) -> int:
 
 
 def announced_by(board: Board, helper: Process) -> list[str]:
-    """Lets the waiting helper end; returns the methods that it has called."""
+    """Ends the wait of the helper; returns the methods that it has called."""
     go_on(board)
     assert helper.wait(60) == 0
     return announced_methods(board)
 
 
 def announced_methods(board: Board) -> list[str]:
-    """The methods that the replaced dbus-send was to call."""
+    """The methods in the calls of the replaced dbus-send."""
     return [call[-1] for call in board.tool_calls("dbus-send")]
 
 
@@ -143,7 +143,7 @@ def test_the_card_is_the_one_that_the_settings_name(hotplug):
 
 
 @pytest.mark.parametrize("swaps", [1, 4])
-def test_a_burst_of_events_ends_as_the_slot_does(hotplug, swaps):
+def test_a_burst_of_events_ends_with_the_state_of_the_slot(hotplug, swaps):
     hotplug.start_service()
     number = put_in(hotplug, Card.formatted())
     for _ in range(swaps):
@@ -256,7 +256,7 @@ def test_a_service_is_restarted_when_its_check_fails_at_the_moment_of_the_remova
     hotplug.stop_service(signal.SIGKILL)
 
 
-def test_a_corrupted_service_stays_when_the_installer_wants_so(hotplug):
+def test_a_corrupted_service_is_not_restarted_if_so_configured(hotplug):
     number = corrupt(hotplug)
     write_settings(hotplug)
     take_out(hotplug, number)
@@ -284,14 +284,14 @@ def no_bus(board):
 
 
 @pytest.mark.parametrize("fault", [no_service, no_bus])
-def test_udev_goes_on_without_the_service_or_the_bus(hotplug, fault):
+def test_udev_continues_without_the_service_or_the_bus(hotplug, fault):
     fault(hotplug)
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS
     assert event(hotplug, "remove", PARTITION_DEVICE) < EVENT_SECONDS
 
 
-def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
-    # A helper that waits for an answer would wait this long.
+def test_udev_continues_when_the_service_does_not_answer(hotplug):
+    # A helper that waits for a reply would wait this long.
     write_settings(hotplug, "BUS_SECONDS=60")
     service = hotplug.start_service()
     hotplug.run("kill", "-STOP", str(service.pid), check=True)
@@ -302,7 +302,7 @@ def test_udev_goes_on_when_the_service_does_not_answer(hotplug):
     assert announcements(hotplug) == ["CardRemoved", "CardInserted"]
 
 
-def test_udev_goes_on_when_the_bus_does_not_answer(hotplug):
+def test_udev_continues_when_the_bus_does_not_answer(hotplug):
     hotplug.replace_tool("/usr/bin/dbus-send", "sleep 600")
     assert event(hotplug, "add", PARTITION_DEVICE) < EVENT_SECONDS + BUS_SECONDS
 
@@ -358,7 +358,7 @@ def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_in_use(hotp
     hold(hotplug)
     take_out(hotplug, number)
     hotplug.expect_state(State.NO_CARD)
-    # udev's programs have a mount namespace of their own.
+    # udev's programs have their own mount namespace.
     hotplug.write_file(HELPER, f"#!/bin/sh\nexec unshare --mount --propagation private {HELPER}.real\n", 0o755)
     hotplug.write_file(f"{HELPER}.real", (PLATFORM / "tavo-sdcard-hotplug").read_text(), 0o755)
     assert mounted_device(hotplug) != ""
@@ -415,13 +415,13 @@ def gpt_without_partitions() -> Card:
 
 
 def format_now(board: Board) -> None:
-    """Runs what the event starts in the background."""
+    """Runs the background program of the event."""
     board.run(HELPER, "format", check=True)
 
 
 @pytest.mark.parametrize("make", [Card.as_bought, Card.formatted, Card.two_partitions, Card.unmountable,
                                   Card.with_empty_table, bare_file_system, swap_space, gpt_without_partitions])
-def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
+def test_a_card_with_any_signature_is_left_alone(bare_hotplug, make):
     card = make()
     before = card.read(0, card.size)
     bare_hotplug.insert(card)
@@ -430,7 +430,7 @@ def test_a_card_on_which_anything_is_found_is_left_alone(bare_hotplug, make):
     assert bare_hotplug.system_log == []
 
 
-def test_a_blank_card_is_left_alone_when_the_installer_wants_so(hotplug):
+def test_a_blank_card_is_left_alone_if_so_configured(hotplug):
     write_settings(hotplug, "FORMAT_BLANK_CARDS=no")
     hotplug.replace_tool("/usr/bin/setsid")
     hotplug.insert(Card.blank(), announce=False)
@@ -452,7 +452,7 @@ def test_a_card_that_looks_blank_since_its_table_was_lost_keeps_its_file_system(
     assert card.read(2048 * 512, card.size - 2048 * 512) == file_system
 
 
-def test_a_card_that_cannot_be_read_is_not_taken_for_a_blank_one(bare_hotplug):
+def test_a_card_that_cannot_be_read_does_not_count_as_blank(bare_hotplug):
     bare_hotplug.replace_tool(MAKE_FILE_SYSTEM)
     bare_hotplug.replace_tool("/usr/bin/dd", "echo 'dd: Input/output error' >&2; exit 1")
     bare_hotplug.insert(Card.blank())

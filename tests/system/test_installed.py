@@ -1,4 +1,4 @@
-"""The installed Debian package: what it puts in place, its init script, its removal."""
+"""The installed Debian package: its files, its init script, its removal."""
 
 import re
 import time
@@ -10,7 +10,7 @@ from board import CARD_INTERFACE, CONTROLLER_INTERFACE, MOUNT_POINT, PARTITION_D
 from board.names import E2FSCK, MEDIA_CONFIGURATION, SERVICE_PROGRAM
 from steps import HOLD, go_on, use_shipped_files
 
-pytestmark = [pytest.mark.package, pytest.mark.virtual]  # an installation takes long there, see test_installed_life
+pytestmark = [pytest.mark.package, pytest.mark.virtual]  # slow on the other, see test_installed_life
 INIT_SCRIPT = "/etc/init.d/sdcardd"
 LOG = "/var/log/tavo-sdcard.log"
 RUNNING, NOT_RUNNING = 0, 3
@@ -82,12 +82,12 @@ def test_a_removed_package_leaves_no_service_name_or_rule(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
     left = [path for path in files if board.exists(path)]
     assert left and all(path.startswith("/etc/") for path in left), left
-    # The files that are left belong to the administrator and do nothing.
+    # The remaining files belong to the administrator and have no effect.
     assert board.run("sh", INIT_SCRIPT, "start").returncode == 0
     assert service_pid(board) == ""
 
 
-# What is in place
+# Installed files
 
 def test_the_interface_files_describe_what_the_service_offers(board):
     start(board)
@@ -123,7 +123,7 @@ def test_the_shipped_configurations_work_together(board):
     assert init(board, "stop").returncode == 0
 
 
-def test_a_rotated_log_goes_on(board):
+def test_a_rotated_log_continues(board):
     use_shipped_files(board)
     start(board)
     board.run("logrotate", "--force", "/etc/logrotate.d/sdcardd", check=True)
@@ -163,7 +163,7 @@ def test_a_start_with_the_administrators_options_that_fails_shows_the_reason(boa
 
 
 def test_a_process_that_appears_late_is_no_failed_start(board):
-    # start-stop-daemon does not see it before the start and at the first look after it.
+    # start-stop-daemon sees the process at its second check after the start.
     board.replace_tool("/usr/sbin/start-stop-daemon", """
         case $1 in
             --status)
@@ -172,7 +172,7 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
                 ;;
         esac
         exec "$ORIGINAL" "$@" """)
-    # The bus does not have the name before, either.
+    # The name is also missing on the bus until then.
     board.replace_tool("/usr/bin/dbus-send", '[ "$(wc -l </run/board/looks)" -gt 2 ] || exit 1; exec "$ORIGINAL" "$@"')
     start(board)
     looks = [call[0] for call in board.tool_calls("start-stop-daemon")]
@@ -182,7 +182,7 @@ def test_a_process_that_appears_late_is_no_failed_start(board):
     assert init(board, "stop").returncode == 0
 
 
-def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(board):
+def test_a_removed_corrupted_card_restarts_the_service(board):
     board.insert(Card.unmountable())
     start(board)
     board.expect_state(State.CORRUPTED, within=20)
@@ -197,7 +197,7 @@ def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out
     assert init(board, "stop").returncode == 0
 
 
-# Has the card's device open, like the real one, and does not end with the service.
+# Opens the card's device like the real one, and does not end with the service.
 ORPHAN = """
 (
     command exec 9<{device}
@@ -209,7 +209,7 @@ wait """
 
 
 def start_beside_an_orphan(board, wait, restart):
-    """Kills a service that checks its card, and starts another one."""
+    """Kills a service during its card check, and starts another one."""
     board.replace_tool(E2FSCK, ORPHAN.format(device=PARTITION_DEVICE, wait=wait))
     board.insert(Card.formatted())
     start(board)

@@ -1,4 +1,4 @@
-"""The installed package from its first start to its removal, as the device's user and its init see it."""
+"""The installed package from its first start to its removal, as seen by the device's user and by init."""
 
 import signal
 
@@ -27,7 +27,7 @@ def kill_service(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
 
 
-def test_a_card_lives_its_life_with_the_installed_service(board):
+def test_the_installed_service_handles_a_whole_card_life(board):
     start(board)
     card = Card.as_bought()
     board.insert(card)
@@ -41,7 +41,7 @@ def test_a_card_lives_its_life_with_the_installed_service(board):
     board.expect("the name is free", lambda: not board.bus.has_service())
 
 
-def test_a_crashed_service_goes_on_with_the_mounted_card_and_stops_cleanly(board):
+def test_a_crashed_service_continues_with_the_mounted_card_and_stops_cleanly(board):
     card = Card.formatted()
     board.insert(card)
     start(board)
@@ -86,13 +86,13 @@ def test_a_purged_package_leaves_no_file_and_no_service(board):
 
 
 @pytest.mark.emulated  # the other board has no udev
-def test_the_installed_rule_announces_the_card_and_has_a_blank_one_formatted(make_board):
+def test_the_installed_rule_announces_the_card_and_formats_a_blank_one(make_board):
     board = make_board(format_blank_cards=True)
     start(board)
     card = Card.blank()
     board.insert(card, announce=None)
     expect_mounted(board)
-    # Once or more often, as udev reads the new table too.
+    # Once or more, because udev reads the new table too.
     announced = {signal.name for signal in board.signals} & {"CardInserted", "CardRemoved"}
     assert announced == {"CardInserted"}
     eject(board)

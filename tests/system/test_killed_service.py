@@ -1,4 +1,4 @@
-"""A service that dies (SIGKILL, as by a watchdog) at work on a card, and is started again."""
+"""A service that is killed (SIGKILL, as by a watchdog) during work on a card, and is started again."""
 
 import signal
 
@@ -11,7 +11,7 @@ RUNS = "/run/board/runs"
 
 
 def test_a_check_does_not_outlive_the_service(board):
-    # The first run writes its process id and goes on for ever; exec keeps the id.
+    # The first run writes its process id and never ends; exec keeps the id.
     board.replace_tool(E2FSCK, f'[ -e {RUNS} ] || {{ echo $$ >{RUNS}; exec sleep 1000; }}\nexec "$ORIGINAL" "$@"')
     board.insert(Card.formatted())
     board.start_service()
@@ -38,7 +38,7 @@ def test_a_card_whose_preparation_was_killed_is_prepared_again(board):
     board.start_service()
     expect_mounted(board)
     assert board.read_file("/run/board/next") == "run\n"
-    # Now it is prepared, and a service that finds it mounted takes it as it is.
+    # The card is prepared now, so a service that finds it mounted does not prepare it.
     board.stop_service(signal.SIGKILL)
     board.start_service()
     expect_mounted(board)

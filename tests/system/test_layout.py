@@ -1,4 +1,4 @@
-"""The card's layout: directories with owners and modes, links, and cards with something else in their place."""
+"""The card's layout: directories with owners and modes, links, and cards with other things in their place."""
 
 import os
 
@@ -24,13 +24,13 @@ CONFIGURATION = """
 
 @pytest.fixture
 def board(make_board, program):
-    """A board with a layout of directories in directories, owners and links."""
+    """A board with a layout of nested directories, owners and links."""
     return make_board(program=program, media_config=CONFIGURATION)
 
 
 @pytest.fixture
 def content(tmp_path):
-    """What is on the card before the service sees it."""
+    """The content of the card before the service mounts it."""
     return tmp_path
 
 
@@ -108,7 +108,7 @@ def test_wrong_modes_and_owners_are_corrected(board, content):
     found = Contents(board).described()
     assert found["logs"] == ("directory", "750", "daemon", "adm")
     assert found["logs/old"] == ("directory", "711", "nobody", "root")
-    # Only the nine permission bits are compared; a change of owner keeps a directory's others.
+    # The service compares only the nine permission bits. A change of owner keeps a directory's other bits.
     assert found["data"] == ("directory", "2755", "root", "root")
     assert layout_records(board) == warnings(
         f"Correct directory mode '0750' for '{MOUNT_POINT}/logs'",

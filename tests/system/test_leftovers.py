@@ -7,7 +7,7 @@ def test_an_open_board_reports_what_is_left_on_it(bare_board):
     bare_board.insert(Card.formatted())
     assert bare_board.leftovers() == []
     bare_board.run("sh", "-c", f"mkdir {MOUNT_POINT} && mount {PARTITION_DEVICE} {MOUNT_POINT}", check=True)
-    # The fork is still a setsid for a moment.
+    # The fork still is setsid for a moment.
     bare_board.run("sh", "-c", "setsid --fork sleep 1000; until pgrep -fx 'sleep 1000'; do sleep 0.05; done",
                    check=True)
     process, mount, directory = bare_board.leftovers()

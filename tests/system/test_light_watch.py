@@ -1,4 +1,4 @@
-"""The words for what LEDs do at their pins."""
+"""The descriptions of LEDs by their pins."""
 
 import time
 
@@ -12,7 +12,7 @@ LOOK_SECONDS = 0.02
 
 
 def words_of(lit_at, seconds: float = 3.0) -> list[str]:
-    """The words for an LED that is lit at the moments for which @p lit_at is true; each once in a row."""
+    """The words for an LED that is lit while @p lit_at is true; repeated words appear once."""
     light = ObservedLed()
     words: list[str] = []
     for step in range(int(seconds / LOOK_SECONDS)):

@@ -26,7 +26,7 @@ def test_a_card_behind_a_linked_mount_point_keeps_its_files(make_board, program)
     board.write_file(f"{MOUNT_POINT}/kept", "kept\n")
     board.service.send_signal()
     board.expect_service_end(0, within=10)
-    # The service does not find the linked path in the mount table, so the card still is mounted.
+    # The service does not find the linked path in the mount table, so the card stays mounted.
     assert board.mounts() != []
     board.start_service()
     board.expect_record("ERROR", "St:Mounting", "Mount failed: Device or resource busy")
@@ -34,4 +34,4 @@ def test_a_card_behind_a_linked_mount_point_keeps_its_files(make_board, program)
     assert board.read_file(f"{MOUNT_POINT}/kept") == "kept\n"
     board.run("umount", MOUNT_POINT, check=True)
     assert "kept" in card.list_files()
-    board.service.stop(signal.SIGKILL)  # nothing else leads out of this state
+    board.service.stop(signal.SIGKILL)  # no other way out of this state

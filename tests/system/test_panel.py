@@ -28,24 +28,24 @@ NOTHING_LEFT = "The board is switched off, and nothing is left behind."
 
 
 class PanelTerminal(Terminal):
-    """A terminal with the panel in it."""
+    """A terminal that shows the panel."""
 
     def service_starts(self) -> None:
         """Waits until the panel shows the running service before an empty slot."""
         self.expect("State       NO_CARD", EMPTY_SLOT)
 
     def put_in_own_card(self) -> None:
-        """Puts in a card and waits until it is in use."""
+        """Inserts a card and waits until it is in use."""
         self.press("i")
         self.expect("State       MOUNTED", IN_USE, "signal CardMounted")
 
     def traces(self) -> tuple[str, list[str]]:
-        """The process namespace and the cards of the panel's board, as this machine knows them."""
+        """The process namespace and the cards of the panel's board, as seen on this machine."""
         own = os.readlink("/proc/self/ns/pid")
         inside = [pid for pid in descendants(self.pid) if os.readlink(f"/proc/{pid}/ns/pid") != own]
         namespaces = {os.readlink(f"/proc/{pid}/ns/pid") for pid in inside}
         assert len(namespaces) == 1
-        # While this is open, no other board's namespace gets the number.
+        # While this is open, no other board's namespace can get the same number.
         weakref.finalize(self, os.close, os.open(f"/proc/{inside[0]}/ns/pid", os.O_RDONLY | os.O_CLOEXEC))
         targets = [os.readlink(entry) for entry in Path(f"/proc/{self.pid}/fd").iterdir()]
         cards = [target.split()[0].removeprefix("/memfd:") for target in targets if f"memfd:{NAME_PREFIX}" in target]
@@ -220,7 +220,7 @@ def test_the_panel_comes_back_after_a_shell_on_the_board(panel):
     assert panel.expect_end() == 0
 
 
-def test_keys_that_do_nothing_at_the_moment_say_why(panel):
+def test_keys_without_an_effect_say_why(panel):
     panel.press("p")
     panel.expect("panel  There is no card to pull: put one in (i).")
     panel.press("e")
@@ -233,7 +233,7 @@ def test_keys_that_do_nothing_at_the_moment_say_why(panel):
 def test_the_log_scrolls_back_and_forth(panel):
     for _ in range(20):
         panel.press("p")
-    # More lines than the log shows at once.
+    # More lines than fit into the log on the screen.
     panel.expect_match(r"(.* panel  There is no card to pull.*\n){7}")
     panel.press(*(["Up"] * 40))
     panel.expect("INFO   sdcard: Starting")

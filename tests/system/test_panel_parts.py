@@ -15,7 +15,7 @@ from panel.observer import plain
 from panel.picture import BACKGROUND, COLUMN, FOREGROUND, ROW, picture_of
 from panel.view import MIN_COLUMNS
 
-pytestmark = pytest.mark.virtual  # about what is drawn; no board is needed
+pytestmark = pytest.mark.virtual  # tests the drawing; no board is needed
 
 CARD_COLUMNS = 48
 
@@ -38,7 +38,7 @@ def test_a_lamp_with_a_timer_blinks_in_the_intervals_of_its_files():
     lamp = Lamp()
     lit = []
     for step in range(16):
-        # Reading unchanged files again does not restart the timer.
+        # Reading unchanged files does not restart the timer.
         lamp.follow(Led(trigger="timer", delay_on=100, delay_off=300), now=50.0 + step * 0.05)
         lit.append(lamp.lit(50.0 + (step + 0.5) * 0.05, card_active=False))
     assert lit == ([True] * 2 + [False] * 6) * 2

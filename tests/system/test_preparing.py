@@ -48,7 +48,7 @@ def script(board, name, body, mode=0o755):
 
 
 def calls(board):
-    """The lines that the scripts have written, one a call."""
+    """The lines that the scripts have written, one per call."""
     return board.read_file(CALLS).splitlines() if board.exists(CALLS) else []
 
 
@@ -104,7 +104,7 @@ def test_without_a_directory_for_the_logger_its_data_stays(make_board, program, 
 def test_csv_files_below_a_doubled_path_move_to_their_directory(board, tmp_path):
     write(tmp_path, {f"{DOUBLED}/2023/a.csv": "old", f"{DOUBLED}/2024/b.csv": "b", f"{DOUBLED}/2024/deep/c.csv": "c",
                      "csv/a.csv": "new", "csv/kept.csv": "kept",
-                     # The move leaves these, and they go with the doubled path.
+                     # The move leaves these; they are removed with the doubled path.
                      f"{DOUBLED}/2024/.d.csv": "d", f"{DOUBLED}/e.csv": "e"})
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
     assert Contents(board).names("csv") == ["a.csv", "b.csv", "deep", "kept.csv"]
@@ -131,7 +131,7 @@ def test_csv_files_that_cannot_be_moved_stay(board, tmp_path):
         ("ERROR", "Failed moveing csv files into new location")]
 
 
-def test_a_doubled_path_that_still_holds_files_is_not_removed(board, tmp_path):
+def test_a_doubled_path_that_still_contains_files_is_not_removed(board, tmp_path):
     write(tmp_path, {f"{DOUBLED}/2023/a.csv": "a", f"{DOUBLED}/2024/b.csv": "b"})
     board.replace_tool("/usr/bin/mv", "exit 0")
     start_with_mounted_card(board, Card.formatted(content=tmp_path))
@@ -238,7 +238,7 @@ def test_a_process_that_a_script_leaves_running_does_not_block_the_service(board
     board.run("pkill", "-x", "sleep", check=True)
 
 
-def test_a_move_that_hangs_keeps_the_card_busy_until_it_ends(board, tmp_path):
+def test_a_blocked_move_keeps_the_card_busy_until_it_ends(board, tmp_path):
     write(tmp_path, {"PindleLogger.db": "database"})
     board.replace_tool("/usr/bin/mv", HELD_PROGRAM)
     board.insert(Card.formatted(content=tmp_path))

@@ -1,4 +1,4 @@
-"""Cards that are taken out, or lose their power, at the wrong moment."""
+"""Cards that are removed, or lose power, at the wrong moment."""
 
 import signal
 import time
@@ -74,7 +74,7 @@ def test_a_card_pulled_while_it_is_written_is_gone_and_comes_back(board):
     eject(board)
 
 
-@pytest.mark.virtual  # see test_real_stack, where the power really is cut
+@pytest.mark.virtual  # see test_real_stack, which really cuts the power
 def test_a_power_cut_while_data_is_written_loses_nothing_that_was_synced(board, make_board, program):
     card = start_with_mounted_card(board)
     board.run("sh", "-c", f"echo kept >{MOUNT_POINT}/export/kept && sync", check=True)

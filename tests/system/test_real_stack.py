@@ -20,7 +20,7 @@ def announcements(board):
 
 
 def watch_lights(board, seconds):
-    """The states of both LEDs' pins over a time: (moment, red, green), as often as they can be read."""
+    """The states of both LEDs' pins over a time: (moment, red, green), read as often as possible."""
     seen = []
     end = time.monotonic() + seconds
     while time.monotonic() < end:
@@ -35,20 +35,20 @@ def changes(values):
 
 
 def lasting(seen):
-    """For how many seconds the red LED was on or off each time in the result of watch_lights()."""
+    """The seconds of each on and off phase of the red LED in the result of watch_lights()."""
     moments = [now for (_, before, _), (now, red, _) in zip(seen, seen[1:]) if before != red]
     return [later - earlier for earlier, later in zip(moments, moments[1:])]
 
 
-def test_a_card_as_bought_lives_its_life_through_the_kernels_events_alone(board):
+def test_the_kernels_events_alone_drive_a_new_cards_life(board):
     board.start_service()
     monitor = board.start("udevadm", "monitor", "--kernel", "--subsystem-match=block")
     board.expect("the monitor", lambda: "KERNEL" in monitor.output)
     card = Card.as_bought()
     board.insert(card)
     expect_mounted(board)
-    # A new partition replaces the old one, which is no removal of the card. This happens once or more often, as
-    # udev reads the table too. The monitor may be late.
+    # A new partition replaces the old one, which is not a removal of the card. This happens once or more, because udev
+    # reads the table too. The monitor may be late.
     board.expect("the partition's events", lambda: re.fullmatch(
         "add(,remove,add)+", ",".join(re.findall(r"(add|remove) .*/mmcblk0p1 ", monitor.output))))
     assert set(announcements(board)) == {"CardInserted"}
@@ -71,7 +71,7 @@ def test_the_red_led_blinks_at_its_pin_while_the_card_is_checked(board):
     def blinks():
         seen = watch_lights(board, 4)
         assert not any(green for _, _, green in seen)
-        # 40 half periods; a busy machine may be late with some and miss others.
+        # 40 half periods. A busy machine may be late with some and miss others.
         return (25 <= changes([red for _, red, _ in seen]) <= 42
                 and median(lasting(seen)) == pytest.approx(0.1, abs=0.015))
     board.expect("the red LED blinks every 100 ms", blinks)
@@ -165,10 +165,10 @@ def test_sizes_of_large_cards_are_right_and_their_directories_kept_within_their_
     total = blocks * size
     assert total > gibibytes * 1024 * MIB * 0.9
     for name, share in (("csv", 0.3), ("export", 0.2)):
-        # The service computes with floating-point numbers, too; one byte may be rounded off.
+        # The service also computes with floating-point numbers; one byte may be lost by rounding.
         assert abs(board.call("tavo.SDCard1", "GetDirSize", name) - total * share) <= 1
     assert board.property("MemLevel") in (0, 1, 2)
-    # Two fifths of the card, allocated and not written; the older half has to go.
+    # Two fifths of the card, allocated but not written; the older half must be deleted.
     csv = f"{MOUNT_POINT}/csv"
     for name in ("old", "new"):
         board.run("fallocate", "-l", str(total // 5), f"{csv}/{name}", check=True)
@@ -186,7 +186,7 @@ def test_files_above_two_gibibytes_and_newer_than_2038_are_kept_within_their_sha
     card = Card.formatted(4096)
     start_with_mounted_card(board, card)
     csv = f"{MOUNT_POINT}/csv"
-    # 30 % of the card are 1.2 GiB.
+    # 30 % of the card is 1.2 GiB.
     board.run("fallocate", "-l", "2300M", f"{csv}/old", check=True)
     board.run("fallocate", "-l", "1M", f"{csv}/new", check=True)
     assert board.call("tavo.SDCard1", "getDirUsed", "csv") > 2300 * MIB

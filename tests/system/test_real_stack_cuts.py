@@ -14,7 +14,7 @@ KIB, MIB = 1024, 1024 * 1024
 
 
 def expect_nothing_stuck(board):
-    """No process waits for a card that is gone, and nothing of it is mounted."""
+    """Checks that no process waits for a removed card, and that nothing of it is mounted."""
     def waiting():
         states = board.run("ps", "-e", "-o", "stat=,args=", check=True).stdout.splitlines()
         return [line for line in states if line.startswith("D")]
@@ -23,7 +23,7 @@ def expect_nothing_stuck(board):
 
 
 def after_replay(card):
-    """A copy of a card whose journal has been replayed."""
+    """A copy of a card, with its journal replayed."""
     copy = card.copy()
     copy.run_tool("e2fsck", "-p", copy.path + f"?offset={copy.partitions()[0].offset}", check=False)
     return copy
@@ -51,13 +51,13 @@ def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the
     board.insert(card)
     board.slow_card_down(256 * KIB)
     board.start_service()
-    # It reads the whole card, for two minutes then.
+    # It reads the whole card, which then takes two minutes.
     board.expect("the full check", lambda: len(board.tool_calls("e2fsck")) == 2, within=MOUNT_SECONDS)
     at_start = board.card_counters()
     board.expect("e2fsck reads", lambda: board.card_counters() != at_start)
     board.pull()
-    # The mount that follows the check fails, and mostly before the hot-plug rule has reported the removal;
-    # a corrupted card is one until the service ends.
+    # The mount after the check fails, usually before the hot-plug rule has reported the removal. A card stays corrupted
+    # until the service ends.
     board.expect("the service gives up", lambda: board.state in (State.NO_CARD, State.CORRUPTED), MOUNT_SECONDS)
     board.expect("the end of e2fsck", lambda: board.run("pgrep", "-f", "e2fsck -f -y").returncode == 1, within=30)
     assert "I/O error" in board.kernel_messages()
@@ -74,10 +74,10 @@ def test_a_card_pulled_while_e2fsck_reads_it_is_mounted_at_the_next_start_at_the
 
 
 def start_formatting(board):
-    """Puts in a card that the service has formatted, and returns when mke2fs has begun to write it."""
+    """Inserts a card that the service formats, and returns when mke2fs has begun to write."""
     card = Card.as_bought(512)
     board.insert(card)
-    # mke2fs has 7 MB to write: a quarter of a minute.
+    # mke2fs writes 7 MB in a quarter of a minute.
     board.slow_card_down(512 * KIB)
     before = card.stored
     board.start_service()
@@ -117,7 +117,7 @@ def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(
     board = make_board(program=program, media_config=layout)
     card = Card.formatted()
     service = board.start_service()
-    # The service is held, or it would be through before the power is cut.
+    # The service is stopped, or it would finish before the power cut.
     waiting = board.start("sh", "-c", f"until [ -e {MOUNT_POINT}/{names[0]} ]; do :; done; kill -STOP {service.pid}; "
                                       f"ls {MOUNT_POINT}; echo seen")
     board.insert(card)
@@ -133,7 +133,7 @@ def test_a_power_cut_while_the_layout_is_made_leaves_a_card_that_gets_all_of_it(
 
 def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_within_its_limits(make_board, program,
                                                                                             tmp_path):
-    # A fifth of the card are 11 MB: 8000 files of 1 KiB may stay, until one of 9 MB comes to them.
+    # A fifth of the card is 11 MB: 8000 files of 1 KiB may stay until a file of 9 MB is added.
     layout = '<sdcard><dir size="20" capacitywatch="true">csv</dir></sdcard>'
     csv = f"{MOUNT_POINT}/csv"
     files = 8000
@@ -152,7 +152,7 @@ def test_a_power_cut_while_files_are_removed_leaves_a_card_that_is_brought_withi
     board.expect("files are being removed", lambda: "some" in removed.output)
     board.cut_power()
     left = len(after_replay(card).list_files("/csv"))
-    # About 6000 of them have to go.
+    # About 6000 of them must be deleted.
     assert files - 5500 < left < files + 2, "no file was removed yet, or all of them were"
     again = make_board(program=program, media_config=layout, cold_start=True)
     start_with_mounted_card(again, card)

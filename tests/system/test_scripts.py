@@ -9,7 +9,7 @@ import pytest
 
 from conftest import ROOT
 
-pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
+pytestmark = pytest.mark.virtual  # checks files of the tree; no board is needed
 
 NOT_SOURCES = {".git", "build", "__pycache__"}
 SHELL_LINE = re.compile(rb"#! ?/(?:\S*/)?(?:env +)?(?:busybox +)?(?:sh|bash|dash|ash)\b")
@@ -22,7 +22,7 @@ def first_line_of(path: Path) -> bytes:
 
 
 def shell_scripts() -> list[str]:
-    """All shell scripts, by their suffix or first line, also those that git does not know yet."""
+    """All shell scripts, by their suffix or first line, including untracked ones."""
     scripts = []
     for directory, names, files in os.walk(ROOT):
         names[:] = set(names) - NOT_SOURCES

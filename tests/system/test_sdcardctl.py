@@ -24,7 +24,7 @@ MIB = 1024 * 1024
 
 @pytest.fixture
 def board(make_board: Callable[..., Board], program: Path) -> Board:
-    """A board with the client on it."""
+    """A board with the client."""
     board = make_board(program=program)
     install_client(board, program)
     return board
@@ -41,7 +41,7 @@ def answer(board: Board, *arguments: str, user: str | None = None) -> str:
 
 
 def typed(board: Board, *lines: str) -> str:
-    """What a shell on a terminal shows when these lines are typed into it."""
+    """The output of a shell on a terminal when these lines are typed."""
     keys = "".join(line + "\n" for line in (f"source {COMPLETION}", *lines, "exit"))
     shell = "stty -echo; exec bash --norc --noprofile -i"
     return board.run("script", "--quiet", "--return", "--command", shell, "/dev/null", input=keys).stdout
@@ -144,7 +144,7 @@ def test_monitor_reports_a_cards_life_over_a_restart_of_the_service(board):
     before = len(monitor.output)
     assert board.stop_service() == 0
     expect_lines(monitor, "service is not running", after=before)
-    # Without this the card could be mounted before the monitor asks for the first time.
+    # Otherwise the card could be mounted before the first reading of the monitor.
     board.replace_tool("/usr/sbin/e2fsck", HELD_PROGRAM)
     board.start_service()
     expect_lines(monitor, "service is not running", "service is running", "mounting", after=before)

@@ -9,9 +9,9 @@ import pytest
 from conftest import ROOT
 from staging import stage
 
-pytestmark = pytest.mark.virtual  # about files of the tree; no board is needed
+pytestmark = pytest.mark.virtual  # checks files of the tree; no board is needed
 
-# What the program, the system and its parts look for in these places, whatever the prefix is.
+# Files that the program, the system and other parts expect at these paths, with any prefix.
 FIXED = {
     "/etc/default/tavo-sdcard", "/etc/init.d/sdcardd", "/etc/logrotate.d/sdcardd",
     "/etc/tavo/tavo-sdcard.config.xml", "/etc/tavo/tavo-sdcard.config.xsd", "/etc/tavo/tavo-sdcard.trackconfig.xml",
@@ -28,7 +28,7 @@ BELOW_PREFIX = {
     "share/doc/sdcardd/examples/tavo.SDCard1-group.conf.in",
     "share/man/man1/sdcardctl.1", "share/man/man5/tavo-sdcard.config.xml.5", "share/man/man8/sdcardd.8",
 }
-# The stock bus reads policies from these directories and from no others.
+# The stock bus reads policies only from these directories.
 BUS_POLICIES = {"/usr": "/usr/share/dbus-1/system.d/tavo.SDCard1.conf",
                 "/usr/local": "/etc/dbus-1/system.d/tavo.SDCard1.conf",
                 "/opt/sdcardd": "/etc/dbus-1/system.d/tavo.SDCard1.conf"}
@@ -58,7 +58,7 @@ def test_an_installer_may_choose_a_group_a_place_for_the_policy_and_the_link_to_
     subprocess.run(["cmake", "-G", "Ninja", "-S", ROOT, "-B", build, "-DBUILD_TESTING=OFF", "-DSDCARDD_LSOF_LINK=ON",
                     "-DSDCARDD_CONTROL_GROUP=adm", "-DSDCARDD_BUS_POLICY_DIR=/usr/lib/policies"],
                    check=True, capture_output=True)
-    # The rest needs a build, see the test above.
+    # The rest needs a build; see the test above.
     install = ["cmake", "-DCMAKE_INSTALL_PREFIX=/usr", "-P", build / "platform/install.cmake"]
     subprocess.run(install, check=True, capture_output=True, env=os.environ | {"DESTDIR": str(target)})
     policies = target / "usr/lib/policies"

@@ -1,4 +1,4 @@
-"""Start-up: the command line, the search for files, and every way in which it fails."""
+"""Start-up: the command line, the search for files, and every failure."""
 
 import re
 import time
@@ -19,7 +19,7 @@ TERMINATING = "Terminating sdcardd with exit code "
 
 
 def assert_fails(board, errors, *options, **arguments):
-    """The service ends at once with status 1 and exactly these words on standard error."""
+    """Checks that the service ends at once with status 1 and exactly this text on standard error."""
     service = board.start_service(*options, **arguments)
     assert service.wait() == 1
     assert (service.output, service.errors) == ("", errors)
@@ -110,7 +110,7 @@ def test_a_run_begins_and_ends_with_a_record(board):
     assert board.stop_service() == 0
     records = board.records
     assert STARTING.fullmatch(records[0].message)
-    # There is no record of the udev logger, which this device does not have.
+    # There is no record of the udev logger, because this device has none.
     assert [record.message for record in records[1:]] == [
         "Configuration successfully parsed", "Checking hardware...", TERMINATING + "0"]
     assert board.service.errors == ""
@@ -174,7 +174,7 @@ def test_a_second_service_ends_and_leaves_the_first_one_alone(board):
     records = board.records[before:]
     assert [(record.level, record.channel) for record in records[-3:]] == [
         ("ERROR", "sdcard"), ("ERROR", "sdcard"), ("INFO", "sdcard")]
-    # The bus does not call a name that is taken an error.
+    # The bus does not report a taken name as an error.
     assert [record.message for record in records[-3:]] == [
         "Connect to dbus failed", "Could not start D-Bus service: ", TERMINATING + "1"]
     assert board.state is State.NO_CARD
@@ -202,9 +202,9 @@ def test_the_bus_knows_the_name_only_while_the_service_runs(board):
     board.expect("the name has no owner", lambda: not board.bus.has_service())
 
 
-def test_the_udev_logger_goes_on_before_the_configuration_is_looked_for(board):
-    # The kernel's own /proc has no such file: the service gets one of its own for this. It is a pipe, which holds
-    # the service until somebody reads.
+def test_the_udev_logger_resumes_before_the_configuration_is_looked_for(board):
+    # The kernel's own /proc has no such file, so the service gets its own. It is a pipe, which blocks the service until
+    # somebody reads.
     switch = "/run/device/tavo-logger/suspendudev"
     board.run("sh", "-c", f"mkdir -p {switch.rpartition('/')[0]} && mkfifo {switch}", check=True)
     service = board.start("unshare", "--mount", "sh", "-c",

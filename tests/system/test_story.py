@@ -27,7 +27,7 @@ def test_the_story_ends_well_when_every_step_was_seen(pytestconfig, program):
         assert (f"pins     {words}\n" in result.stdout) == emulated
 
 
-@pytest.mark.virtual  # what fails there is the same
+@pytest.mark.virtual  # the failure is the same there
 def test_the_story_fails_when_the_service_does_nothing():
     result = tell_story("/usr/bin/false")
     assert result.returncode == 1

@@ -1,4 +1,4 @@
-"""The installed package with systemd in charge, its unit's hardening in force."""
+"""The installed package under systemd, with the hardening of its unit."""
 
 import re
 import time
@@ -10,9 +10,9 @@ from board.names import E2FSCK, MEDIA_CONFIGURATION
 from steps import messages, use_shipped_files
 from systemd_system import SystemdSystem
 
-pytestmark = [pytest.mark.package, pytest.mark.virtual]  # the other has no systemd
+pytestmark = [pytest.mark.package, pytest.mark.virtual]  # the other board has no systemd
 UNIT = "sdcardd.service"
-# The board's cards are loop devices, which the unit does not let the service open.
+# The board's cards are loop devices, which the unit does not allow the service to open.
 DEVICES = "[Service]\nDeviceAllow=block-loop rw\nDeviceAllow=block-blkext rw\n"
 HOLD_FILE = ("import signal, sys, time\n"
              "signal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
@@ -46,7 +46,7 @@ HARDENING = {
 
 @pytest.fixture
 def systemd_board(board):
-    """A board whose unit may open the board's kind of card."""
+    """A board with a unit that allows the board's kind of card."""
     board.write_file(f"/etc/systemd/system/{UNIT}.d/board.conf", DEVICES)
     return board
 
@@ -56,7 +56,7 @@ def is_mounted(system):
 
 
 def hold_file_open(system, *properties):
-    """A service that ignores SIGTERM and has a file on the card open."""
+    """Another service, which ignores SIGTERM and has a file on the card open."""
     system.run("systemd-run", "--quiet", "--unit=holder", *(f"--property={text}" for text in properties),
                "/usr/bin/python3", "-I", "-c", HOLD_FILE, f"{MOUNT_POINT}/held")
     system.wait_for(lambda: system.run("test", "-e", f"{MOUNT_POINT}/held", check=False).returncode == 0)
@@ -105,7 +105,7 @@ def test_other_devices_are_closed_to_the_service(board):
         system.run("systemctl", "stop", UNIT)
 
 
-def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_card(systemd_board):
+def test_a_crashed_service_is_restarted_and_continues_with_the_mounted_card(systemd_board):
     systemd_board.insert(Card.formatted())
     systemd_board.replace_tool(E2FSCK)
     with SystemdSystem(systemd_board) as system:
@@ -126,7 +126,7 @@ def test_a_service_that_crashed_is_started_again_and_goes_on_with_the_mounted_ca
 
 def kill_bus(system):
     system.run("systemctl", "kill", "--signal=SIGKILL", "dbus.service")
-    # The next program that uses the bus starts it.
+    # The next program that uses the bus activates it.
     system.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/",
                "org.freedesktop.DBus.ListNames")
 
@@ -189,12 +189,12 @@ def test_errors_reach_the_journal_with_their_level(systemd_board):
 
 
 def report_removal(system):
-    """Runs what the udev rule runs when the card's partition has gone."""
+    """Runs the program of the udev rule after the removal of the card's partition."""
     system.run("env", "ACTION=remove", f"DEVNAME={PARTITION_DEVICE}", "DEVTYPE=partition",
                "/usr/lib/udev/tavo-sdcard-hotplug")
 
 
-def test_a_service_with_a_corrupted_card_is_started_again_when_that_is_taken_out(systemd_board):
+def test_a_removed_corrupted_card_restarts_the_service(systemd_board):
     systemd_board.insert(Card.unmountable())
     with SystemdSystem(systemd_board) as system:
         systemd_board.expect_state(State.CORRUPTED, within=20)
@@ -217,7 +217,7 @@ def test_a_card_that_was_pulled_while_in_use_is_detached_before_the_next_is_anno
         assert is_mounted(system)
         card = Card.formatted()
         systemd_board.insert(card, announce=False)
-        # udev's programs have a mount namespace of their own, and may not unmount.
+        # udev's programs have their own mount namespace and must not unmount.
         system.run("systemd-run", "--quiet", "--wait", "--property=PrivateMounts=yes",
                    "--property=SystemCallFilter=@system-service @module @raw-io bpf",
                    "env", "ACTION=add", f"DEVNAME={PARTITION_DEVICE}", "/usr/lib/udev/tavo-sdcard-hotplug")
@@ -237,12 +237,12 @@ def test_the_time_to_stop_covers_all_waits(systemd_board):
         began = time.monotonic()
         system.run("systemctl", "stop", UNIT, within=100)
         assert time.monotonic() - began > 42
-        # The holder ignores SIGTERM: the card cannot be unmounted, and the service logs this and ends.
+        # The program ignores SIGTERM: the card cannot be unmounted, and the service logs this and ends.
         assert system.show(UNIT, "Result") == "success"
         systemd_board.expect_record("ERROR", "sdcard", "Umount failed: error code 'Device or resource busy'")
 
 
-def test_a_shutdown_ends_with_a_clean_card_though_a_program_holds_a_file(systemd_board):
+def test_a_shutdown_leaves_a_clean_card_despite_an_open_file(systemd_board):
     card = Card.formatted()
     systemd_board.insert(card)
     with SystemdSystem(systemd_board) as system:

@@ -78,7 +78,7 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
     held = board.hold_file_open()
     board.service.send_signal(number)
     board.expect_state(State.CLOSING_FILES)
-    # More signals change nothing.
+    # Further signals change nothing.
     board.service.send_signal(signal.SIGHUP)
     board.service.send_signal(signal.SIGTERM)
     board.expect_leds(LedPattern.BUSY)
@@ -92,7 +92,7 @@ def test_the_service_waits_for_a_program_that_still_uses_the_card(board, number)
 
 
 def expect_40_seconds_of_closing(board):
-    """Asks the service to end, and watches it wait for open files as long as it may."""
+    """Asks the service to end, and watches its full wait for open files."""
     began = time.monotonic()
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
@@ -138,7 +138,7 @@ def test_a_program_that_ignores_the_request_keeps_the_card_mounted_when_the_serv
 
 @pytest.mark.lasts(48)
 @pytest.mark.leaves_card_mounted
-def test_on_a_rebooting_system_a_program_that_will_not_let_go_is_killed(board):
+def test_a_program_that_keeps_its_file_open_is_killed_at_a_reboot(board):
     card = start_with_mounted_card(board)
     held = board.hold_file_open(ignore_sigterm=True)
     board.set_runlevel(6)
@@ -258,7 +258,7 @@ def processor_seconds(board):
 
 
 @pytest.mark.parametrize("start", [with_a_corrupted_card, during_a_check])
-def test_a_request_that_waits_costs_no_processor_time(board, start):
+def test_a_pending_request_uses_no_processor_time(board, start):
     start(board)
     board.service.send_signal(signal.SIGTERM)
     time.sleep(0.5)
@@ -271,7 +271,7 @@ def test_a_request_that_waits_costs_no_processor_time(board, start):
 
 def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(board):
     start_with_mounted_card(board)
-    # Reports an open file for ever: with a real one the service could end before the card is pulled.
+    # Always reports an open file: with a real one the service could end before the card is pulled.
     board.replace_tool(LSOF, "echo 4194305")
     board.service.send_signal(signal.SIGTERM)
     board.expect_state(State.CLOSING_FILES)
@@ -279,7 +279,7 @@ def test_a_card_pulled_while_the_service_waits_for_its_files_ends_the_service(bo
     board.expect_service_end(0, within=10)
 
 
-def test_a_service_that_was_started_again_goes_on_with_the_same_card(board):
+def test_a_restarted_service_continues_with_the_same_card(board):
     card = start_with_mounted_card(board)
     board.write_file(f"{MOUNT_POINT}/export/kept", "kept\n")
     assert board.stop_service() == 0

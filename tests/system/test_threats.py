@@ -1,4 +1,4 @@
-"""What a prepared card, a local account and a peer on the bus can and cannot do; docs/security.md explains it."""
+"""Attacks by a prepared card, a local account and a peer on the bus; docs/security.md explains them."""
 
 import json
 import os
@@ -23,13 +23,13 @@ PATIENT_SECONDS = 30
 
 @pytest.fixture
 def content(tmp_path):
-    """What the attacker has put on the card."""
+    """The attacker's content of the card."""
     return tmp_path
 
 
 @pytest.fixture
 def shipped(make_board, program):
-    """A board with the media configuration that is shipped."""
+    """A board with the shipped media configuration."""
     return make_board(program=program, media_config=SHIPPED_CONFIGURATION)
 
 
@@ -42,14 +42,14 @@ def card_options(board):
 
 
 def on_errors(board):
-    """What the kernel does on an error in the card's file system; the mount table hides the card's own choice."""
+    """The kernel's action on an error in the card's file system; the mount table hides the card's own choice."""
     script = f'cat "/proc/fs/ext4/$(basename "$(readlink "/sys/dev/block/$(mountpoint -d {MOUNT_POINT})")")/options"'
     options = board.run("sh", "-c", script, check=True).stdout.split()
     return next(option for option in options if option.startswith("errors="))
 
 
 def snippets(language):
-    """The blocks of a language in docs/security.md, which an operator would copy."""
+    """The blocks of a language in docs/security.md, for operators to copy."""
     return re.findall(rf"^```{language}\n(.*?)^```", (ROOT / "docs/security.md").read_text(), re.M | re.S)
 
 
@@ -81,7 +81,7 @@ def test_what_a_card_links_to_is_never_deleted(shipped, content):
 
 
 def left_alone(board, path):
-    """Whether the layout or a move of files reports that it did not touch a path."""
+    """The number of reports that the layout or a move of files left a path alone."""
     return messages(board, "ERROR").count(f"Leaving '{MOUNT_POINT}/{path}' alone: it is not on the card")
 
 
@@ -148,7 +148,7 @@ def test_without_a_layout_nothing_outside_of_the_card_is_touched(make_board, pro
 
 
 def restrict_mounts(board, setting=""):
-    """Brings what is installed, with a setting of the administrator."""
+    """Installs the product's files, with a setting of the administrator."""
     board.write_file(f"{JOBS}/00-restrict-card-mount", (PLATFORM / "restrict-card-mount").read_text(), 0o755)
     board.write_file("/etc/default/tavo-sdcard", setting + "\n")
 
@@ -160,7 +160,7 @@ def setuid_card(content):
 
 
 @pytest.mark.parametrize("setting, user", [("", "65534\n"), ("CARD_NOEXEC=yes", ""), ("RESTRICT_CARD_MOUNT=no", "0\n")])
-def test_a_set_user_id_program_on_the_card_has_no_effect_unless_the_administrator_wants_so(
+def test_a_set_user_id_program_on_the_card_has_no_effect_by_default(
         shipped, content, setting, user):
     restrict_mounts(shipped, setting)
     (content / "id").write_bytes(shipped.run("cat", "/usr/bin/id", check=True, as_bytes=True).stdout)
@@ -183,13 +183,13 @@ def test_a_restricted_mount_differs_only_in_its_restrictions(shipped):
 
 
 @pytest.mark.parametrize("setting, reaction", [("", "errors=remount-ro"), ("RESTRICT_CARD_MOUNT=no", "errors=panic")])
-def test_a_card_that_asks_for_a_panic_is_not_obeyed_unless_the_administrator_wants_so(shipped, setting, reaction):
+def test_a_card_that_requests_a_panic_is_ignored_by_default(shipped, setting, reaction):
     restrict_mounts(shipped, setting)
     card = Card.formatted()
     card.edit_ext4("set_super_value errors 3")
     start_with_mounted_card(shipped, card)
     assert on_errors(shipped) == reaction
-    # The kernel may be this machine's own: the test does nothing else with that card.
+    # The kernel may be that of this machine, so the test does nothing else with the card.
     eject(shipped)
 
 
@@ -197,7 +197,7 @@ def test_a_card_that_asks_for_a_panic_is_not_obeyed_unless_the_administrator_wan
 
 @pytest.mark.parametrize("script, call", [("tavo-create-sdcardFS.sh", [FORMAT_SCRIPT]),
                                           ("tavo-sdcard-hotplug", ["/usr/lib/udev/tavo-sdcard-hotplug", "format"])])
-def test_a_local_account_can_neither_hold_nor_misuse_the_scripts_locks(bare_board, script, call):
+def test_a_local_account_can_neither_take_nor_misuse_the_scripts_locks(bare_board, script, call):
     [lock] = re.findall(r"^LOCK=(\S+)$", (PLATFORM / script).read_text(), re.M)
     assert bare_board.run("touch", lock, user="nobody").returncode != 0
     bare_board.write_file(call[0], (PLATFORM / script).read_text(), 0o755)
@@ -234,7 +234,7 @@ while True:
 """
 
 
-def test_peers_that_ask_without_end_do_not_keep_a_card_from_being_given_back(shipped):
+def test_peers_that_call_without_end_do_not_prevent_an_eject(shipped):
     start_with_mounted_card(shipped)
     Contents(shipped).change(*(("write", f"csv/{number}") for number in range(2000)))
     peers = [shipped.start("/usr/bin/python3", "-I", "-c", ASK_WITHOUT_END, user="nobody") for _ in range(3)]

@@ -16,16 +16,16 @@ from conftest import ROOT
 pytestmark = pytest.mark.emulated  # the other board's kernel does not execute the target's programs
 
 BUILD = ROOT / "build" / "armhf"
-# What the tests find by its path in the build.
+# Programs that the tests find by their paths in the build.
 STARTED_PROGRAMS = ("tests/unit/crashing_program", "tests/unit/tracking_program", "sdcardctl/sdcardctl")
 READ_DIRECTORIES = ("platform", "sdcardctl", "docs", "source/bus")
 TEST_SECONDS = 120
 
 
 def programs() -> dict[str, list[str]]:
-    """The programs' paths below the build's directory, each with the tests that the board leaves out.
+    """The programs' paths below the build's directory, each with the tests that the board skips.
 
-    None where nothing was built for the target.
+    None if nothing was built for the target.
     """
     try:
         lines = (BUILD / "left-to-the-board").read_text().splitlines()
@@ -40,20 +40,20 @@ def test_some_tests_are_left_to_the_board():
 
 
 class ProgramBoard:
-    """A board on which programs are run one after the other, until one of them fails."""
+    """A board that runs programs one after the other until one fails."""
 
     def __init__(self, directory: Path) -> None:
-        """@p directory is for files of its own."""
+        """@p directory is for the board's own files."""
         self._directory = directory
         self._board: EmulatedBoard | None = None
 
     def with_program(self, name: str) -> EmulatedBoard:
-        """The board with a program on it, beside those that it may start."""
+        """The board with a program and those that it may start."""
         if self._board is None:
-            # The tests bring their own LEDs and button: files that they write.
+            # The tests bring their own LEDs and button, which are files that they write.
             self._board = EmulatedBoard(leds=False, eject_button=False)
-            # They make card slots of loop devices, and a layer over the root file system: no mount may hide
-            # what they read.
+            # They create card slots of loop devices, and a layer over the root file system. No mount may hide files
+            # that they read.
             self._board.run("sh", "-c", "modprobe loop && umount /tmp && udevadm control --exit", check=True)
             self._copy(STARTED_PROGRAMS, READ_DIRECTORIES)
         self._copy([name])

@@ -4,9 +4,9 @@
 
 namespace tavoutil {
 
-/// Gives the calling thread a stack of its own for signal handlers, so that a stack overflow in
-/// this thread is reported too (installSignalHandler()). Put one at the top of a thread's function;
-/// it is destroyed in the same thread, which then has its earlier alternate stack again.
+/// Gives the calling thread its own stack for signal handlers, so that installSignalHandler() also
+/// reports a stack overflow in this thread. Create one at the top of a thread's function. Its
+/// destructor, on the same thread, restores the thread's earlier alternate stack.
 class AlternateSignalStack
 {
 public:
@@ -18,8 +18,8 @@ public:
     AlternateSignalStack& operator=(const AlternateSignalStack&) = delete;
     AlternateSignalStack& operator=(AlternateSignalStack&&) = delete;
 
-    /// False where memory is short; the thread then runs without. errno of the constructor says
-    /// why.
+    /// False if memory is short; the thread then runs without the stack, and errno says why right
+    /// after the construction.
     bool isInstalled() const { return mInstalled; }
 
 private:

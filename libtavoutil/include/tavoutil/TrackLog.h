@@ -19,8 +19,7 @@
 ///
 ///     constexpr auto kTrackSource = "sdcard";
 ///
-/// The message is built only where the level is enabled; an ERROR or FATAL call is counted in any
-/// case.
+/// The message is built only if the level is enabled. An ERROR or FATAL call always counts.
 #define TRACK_INFO(logger, message) TRACK_RECORD_(logger, Info, message, TRACK_HERE)
 #define TRACK_WARN(logger, message) TRACK_RECORD_(logger, Warn, message, TRACK_HERE)
 #define TRACK_ERROR(logger, message) TRACK_ERROR_FROM(TRACK_HERE, logger, message)
@@ -30,7 +29,8 @@
         TRACK_RECORD_(logger, Fatal, message, TRACK_HERE);                                         \
     } while (false)
 
-/// The same on behalf of another function, for a helper that does a published function's work.
+/// The same for a helper that does the work of a published function: the record names that
+/// function.
 /// @param origin a tavoutil::RecordOrigin
 #define TRACK_INFO_FROM(origin, logger, message) TRACK_RECORD_(logger, Info, message, origin)
 #define TRACK_WARN_FROM(origin, logger, message) TRACK_RECORD_(logger, Warn, message, origin)

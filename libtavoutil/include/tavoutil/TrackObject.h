@@ -8,8 +8,7 @@
 class TrackObject
 {
 public:
-    /// ERROR and FATAL records of the whole process, counted also where their level is switched
-    /// off.
+    /// ERROR and FATAL records of the whole process, including those of a level that is off.
     static std::atomic<unsigned int> sErrorCounter;
     static std::atomic<unsigned int> sFatalCounter;
 
@@ -23,7 +22,7 @@ public:
 
 protected:
     TrackObject();
-    /// For records that exist in great number: shares a logger that was looked up once.
+    /// For objects that exist in large numbers: shares a logger that was looked up once.
     explicit TrackObject(log4cxx::LoggerPtr logger);
     TrackObject(const TrackObject&) = default;
     TrackObject(TrackObject&&) = default;

@@ -4,8 +4,7 @@
 
 #include <QByteArray>
 
-/// One element of a parsed XML document: cheap to copy, and valid for as long as any node of the
-/// document lives. Texts are UTF-8.
+/// One element of a parsed XML document. Cheap to copy; keeps the document alive. Texts are UTF-8.
 class ITCXMLNode
 {
 public:
@@ -15,8 +14,8 @@ public:
     bool isEmpty() const;
     /// The element's name; null for the empty node.
     const char* getName() const;
-    /// The text directly in this element, its pieces joined and without the white space around it;
-    /// null when there is none.
+    /// The text directly in this element: its pieces joined, without leading and trailing white
+    /// space; null if there is none.
     const char* getText() const;
     /// The value of the attribute; null when the element has no such attribute.
     const char* getAttribute(const char* name) const;
@@ -28,7 +27,7 @@ public:
     int nChildNode() const;
     /// The child element at @p index (from 0, in document order); the empty node outside the range.
     ITCXMLNode getChildNode(int index) const;
-    /// Where the element starts in the file: its line and column, both from 1, columns in
+    /// The line and column at which the element starts in the file, both from 1, columns in
     /// characters; 0 for the empty node.
     int line() const;
     int column() const;
@@ -44,12 +43,12 @@ private:
 struct ITCXMLResults
 {
     int error = 0;  ///< 0 on success, otherwise one of IXMLDomParser::Error
-    int line = 0;   ///< where the error is, from 1; 0 where it is nowhere in the text
+    int line = 0;   ///< of the error, from 1; 0 if it has no place in the text
     int column = 0; ///< in characters, from 1
 };
 
 /// Reads well-formed XML documents in UTF-8 or in another encoding that the document declares.
-/// A document cannot define entities, and no file beside it is read.
+/// A document cannot define entities or include other files.
 class IXMLDomParser
 {
 public:
@@ -64,8 +63,8 @@ public:
         UnexpectedRoot,      ///< a root element of another name
     };
 
-    /// In bytes. In memory a document takes up to forty times its size, on machines that have
-    /// little.
+    /// In bytes. In memory a document takes up to forty times its size, and the device has little
+    /// memory.
     static constexpr int kMaxFileSize = 4 * 1024 * 1024;
     /// No path can have more components than this (PATH_MAX / 2).
     static constexpr int kMaxDepth = 2048;
@@ -75,8 +74,8 @@ public:
     /// @return the root element; the empty node on failure
     ITCXMLNode parseFile(const char* fileName, const char* rootTagName, ITCXMLResults& results);
 
-    /// What the code of the last parseFile() means in that file and at which place in it; valid
-    /// until the next parseFile().
+    /// Describes the error of the last parseFile() with its file and place; valid until the next
+    /// parseFile().
     const char* getErrorMessage(int errorCode) const;
 
 private:

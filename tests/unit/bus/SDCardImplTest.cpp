@@ -13,8 +13,8 @@
 
 namespace {
 
-/// Stands in for the controller. It knows the directory "logs", which is watched, and "csv", which
-/// is not.
+/// Stands in for the controller. It knows two directories: "logs", which is watched, and "csv",
+/// which is not.
 class Controller : public QObject, public SdcardInterface
 {
 public:
@@ -115,7 +115,7 @@ private Q_SLOTS:
         QCOMPARE(states, (QList<QVariantList>{{10}, {15}, {10}, {9}}));
     }
 
-    void other_properties_change_in_silence()
+    void other_properties_change_without_a_signal()
     {
         SDCardImpl service("/media/sdcard", nullptr);
         const auto spies = spiesOf(service);
@@ -132,7 +132,7 @@ private Q_SLOTS:
         }
     }
 
-    void questions_reach_the_controller_in_this_order_data()
+    void queries_reach_the_controller_in_this_order_data()
     {
         QTest::addColumn<QString>("id");
         QTest::addColumn<qint64>("size");
@@ -152,7 +152,7 @@ private Q_SLOTS:
                                << QStringList{path("csv"), "getDirSize csv", path("csv"),
                                               "getDirUsed csv", path("csv")}
                                << QStringList();
-        // No further look-up.
+        // The controller is not called.
         QTest::newRow("unknown") << "it's" << qint64{0} << qint64{0} << QString()
                                  << QStringList{path("it's"), path("it's"), path("it's")}
                                  << QStringList{unknown("it's"), unknown("it's"), unknown("it's")};
@@ -161,7 +161,7 @@ private Q_SLOTS:
                                << QStringList{unknown("")};
     }
 
-    void questions_reach_the_controller_in_this_order()
+    void queries_reach_the_controller_in_this_order()
     {
         QFETCH(const QString, id);
         QFETCH(const QStringList, errors);
@@ -172,7 +172,7 @@ private Q_SLOTS:
             const LogCapture log(level);
             QTEST(service.GetDirSize(id), "size");
             QTEST(service.getDirUsed(id), "used");
-            // Mount point and path follow each other as they are.
+            // Mount point and path are joined unchanged.
             QTEST(service.GetDirPath(id), "path");
             QTEST(controller.calls, "calls");
             QCOMPARE(log.messages(LogLevel::Error),
@@ -200,14 +200,14 @@ private Q_SLOTS:
         QCOMPARE(log.errorCount(), 1U);
     }
 
-    void without_a_controller_the_answers_are_empty_data()
+    void without_a_controller_the_replies_are_empty_data()
     {
         QTest::addColumn<bool>("hasParent");
         QTest::newRow("no parent") << false;
         QTest::newRow("a parent that is none") << true;
     }
 
-    void without_a_controller_the_answers_are_empty()
+    void without_a_controller_the_replies_are_empty()
     {
         QFETCH(const bool, hasParent);
         QObject parent;

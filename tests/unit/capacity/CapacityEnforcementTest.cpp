@@ -47,7 +47,7 @@ QString cannotRemoveDirectory(const QString& name, const QString& why)
     return "Cannot remove empty directory /media/sdcard/w/" + name + ": " + why;
 }
 
-/// Removes empty directories; returns what they were taken to count for.
+/// Removes empty directories; returns the bytes that they counted for.
 qint64 removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir)
 {
     const ConfigHandler config;
@@ -58,7 +58,7 @@ qint64 removeEmptyDirs(const QByteArray& watchPath, const QByteArray& dir)
 
 } // namespace
 
-/// Which files go to bring a directory within its limit, and the directories that they leave empty.
+/// Which files are removed to bring a directory within its limit, and which emptied directories.
 class CapacityEnforcementTest : public QObject
 {
     Q_OBJECT
@@ -66,18 +66,18 @@ class CapacityEnforcementTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void a_size_counts_for_what_it_is_data();
-    void a_size_counts_for_what_it_is();
-    void nanoseconds_decide();
-    void each_name_of_a_file_counts_and_goes_by_itself();
-    void everything_that_is_no_directory_can_go();
+    void files_of_any_size_count_in_full_data();
+    void files_of_any_size_count_in_full();
+    void the_age_is_compared_in_nanoseconds();
+    void each_hard_link_counts_and_is_removed_by_itself();
+    void every_entry_except_a_directory_can_be_removed();
     void a_directory_from_which_nothing_could_be_removed_stays();
     void directories_are_tried_in_the_order_in_which_they_were_touched();
-    void a_directory_that_went_with_another_is_reported_in_its_turn_data();
-    void a_directory_that_went_with_another_is_reported_in_its_turn();
+    void a_directory_removed_with_another_is_reported_in_its_turn_data();
+    void a_directory_removed_with_another_is_reported_in_its_turn();
     void each_directory_counts_for_2_bytes();
-    void a_path_is_normalised_before_it_is_climbed();
-    void a_climb_ends_at_the_root();
+    void a_path_is_normalised_before_its_parents_are_removed();
+    void the_removal_of_parents_ends_at_the_root();
     void nothing_is_removed_off_the_file_system_of_the_watched_directory();
 };
 
@@ -91,7 +91,7 @@ void CapacityEnforcementTest::cleanup()
     WatchedCard::remove();
 }
 
-void CapacityEnforcementTest::a_size_counts_for_what_it_is_data()
+void CapacityEnforcementTest::files_of_any_size_count_in_full_data()
 {
     QTest::addColumn<qint64>("oldest");
     QTest::addColumn<qint64>("excess");
@@ -101,7 +101,7 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is_data()
     QTest::newRow("5 GiB do not suffice") << (qint64{5} << 30) << (qint64{5} << 30) << false;
 }
 
-void CapacityEnforcementTest::a_size_counts_for_what_it_is()
+void CapacityEnforcementTest::files_of_any_size_count_in_full()
 {
     QFETCH(const qint64, oldest);
     QFETCH(const qint64, excess);
@@ -114,9 +114,9 @@ void CapacityEnforcementTest::a_size_counts_for_what_it_is()
     QVERIFY(exists(kRoot + "/last"));
 }
 
-void CapacityEnforcementTest::nanoseconds_decide()
+void CapacityEnforcementTest::the_age_is_compared_in_nanoseconds()
 {
-    // Many files within a second, the names in an order of their own.
+    // Many files within one second, with names in another order.
     QList<QByteArray> files;
     for (int i = 0; i < 30; ++i) {
         files.append(kRoot + "/" + QByteArray::number(i * 7 % 30));
@@ -128,7 +128,7 @@ void CapacityEnforcementTest::nanoseconds_decide()
     }
 }
 
-void CapacityEnforcementTest::each_name_of_a_file_counts_and_goes_by_itself()
+void CapacityEnforcementTest::each_hard_link_counts_and_is_removed_by_itself()
 {
     createFile(kRoot + "/a", 1000);
     for (const QByteArray& path : {kRoot + "/b", kRoot + "/c", QByteArray("/media/sdcard/out")}) {
@@ -145,7 +145,7 @@ void CapacityEnforcementTest::each_name_of_a_file_counts_and_goes_by_itself()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::everything_that_is_no_directory_can_go()
+void CapacityEnforcementTest::every_entry_except_a_directory_can_be_removed()
 {
     createSpecial(kRoot + "/pipe", S_IFIFO);
     createSpecial(kRoot + "/socket", S_IFSOCK);
@@ -190,8 +190,8 @@ void CapacityEnforcementTest::directories_are_tried_in_the_order_in_which_they_w
         files.append(kRoot + "/" + name + "/1");
         messages.append(cannotRemoveDirectory(name, "Device or resource busy"));
     }
-    // All of them a second time, the other way round: each is tried once. The last file, which
-    // stays, is reported before the directories.
+    // All of them again, in reverse order: each is tried once. The last file, which stays, is
+    // reported before the directories.
     files += inRoot({"b/2", "q/2", "a/2", "z/2", "m/2", "last"});
     messages.prepend(cannotRemove("last"));
     createFilesInOrder(files, 100);
@@ -208,7 +208,7 @@ void CapacityEnforcementTest::directories_are_tried_in_the_order_in_which_they_w
     QCOMPARE(log.errorCount(), 5U);
 }
 
-void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn_data()
+void CapacityEnforcementTest::a_directory_removed_with_another_is_reported_in_its_turn_data()
 {
     QTest::addColumn<QList<QByteArray>>("files");
     QTest::addColumn<bool>("isReported");
@@ -218,7 +218,7 @@ void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_
     QTest::newRow("parent after all children") << inRoot({"a/b/1", "a/c/3", "a/2"}) << true;
 }
 
-void CapacityEnforcementTest::a_directory_that_went_with_another_is_reported_in_its_turn()
+void CapacityEnforcementTest::a_directory_removed_with_another_is_reported_in_its_turn()
 {
     QFETCH(const QList<QByteArray>, files);
     QFETCH(const bool, isReported);
@@ -251,7 +251,7 @@ void CapacityEnforcementTest::each_directory_counts_for_2_bytes()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void CapacityEnforcementTest::a_path_is_normalised_before_it_is_climbed()
+void CapacityEnforcementTest::a_path_is_normalised_before_its_parents_are_removed()
 {
     createDirectory(kRoot + "/a");
     createDirectory(kRoot + "/a/b");
@@ -264,7 +264,7 @@ void CapacityEnforcementTest::a_path_is_normalised_before_it_is_climbed()
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
-void CapacityEnforcementTest::a_climb_ends_at_the_root()
+void CapacityEnforcementTest::the_removal_of_parents_ends_at_the_root()
 {
     createDirectory("/lonely");
     const LogCapture log;

@@ -42,13 +42,13 @@ bool isOpeningOf(const TracedProcess::Call& call, const QByteArray& path)
     return call.number == SYS_openat && call.text(1) == path;
 }
 
-/// Whether a directory is about to be removed from its parent under this name.
+/// Whether the call removes a directory with this name from its parent.
 bool isRemovalOf(const TracedProcess::Call& call, const QByteArray& name)
 {
     return call.number == SYS_unlinkat && call.arguments[2] == AT_REMOVEDIR && call.text(1) == name;
 }
 
-/// Bytes of the directory, followed by the messages.
+/// Bytes of the directory, then the messages.
 QStringList measure()
 {
     const LogCapture log;
@@ -57,7 +57,7 @@ QStringList measure()
     return QStringList{QString::number(size)} + log.messages(LogLevel::Error);
 }
 
-/// Brings the directory within a limit that no file fits in; returns the messages.
+/// Brings the directory within a limit that is smaller than any file; returns the messages.
 QStringList enforceNothing()
 {
     const LogCapture log;
@@ -65,7 +65,7 @@ QStringList enforceNothing()
     return log.messages();
 }
 
-/// Does the work and makes a change right before the @p occurrence-th call of a kind.
+/// Runs the work and makes a change right before the @p occurrence-th call of a kind.
 QStringList doAndChange(QStringList (*work)(), const Change& change,
                         const std::function<bool(const TracedProcess::Call&)>& isMoment,
                         int occurrence = 1)
@@ -79,8 +79,8 @@ QStringList doAndChange(QStringList (*work)(), const Change& change,
     return traced.isFinished() && seen >= occurrence ? traced.output() : QStringList{"no moment"};
 }
 
-/// Makes a change when the files have been chosen, but not a call before the first of them goes:
-/// the second time the directory is opened.
+/// Makes a change between the choice of the files and the first removal: at the second opening of
+/// the directory.
 QStringList enforceAndChange(const Change& change)
 {
     return doAndChange(
@@ -110,7 +110,7 @@ QString cannotRemoveDirectory(const QString& why)
 
 } // namespace
 
-/// Cards that change while they are scanned, and between the choice of files and their removal.
+/// Cards that change during the scan, and between the choice of files and their removal.
 class CapacityRacesTest : public QObject
 {
     Q_OBJECT
@@ -119,21 +119,21 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void a_directory_that_is_no_longer_what_was_seen_is_not_measured_data() { replacements(); }
-    void a_directory_that_is_no_longer_what_was_seen_is_not_measured();
+    void a_directory_replaced_since_the_listing_is_not_measured_data() { replacements(); }
+    void a_directory_replaced_since_the_listing_is_not_measured();
     void files_of_another_directory_stay_data() { replacements(); }
     void files_of_another_directory_stay();
-    void an_entry_that_cannot_be_asked_twice_is_tried_for_removal();
-    void a_directory_that_cannot_be_asked_is_no_file();
+    void an_entry_with_an_unreadable_status_is_tried_for_removal();
+    void a_directory_with_an_unreadable_status_is_not_a_file();
     void only_the_chosen_file_itself_is_removed_data();
     void only_the_chosen_file_itself_is_removed();
     void a_directory_that_was_filled_again_stays();
     void a_directory_that_became_a_link_stays();
-    void a_directory_whose_file_somebody_else_removed_goes_at_once();
+    void a_directory_emptied_by_another_process_is_removed_at_once();
     void a_parent_that_has_vanished_is_reported();
     void directories_of_another_tree_stay();
-    void a_path_that_leads_off_the_card_when_it_is_opened_is_left();
-    void a_status_is_asked_for_once_and_once_more_before_a_removal();
+    void a_path_that_leads_off_the_card_when_it_is_opened_is_left_alone();
+    void a_status_is_read_once_and_again_before_a_removal();
     void a_directory_is_not_opened_for_each_of_its_files();
 
 private:
@@ -142,7 +142,7 @@ private:
 
 void CapacityRacesTest::initTestCase()
 {
-    // It looks for its configuration when it is first used, which is not the service's doing.
+    // At its first use it looks for its configuration, which is not a call of the service.
     log4cxx::Logger::getRootLogger();
 }
 
@@ -191,7 +191,7 @@ void CapacityRacesTest::replacements()
     }) << failed + kStale << kStale;
 }
 
-void CapacityRacesTest::a_directory_that_is_no_longer_what_was_seen_is_not_measured()
+void CapacityRacesTest::a_directory_replaced_since_the_listing_is_not_measured()
 {
     QFETCH(const Change, change);
     QFETCH(const QString, whyNotMeasured);
@@ -220,7 +220,7 @@ void CapacityRacesTest::files_of_another_directory_stay()
     }
 }
 
-void CapacityRacesTest::an_entry_that_cannot_be_asked_twice_is_tried_for_removal()
+void CapacityRacesTest::an_entry_with_an_unreadable_status_is_tried_for_removal()
 {
     const QStringList messages = doAndChange(
         enforceNothing, [] { QCOMPARE(::unlink(kDir + "/2"), 0); },
@@ -234,7 +234,7 @@ void CapacityRacesTest::an_entry_that_cannot_be_asked_twice_is_tried_for_removal
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
 }
 
-void CapacityRacesTest::a_directory_that_cannot_be_asked_is_no_file()
+void CapacityRacesTest::a_directory_with_an_unreadable_status_is_not_a_file()
 {
     const QStringList messages = doAndChange(
         enforceNothing, [] { move(kDir, kAway); },
@@ -296,7 +296,7 @@ void CapacityRacesTest::a_directory_that_became_a_link_stays()
     QVERIFY(exists(kOutside + "/empty"));
 }
 
-void CapacityRacesTest::a_directory_whose_file_somebody_else_removed_goes_at_once()
+void CapacityRacesTest::a_directory_emptied_by_another_process_is_removed_at_once()
 {
     int opened = 0;
     const TracedProcess traced(enforceNothing, [&opened](const TracedProcess::Call& call) {
@@ -307,7 +307,7 @@ void CapacityRacesTest::a_directory_whose_file_somebody_else_removed_goes_at_onc
     });
     QCOMPARE(traced.output(), QStringList{cannotRemove("2", kNoEntry)});
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
-    // At the end it would be opened once more.
+    // Would be opened once more at the end.
     QCOMPARE(opened, 2);
 }
 
@@ -325,7 +325,7 @@ void CapacityRacesTest::directories_of_another_tree_stay()
 {
     createDirectory(kOutside + "/a");
     createDirectory(kOutside + "/a/b");
-    // The second time the parent is opened, its directory is to be removed from it.
+    // The second opening of the parent precedes the removal of its directory.
     const QStringList messages = doAndChange(
         enforceNothing,
         [] {
@@ -338,7 +338,7 @@ void CapacityRacesTest::directories_of_another_tree_stay()
     QVERIFY(exists(kAway + "/a/b"));
 }
 
-void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left()
+void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left_alone()
 {
     const QByteArray elsewhere = "/elsewhere";
     createDirectory(elsewhere);
@@ -367,7 +367,7 @@ void CapacityRacesTest::a_path_that_leads_off_the_card_when_it_is_opened_is_left
     TestDevice::remove(elsewhere);
 }
 
-void CapacityRacesTest::a_status_is_asked_for_once_and_once_more_before_a_removal()
+void CapacityRacesTest::a_status_is_read_once_and_again_before_a_removal()
 {
     QMap<QByteArray, int> expected{{"a", 1}, {"b", 1}, {"1", 2}, {"2", 2}};
     ScannedTree::awaitNextChangeTime();
@@ -376,7 +376,7 @@ void CapacityRacesTest::a_status_is_asked_for_once_and_once_more_before_a_remova
         createFile(kRoot + "/" + name, 0);
         expected[name] = 1;
     }
-    // What is no directory and what has a record of its own.
+    // Entries that are not directories and have a record of their own.
     expected[kRoot + "/young 1"] = 1;
     expected[kRoot + "/young 2"] = 1;
     const qint64 limit = WatchedCard::used() - 1'500;
@@ -417,14 +417,14 @@ void CapacityRacesTest::a_directory_is_not_opened_for_each_of_its_files()
     const TracedProcess traced(enforceNothing, [&](const TracedProcess::Call& call) {
         if (isOpeningOf(call, kDir)) {
             ++opened;
-            // A program that is started does not inherit the descriptor, and no link is followed.
+            // Started programs must not inherit the descriptor, and no link is followed.
             lackingFlags |= ~call.arguments[2] & (O_CLOEXEC | O_NOFOLLOW);
         }
     });
     QVERIFY(traced.isFinished());
     QCOMPARE(lackingFlags, quint64{0});
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
-    // To be read, and to remove its files.
+    // Once to read it, once to remove its files.
     QCOMPARE(opened, 2);
 }
 

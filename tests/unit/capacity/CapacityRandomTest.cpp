@@ -25,7 +25,7 @@ QByteArray parentOf(const QByteArray& path)
     return path.left(path.lastIndexOf('/'));
 }
 
-/// Creates a tree in which each file has a change time of its own.
+/// Creates a tree in which each file has a different change time.
 void createTree(unsigned seed, int directories, int files)
 {
     std::mt19937 random(seed);
@@ -53,7 +53,7 @@ void createTree(unsigned seed, int directories, int files)
     }
 }
 
-/// What the rules demand, computed in the simplest way from what find(1) saw.
+/// The result that the rules require, computed in the simplest way from the output of find(1).
 class Model
 {
 public:
@@ -116,11 +116,11 @@ class CapacityRandomTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void what_goes_and_is_logged_is_what_a_plain_computation_demands_data();
-    void what_goes_and_is_logged_is_what_a_plain_computation_demands();
+    void removals_and_records_match_a_plain_computation_data();
+    void removals_and_records_match_a_plain_computation();
 };
 
-void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_demands_data()
+void CapacityRandomTest::removals_and_records_match_a_plain_computation_data()
 {
     QTest::addColumn<unsigned>("seed");
     QTest::addColumn<int>("sharePercent");
@@ -130,7 +130,7 @@ void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_dem
     }
 }
 
-void CapacityRandomTest::what_goes_and_is_logged_is_what_a_plain_computation_demands()
+void CapacityRandomTest::removals_and_records_match_a_plain_computation()
 {
     QFETCH(const unsigned, seed);
     QFETCH(const int, sharePercent);

@@ -20,8 +20,7 @@ namespace {
 
 constexpr int kPatienceMs = 30000;
 
-/// Brings the second directory to 0 bytes until it comes to the file "last", which cannot be
-/// removed, and is cancelled there.
+/// Brings the second directory to 0 bytes and cancels at the file "last", which cannot be removed.
 void enforceUntilLast(LogCapture& log)
 {
     WatchedRuns::createFile("last");
@@ -40,14 +39,14 @@ void enforceUntilLast(LogCapture& log)
     QVERIFY(WatchedRuns::fileExists("after it"));
 }
 
-/// A directory in the second one with one file.
+/// A directory with one file, in the second directory.
 void createDirectoryWithFile(const QByteArray& name)
 {
     ScannedTree::createDirectory(WatchedRuns::kSecond + "/" + name);
     WatchedRuns::createFile(name + "/file");
 }
 
-// What this process has open on the card.
+// The files and directories on the card that this process has open.
 QStringList openOnCard()
 {
     QStringList open;
@@ -62,26 +61,26 @@ QStringList openOnCard()
 
 } // namespace
 
-/// Runs in the background, and how they are cut short.
+/// Background runs and their early end.
 class CapacityRunsTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void signals_and_slots_stand_in_their_order();
+    void signals_and_slots_have_this_order();
     void a_run_has_a_logger_and_a_signal_stack_of_its_own_and_ends_in_the_watchers_thread();
     void the_directories_are_brought_within_their_limits_in_their_order();
     void destruction_ends_a_run_early();
-    void runs_that_do_not_end_are_waited_for_3_seconds_in_all();
+    void the_wait_for_blocked_runs_is_3_seconds_in_total();
     void the_wait_ends_with_the_run();
     void no_run_starts_between_an_abandonment_and_the_next_card();
     void the_cycle_goes_on_for_a_card_that_stays_mounted();
-    void a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied();
-    void a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record();
+    void a_cancelled_enforcement_leaves_no_emptied_directory();
+    void a_cancelled_enforcement_does_not_log_failed_removals();
     void nothing_is_open_while_the_last_records_are_written();
 };
 
-void CapacityRunsTest::signals_and_slots_stand_in_their_order()
+void CapacityRunsTest::signals_and_slots_have_this_order()
 {
     QCOMPARE(methodsOf(StorageCapacityWatcher::staticMetaObject, QMetaMethod::Slot),
              (QStringList{"storageIsReady()", "storageIsUnmounted()", "ensureDirSizeAll()",
@@ -133,7 +132,7 @@ void CapacityRunsTest::destruction_ends_a_run_early()
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
     std::thread release([&log] {
-        // Time enough to begin the destruction.
+        // Long enough for the destruction to begin.
         std::this_thread::sleep_for(std::chrono::seconds(1));
         log.letGo();
     });
@@ -143,7 +142,7 @@ void CapacityRunsTest::destruction_ends_a_run_early()
     QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
 }
 
-void CapacityRunsTest::runs_that_do_not_end_are_waited_for_3_seconds_in_all()
+void CapacityRunsTest::the_wait_for_blocked_runs_is_3_seconds_in_total()
 {
     LogCapture log;
     WatchedRuns runs;
@@ -160,11 +159,11 @@ void CapacityRunsTest::runs_that_do_not_end_are_waited_for_3_seconds_in_all()
     log.letGo();
     QVERIFY(first >= 2990 && second < 2000);
     QVERIFY(runs.waitForEnd());
-    // The directories that came next are left.
+    // The directories after that are left alone.
     QVERIFY(WatchedRuns::fileExists());
     QCOMPARE(log.messages(), QStringList{WatchedRuns::kReport});
 
-    // The next card's runs are waited for anew.
+    // The wait for the next card's runs starts again.
     log.holdAt(WatchedRuns::kReport);
     runs.watcher().storageIsReady();
     QVERIFY(log.waitUntilHeld());
@@ -231,7 +230,7 @@ void CapacityRunsTest::the_cycle_goes_on_for_a_card_that_stays_mounted()
     QVERIFY(runs.waitForEnd());
 }
 
-void CapacityRunsTest::a_cancelled_enforcement_leaves_no_directory_that_it_has_emptied()
+void CapacityRunsTest::a_cancelled_enforcement_leaves_no_emptied_directory()
 {
     LogCapture log;
     const WatchedRuns runs;
@@ -247,7 +246,7 @@ void CapacityRunsTest::a_cancelled_enforcement_leaves_no_directory_that_it_has_e
     QCOMPARE(log.messages().size(), 1);
 }
 
-void CapacityRunsTest::a_cancelled_enforcement_leaves_what_cannot_be_removed_without_a_record()
+void CapacityRunsTest::a_cancelled_enforcement_does_not_log_failed_removals()
 {
     LogCapture log;
     const WatchedRuns runs;

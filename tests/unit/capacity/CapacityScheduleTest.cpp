@@ -26,7 +26,7 @@ private Q_SLOTS:
     void the_interval_counts_from_the_end_of_a_run();
     void each_timeout_starts_a_run_that_starts_the_timer();
     void a_run_that_ends_without_a_card_is_the_last();
-    void a_timer_that_runs_is_not_started_anew();
+    void a_running_timer_is_not_restarted();
     void an_unmounted_card_has_neither_a_next_run_nor_watched_directories();
     void ready_without_a_card_keeps_the_list_and_starts_a_run_that_does_nothing();
 };
@@ -79,7 +79,7 @@ void CapacityScheduleTest::a_positive_number_in_the_file_is_the_interval()
     TestDevice::writeFile(kIntervalFile, content);
     const LogCapture log;
     WatchedRuns runs;
-    // It is read once.
+    // The file is read once.
     TestDevice::writeFile(kIntervalFile, "70000");
     QCOMPARE(runs.timer().interval(), interval > 0 ? interval : kThreeHoursMs);
     QVERIFY(!runs.timer().isActive());
@@ -113,7 +113,7 @@ void CapacityScheduleTest::each_timeout_starts_a_run_that_starts_the_timer()
     for (int i = 0; i < 3; ++i) {
         WatchedRuns::createFile();
         QTRY_VERIFY_WITH_TIMEOUT(!WatchedRuns::fileExists(), 30000);
-        // One after the other, never two.
+        // Never two at the same time.
         QVERIFY(runs.runs() <= 1);
     }
 }
@@ -137,7 +137,7 @@ void CapacityScheduleTest::a_run_that_ends_without_a_card_is_the_last()
              (QStringList{WatchedRuns::kReport, "/media/sdcard/second is not on the card"}));
 }
 
-void CapacityScheduleTest::a_timer_that_runs_is_not_started_anew()
+void CapacityScheduleTest::a_running_timer_is_not_restarted()
 {
     WatchedRuns runs;
     runs.watcher().ensureDirSizeAllDone();

@@ -25,7 +25,7 @@ constexpr qint64 kFileSize = qint64{1} << 40;
 const QByteArray kRoot = WatchedCard::kDirectory;
 const QByteArray kFile = "/media/sdcard/file";
 
-/// Makes @p levels directories, each in the one before, with a file in each.
+/// Creates @p levels nested directories, with a file in each.
 void createDeepTree(int levels, const QByteArray& name)
 {
     QCOMPARE(::chdir(kRoot.constData()), 0);
@@ -64,7 +64,7 @@ private:
 
 } // namespace
 
-/// Trees as large and as deep as a card may hold.
+/// Trees of the largest size and depth on a card.
 class DirectoryScanLimitsTest : public QObject
 {
     Q_OBJECT
@@ -72,10 +72,10 @@ class DirectoryScanLimitsTest : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void a_directory_may_hold_300000_files();
-    void a_tree_deeper_than_a_path_is_long_is_emptied_data();
-    void a_tree_deeper_than_a_path_is_long_is_emptied();
-    void three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is();
+    void a_directory_may_contain_300000_files();
+    void a_tree_deeper_than_path_max_is_emptied_data();
+    void a_tree_deeper_than_path_max_is_emptied();
+    void three_descriptors_and_a_small_stack_suffice_at_any_depth();
     void a_file_costs_at_most_320_bytes_data();
     void a_file_costs_at_most_320_bytes();
     void a_level_of_a_deep_tree_costs_as_little_as_a_file();
@@ -93,7 +93,7 @@ void DirectoryScanLimitsTest::cleanup()
     WatchedCard::remove();
 }
 
-void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
+void DirectoryScanLimitsTest::a_directory_may_contain_300000_files()
 {
     constexpr int kFiles = 300'000;
     ScannedTree::createNames(kFile, kRoot, kFiles, 10);
@@ -106,7 +106,7 @@ void DirectoryScanLimitsTest::a_directory_may_hold_300000_files()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied_data()
+void DirectoryScanLimitsTest::a_tree_deeper_than_path_max_is_emptied_data()
 {
     QTest::addColumn<int>("levels");
     QTest::addColumn<int>("nameLength");
@@ -115,14 +115,14 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied_data(
     QTest::newRow("200 long names") << 200 << 255;
 }
 
-void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
+void DirectoryScanLimitsTest::a_tree_deeper_than_path_max_is_emptied()
 {
     QFETCH(const int, levels);
     QFETCH(const int, nameLength);
     createDeepTree(levels, QByteArray(nameLength, 'x'));
     const LogCapture log;
     WatchedCard::enforce(levels * 1000);
-    // The directories' own sizes are what was too much.
+    // The directories' own sizes exceeded the limit.
     QVERIFY(WatchedCard::entries().size() < 2 * levels);
     WatchedCard::enforce(0);
     QCOMPARE(WatchedCard::entries(), QList<QByteArray>());
@@ -131,7 +131,7 @@ void DirectoryScanLimitsTest::a_tree_deeper_than_a_path_is_long_is_emptied()
     }
 }
 
-void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_however_deep_the_tree_is()
+void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_at_any_depth()
 {
     createDeepTree(200, QByteArray(250, 'x'));
     const LogCapture log(LogLevel::Off);
@@ -141,7 +141,7 @@ void DirectoryScanLimitsTest::three_descriptors_and_a_small_stack_suffice_howeve
         ::close(next);
         rlimit unlimited{};
         ::getrlimit(RLIMIT_NOFILE, &unlimited);
-        // The directory whose files go, and two on the way to one with a long path.
+        // The directory of the removed files, and two on the way to one with a long path.
         const rlimit three{static_cast<rlim_t>(next) + 3, unlimited.rlim_max};
         isLimited = ::setrlimit(RLIMIT_NOFILE, &three) == 0;
         WatchedCard::enforce(0);
@@ -180,7 +180,7 @@ void DirectoryScanLimitsTest::a_file_costs_at_most_320_bytes()
         createDirectory(dir);
         ScannedTree::createNames(kFile, dir, files / directories, kPathLength - dir.size() - 1);
     }
-    // The directories' own sizes are less than that of a file.
+    // The directories' own sizes are smaller than a file.
     const qint64 peak = peakOfEnforcement((files - removed + 1) * kFileSize) - peakOfSingle;
     QVERIFY(peak > 0);
     qInfo("%.1f bytes a file", static_cast<double>(peak) / files);
@@ -199,7 +199,7 @@ void DirectoryScanLimitsTest::a_level_of_a_deep_tree_costs_as_little_as_a_file()
     constexpr int kLevels = 2000;
     QCOMPARE(::chdir(kRoot.constData()), 0);
     for (int i = 0; i < kLevels; ++i) {
-        // A sibling that waits for its turn at each level.
+        // A waiting sibling at each level.
         createDirectory("later");
         createDirectory("x");
         QCOMPARE(::chdir("x"), 0);

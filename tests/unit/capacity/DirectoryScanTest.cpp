@@ -39,7 +39,7 @@ qint64 flatSize(const QByteArray& path)
     return scanSize(path, DirectoryScan::Extent::OneLevel);
 }
 
-/// Makes @p levels directories below the scanned one and enters the last; returns its path.
+/// Creates @p levels directories below the scanned one and enters the last; returns its path.
 QByteArray descend(int levels)
 {
     const QByteArray name(250, 'x');
@@ -64,10 +64,10 @@ private Q_SLOTS:
     void links_are_counted_as_themselves_and_never_followed();
     void a_root_that_cannot_be_measured_is_reported_data();
     void a_root_that_cannot_be_measured_is_reported();
-    void a_path_longer_than_the_system_takes_is_opened_in_parts_without_links();
+    void a_path_longer_than_path_max_is_opened_in_parts_without_links();
     void a_directory_that_may_not_be_read_counts_as_itself();
     void a_cancelled_scan_ends();
-    void sizes_beyond_64_bits_are_the_largest_number();
+    void sizes_beyond_64_bits_saturate();
 };
 
 void DirectoryScanTest::init()
@@ -130,7 +130,7 @@ void DirectoryScanTest::a_root_that_cannot_be_measured_is_reported()
     }
 }
 
-void DirectoryScanTest::a_path_longer_than_the_system_takes_is_opened_in_parts_without_links()
+void DirectoryScanTest::a_path_longer_than_path_max_is_opened_in_parts_without_links()
 {
     // The first part ends with the 16th name.
     const QByteArray before = descend(15);
@@ -179,7 +179,7 @@ void DirectoryScanTest::a_cancelled_scan_ends()
     QVERIFY(scan.files().empty());
 }
 
-void DirectoryScanTest::sizes_beyond_64_bits_are_the_largest_number()
+void DirectoryScanTest::sizes_beyond_64_bits_saturate()
 {
     QVERIFY(TestDevice::mountTmpfs(kRoot, 1048576));
     const qint64 large = std::numeric_limits<qint64>::max() - 4095;

@@ -55,11 +55,11 @@ private Q_SLOTS:
     void without_a_working_directory_a_relative_path_is_a_fatal_error();
     void the_base_name_is_the_last_component_data();
     void the_base_name_is_the_last_component();
-    void without_memory_the_base_name_is_empty_but_one_that_is_known_is_kept();
+    void without_memory_a_new_base_name_is_empty_and_a_known_one_is_kept();
     void the_status_is_that_of_the_file();
-    void what_does_not_exist_is_invalid_and_logged();
-    void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do_data();
-    void a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do();
+    void a_missing_entry_is_invalid_and_logged();
+    void a_change_time_beyond_64_bit_nanoseconds_is_clamped_data();
+    void a_change_time_beyond_64_bit_nanoseconds_is_clamped();
 };
 
 void SDCardFileInfoTest::init()
@@ -162,7 +162,7 @@ void SDCardFileInfoTest::the_base_name_is_the_last_component()
     QTEST(QByteArray(info.baseName()), "baseName");
 }
 
-void SDCardFileInfoTest::without_memory_the_base_name_is_empty_but_one_that_is_known_is_kept()
+void SDCardFileInfoTest::without_memory_a_new_base_name_is_empty_and_a_known_one_is_kept()
 {
     const SDCardFileInfo info("/w/sub");
     const LogCapture log;
@@ -184,7 +184,7 @@ void SDCardFileInfoTest::without_memory_the_base_name_is_empty_but_one_that_is_k
 void SDCardFileInfoTest::the_status_is_that_of_the_file()
 {
     TestDevice::writeFile("/w/file", "12345");
-    // Beyond what fits into 32 bits.
+    // More than fits into 32 bits.
     QCOMPARE(::truncate("/w/file", 5'000'000'000), 0);
     struct stat status = {};
     QCOMPARE(::lstat("/w/file", &status), 0);
@@ -196,7 +196,7 @@ void SDCardFileInfoTest::the_status_is_that_of_the_file()
              qint64{status.st_ctim.tv_sec} * 1'000'000'000 + status.st_ctim.tv_nsec);
 }
 
-void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
+void SDCardFileInfoTest::a_missing_entry_is_invalid_and_logged()
 {
     const LogCapture log;
     const SDCardFileInfo info("/w//missing");
@@ -210,10 +210,9 @@ void SDCardFileInfoTest::what_does_not_exist_is_invalid_and_logged()
     QCOMPARE(log.errorCount(), 1U);
 }
 
-void SDCardFileInfoTest::
-    a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do_data()
+void SDCardFileInfoTest::a_change_time_beyond_64_bit_nanoseconds_is_clamped_data()
 {
-    // Seconds are 64 bits wide only where time_t is.
+    // Seconds have 64 bits only if time_t has.
     QTest::addColumn<qint64>("seconds");
     QTest::addColumn<qint64>("nanoseconds");
     QTest::addColumn<qint64>("changeTime");
@@ -229,7 +228,7 @@ void SDCardFileInfoTest::
     }
 }
 
-void SDCardFileInfoTest::a_change_time_that_nanoseconds_do_not_reach_is_the_nearest_that_they_do()
+void SDCardFileInfoTest::a_change_time_beyond_64_bit_nanoseconds_is_clamped()
 {
     QFETCH(const qint64, seconds);
     QFETCH(const qint64, nanoseconds);

@@ -32,7 +32,7 @@ QByteArray watched(const QByteArray& name, const QByteArray& size = "0",
     return "<dir capacitywatch='true' size='" + size + "'>" + name + children + "</dir>";
 }
 
-/// A watcher of the directories that a configuration names.
+/// A watcher of the directories in a configuration.
 struct Watch
 {
     explicit Watch(const QByteArray& children) : config(CardConfig::withChildren(children))
@@ -69,7 +69,7 @@ int __wrap_statvfs64(const char* path, struct statvfs64* status)
 } // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-/// Which directories are watched, with which limit, and how they are asked for.
+/// Which directories are watched, with which limits, and how callers select them.
 class WatchedDirectoriesTest : public QObject
 {
     Q_OBJECT
@@ -78,14 +78,14 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void only_marked_directories_are_watched_once_the_list_is_built();
-    void a_directory_is_asked_for_by_its_base_name_data();
-    void a_directory_is_asked_for_by_its_base_name();
+    void a_directory_is_selected_by_its_base_name_data();
+    void a_directory_is_selected_by_its_base_name();
     void the_limit_is_the_share_of_the_card_data();
     void the_limit_is_the_share_of_the_card();
-    void a_card_whose_size_cannot_be_read_gives_limits_of_0();
-    void a_path_is_utf_8_from_the_configuration_to_the_removal_in_a_c_environment();
+    void a_card_with_an_unreadable_size_has_limits_of_0();
+    void paths_stay_utf_8_in_the_c_locale();
     void directories_that_cannot_be_watched_are_left_out();
-    void a_directory_that_can_be_watched_later_is_taken_in_then();
+    void a_directory_that_becomes_usable_is_watched_from_then_on();
     void a_watched_directory_that_has_vanished_is_reported();
     void a_link_is_followed_on_the_card_and_not_off_it();
     void one_level_and_a_whole_tree_are_measured();
@@ -125,7 +125,7 @@ void WatchedDirectoriesTest::only_marked_directories_are_watched_once_the_list_i
                                           noWatchedDirectory("c")}));
 }
 
-void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name_data()
+void WatchedDirectoriesTest::a_directory_is_selected_by_its_base_name_data()
 {
     QTest::addColumn<QString>("identifier");
     QTest::addColumn<bool>("isKnown");
@@ -142,7 +142,7 @@ void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name_data()
     QTest::newRow("mount point") << "sdcard" << false;
 }
 
-void WatchedDirectoriesTest::a_directory_is_asked_for_by_its_base_name()
+void WatchedDirectoriesTest::a_directory_is_selected_by_its_base_name()
 {
     QFETCH(const QString, identifier);
     QFETCH(const bool, isKnown);
@@ -176,7 +176,7 @@ void WatchedDirectoriesTest::the_limit_is_the_share_of_the_card()
     createFile(dir + "/young", 0);
     const Watch watch(watched("w", size));
     const qint64 rest = limit - ScannedTree::sizeOf(dir);
-    // A hole, so that more than the card holds is possible.
+    // A hole, so that the file may be larger than the card.
     QCOMPARE(::truncate((dir + "/young").constData(), rest), 0);
     QVERIFY(watch.watcher.ensureDirSize("w"));
     QVERIFY(exists(dir + "/old"));
@@ -185,7 +185,7 @@ void WatchedDirectoriesTest::the_limit_is_the_share_of_the_card()
     QVERIFY(!exists(dir + "/old"));
 }
 
-void WatchedDirectoriesTest::a_card_whose_size_cannot_be_read_gives_limits_of_0()
+void WatchedDirectoriesTest::a_card_with_an_unreadable_size_has_limits_of_0()
 {
     createDirectory(kCard + "/w");
     createFile(kCard + "/w/file", 0);
@@ -197,8 +197,7 @@ void WatchedDirectoriesTest::a_card_whose_size_cannot_be_read_gives_limits_of_0(
     QCOMPARE(log.messages(), QStringList());
 }
 
-void WatchedDirectoriesTest::
-    a_path_is_utf_8_from_the_configuration_to_the_removal_in_a_c_environment()
+void WatchedDirectoriesTest::paths_stay_utf_8_in_the_c_locale()
 {
     QTextCodec* const codec = QTextCodec::codecForLocale();
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("US-ASCII"));
@@ -230,7 +229,7 @@ void WatchedDirectoriesTest::directories_that_cannot_be_watched_are_left_out()
     for (const char* const name : {"/closed", "/read-only", "/last"}) {
         createDirectory(kCard + name);
     }
-    // The owner's bits decide, whoever the owner is.
+    // The owner's bits decide, for every owner.
     QCOMPARE(::chmod((kCard + "/closed").constData(), 0077), 0);
     QCOMPARE(::chmod((kCard + "/read-only").constData(), 0577), 0);
     QCOMPARE(::chmod((kCard + "/last").constData(), 0600), 0);
@@ -255,7 +254,7 @@ void WatchedDirectoriesTest::directories_that_cannot_be_watched_are_left_out()
     QVERIFY(watch.watcher.ensureDirSize("last"));
 }
 
-void WatchedDirectoriesTest::a_directory_that_can_be_watched_later_is_taken_in_then()
+void WatchedDirectoriesTest::a_directory_that_becomes_usable_is_watched_from_then_on()
 {
     const LogCapture log;
     Watch watch(watched("w", "90"));
@@ -295,7 +294,7 @@ void WatchedDirectoriesTest::a_link_is_followed_on_the_card_and_not_off_it()
     const Watch watch("<dir size='50'>away" + watched("w") + "</dir><dir size='50'>link" +
                       watched("w") + "</dir>");
     const LogCapture log;
-    // Of two directories of one name the first is meant.
+    // With two directories of the same name the first one is used.
     QVERIFY(watch.watcher.ensureDirSize("w"));
     QVERIFY(exists(inside + "/w/file"));
     watch.watcher.ensureDirSizeAll();

@@ -30,15 +30,15 @@ private Q_SLOTS:
     void only_the_exact_mount_point_counts_data();
     void only_the_exact_mount_point_counts();
     void a_device_that_is_named_like_the_mount_point_does_not_count();
-    void sizes_are_those_of_the_mounted_file_system();
+    void sizes_come_from_the_mounted_file_system();
     void there_is_no_size_without_a_mount();
-    void the_device_is_that_of_what_is_mounted();
+    void the_device_is_that_of_the_mounted_file_system();
     void there_is_no_device_without_a_mount();
-    void a_mount_point_is_removed_with_what_lies_in_it();
-    void a_mount_point_that_is_gone_need_not_be_removed();
+    void a_mount_point_is_removed_with_its_content();
+    void a_missing_mount_point_counts_as_removed();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted_data();
     void nothing_is_removed_as_long_as_a_file_system_is_mounted();
-    void nothing_is_removed_where_the_mount_table_cannot_be_read();
+    void nothing_is_removed_if_the_mount_table_cannot_be_read();
 };
 
 void MountedFileSystemTest::init()
@@ -97,7 +97,7 @@ void MountedFileSystemTest::a_device_that_is_named_like_the_mount_point_does_not
     QVERIFY(!isMounted);
 }
 
-void MountedFileSystemTest::sizes_are_those_of_the_mounted_file_system()
+void MountedFileSystemTest::sizes_come_from_the_mounted_file_system()
 {
     QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
     TestDevice::writeFile(kMountPoint + "/file", QByteArray(kMegabyte, 'x'));
@@ -112,12 +112,12 @@ void MountedFileSystemTest::there_is_no_size_without_a_mount()
     QVERIFY(!MountedFileSystem(kMountPoint).size());
 }
 
-void MountedFileSystemTest::the_device_is_that_of_what_is_mounted()
+void MountedFileSystemTest::the_device_is_that_of_the_mounted_file_system()
 {
     const MountedFileSystem card(kMountPoint);
     struct stat status = {};
     for (int round = 0; round < 2; ++round) {
-        // The second time over the first.
+        // A second mount on top of the first.
         QVERIFY(TestDevice::mountTmpfs(kMountPoint, kSize));
         QCOMPARE(::stat(kMountPoint.toUtf8(), &status), 0);
         QCOMPARE(card.device(), status.st_dev);
@@ -132,14 +132,14 @@ void MountedFileSystemTest::there_is_no_device_without_a_mount()
     QCOMPARE(device, dev_t{0});
 }
 
-void MountedFileSystemTest::a_mount_point_is_removed_with_what_lies_in_it()
+void MountedFileSystemTest::a_mount_point_is_removed_with_its_content()
 {
     TestDevice::writeFile(kMountPoint + "/dir/file", "below");
     QVERIFY(removeMountPoint(kMountPoint));
     QVERIFY(!QFile::exists(kMountPoint));
 }
 
-void MountedFileSystemTest::a_mount_point_that_is_gone_need_not_be_removed()
+void MountedFileSystemTest::a_missing_mount_point_counts_as_removed()
 {
     QVERIFY(removeMountPoint("/media/missing"));
 }
@@ -177,12 +177,12 @@ void MountedFileSystemTest::nothing_is_removed_as_long_as_a_file_system_is_mount
     QCOMPARE(content, QByteArray("kept"));
 }
 
-void MountedFileSystemTest::nothing_is_removed_where_the_mount_table_cannot_be_read()
+void MountedFileSystemTest::nothing_is_removed_if_the_mount_table_cannot_be_read()
 {
     TestDevice::writeFile(kMountPoint + "/kept", "kept");
     QVERIFY(TestDevice::mountTmpfs("/proc", kMegabyte));
     const bool isGone = removeMountPoint(kMountPoint);
-    // Only this one: the other below it is needed.
+    // Only this one: the test still needs the other one below it.
     QCOMPARE(::umount("/proc"), 0);
     QVERIFY(!isGone);
     QCOMPARE(TestDevice::readFile(kMountPoint + "/kept"), QByteArray("kept"));

@@ -19,8 +19,8 @@ private Q_SLOTS:
     void a_run_has_this_result_and_these_records();
     void a_capture_has_this_result_and_these_records_data();
     void a_capture_has_this_result_and_these_records();
-    void the_command_line_is_logged_where_asked_for_data();
-    void the_command_line_is_logged_where_asked_for();
+    void the_command_line_is_logged_on_request_data();
+    void the_command_line_is_logged_on_request();
     void records_that_are_off_are_not_written_and_failures_still_count();
     void a_worker_runs_commands_with_its_own_logger();
     void no_process_object_outlives_a_capture();
@@ -33,7 +33,7 @@ namespace {
 
 const QString kTool = QStringLiteral("/opt/tool");
 const QString kPidFile = QStringLiteral("/run/tool.pid");
-// exec, so that no child of the shell's own is left.
+// exec, so that the shell leaves no child.
 const QByteArray kHang = "echo $$ > /run/tool.pid; exec sleep 1000";
 const QString kExecuting = QStringLiteral("INFO Executing '/opt/tool'...");
 const QString kNotStarted = QStringLiteral("ERROR Starting command failed (exitstatus:0)");
@@ -46,7 +46,7 @@ log4cxx::LoggerPtr worker()
     return log4cxx::Logger::getLogger("worker");
 }
 
-// No script means that there is no such program.
+// Without a script the program does not exist.
 void placeTool(const QByteArray& script)
 {
     if (!script.isEmpty()) {
@@ -173,7 +173,7 @@ void SdcardCommandTest::a_capture_has_this_result_and_these_records()
     QVERIFY(!hasHangingTool());
 }
 
-void SdcardCommandTest::the_command_line_is_logged_where_asked_for_data()
+void SdcardCommandTest::the_command_line_is_logged_on_request_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("text");
@@ -183,7 +183,7 @@ void SdcardCommandTest::the_command_line_is_logged_where_asked_for_data()
                                             << "Executing '/bin/true a b $HOME *  ';''...";
 }
 
-void SdcardCommandTest::the_command_line_is_logged_where_asked_for()
+void SdcardCommandTest::the_command_line_is_logged_on_request()
 {
     QFETCH(const QStringList, arguments);
     QFETCH(const QString, text);

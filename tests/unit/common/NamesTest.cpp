@@ -16,7 +16,7 @@ using Values = std::vector<PublishedValue>;
 
 Q_DECLARE_METATYPE(Values)
 
-/// What is written by hand in other languages says the same as the tables.
+/// Files in other languages repeat the tables of the code and must agree with them.
 class NamesTest : public QObject
 {
     Q_OBJECT
@@ -65,7 +65,7 @@ QString manPage()
     return textOf("docs/man/sdcardctl.1.scd");
 }
 
-// What the groups of a pattern match, by the first of them.
+// The groups of all matches of a pattern, by the first group.
 QMap<QString, QString> matches(const QString& pattern, const QString& text)
 {
     QMap<QString, QString> found;

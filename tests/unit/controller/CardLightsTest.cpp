@@ -36,12 +36,12 @@ private Q_SLOTS:
         QTEST(leds.take(), "writes");
     }
 
-    void a_missing_led_is_skipped_and_the_other_still_driven_data()
+    void a_missing_led_is_skipped_and_the_other_is_written_data()
     {
         each_pattern_is_these_writes_in_this_order_data();
     }
 
-    void a_missing_led_is_skipped_and_the_other_still_driven()
+    void a_missing_led_is_skipped_and_the_other_is_written()
     {
         QFETCH(const Pattern, pattern);
         QFETCH(const QStringList, writes);

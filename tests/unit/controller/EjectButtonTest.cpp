@@ -35,7 +35,7 @@ private Q_SLOTS:
         QVERIFY(button.read());
     }
 
-    void a_button_is_pressed_where_its_file_says_1_data()
+    void a_button_is_pressed_if_its_file_contains_1_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<int>("left");
@@ -51,7 +51,7 @@ private Q_SLOTS:
         QTest::newRow("another base") << QByteArray("0x1\n") << 22;
     }
 
-    void a_button_is_pressed_where_its_file_says_1()
+    void a_button_is_pressed_if_its_file_contains_1()
     {
         QFETCH(const QByteArray, content);
         QFETCH(const int, left);

@@ -4,7 +4,7 @@
 
 namespace {
 
-// What the clock shows; the system's time where it is null.
+// The simulated time; the system's time if null.
 QDateTime now;
 
 } // namespace
@@ -46,7 +46,7 @@ private Q_SLOTS:
         now = birth.addMSecs(sinceFormatMs);
         QCOMPARE(echo.takeRemoval(), isEcho);
         QCOMPARE(echo.isEcho(), isEcho);
-        // The first removal forgets the format.
+        // The first removal clears the record of the format.
         now = birth.addMSecs(1000);
         QVERIFY(!echo.takeRemoval());
         QVERIFY(!echo.isEcho());

@@ -62,7 +62,7 @@ private Q_SLOTS:
         CardImage::remove();
     }
 
-    void what_is_not_mounted_has_no_used_share()
+    void an_unmounted_card_has_no_used_share()
     {
         QCOMPARE(MemoryGauge::usedPercentage("/nowhere"), 0);
 
@@ -73,7 +73,7 @@ private Q_SLOTS:
         QVERIFY(MemoryGauge::usedPercentage("/media/sdcard2") > 0);
         TestDevice::unmountAll("/media/sdcard2");
 
-        // Mounted, and yet statvfs(2) fails.
+        // Mounted, but statvfs(2) fails.
         const MountTable table("a /media/gone ext4 rw 0 0\n");
         QCOMPARE(MemoryGauge::usedPercentage("/media/gone"), 0);
     }

@@ -22,7 +22,7 @@ private Q_SLOTS:
         ToolStandIn::takeCalls();
     }
 
-    void lsof_says_which_processes_hold_files_open_data()
+    void lsof_reports_the_processes_with_open_files_data()
     {
         QTest::addColumn<QByteArray>("lsof");
         QTest::addColumn<int>("exitCode");
@@ -31,7 +31,7 @@ private Q_SLOTS:
         QTest::newRow("nothing") << QByteArray("echo careful >&2") << 0 << before;
         QTest::newRow("processes")
             << QByteArray("echo 12; echo 4000000") << 0 << QList<QByteArray>{"7", "12", "4000000"};
-        // kill(2) would take 0 and negative numbers for whole groups of processes.
+        // kill(2) treats 0 and negative numbers as process groups.
         QTest::newRow("no ids") << QByteArray(R"(printf '\nx13\n14y\n0\n-1\n99999999999\n')") << 0
                                 << before;
         QTest::newRow("exit code 1") << QByteArray("echo 12; exit 1") << 1 << before;
@@ -39,7 +39,7 @@ private Q_SLOTS:
         QTest::newRow("crash") << QByteArray("echo 12; kill -9 $$") << -1 << before;
     }
 
-    void lsof_says_which_processes_hold_files_open()
+    void lsof_reports_the_processes_with_open_files()
     {
         QFETCH(const QByteArray, lsof);
         ToolStandIn::place(ToolStandIn::kLsof, lsof);

@@ -13,7 +13,7 @@ const QString kLsofFailed =
 const QString kNothingFound =
     QStringLiteral("ERROR sdcard sdcard: Cannot get number of processes with open files, 'lsof' "
                    "utility failed with exit code 1");
-// Two processes, whose ids are larger than any that the kernel gives, with a file each.
+// Two processes with ids larger than any of the kernel, each with one file.
 const QByteArray kTwoProcesses(R"(case $1 in
 -t) echo 4194305; echo 4194306;;
 -F) printf 'p%s\nn/\nn/media/sdcard/a b\n' $3;;

@@ -28,7 +28,7 @@ private Q_SLOTS:
                               "CardRemoved", "SD_REMOVE", "REMOVE_DEVICE"}));
     }
 
-    void a_held_button_brings_the_card_out()
+    void a_held_button_ejects_the_card()
     {
         ControllerDevice device(mBus);
         Sdcard& controller = device.startIn("mounted");
@@ -55,7 +55,7 @@ private Q_SLOTS:
         QCOMPARE(device.effects().take(), QStringList());
     }
 
-    void a_rebooting_system_is_told_by_its_run_level_data()
+    void the_run_level_shows_a_reboot_data()
     {
         QTest::addColumn<QByteArray>("runlevel");
         QTest::addColumn<bool>("isRebooting");
@@ -77,7 +77,7 @@ private Q_SLOTS:
         QTest::newRow("unknown") << QByteArray("echo unknown; exit 1") << false << none;
     }
 
-    void a_rebooting_system_is_told_by_its_run_level()
+    void the_run_level_shows_a_reboot()
     {
         QFETCH(const QByteArray, runlevel);
         QFETCH(const bool, isRebooting);

@@ -15,7 +15,7 @@ const QString kError = QStringLiteral("ERROR sdcard sdcard: ");
 const QString kSearch = QStringLiteral("lsof -t -Q /media/sdcard");
 const QString kUmount = QStringLiteral("umount2 /media/sdcard 0");
 
-// Null where no process of the list is alive.
+// Null if no process of the list is alive.
 TestProcess* holder = nullptr;
 QVector<unsigned long> waits;
 

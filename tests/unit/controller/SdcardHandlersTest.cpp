@@ -16,7 +16,7 @@ namespace {
 
 const QString kInfo = QStringLiteral("INFO sdcard sdcard: ");
 
-/// What reports the calls of the functions below; null where nobody asks.
+/// Receives the calls of the functions below; null if no test needs them.
 ControllerDevice* observed = nullptr;
 
 void observe(const QString& call)
@@ -67,7 +67,7 @@ private Q_SLOTS:
         SystemCalls::reset();
     }
 
-    void without_the_bus_name_the_card_is_handled_all_the_same()
+    void the_card_is_handled_without_the_bus_name()
     {
         ControllerDevice device(mBus);
         QDBusConnection other = mBus.connection("other");
@@ -90,7 +90,7 @@ private Q_SLOTS:
         QVERIFY(device.waitForState("mounted"));
     }
 
-    void without_its_place_on_the_bus_the_object_is_not_registered()
+    void with_its_path_taken_the_object_is_not_registered()
     {
         ControllerDevice device(mBus);
         QObject other;
@@ -103,7 +103,7 @@ private Q_SLOTS:
         QVERIFY(device.effects().take().contains("ADD_DEVICE"));
     }
 
-    void without_a_socket_pair_the_card_is_handled_all_the_same()
+    void the_card_is_handled_without_a_socket_pair()
     {
         ControllerDevice device(mBus);
         SystemCalls::fail(SystemCalls::Call::SocketPair, EMFILE);
@@ -273,7 +273,7 @@ private Q_SLOTS:
         QVERIFY(!stateTimer.isActive());
     }
 
-    void timers_are_single_shot_where_they_bound_something()
+    void timers_that_limit_something_are_single_shot()
     {
         ControllerDevice device(mBus);
         QStringList singleShot;

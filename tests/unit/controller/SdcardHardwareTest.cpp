@@ -27,7 +27,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isListed");
         QTest::addColumn<bool>("hasPartitionNode");
         QTest::addColumn<Types>("types");
-        QTest::addColumn<QByteArray>("script"); // null where it does not run
+        QTest::addColumn<QByteArray>("script"); // null if it does not run
         QTest::addColumn<QStringList>("records");
         const Types fat{CardImage::kFat};
         const QByteArray notRun;
@@ -87,7 +87,7 @@ private Q_SLOTS:
         }
     }
 
-    void a_card_whose_table_cannot_be_read_is_left()
+    void a_card_with_an_unreadable_table_is_left_alone()
     {
         ControllerDevice device(mBus);
         CardImage::listMmcCard();

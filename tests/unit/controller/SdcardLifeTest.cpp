@@ -44,7 +44,7 @@ private Q_SLOTS:
         const Life pull = [](ControllerDevice& device) {
             device.removeCard();
         };
-        // What is announced leaves before the machine moves.
+        // The bus signal is sent before the machine changes its state.
         QTest::newRow("pulled") << pull
                                 << QStringList{
                                        "CardRemoved: State 3, Transition 1, IsMounted 1" + timers,
@@ -109,7 +109,7 @@ private Q_SLOTS:
                   properties));
     }
 
-    void workers_that_end_at_once_take_the_card_on()
+    void the_machine_moves_on_when_workers_end_at_once()
     {
         ControllerDevice device(mBus);
         QVERIFY(CardImage::createPartition());
@@ -125,7 +125,7 @@ private Q_SLOTS:
         QVERIFY(device.waitForState("mounted"));
     }
 
-    void a_signal_that_comes_before_the_event_loop_ends_the_service_data()
+    void a_signal_before_the_event_loop_ends_the_service_data()
     {
         QTest::addColumn<bool>("hasCard");
         QTest::addColumn<QStringList>("signalNames");
@@ -137,7 +137,7 @@ private Q_SLOTS:
                                    "MemStateChanged 1"};
     }
 
-    void a_signal_that_comes_before_the_event_loop_ends_the_service()
+    void a_signal_before_the_event_loop_ends_the_service()
     {
         QFETCH(const bool, hasCard);
         ControllerDevice device(mBus);
@@ -152,7 +152,7 @@ private Q_SLOTS:
         QTEST(device.effects().takeParts().signalNames, "signalNames");
     }
 
-    void a_request_of_a_mounting_is_obeyed_when_the_card_is_gone()
+    void a_request_during_mounting_is_obeyed_when_the_card_is_gone()
     {
         ControllerDevice device(mBus);
         device.startIn("mounting");

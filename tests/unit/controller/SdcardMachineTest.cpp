@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The machine as the page draws it: where it begins, its transitions, where it ends.
+/// The machine in the form of the page: its start, its transitions, its end.
 QStringList pictureOf(const QStateMachine& machine)
 {
     QStringList lines{"[*] --> " + machine.initialState()->objectName()};
@@ -62,7 +62,7 @@ private Q_SLOTS:
         QVERIFY(!machine.parent());
     }
 
-    // What a transition does, and who triggers it, is in the table of SdcardStatesTest.
+    // The table of SdcardStatesTest covers the actions and triggers of the transitions.
     void the_documented_picture_shows_all_transitions_in_their_order()
     {
         const QString page = QString::fromUtf8(TestDevice::readFile(":/architecture.md"));

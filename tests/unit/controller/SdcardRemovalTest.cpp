@@ -129,14 +129,14 @@ private Q_SLOTS:
                  MountState::ReadOnly);
     }
 
-    void a_card_of_a_failed_forced_unmount_is_gone_all_the_same()
+    void a_card_is_gone_even_after_a_failed_forced_unmount()
     {
         ControllerDevice device(mBus);
         Sdcard& controller = device.startIn("mounted");
         QFile open(ControllerDevice::kMountPoint + "/filling");
         QVERIFY(open.open(QIODevice::ReadOnly));
         device.removeCard();
-        // Its limits are kept.
+        // Its limits stay.
         QVERIFY(controller.ensureDirSize("csv"));
         QCOMPARE(device.effects().errorCount(), 1U);
         const QStringList records = device.effects().takeParts().logRecords;

@@ -7,7 +7,7 @@
 #include "SDCardImpl.h"
 #include "TestDevice.h"
 
-/// What is seen of a device: the state of its machine, and the bus object's properties.
+/// The visible state of a device: the state of its machine, and the bus object's properties.
 struct Shown
 {
     QString machineState;
@@ -24,7 +24,7 @@ namespace {
 struct StateRow
 {
     Shown shown;
-    // After a refresh; 6 and 77 are what they were before.
+    // After a refresh; 6 and 77 are the values before it.
     int refreshedState;
     int refreshedLevel;
 };
@@ -41,7 +41,7 @@ struct Outcome
 const QStringList kNone;
 const QStringList kUnmount{"CardUnmounted", "MemLevelChanged 0", "MemStateChanged 1"};
 
-// In the beginning the card, where mounted, is used to 30 %.
+// At the start the card, if mounted, is 30 % full.
 std::vector<StateRow> states()
 {
     // clang-format off
@@ -65,7 +65,7 @@ std::vector<StateRow> states()
 struct Event
 {
     const char* name;
-    int transition; // 0 for an event that leaves it as it was
+    int transition; // 0 for an event that does not change it
     void (*cause)(ControllerDevice& device);
 };
 
@@ -104,7 +104,7 @@ const std::vector<Event> kEvents{
      }},
 };
 
-// Missing: the events that change nothing but the transition.
+// Missing: events that change only the transition.
 std::vector<Outcome> outcomes()
 {
     using namespace LedWrites;
@@ -199,7 +199,7 @@ private Q_SLOTS:
         QCOMPARE(service.memState(), shown.memState);
         QCOMPARE(service.memLevel(), shown.memLevel);
         const EffectRecorder::Parts effects = device.effects().takeParts();
-        // CardInserted and CardRemoved are the event here.
+        // Here CardInserted and CardRemoved are the events.
         const QRegularExpression ofBus("^(Card(Corrupt|Mounted|NotMountable|Unmounted)|Eject|Mem)");
         QTEST(effects.signalNames.filter(ofBus), "busSignals");
         QTEST(effects.ledWrites, "ledWrites");

@@ -80,7 +80,7 @@ private Q_SLOTS:
         TestDevice::unmountAll(kMountPoint);
     }
 
-    void an_unmount_removes_the_mount_point_with_what_lies_below_it()
+    void an_unmount_removes_the_mount_point_with_its_content()
     {
         ControllerDevice device(mBus);
         Sdcard& controller = device.construct();

@@ -106,11 +106,11 @@ private Q_SLOTS:
         QCOMPARE(afterwards, ENOTTY);
     }
 
-    void signals_beyond_what_the_socket_holds_do_not_block()
+    void signals_do_not_block_when_the_socket_is_full()
     {
         QCOMPARE(mSignals->setUp(this), QByteArray());
         const Handler handler = actionOf(SIGTERM).sa_handler;
-        // Interrupts a write that blocks, so that the test fails instead of hanging.
+        // Interrupts a blocked write, so that the test fails and does not hang.
         setHandler(SIGALRM, ignore);
         constexpr itimerval kPatience{{0, 1000}, {10, 0}};
         ::setitimer(ITIMER_REAL, &kPatience, nullptr);
@@ -151,7 +151,7 @@ private Q_SLOTS:
         QCOMPARE(mSignals->setUp(this), QByteArray());
         const Handler handler = actionOf(SIGTERM).sa_handler;
         mSignals->tearDown();
-        // These sockets get the numbers that the closed ones had.
+        // These sockets get the numbers of the closed ones.
         std::array<int, 2> pair{};
         QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
         handler(SIGTERM);
@@ -163,7 +163,7 @@ private Q_SLOTS:
         ::close(pair[1]);
     }
 
-    void tear_down_gives_everything_back()
+    void tear_down_restores_everything()
     {
         QCOMPARE(mSignals->setUp(this), QByteArray());
         QVERIFY(actionOf(SIGHUP).sa_handler != ignore);
@@ -176,7 +176,7 @@ private Q_SLOTS:
         QVERIFY(actionOf(SIGSEGV).sa_handler == SIG_DFL);
         QVERIFY(mSignals->notifier() == nullptr);
         QCOMPARE(::fcntl(closed, F_GETFD), -1);
-        // The end of the data: nothing has the other end open.
+        // End of data: nothing has the other end open.
         char byte = 0;
         QCOMPARE(::recv(copy, &byte, 1, MSG_DONTWAIT), ssize_t{0});
         ::close(copy);

@@ -37,11 +37,11 @@ class ConfigCardTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanup();
-    void a_size_under_an_unknown_name_is_nothing();
-    void the_use_of_a_directory_without_a_card_is_nothing();
+    void size_and_use_of_an_unknown_name_are_0();
+    void the_use_of_a_directory_without_a_card_is_0();
     void the_use_of_a_missing_directory_is_reported();
-    void the_first_directory_of_a_name_is_asked();
-    void each_question_for_a_use_reads_the_interval_file();
+    void the_first_directory_of_a_name_is_used();
+    void each_query_of_the_use_reads_the_interval_file();
     void a_card_device_is_a_link_of_the_first_slot_data();
     void a_card_device_is_a_link_of_the_first_slot();
     void there_is_no_card_device_without_the_kernels_directory();
@@ -49,7 +49,7 @@ private Q_SLOTS:
 
 void ConfigCardTest::initTestCase()
 {
-    // Its device directory is the kernel's; the tests lay out one of their own.
+    // The service reads the kernel's device directory; the tests build their own.
     QVERIFY(TestDevice::mountTmpfs("/sys/bus", kMegabyte));
 }
 
@@ -61,7 +61,7 @@ void ConfigCardTest::cleanup()
     TestDevice::remove("/etc/scw_interval");
 }
 
-void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
+void ConfigCardTest::size_and_use_of_an_unknown_name_are_0()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     const ConfigHandler config =
@@ -73,7 +73,7 @@ void ConfigCardTest::a_size_under_an_unknown_name_is_nothing()
     QCOMPARE(config.getDirUsed("Logs"), qint64{0});
 }
 
-void ConfigCardTest::the_use_of_a_directory_without_a_card_is_nothing()
+void ConfigCardTest::the_use_of_a_directory_without_a_card_is_0()
 {
     TestDevice::writeFile("/media/sdcard/logs/a", QByteArray(1000, 'x'));
     const ConfigHandler config = CardConfig::withChildren("<dir size='50'>logs</dir>");
@@ -92,7 +92,7 @@ void ConfigCardTest::the_use_of_a_missing_directory_is_reported()
     QCOMPARE(log.errorCount(), 1U);
 }
 
-void ConfigCardTest::the_first_directory_of_a_name_is_asked()
+void ConfigCardTest::the_first_directory_of_a_name_is_used()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     TestDevice::writeFile("/media/sdcard/a/x/file", QByteArray(1000, 'x'));
@@ -103,7 +103,7 @@ void ConfigCardTest::the_first_directory_of_a_name_is_asked()
     QCOMPARE(config.getDirSize("x"), static_cast<qint64>(kCardSize * 0.05));
 }
 
-void ConfigCardTest::each_question_for_a_use_reads_the_interval_file()
+void ConfigCardTest::each_query_of_the_use_reads_the_interval_file()
 {
     QVERIFY(TestDevice::mountTmpfs(CardConfig::kMountPoint, kCardSize));
     QVERIFY(QDir().mkpath("/media/sdcard/logs"));
@@ -139,7 +139,7 @@ void ConfigCardTest::a_card_device_is_a_link_of_the_first_slot()
     QVERIFY(QDir().mkpath(kMmcDevices));
     makeLink("../devices/other", kMmcDevices + "/mmc2:0001");
     if (isLink) {
-        // It leads nowhere, as the kernel's may while a card goes.
+        // A dangling link, as the kernel's may be while a card is removed.
         makeLink("../../../devices/mmc_host/nowhere", kMmcDevices + "/" + name);
     } else {
         QVERIFY(QDir().mkpath(kMmcDevices + "/" + name));

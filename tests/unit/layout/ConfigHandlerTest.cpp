@@ -48,7 +48,7 @@ private Q_SLOTS:
     void empty_paths_replace_the_default_ones();
     void another_file_can_be_read();
     void a_file_name_beyond_ascii_is_readable_in_a_parsing_error();
-    void directories_and_links_stand_in_document_order();
+    void directories_and_links_are_in_document_order();
     void elements_inside_of_a_link_are_ignored();
     void all_attributes_of_a_directory_are_kept();
     void only_the_word_true_switches_watching_on_data();
@@ -67,7 +67,7 @@ private Q_SLOTS:
     void a_file_that_cannot_be_parsed_is_reported_data();
     void a_file_that_cannot_be_parsed_is_reported();
     void what_was_read_before_an_error_is_kept();
-    void errors_count_where_their_level_is_off();
+    void errors_count_even_if_their_level_is_off();
     void reading_again_replaces_the_layout();
 };
 
@@ -118,7 +118,7 @@ void ConfigHandlerTest::empty_paths_replace_the_default_ones()
     QVERIFY(config.setup());
     QCOMPARE(config.mountPoint(), QString(""));
     QCOMPARE(config.devicePath(), QString(""));
-    // No card is there, and the root directory is none.
+    // No card is mounted, and the root directory does not count as one.
     QVERIFY(!config.applyConfigLayout());
     QVERIFY(!QFileInfo::exists("/empty"));
 }
@@ -151,7 +151,7 @@ void ConfigHandlerTest::a_file_name_beyond_ascii_is_readable_in_a_parsing_error(
                           "Could not parse child nodes in file '" + other + "'"}));
 }
 
-void ConfigHandlerTest::directories_and_links_stand_in_document_order()
+void ConfigHandlerTest::directories_and_links_are_in_document_order()
 {
     const ConfigHandler config =
         CardConfig::withChildren("<dir size='50'>logs<dir size='10'>old<symlink target='x'>deep"
@@ -396,7 +396,7 @@ void ConfigHandlerTest::what_was_read_before_an_error_is_kept()
     QCOMPARE(config.symlinkEntries(), QStringList());
 }
 
-void ConfigHandlerTest::errors_count_where_their_level_is_off()
+void ConfigHandlerTest::errors_count_even_if_their_level_is_off()
 {
     CardConfig::write("<sdcard><dir/></sdcard>");
     const LogCapture log(LogLevel::Off);

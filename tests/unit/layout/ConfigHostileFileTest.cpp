@@ -20,7 +20,7 @@ QByteArray nested(int levels, const QByteArray& name)
 
 } // namespace
 
-/// Configuration files that somebody wrote to do harm; the parser's tests have what it refuses.
+/// Malicious configuration files. The tests of the parser cover what it refuses.
 class ConfigHostileFileTest : public QObject
 {
     Q_OBJECT
@@ -28,9 +28,9 @@ class ConfigHostileFileTest : public QObject
 private Q_SLOTS:
     void directories_may_be_nested_as_deep_as_a_path_can_be();
     void any_number_of_siblings_is_read();
-    void shares_that_are_no_sensible_numbers_are_harmless_data();
-    void shares_that_are_no_sensible_numbers_are_harmless();
-    void whatever_is_in_the_file_it_is_read_or_refused();
+    void extreme_shares_are_harmless_data();
+    void extreme_shares_are_harmless();
+    void every_changed_file_is_read_or_refused();
 };
 
 void ConfigHostileFileTest::directories_may_be_nested_as_deep_as_a_path_can_be()
@@ -52,7 +52,7 @@ void ConfigHostileFileTest::any_number_of_siblings_is_read()
     QCOMPARE(config.dirEntries().size(), kSiblings);
 }
 
-void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless_data()
+void ConfigHostileFileTest::extreme_shares_are_harmless_data()
 {
     QTest::addColumn<QByteArray>("size");
     for (const char* const size :
@@ -61,7 +61,7 @@ void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless_dat
     }
 }
 
-void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless()
+void ConfigHostileFileTest::extreme_shares_are_harmless()
 {
     QFETCH(const QByteArray, size);
     constexpr qint64 kCardSize = 1048576;
@@ -85,7 +85,7 @@ void ConfigHostileFileTest::shares_that_are_no_sensible_numbers_are_harmless()
     TestDevice::unmountAll(CardConfig::kMountPoint);
 }
 
-void ConfigHostileFileTest::whatever_is_in_the_file_it_is_read_or_refused()
+void ConfigHostileFileTest::every_changed_file_is_read_or_refused()
 {
     const QByteArray sound =
         "<?xml version='1.0'?><sdcard mountpoint='/m'><dir size='12.5' capacitywatch='true' "
@@ -108,7 +108,7 @@ void ConfigHostileFileTest::whatever_is_in_the_file_it_is_read_or_refused()
                                      ">",
                                      "&a;",
                                      "size='9999'"};
-    // Always the same series, so that what is found once is found again.
+    // A fixed seed, so that every run repeats the same series.
     // NOLINTNEXTLINE(cert-msc32-c,cert-msc51-cpp)
     std::mt19937 random(17);
     const auto below = [&random](int limit) {
@@ -139,7 +139,7 @@ void ConfigHostileFileTest::whatever_is_in_the_file_it_is_read_or_refused()
         const LogCapture log;
         ConfigHandler config;
         const bool isRead = config.setup();
-        // Either all of it is there, or an error says why not.
+        // Either everything is read, or an error explains the refusal.
         QCOMPARE(log.errorCount() == 0, isRead);
         QCOMPARE(log.contains(LogLevel::Info, "Configuration successfully parsed"), isRead);
         QCOMPARE(config.dirEntries().size(), isRead ? config.dirs().size() : 0);
@@ -149,7 +149,7 @@ void ConfigHostileFileTest::whatever_is_in_the_file_it_is_read_or_refused()
         }
         read += isRead ? 1 : 0;
     }
-    // The changes are neither all harmless nor all fatal.
+    // The series contains both harmless and fatal changes.
     constexpr int kSome = 50;
     QVERIFY2(read > kSome && read < kRounds - kSome, qPrintable(QString::number(read)));
 }

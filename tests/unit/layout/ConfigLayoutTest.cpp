@@ -20,7 +20,7 @@
 
 namespace {
 
-// What somebody else does right before the service makes a directory.
+// The action of another process right before the service creates a directory.
 std::function<void()> meanwhile; // NOLINT(cert-err58-cpp)
 
 } // namespace
@@ -56,7 +56,7 @@ unsigned modeOf(const char* path)
 
 } // namespace
 
-/// The layout on cards that no board can bring about.
+/// Faults that no board can produce.
 class ConfigLayoutTest : public QObject
 {
     Q_OBJECT
@@ -73,7 +73,7 @@ private Q_SLOTS:
     void other_file_systems_are_left_alone();
     void a_link_that_takes_the_place_of_a_new_directory_is_not_followed_off_the_card();
     void a_mount_point_that_is_not_mounted_counts_as_the_card();
-    void what_is_mounted_over_an_opened_card_is_not_reached();
+    void a_mount_over_an_opened_card_is_not_reached();
 };
 
 void ConfigLayoutTest::init()
@@ -242,7 +242,7 @@ void ConfigLayoutTest::a_mount_point_that_is_not_mounted_counts_as_the_card()
     QVERIFY(QFileInfo("/media/sdcard/a/l").isSymLink());
 }
 
-void ConfigLayoutTest::what_is_mounted_over_an_opened_card_is_not_reached()
+void ConfigLayoutTest::a_mount_over_an_opened_card_is_not_reached()
 {
     QVERIFY(QDir().mkpath("/media/sdcard/below"));
     const CardRoot card(CardConfig::kMountPoint);

@@ -28,7 +28,7 @@ QStringList describe(const QVector<SymlinkInfo>& symlinks)
 
 } // namespace
 
-/// Pieces of a configuration that a caller hands over.
+/// Parts of a configuration, read by the published functions.
 class ConfigNodesTest : public QObject, private ParsedFile
 {
     Q_OBJECT
@@ -52,7 +52,7 @@ void ConfigNodesTest::a_directory_is_read_with_its_children_below_the_given_pare
     link.name = "link";
     QVector<SymlinkInfo> symlinks{link};
     QVERIFY(ConfigHandler().parseDirNode(root.getChildNode(1), "/up", 0.5, dirs, symlinks));
-    // Behind what the lists held.
+    // Appended to the lists.
     QCOMPARE(describe(dirs),
              (QStringList{"there  0", "logs /up/logs 0.25", "old /up/logs/old 0.0625"}));
     QCOMPARE(describe(symlinks), (QStringList{"link   ", "last /up/logs/last old /up/logs/old"}));

@@ -1,5 +1,5 @@
-// Crashes in the way that its argument names, with installSignalHandler() or, when a second
-// argument follows, without.
+// Crashes as its first argument says: with installSignalHandler(), or without it if there is a
+// second argument.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,7 +15,7 @@
 #include <tavoutil/AlternateSignalStack.h>
 #include <tavoutil/SignalHandler.h>
 
-// The crashes must be the kernel's, not a sanitizer's.
+// The kernel, and not a sanitizer, must report the crashes.
 #define CRASHES __attribute__((noinline, no_sanitize("address", "undefined", "thread"))) static
 
 CRASHES void dereferenceNull()
@@ -80,7 +80,7 @@ static void waitForSignal()
 {
     constexpr rlimit kNone{0, 0};
     setrlimit(RLIMIT_NOFILE, &kNone);
-    // The leak detector's check at a normal exit needs file descriptors too.
+    // The leak detector also needs file descriptors at a normal exit.
     std::_Exit(installSignalHandler("crash-test") == -1 ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 

@@ -41,8 +41,8 @@ struct Outcome
 
 constexpr int kLongestRun = 30000;
 
-// A mount namespace gives the program a /dev of its own, whose system log is the test's socket or
-// is missing. Where the test is not run by root, a user namespace gives it the right to do so.
+// A mount namespace gives the program its own /dev, with the test's socket or nothing as the system
+// log. If the test does not run as root, a user namespace gives it the right to do so.
 const QByteArray kScript = R"(
 mount -t tmpfs none /dev || exit 125
 if [ -S log ]; then ln -s "$PWD/log" /dev/log; fi
@@ -137,7 +137,7 @@ private:
         for (char** variable = environ; *variable != nullptr; ++variable) {
             environment.push_back(*variable);
         }
-        // The sanitizers' own handlers would end the program that has none.
+        // The sanitizers' own handlers would end the program without a handler.
         const std::string options = "handle_segv=0:handle_sigbus=0:handle_sigill=0:"
                                     "handle_sigfpe=0:handle_abort=0:use_sigaltstack=0";
         std::string addressSanitizer = "ASAN_OPTIONS=" + options;
@@ -237,7 +237,7 @@ void SignalHandlerTest::a_crash_is_reported_and_ends_the_process_as_without_a_ha
     QTest::newRow("address") << SIGSEGV << "^Crash: SIGSEGV at fault address 0x123" + thread;
     QTest::newRow("abort") << SIGABRT << "^Crash: SIGABRT raised by the program itself" + thread;
 #ifdef __arm__
-    // The processor does not trap a division by zero; the compiler's library raises the signal.
+    // The processor does not trap a division by zero, so the compiler's library raises the signal.
     QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE raised by the program itself" + thread;
 #else
     QTest::newRow("division") << SIGFPE << "^Crash: SIGFPE" + anywhere;
@@ -289,7 +289,7 @@ void SignalHandlerTest::a_stuck_system_log_does_not_keep_the_process_from_ending
     QCOMPARE(WTERMSIG(outcome.waitStatus), SIGSEGV);
     QVERIFY(outcome.milliseconds < kLongestRun / 3);
     QVERIFY(outcome.systemLog.first().contains("Crash: SIGSEGV"));
-    // Together they are the whole report.
+    // The lines above are the whole report.
     QCOMPARE((outcome.systemLog + outcome.standardError).size(), 1 + 64);
 }
 

@@ -21,8 +21,8 @@ private Q_SLOTS:
     void the_location_carries_source_name_and_full_signature();
     void a_record_on_behalf_of_another_function_names_that_one();
     void messages_of_every_text_type_are_written_as_utf8();
-    void a_message_is_not_built_where_the_level_is_off();
-    void errors_and_fatals_alone_count_also_where_their_level_is_off();
+    void a_message_is_not_built_if_its_level_is_off();
+    void only_errors_and_fatals_count_even_if_their_level_is_off();
     void counting_loses_nothing_between_threads();
     void a_call_is_one_statement();
 
@@ -87,7 +87,7 @@ void TrackLogTest::messages_of_every_text_type_are_written_as_utf8()
     QCOMPARE(log.messages(), (QStringList{text, text, text, text, "'" + text + "'"}));
 }
 
-void TrackLogTest::a_message_is_not_built_where_the_level_is_off()
+void TrackLogTest::a_message_is_not_built_if_its_level_is_off()
 {
     const LogCapture log(LogLevel::Off);
     int built = 0;
@@ -103,7 +103,7 @@ void TrackLogTest::a_message_is_not_built_where_the_level_is_off()
     QCOMPARE(log.records().size(), 0);
 }
 
-void TrackLogTest::errors_and_fatals_alone_count_also_where_their_level_is_off()
+void TrackLogTest::only_errors_and_fatals_count_even_if_their_level_is_off()
 {
     for (const LogLevel threshold : {LogLevel::Debug, LogLevel::Off}) {
         const LogCapture log(threshold);

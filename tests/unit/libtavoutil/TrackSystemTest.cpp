@@ -67,7 +67,7 @@ private Q_SLOTS:
     void a_file_that_cannot_be_used_sends_records_to_standard_error_data();
     void a_file_that_cannot_be_used_sends_records_to_standard_error();
     void appenders_that_work_are_kept_beside_one_that_does_not();
-    void a_logger_that_passes_nothing_on_gets_the_substitute_too();
+    void a_logger_without_additivity_gets_the_substitute_too();
     void no_configuration_is_taken_from_the_working_directory();
 
 private:
@@ -194,7 +194,7 @@ void TrackSystemTest::appenders_that_work_are_kept_beside_one_that_does_not()
     QCOMPARE(lines(content("kept")).size(), 2);
 }
 
-void TrackSystemTest::a_logger_that_passes_nothing_on_gets_the_substitute_too()
+void TrackSystemTest::a_logger_without_additivity_gets_the_substitute_too()
 {
     const QString file = write(configuration(
         appender("ConsoleAppender", "") +

@@ -1,4 +1,4 @@
-// Writes log records as the tracking configuration says that its argument names.
+// Writes log records with the tracking configuration that its argument names.
 #include <cstdlib>
 #include <iostream>
 

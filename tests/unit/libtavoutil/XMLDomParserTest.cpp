@@ -242,7 +242,7 @@ void XMLDomParserTest::time_does_not_grow_with_the_square_of_the_size()
         const int count = IXMLDomParser::kMaxFileSize / 4 / element.size();
         QVERIFY(!parse("<sdcard>" + element.repeated(count) + "</sdcard>").isEmpty());
     }
-    // The square would take minutes.
+    // A quadratic time would be minutes.
     QVERIFY2(timer.elapsed() < 10000, qPrintable(QString::number(timer.elapsed())));
 }
 

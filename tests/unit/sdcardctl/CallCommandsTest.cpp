@@ -48,7 +48,7 @@ namespace {
 
 const SampleCard card;
 
-// Takes calls and never answers them.
+// Accepts calls and never replies.
 class SilentObject : public QDBusVirtualObject
 {
 public:

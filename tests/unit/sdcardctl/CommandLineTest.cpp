@@ -12,8 +12,8 @@ class CommandLineTest : public QObject
 private Q_SLOTS:
     void options_may_stand_anywhere();
     void an_identifier_may_begin_with_a_dash();
-    void a_line_that_makes_no_sense_is_refused_data();
-    void a_line_that_makes_no_sense_is_refused();
+    void an_invalid_command_line_is_refused_data();
+    void an_invalid_command_line_is_refused();
     void the_help_names_every_command();
     void a_command_has_its_own_help();
     void the_version_is_printed_with_the_program();
@@ -48,7 +48,7 @@ void CommandLineTest::an_identifier_may_begin_with_a_dash()
     QCOMPARE(parsed->invocation->arguments, QStringList{"-x"});
 }
 
-void CommandLineTest::a_line_that_makes_no_sense_is_refused_data()
+void CommandLineTest::an_invalid_command_line_is_refused_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("message");
@@ -74,7 +74,7 @@ void CommandLineTest::a_line_that_makes_no_sense_is_refused_data()
     }
 }
 
-void CommandLineTest::a_line_that_makes_no_sense_is_refused()
+void CommandLineTest::an_invalid_command_line_is_refused()
 {
     QFETCH(const QStringList, arguments);
     QFETCH(const QString, message);

@@ -36,7 +36,7 @@ namespace {
 
 const QStringList kFiles{""};
 
-// The candidates without their meaning.
+// The candidates without their meanings.
 QStringList candidatesFor(const QStringList& words)
 {
     const QString lines = ProgramRun::answer(QStringList{"__complete"} + words);
@@ -56,7 +56,7 @@ QString outputOf(QProcess& process)
                : "it does not end";
 }
 
-// What bash offers for the last of the words.
+// The words that bash offers for the last of the words.
 QStringList completionsOf(const QStringList& words)
 {
     // compopt works only while bash itself completes.
@@ -74,7 +74,7 @@ _sdcardctl "$1"
     return outputOf(bash).split('\n', Qt::SkipEmptyParts);
 }
 
-// The words as bash has them: its default breaks are words of their own.
+// The words as bash splits them: each default break character is a word of its own.
 QStringList brokenByBash(const QString& line)
 {
     QStringList words;
@@ -212,7 +212,7 @@ void CompletionTest::zsh_and_fish_offer_the_candidates()
     QCOMPARE(outputOf(fish), "logger\nclosing-files\twaiting for programs to close files\n" +
                                  home.filePath("_sdcardctl") + "\n");
 
-    // zsh completes only what is typed on a terminal.
+    // zsh completes only input from a terminal.
     QProcess zsh;
     zsh.setProcessEnvironment(environment);
     zsh.start("script",

@@ -12,7 +12,7 @@
 
 using namespace sdcardctl;
 
-/// The check of a configuration and the service's reading of it, side by side.
+/// Compares the check of a configuration with how the service reads it.
 class ConfigAgreementTest : public QObject
 {
     Q_OBJECT
@@ -37,7 +37,7 @@ const QByteArray kConfiguration = R"(<?xml version="1.0" encoding="UTF-8"?>
 </sdcard>
 )";
 
-// How the service reads a file.
+// The result of the service's reading of a file.
 struct Reading
 {
     bool isAccepted;
@@ -53,7 +53,7 @@ Reading readingOf(const QString& file)
     return {isAccepted, log.messages(LogLevel::Error).value(0)};
 }
 
-// Empty where check and service agree, otherwise how they differ.
+// Empty if check and service agree, otherwise the difference.
 QString disagreement(const QString& file, const Reading& service)
 {
     QStringList errors;
@@ -65,7 +65,7 @@ QString disagreement(const QString& file, const Reading& service)
     if (service.isAccepted && errors.isEmpty()) {
         return {};
     }
-    // The service ends at the first error, so it must be the first of the check.
+    // The service stops at the first error, so it must be the first error of the check.
     const QString parsing = "Parsing errror: " + errors.value(0) + " in file '" + file + "'";
     const QString opening = "Could not parse file : " + file + " " + errors.value(0);
     return !errors.isEmpty() && (service.error == parsing || service.error == opening)
@@ -81,7 +81,7 @@ void write(const QString& file, const QByteArray& content)
     out.write(content);
 }
 
-// Configurations put together at random, most of them well-formed.
+// Random configurations, most of them well-formed.
 class RandomConfig
 {
 public:
@@ -174,7 +174,7 @@ void ConfigAgreementTest::check_and_service_agree_on_random_configurations()
         accepted += service.isAccepted ? 1 : 0;
         refusedElements += service.error.startsWith("Parsing errror: ") ? 1 : 0;
     }
-    // Both outcomes occur.
+    // The series contains both outcomes.
     QVERIFY2(accepted > kDocuments / 10, qPrintable(QString::number(accepted)));
     QVERIFY2(refusedElements > kDocuments / 10, qPrintable(QString::number(refusedElements)));
 }

@@ -20,9 +20,9 @@ private Q_SLOTS:
     void every_error_is_found_with_its_place();
     void children_of_a_broken_directory_are_checked_too();
     void a_file_that_is_no_XML_gives_one_error_with_its_place();
-    void what_parses_but_is_wrong_is_warned_of();
-    void an_unknown_attribute_of_the_root_is_warned_of();
-    void what_looks_odd_but_works_is_not_warned_of();
+    void probable_mistakes_give_warnings();
+    void an_unknown_attribute_of_the_root_gives_a_warning();
+    void unusual_but_valid_content_gives_no_warnings();
     void the_program_prints_one_line_for_each_finding();
     void the_program_writes_findings_for_programs();
     void the_program_fails_on_errors_and_on_warnings_only_if_asked();
@@ -127,7 +127,7 @@ void ConfigCheckTest::a_file_that_is_no_XML_gives_one_error_with_its_place()
              qPrintable(findings.first()));
 }
 
-void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of()
+void ConfigCheckTest::probable_mistakes_give_warnings()
 {
     // clang-format off
     const QVector<QPair<QByteArray, QString>> warnings{
@@ -172,7 +172,7 @@ void ConfigCheckTest::what_parses_but_is_wrong_is_warned_of()
     }
 }
 
-void ConfigCheckTest::an_unknown_attribute_of_the_root_is_warned_of()
+void ConfigCheckTest::an_unknown_attribute_of_the_root_gives_a_warning()
 {
     QCOMPARE(findingsIn("<sdcard size='1' mountPoint='/a'/>"),
              (QStringList{"1:1 warning: the attribute 'size' is ignored",
@@ -182,10 +182,11 @@ void ConfigCheckTest::an_unknown_attribute_of_the_root_is_warned_of()
              QStringList());
 }
 
-void ConfigCheckTest::what_looks_odd_but_works_is_not_warned_of()
+void ConfigCheckTest::unusual_but_valid_content_gives_no_warnings()
 {
-    // Shares that add up to the whole in decimal only; two links of one name; a link named like a
-    // directory elsewhere; dots in names and targets; a link through a link that comes later.
+    // Shares that add up to 100 in decimal only; two links of the same name; a link with the name
+    // of a directory elsewhere; dots in names and targets; a link through a link that follows
+    // later.
     for (const QByteArray content :
          {"<dir size='33.3'>a</dir><dir size='33.3'>b</dir><dir size='33.4'>c</dir>",
           "<dir size='1'>a<symlink target='/etc'>x</symlink></dir><symlink "

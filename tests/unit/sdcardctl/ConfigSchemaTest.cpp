@@ -21,9 +21,9 @@ private Q_SLOTS:
 namespace {
 
 constexpr int kValid = 0;
-constexpr int kInvalid = 3; // what xmllint ends with when a file does not follow the schema
+constexpr int kInvalid = 3; // exit status of xmllint for an invalid file
 
-// The exit status of xmllint; -1 when it does not run.
+// The exit status of xmllint; -1 if it does not run.
 int validate(const QString& file, const QByteArray& content = QByteArray())
 {
     QProcess xmllint;
@@ -37,7 +37,7 @@ int validate(const QString& file, const QByteArray& content = QByteArray())
                : -1;
 }
 
-// Those of the contents that the schema judges otherwise.
+// The exceptions: contents that the schema judges differently.
 QByteArrayList misjudged(const QByteArrayList& contents, int expected)
 {
     QByteArrayList found;

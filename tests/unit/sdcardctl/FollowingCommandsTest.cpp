@@ -25,7 +25,7 @@ private Q_SLOTS:
     void monitor_shows_each_signal_once();
     void monitor_shows_the_property_changes_that_go_with_a_signal();
     void monitor_begins_with_the_values_and_shows_changes_without_a_signal();
-    void monitor_for_programs_writes_one_object_a_line();
+    void monitor_for_programs_writes_one_object_per_line();
     void monitor_ends_with_success_on_SIGTERM();
     void monitor_ends_with_the_bus();
     void wait_ends_at_once_in_the_wanted_state();
@@ -39,7 +39,7 @@ private:
 
 namespace {
 
-// What the monitor wrote, without the times.
+// The output of the monitor, without the times.
 QString eventsOf(ProgramRun& run)
 {
     return run.output().replace(QRegularExpression(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}  )",
@@ -47,7 +47,7 @@ QString eventsOf(ProgramRun& run)
                                 QString());
 }
 
-// A monitor that has shown the present values.
+// A monitor that has shown the current values.
 std::unique_ptr<ProgramRun> startMonitor(const PrivateBus& bus, const QStringList& options = {})
 {
     auto run =
@@ -114,7 +114,7 @@ void FollowingCommandsTest::monitor_begins_with_the_values_and_shows_changes_wit
                                          "  State: mounted -> mounting\n"));
 }
 
-void FollowingCommandsTest::monitor_for_programs_writes_one_object_a_line()
+void FollowingCommandsTest::monitor_for_programs_writes_one_object_per_line()
 {
     FakeService service(mBus);
     const auto run = startMonitor(mBus, {"--json"});

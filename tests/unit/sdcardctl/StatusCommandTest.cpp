@@ -23,7 +23,7 @@ private Q_SLOTS:
     void status_shows_the_card_and_its_directories();
     void status_of_an_unmounted_card_shows_no_use();
     void status_marks_a_directory_that_the_service_does_not_know();
-    void status_for_programs_holds_numbers_and_names();
+    void status_for_programs_contains_numbers_and_names();
     void status_with_a_broken_configuration_still_shows_the_card();
     void status_does_not_invent_names_for_values();
     void colours_show_on_a_terminal_only();
@@ -78,7 +78,7 @@ void StatusCommandTest::status_marks_a_directory_that_the_service_does_not_know(
     QVERIFY2(shown.contains("\ncsv        12.5 %  not known to the service"), qPrintable(shown));
 }
 
-void StatusCommandTest::status_for_programs_holds_numbers_and_names()
+void StatusCommandTest::status_for_programs_contains_numbers_and_names()
 {
     SampleCard::mount(*mService);
     mService->directories.remove("csv");

@@ -33,7 +33,8 @@ ssize_t __wrap_readlink(const char* path, char* buffer, size_t size)
 } // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-/// What no board shows: the system tests run the service with files in each of the directories.
+/// Cases that no board can produce: the system tests run the service with files in each of the
+/// directories.
 class ConfigFileLookupTest : public QObject
 {
     Q_OBJECT

@@ -7,7 +7,7 @@ class VersionRecordTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void the_text_holds_the_parts_that_are_there_in_their_order_data()
+    void the_text_contains_the_given_parts_in_their_order_data()
     {
         QTest::addColumn<QString>("builder");
         QTest::addColumn<bool>("modified");
@@ -22,7 +22,7 @@ private Q_SLOTS:
         QTest::newRow("all") << "me" << true << 7 << "2.9.851 (external:7) by me modified";
     }
 
-    void the_text_holds_the_parts_that_are_there_in_their_order()
+    void the_text_contains_the_given_parts_in_their_order()
     {
         QFETCH(const QString, builder);
         QFETCH(const bool, modified);

@@ -30,14 +30,14 @@ constexpr int kFileSystemKiB = 8192;
 constexpr qint64 kSysfsSize = 1 << 20;
 constexpr mode_t kBlockDevice = S_IFBLK | 0600;
 
-// Attaches the image to a free loop device that detaches itself when nothing uses it any more.
+// Attaches the image to a free loop device, which detaches itself when it is no longer used.
 // Returns a descriptor of the device, or -1.
 int attachLoop(const QString& image)
 {
     const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
     const int backing = ::open(QFile::encodeName(image).constData(), O_RDWR | O_CLOEXEC);
     int loop = -1;
-    // Another process may be faster with the number that was found.
+    // Another process may take the device with the found number first.
     for (int attempt = 0; attempt < 100 && loop < 0; ++attempt) {
         const int number = ::ioctl(control, LOOP_CTL_GET_FREE);
         const QByteArray name = "/dev/loop" + QByteArray::number(number);

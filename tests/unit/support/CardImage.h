@@ -4,11 +4,11 @@
 
 #include <QString>
 
-/// Stands in for the card: a disk with a partition table, which is an image file, and the device of
-/// its first partition, which is, where asked for, a loop device with an ext4 file system.
+/// Stands in for the card: an image file with a partition table as the disk, and the device of its
+/// first partition, optionally a loop device with an ext4 file system.
 namespace CardImage {
 
-/// What a disk and its first partition are called on the test's device.
+/// The paths of a disk and its first partition on the test's device.
 extern const QString kDisk;
 extern const QString kPartition;
 
@@ -16,8 +16,8 @@ extern const QString kPartition;
 constexpr unsigned char kLinux = 0x83;
 constexpr unsigned char kFat = 0x0c;
 
-/// Gives the device block devices of its own names in sysfs, in the place of the machine's, and an
-/// empty list of MMC cards. To be called once.
+/// Replaces the machine's block devices in sysfs by the device's own, with an empty list of MMC
+/// cards. Call it once.
 void prepareSysfs();
 /// Lets sysfs list a card in the first MMC slot.
 void listMmcCard();
@@ -29,11 +29,11 @@ void writeDisk(const std::vector<unsigned char>& partitionTypes);
 void writeBlankDisk();
 
 /// Makes kPartition a block device with a fresh ext4 file system.
-/// @return whether that succeeded
+/// @return whether it succeeded
 bool createPartition();
-/// Mounts the partition by itself, without the service.
+/// Mounts the partition without the service.
 bool mountPartition(const QString& mountPoint);
-/// Removes disk and partition; a device that is still in use goes with its last user.
+/// Removes disk and partition. A device in use disappears when its last user closes it.
 void remove();
 
 } // namespace CardImage

@@ -109,7 +109,7 @@ Sdcard& ControllerDevice::startIn(const QString& state)
     return *mController;
 }
 
-// Every state is reached on the way that leads there on the device.
+// Reaches every state on the same way as on the device.
 void ControllerDevice::reach(const QString& state)
 {
     if (state == "noSdCard") {
@@ -140,7 +140,7 @@ void ControllerDevice::reach(const QString& state)
         return;
     }
     if (state == "corrupted") {
-        // No block device, so that it cannot be mounted.
+        // Not a block device, so that it cannot be mounted.
         TestDevice::writeFile(CardImage::kPartition, {});
         insertCard();
         return;
@@ -160,7 +160,7 @@ void ControllerDevice::reach(const QString& state)
     } else {
         keepFilesOpen();
         sendSignal(SIGTERM);
-        // The pending request would leave the next states at once.
+        // The pending request would immediately leave the next states.
         mController->machine().findChild<QSocketNotifier*>()->blockSignals(true);
         if (state == "unmountingForTermination") {
             closeFiles();

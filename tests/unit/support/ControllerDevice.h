@@ -17,9 +17,9 @@ class QTimer;
 class SDCardImpl;
 class TestProcess;
 
-/// Stands in for the device around a controller: LEDs, button, tools, bus and card slot. In the
-/// beginning there is no card, the button is released, no process has files open, every tool
-/// succeeds and run level 5 is in force.
+/// Stands in for the device around a controller: LEDs, button, tools, bus and card slot. At first
+/// there is no card, the button is released, no process has open files, every tool succeeds and the
+/// run level is 5.
 class ControllerDevice
 {
 public:
@@ -28,19 +28,19 @@ public:
     static const QString kJobDirectory;
 
     explicit ControllerDevice(const TestBus& bus);
-    /// Ends the controller, whose machine must be without error, and clears the device.
+    /// Ends the controller and clears the device. The machine must not have an error.
     ~ControllerDevice();
     ControllerDevice(const ControllerDevice&) = delete;
     ControllerDevice(ControllerDevice&&) = delete;
     ControllerDevice& operator=(const ControllerDevice&) = delete;
     ControllerDevice& operator=(ControllerDevice&&) = delete;
 
-    /// Creates the controller, whose machine is about to start.
+    /// Creates the controller. Its machine has not started yet.
     Sdcard& construct();
-    /// Creates the controller and lets its machine start.
+    /// Creates the controller and starts its machine.
     Sdcard& start();
     /// Creates the controller and brings its machine into a state.
-    /// @param state the state's name as machineState() gives it
+    /// @param state the state's name as in machineState()
     Sdcard& startIn(const QString& state);
     /// Ends the controller.
     void destroy();
@@ -49,25 +49,24 @@ public:
     QString machineState();
     /// Waits until the machine is in a state.
     bool waitForState(const QString& state);
-    /// Lets the machine handle what has been sent to it. A worker goes on by itself.
+    /// Lets the machine handle all pending events. A worker continues by itself.
     static void settle();
-    /// One of the controller's timers, by its name: "state timer", "memory timer" ...
+    /// One of the controller's timers, by its object name: "state timer", "memory timer" ...
     static QTimer& timer(Sdcard& controller, const char* name);
-    /// Lets a timer's time pass.
+    /// Makes a timer expire.
     static void expire(QTimer& timer);
 
-    /// A card that is mounted already when it is inserted, of 100 pages of which @p usedPages are
-    /// used.
+    /// A card that is already mounted when it is inserted, with @p usedPages of 100 pages used.
     static bool mountCard(int usedPages = 30);
     /// Lets lsof report a process that ends on SIGTERM.
     /// @return its id
     qint64 keepFilesOpen();
     /// Lets lsof report nothing.
     static void closeFiles();
-    /// Inserts the card over the bus object, without the delay.
+    /// Inserts the card over the bus object and skips the delay.
     void insertCard();
     void removeCard();
-    /// Sends the process a signal and lets the machine see it.
+    /// Sends the process a signal and lets the machine handle it.
     void sendSignal(int signalNumber);
 
     Sdcard& controller() { return *mController; }

@@ -13,7 +13,7 @@ void EffectRecorder::follow(Sdcard& controller)
     mController = &controller;
     mService = controller.findChild<SDCardImpl*>();
     followSignals(controller);
-    // An adaptor's signal is what leaves on the bus, and leaves before the controller reacts.
+    // An adaptor's signal is the one on the bus, and is sent before the controller reacts.
     for (const QDBusAbstractAdaptor* const adaptor :
          mService->findChildren<QDBusAbstractAdaptor*>()) {
         followSignals(*adaptor);

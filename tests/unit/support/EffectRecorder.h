@@ -10,10 +10,10 @@ class LedRecorder;
 class SDCardImpl;
 class Sdcard;
 
-/// Stands in for everybody around a controller: records what it does to its surroundings, in the
-/// order in which it happens. That are the controller's signals ("FILES_CLOSED"), the signals that
-/// leave on the bus ("CardMounted", "MemLevelChanged 30"), LED writes ("red trigger=timer") and log
-/// records as describe() shows them. Between two signals, LED writes stand before log records.
+/// Stands in for the surroundings of a controller: records its effects in order. These are the
+/// controller's signals ("FILES_CLOSED"), its signals on the bus ("CardMounted", "MemLevelChanged
+/// 30"), LED writes ("red trigger=timer") and log records as in describe(). Between two signals,
+/// LED writes come before log records.
 class EffectRecorder : public QObject
 {
     Q_OBJECT
@@ -21,14 +21,14 @@ class EffectRecorder : public QObject
 public:
     explicit EffectRecorder(LedRecorder& leds) : mLeds(leds) {}
 
-    /// Follows the signals of a controller.
+    /// Records the signals of a controller.
     void follow(Sdcard& controller);
-    /// Adds what the test itself has seen.
+    /// Adds an event of the test itself.
     void note(const QString& what);
 
-    /// What happened since the last take().
+    /// The effects since the last take().
     QStringList take();
-    /// The kinds apart.
+    /// The effects, separated by kind.
     struct Parts
     {
         QStringList signalNames;
@@ -36,12 +36,12 @@ public:
         QStringList logRecords;
     };
     Parts takeParts();
-    /// The bus object's properties and the running timers at the instant of each signal since the
-    /// last take(): "EjectPressed: State 5, Transition 3, IsMounted 1", "CardMounted: State 3,
+    /// The bus object's properties and the running timers at the time of each signal since the last
+    /// take(): "EjectPressed: State 5, Transition 3, IsMounted 1", "CardMounted: State 3,
     /// Transition 1, IsMounted 1, memory timer".
     const QStringList& properties() const { return mProperties; }
 
-    /// By how much the count of errors grew since the last take().
+    /// The number of errors since the last take().
     unsigned int errorCount() const { return mLog.errorCount(); }
 
 private Q_SLOTS:

@@ -1,7 +1,7 @@
 #pragma once
 
-/// Lets a test look at what a class keeps to itself. Naming a private member in an explicit
-/// instantiation is allowed, and so the service needs no door for its tests. In no namespace:
+/// Gives a test access to a private member. Naming a private member in an explicit instantiation is
+/// allowed, so the service needs no access for tests. Use it outside of any namespace:
 ///
 ///     EXPOSE_MEMBER(Timer, StorageCapacityWatcher, mTimer);
 ///

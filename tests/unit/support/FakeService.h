@@ -10,7 +10,7 @@
 #include "SDCardImpl.h"
 #include "SdcardInterface.h"
 
-/// The service's real bus object before a controller that only plays its part.
+/// The service's real bus object, with a simulated controller.
 class FakeService : public QObject, public SdcardInterface
 {
 public:
@@ -21,7 +21,7 @@ public:
         qint64 used;
     };
 
-    /// On the bus as soon as it is built, off it again with its end.
+    /// On the bus from the construction to the destruction.
     explicit FakeService(const PrivateBus& bus)
         : card(QStringLiteral("/media/sdcard"), this), mBus(bus.connection())
     {
@@ -51,6 +51,6 @@ public:
     int refreshedMemState = 0;
 
 private:
-    LogCapture mLog; // keeps the records from standard error
+    LogCapture mLog; // keeps records off standard error
     QDBusConnection mBus;
 };

@@ -4,7 +4,7 @@
 #include <QJsonObject>
 #include <QString>
 
-/// The one object that a line of JSON holds; empty when it is none.
+/// The JSON object in a line; empty if the line is not an object.
 inline QJsonObject jsonOf(const QString& line)
 {
     return QJsonDocument::fromJson(line.toUtf8()).object();

@@ -17,7 +17,7 @@ namespace {
 const QString kLeds = QStringLiteral("/opt/tavo/tavodev/mmc1_leds");
 constexpr std::array<const char*, 2> kColours{"red", "green"};
 constexpr std::array<const char*, 4> kFileNames{"brightness", "trigger", "delay_on", "delay_off"};
-// No value begins with another one, so that they can be told apart where they follow each other.
+// No value is a prefix of another, so that consecutive values can be distinguished.
 constexpr std::array<const char*, 6> kValues{"255", "0", "100", "500", "timer", "mmc0"};
 constexpr mode_t kFileMode = 0644;
 
@@ -31,7 +31,7 @@ const QStringList LedWrites::kBusy{"green brightness=0", "red trigger=timer", "r
 const QStringList LedWrites::kUnmounted{"red brightness=0", "green brightness=255"};
 const QStringList LedWrites::kNotMountable{"green trigger=timer", "red brightness=0"};
 
-// The files are pipes: nothing that is written is lost, and the notifications tell the order.
+// The files are pipes: no write is lost, and the notifications show the order.
 LedRecorder::LedRecorder() : mWatcher(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
 {
     remove();
@@ -48,8 +48,8 @@ LedRecorder::LedRecorder() : mWatcher(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
             }
             file.fd = ::open(path.constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
         }
-        // Two kinds of events alternate, because equal ones in a row would become one. Closing is
-        // none of them: a program that is started meanwhile may hold the file open for a moment.
+        // Two kinds of events alternate, because equal consecutive ones would be merged. Closing is
+        // not one of them: a program that starts at that moment may briefly have the file open.
         mDirectories[colour] = ::inotify_add_watch(
             mWatcher, QFile::encodeName(directory).constData(), IN_OPEN | IN_MODIFY);
         if (mDirectories[colour] < 0) {

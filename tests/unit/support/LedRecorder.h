@@ -6,7 +6,7 @@
 #include <QString>
 #include <QStringList>
 
-/// The writes that show each of the service's patterns, as LedRecorder gives them.
+/// The writes of each of the service's patterns, as LedRecorder returns them.
 namespace LedWrites {
 
 extern const QStringList kOff;
@@ -17,11 +17,11 @@ extern const QStringList kNotMountable;
 
 } // namespace LedWrites
 
-/// Stands in for the two LEDs: their files record what is written to them, in the order of writing.
+/// Stands in for the two LEDs: their files record all writes in order.
 class LedRecorder
 {
 public:
-    /// Creates the files; they are gone with the recorder.
+    /// Creates the files; the destructor removes them.
     LedRecorder();
     ~LedRecorder();
     LedRecorder(const LedRecorder&) = delete;
@@ -30,9 +30,9 @@ public:
     LedRecorder& operator=(LedRecorder&&) = delete;
 
     /// The writes since the last take(), as "red trigger=timer". A file that was opened without a
-    /// write, or that was written an unknown value, shows as "red trigger=".
+    /// write, or written with an unknown value, shows as "red trigger=".
     QStringList take();
-    /// Takes the LEDs off the board.
+    /// Removes the LEDs from the board.
     void remove();
 
 private:

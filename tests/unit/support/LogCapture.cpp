@@ -20,10 +20,10 @@
 
 #include "ExposedMember.h"
 
-// Its class macros name what they need without its namespace.
+// log4cxx's class macros use its names without the namespace.
 using namespace log4cxx;
 
-// log4cxx shows only parts of the signature that a record carries.
+// log4cxx returns only parts of a record's signature.
 EXPOSE_MEMBER(Signature, spi::LocationInfo, methodName);
 
 namespace {
@@ -93,7 +93,7 @@ protected:
     void append(const spi::LoggingEventPtr& event, helpers::Pool&) override
     {
         const spi::LocationInfo& location = event->getLocationInformation();
-        // Some compilers write a blank before it.
+        // Some compilers write a space before it.
         const QString signature =
             QString::fromUtf8(location.*memberOf(Signature{})).replace(" &", "&");
         const LogRecord record{toLogLevel(event->getLevel()),

@@ -33,8 +33,8 @@ bool operator==(const LogRecord& left, const LogRecord& right);
 /// message.
 QStringList describe(const QVector<LogRecord>& records);
 
-/// Stands in for the system log: captures every log record of the process, from all threads, as
-/// long as it lives; the appenders and the level that were in force before come back afterwards.
+/// Stands in for the system log: captures every log record of the process, from all threads, until
+/// it is destroyed. Then it restores the previous appenders and level.
 ///
 ///     LogCapture log;
 ///     QVERIFY(!config.setup());
@@ -44,7 +44,7 @@ QStringList describe(const QVector<LogRecord>& records);
 class LogCapture
 {
 public:
-    /// @param threshold the lowest level that is written; LogLevel::Off switches all of them off
+    /// @param threshold the lowest captured level; LogLevel::Off captures none
     explicit LogCapture(LogLevel threshold = LogLevel::Debug);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -52,7 +52,7 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
     LogCapture& operator=(LogCapture&&) = delete;
 
-    /// Everything captured since the construction or the last take(), oldest first.
+    /// All records since the construction or the last take(), oldest first.
     QVector<LogRecord> records() const;
     /// The texts of records().
     QStringList messages() const;
@@ -62,17 +62,17 @@ public:
     bool contains(LogLevel level, const QString& text) const;
     /// Whether the text of a record of @p level matches @p pattern.
     bool contains(LogLevel level, const QRegularExpression& pattern) const;
-    /// records(), which then starts anew, as do the counts.
+    /// Returns records() and clears them and the counts.
     QVector<LogRecord> take();
 
-    /// Stops the next thread that writes a record of this text, right after it, until letGo() is
-    /// called or the capture ends. What others write meanwhile waits as well.
+    /// Stops the next thread that writes a record of this text, right after it, until letGo() or
+    /// the end of the capture. Other threads block on their next record.
     void holdAt(const QString& text);
-    /// Waits until a thread has been stopped; false where none comes for 30 s.
+    /// Waits until a thread is stopped; false after 30 s without one.
     bool waitUntilHeld() const;
     void letGo();
 
-    /// By how much TrackObject's counters grew since the construction or the last take().
+    /// The growth of TrackObject's counters since the construction or the last take().
     unsigned int errorCount() const;
     unsigned int fatalCount() const;
 

@@ -5,7 +5,7 @@
 #include <QString>
 #include <QStringList>
 
-/// Stands in for a client that looks methods up by name: the signatures of a class's own methods of
+/// Stands in for a client that looks up methods by name: the signatures of a class's own methods of
 /// one kind, in the order of the meta-object.
 inline QStringList methodsOf(const QMetaObject& type, QMetaMethod::MethodType kind)
 {

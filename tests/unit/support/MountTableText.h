@@ -7,12 +7,11 @@
 
 #include "TestDevice.h"
 
-/// Stands in for the system's mount table. There is no other process information as long as it
-/// lives.
+/// Stands in for the system's mount table. While it exists, the rest of /proc is missing.
 class MountTable
 {
 public:
-    /// @param content null for no table at all
+    /// @param content null for no table
     explicit MountTable(const QByteArray& content)
     {
         constexpr qint64 kSize = 1 << 16;

@@ -15,7 +15,7 @@
 
 inline const QString kUnpreparedMark = QStringLiteral("/run/sdcardd-unprepared");
 
-/// A good card in the slot, tools that do nothing, and a system that is asked to mount nothing.
+/// A good card in the slot, tools that do nothing, and a system that performs no mount.
 inline void prepareForMounting()
 {
     CardImage::writeDisk({CardImage::kLinux});
@@ -24,7 +24,7 @@ inline void prepareForMounting()
     ToolStandIn::takeCalls();
     ToolStandIn::holdBack();
     SystemCalls::reset();
-    // Every mount seems to succeed.
+    // Every mount call succeeds without effect.
     SystemCalls::fail(SystemCalls::Call::Mount, 0, 100);
 }
 
@@ -43,7 +43,7 @@ inline QStringList takeMountCalls()
     return SystemCalls::takeCalls().filter("mount");
 }
 
-/// The mounting of the card of the test, and the signals that the state emits.
+/// Mounts the test's card and records the signals of the state.
 class MountingHarness : public QObject
 {
 public:
@@ -67,7 +67,7 @@ public:
     }
 
     void enter() { Q_EMIT mHarness.enter(); }
-    /// Has the state left as soon as the machine comes to it.
+    /// Makes the machine leave the state as soon as it enters it.
     void leaveLater() { Q_EMIT mHarness.leave(); }
     void leave()
     {
@@ -88,7 +88,7 @@ public:
     bool waitForWorker()
     {
         const bool isFinished = worker().wait(kPatienceMs);
-        // What it has sent arrives.
+        // Delivers the events that it has sent.
         QCoreApplication::processEvents();
         return isFinished;
     }
@@ -96,7 +96,7 @@ public:
     StateMounting& state() { return *mState; }
     ThreadMounting& worker() { return *mState->findChild<ThreadMounting*>(); }
     const QStringList& signalNames() const { return mSignals; }
-    /// What the worker has reported, whether the state made a signal of it or not.
+    /// All results that the worker has reported, even those without a signal of the state.
     const QVector<int>& reports() const { return mReports; }
     bool isInMainThread() const { return mIsInMainThread; }
 

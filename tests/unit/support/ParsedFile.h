@@ -6,7 +6,7 @@
 
 #include <tavoutil/XMLDomParser.h>
 
-/// Stands in for a configuration file: a file with a document, and the parser that reads it.
+/// Stands in for a configuration file: a file with a document, and its parser.
 class ParsedFile
 {
 protected:

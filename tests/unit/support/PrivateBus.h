@@ -7,7 +7,7 @@
 #include <QString>
 #include <QTemporaryFile>
 
-/// A message bus of the test's own, and the test's connection to it. Ends with the object.
+/// A message bus of the test, and the test's connection to it. Ends with the object.
 class PrivateBus
 {
 public:
@@ -16,10 +16,10 @@ public:
     Q_DISABLE_COPY_MOVE(PrivateBus)
     ~PrivateBus();
 
-    /// Empty when the bus did not start.
+    /// Empty if the bus did not start.
     QString address() const { return mAddress; }
     QDBusConnection connection() const { return QDBusConnection(mAddress); }
-    /// Ends the bus while others are connected to it.
+    /// Ends the bus under its connections.
     void stop();
 
 private:

@@ -7,13 +7,13 @@
 
 #include "ExitStatus.h"
 
-/// A run of sdcardctl while this process's event loop serves the bus.
+/// A run of sdcardctl. Meanwhile this process's event loop serves the bus.
 class ProgramRun
 {
 public:
     static constexpr int kSeconds = 20;
 
-    /// @param outputFile where standard output goes instead of output()
+    /// @param outputFile receives standard output instead of output()
     explicit ProgramRun(
         const QStringList& arguments, const QString& outputFile = QString(),
         const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
@@ -31,7 +31,7 @@ public:
         }
     }
 
-    /// What a run prints that succeeds without a note; otherwise how it ends.
+    /// The output of a run that succeeds without a message; otherwise how it ends.
     static QString answer(const QStringList& arguments)
     {
         ProgramRun run(arguments);
@@ -39,7 +39,7 @@ public:
         return isGood ? run.output() : run.description();
     }
 
-    /// The note of a run that ends with this status and prints nothing; otherwise how it ends.
+    /// The message of a run that ends with this status and prints nothing; otherwise how it ends.
     static QString refusal(sdcardctl::ExitStatus status, const QStringList& arguments,
                            const QString& outputFile = QString())
     {
@@ -48,28 +48,28 @@ public:
         return isRefused ? run.notes() : run.description();
     }
 
-    /// An exit status as status() gives it.
+    /// An exit status in the form of status().
     static int number(sdcardctl::ExitStatus status) { return static_cast<int>(status); }
 
     bool isRunning() const { return mProcess.state() != QProcess::NotRunning; }
     qint64 pid() const { return mProcess.processId(); }
 
     /// Waits for its end.
-    /// @return its exit status; -1 when it does not end in time or crashes
+    /// @return its exit status; -1 if it crashes or does not end in time
     int status()
     {
         const bool hasEnded = QTest::qWaitFor([this] { return !isRunning(); }, kSeconds * 1000);
         return hasEnded && mProcess.exitStatus() == QProcess::NormalExit ? mProcess.exitCode() : -1;
     }
 
-    /// All that it has written to standard output so far.
+    /// Its standard output so far.
     QString output()
     {
         mOutput += QString::fromUtf8(mProcess.readAllStandardOutput());
         return mOutput;
     }
 
-    /// Likewise to standard error.
+    /// Its standard error so far.
     QString notes()
     {
         mNotes += QString::fromUtf8(mProcess.readAllStandardError());

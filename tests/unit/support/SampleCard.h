@@ -7,7 +7,7 @@
 #include "CardStatus.h"
 #include "FakeService.h"
 
-/// A small media configuration, and a service whose card is laid out as it says.
+/// A small media configuration, and a service with a card that has this layout.
 class SampleCard
 {
 public:

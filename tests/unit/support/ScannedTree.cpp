@@ -14,7 +14,7 @@ namespace {
 
 constexpr qint64 kNanosecondsPerSecond = 1'000'000'000;
 
-// "seconds.fraction", with ten digits behind the point.
+// "seconds.fraction", with ten decimals.
 qint64 toNanoseconds(const QByteArray& time)
 {
     const int point = time.indexOf('.');
@@ -69,7 +69,7 @@ void ScannedTree::createNames(const QByteArray& file, const QByteArray& director
 
 void ScannedTree::awaitNextChangeTime()
 {
-    // Change times come from the coarse clock, but may be ahead of it where one was looked at.
+    // Change times come from the coarse clock. They may be ahead of it if one was read meanwhile.
     const qint64 latestYet = timeOf(CLOCK_REALTIME);
     while (timeOf(CLOCK_REALTIME_COARSE) <= latestYet) {
         ::usleep(500);

@@ -3,10 +3,10 @@
 #include <QByteArray>
 #include <QList>
 
-/// What stands on a card for a test of scanning and deleting. Paths are bytes.
+/// The content of a card for tests of scanning and deleting. Paths are bytes.
 namespace ScannedTree {
 
-/// An entry as another program sees it.
+/// An entry as find(1) reports it.
 struct Entry
 {
     QByteArray path;
@@ -19,21 +19,21 @@ struct Entry
 void createDirectory(const QByteArray& path);
 /// Creates a file of @p size bytes, a hole, in an existing directory.
 void createFile(const QByteArray& path, qint64 size = 0);
-/// Creates files of @p size bytes one after the other, each with a later change time.
+/// Creates files of @p size bytes, each with a later change time.
 void createFilesInOrder(const QList<QByteArray>& paths, qint64 size);
-/// Gives @p file as many more names in @p directory, each of @p nameLength bytes: quicker than as
+/// Adds hard links to @p file in @p directory, with names of @p nameLength bytes: faster than as
 /// many files.
 void createNames(const QByteArray& file, const QByteArray& directory, int count, int nameLength);
-/// Returns when what is created from now on has a later change time.
+/// Waits until new files get a later change time.
 void awaitNextChangeTime();
 
-/// Everything below and including @p path, as find(1) lists it.
+/// @p path and everything below it, as find(1) lists it.
 QList<Entry> list(const QByteArray& path);
 /// The sum of all sizes.
 qint64 sizeOf(const QList<Entry>& entries);
-/// The size of one entry itself, not of what it links to; -1 where there is none.
+/// The size of one entry itself, not of its link target; -1 if it does not exist.
 qint64 sizeOf(const QByteArray& path);
-/// Whether there is something at @p path, which may be a dangling link.
+/// Whether @p path exists, even as a dangling link.
 bool exists(const QByteArray& path);
 
 } // namespace ScannedTree

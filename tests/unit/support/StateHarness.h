@@ -5,7 +5,7 @@
 #include <QStateMachine>
 #include <QTest>
 
-/// A running machine around one state, which can be entered and left.
+/// A running machine around one state that can be entered and left.
 class StateHarness : public QObject
 {
     Q_OBJECT

@@ -29,7 +29,7 @@ std::array<Fault, 6> faults;
 std::array<std::function<void()>, 6> actions;
 QStringList calls;
 
-// Notes a call. The result where it is not to reach the system, with errno set.
+// Records a call. Returns a result if the call must not reach the system, with errno set.
 std::optional<int> stopped(Call call, const QString& text)
 {
     QMutexLocker locker(&mutex);

@@ -11,7 +11,7 @@ class TestProcess;
 class TestBus
 {
 public:
-    /// Starts it; it ends with this object, and with the test's process at the latest.
+    /// Starts the bus. It ends with this object, at the latest with the test's process.
     TestBus();
     ~TestBus();
     TestBus(const TestBus&) = delete;
@@ -20,7 +20,7 @@ public:
     TestBus& operator=(TestBus&&) = delete;
 
     QString address() const { return mAddress; }
-    /// The connection named @p name, opened where there is none by that name.
+    /// The connection with the name @p name; opened if it does not exist.
     QDBusConnection connection(const QString& name) const;
 
 private:

@@ -15,7 +15,7 @@
 
 namespace {
 
-// Every machine has it, and nothing that a test needs is below it.
+// Exists on every machine, and the tests need nothing below it.
 constexpr auto kBase = "/mnt";
 constexpr mode_t kDirectoryMode = 0755;
 
@@ -102,7 +102,7 @@ void TestDevice::remove(const QString& path)
 bool TestDevice::mountTmpfs(const QString& path, qint64 bytes, bool readOnly)
 {
     QDir().mkpath(path);
-    // By default the machine's memory limits the number of files too.
+    // By default the machine's memory also limits the number of files.
     const QByteArray options = "size=" + QByteArray::number(bytes) + ",nr_inodes=0";
     return ::mount("tmpfs", QFile::encodeName(path).constData(), "tmpfs",
                    readOnly ? static_cast<unsigned long>(MS_RDONLY) : 0UL,

@@ -6,8 +6,7 @@
 
 #include <sys/prctl.h>
 
-/// Stands in for a program of the device: a process that ends with the test's, also where that is
-/// killed.
+/// Stands in for a program of the device. It ends with the test's process, even if that is killed.
 class TestProcess : public QProcess
 {
 protected:

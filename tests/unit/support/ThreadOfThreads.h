@@ -8,7 +8,7 @@
 
 inline constexpr int kPatienceMs = 30000;
 
-/// A worker that does what the test gives it to do.
+/// A worker that runs a function of the test.
 class ThreadOfThreads : public ThreadStateBase, public TrackObject
 {
     Q_OBJECT
@@ -30,7 +30,7 @@ private:
     std::function<void()> mWork;
 };
 
-/// Work that looks at nothing, as in a call that the kernel holds, until it may end.
+/// Work without checks, like a call that blocks in the kernel, until it may end.
 struct HeldWork
 {
     void operator()()

@@ -17,7 +17,7 @@ const QString kCallsFile = QStringLiteral("/run/stand-ins/calls");
 const QString kReleasePipe = QStringLiteral("/run/stand-ins/release");
 constexpr mode_t kPipeMode = 0600;
 
-// Who opens the pipe for reading waits until somebody has it open for writing.
+// A reader of the pipe blocks until a writer opens it.
 int releasing = -1;
 
 } // namespace

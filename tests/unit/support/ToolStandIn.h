@@ -4,33 +4,33 @@
 #include <QString>
 #include <QStringList>
 
-/// Stand in for the external programs that the service starts: scripts that record how they are
-/// called before they do what the test wants.
+/// Stands in for the external programs that the service starts: scripts that record their calls and
+/// then run a command of the test.
 namespace ToolStandIn {
 
-/// Where the stand-ins of the programs that are started by their bare names lie; putFirst() makes
-/// the search path find them.
+/// The directory of the stand-ins for programs that are started by their bare names; putFirst()
+/// puts it into the search path.
 extern const QString kE2fsck;
 extern const QString kRunlevel;
-/// The programs that are started by their paths.
+/// The programs that are started by their absolute paths.
 extern const QString kLsof;
 extern const QString kFormatScript;
 
 /// A shell command that waits until letGo() is called; it fails before the first holdBack().
 extern const QByteArray kWait;
 
-/// Makes the search path begin with the directory of the stand-ins.
+/// Puts the directory of the stand-ins first into the search path.
 void putFirst();
 /// Places a script at @p path. @p body is run by the shell, with the arguments in "$@".
 void place(const QString& path, const QByteArray& body);
 /// The calls since the last takeCalls(), each as the program's file name and its arguments.
 QStringList calls();
-/// calls(), which then start anew; none may be under way.
+/// Returns calls() and clears them; no call may be running.
 QStringList takeCalls();
 
-/// Makes every kWait to come wait.
+/// Makes every later kWait block.
 void holdBack();
-/// Makes every kWait that runs or will run end, until the next holdBack(), of which there was one.
+/// Ends every kWait that runs or will run, until the next holdBack(). There must have been one.
 void letGo();
 
 } // namespace ToolStandIn

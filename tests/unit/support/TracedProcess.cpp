@@ -16,7 +16,8 @@ namespace {
 
 constexpr int kSystemCallStop = SIGTRAP | 0x80;
 
-// What fstatat() becomes. The library takes the other one where a time stamp has more bits than a
+// The system call behind fstatat(). The library uses the second one if a time stamp needs more bits
+// than a long.
 // long.
 #ifdef SYS_newfstatat
 constexpr long kFstatat = SYS_newfstatat;
@@ -48,7 +49,7 @@ QByteArray TracedProcess::Call::text(int argument) const
     QByteArray result;
     quint64 address = arguments.at(static_cast<std::size_t>(argument));
     for (;;) {
-        // Not beyond the page, since the next one may not be there.
+        // Not beyond the page, because the next one may not be mapped.
         constexpr quint64 kPage = 4096;
         QByteArray piece(static_cast<int>(kPage - address % kPage), '\0');
         iovec local{piece.data(), static_cast<std::size_t>(piece.size())};
@@ -115,7 +116,7 @@ void TracedProcess::follow(pid_t process, const Observer& onCall)
             continue;
         }
         __ptrace_syscall_info info{};
-        // The size travels in the place of an address.
+        // The size is in the place of an address.
         // NOLINTNEXTLINE(performance-no-int-to-ptr)
         auto* const size = reinterpret_cast<void*>(sizeof info);
         if (::ptrace(PTRACE_GET_SYSCALL_INFO, process, size, &info) <= 0 ||

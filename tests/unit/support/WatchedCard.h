@@ -3,7 +3,7 @@
 #include <QByteArray>
 #include <QList>
 
-/// A card with a directory that is kept within a limit.
+/// A card with one directory that is kept within a limit.
 namespace WatchedCard {
 
 inline const QByteArray kMountPoint = "/media/sdcard";
@@ -15,13 +15,13 @@ void remove();
 
 /// Brings the directory within @p limit bytes.
 void enforce(qint64 limit);
-/// Bytes of the directory with everything below it, as find(1) sees it.
+/// Bytes of the directory with its content, as find(1) reports them.
 qint64 used();
-/// Paths of all that is below the directory, or of what is no directory there, sorted.
+/// Sorted paths of everything below the directory, or only of entries that are not directories.
 QList<QByteArray> entries();
 QList<QByteArray> files();
 
-/// Lets neither a file nor a directory be removed, until the card is removed.
+/// Prevents the removal of a file or directory until the card is removed.
 void makeBusy(const QByteArray& path);
 
 } // namespace WatchedCard

@@ -8,15 +8,15 @@
 #include "WorkerThread.h"
 #include "config.h"
 
-/// Stands in for a card with two watched directories, with the watcher that looks after them. The
-/// first contains no files and exceeds its limit all the same, which a run logs; of the second
-/// every file is too much. A run can be stopped between the two at that record.
+/// Stands in for a card with two watched directories, together with their watcher. The first
+/// contains no files but still exceeds its limit, which a run logs. Every file in the second
+/// exceeds its limit. A run can be stopped between the two at that record.
 class WatchedRuns
 {
 public:
     static const QByteArray kSecond;
     static const QString kReport;
-    /// What a run logs where the second directory contains no file.
+    /// The records of a run if the second directory contains no file.
     static const QString kSecondReport;
 
     /// Mounts the card.
@@ -37,7 +37,7 @@ public:
     const ConfigHandler& config() const { return mConfig; }
     StorageCapacityWatcher& watcher() { return *mWatcher; }
     void destroyWatcher() { mWatcher.reset(); }
-    /// How many background runs there are, and whether there is none after a while.
+    /// The number of background runs, and whether they all end in time.
     int runs() const;
     bool waitForEnd() const;
 

@@ -19,7 +19,7 @@ const std::string kPartition = "/card/mmcblk0p1";
 constexpr qint64 kDiskSize = qint64{32} * 1024 * 1024;
 constexpr qint64 kSysfsSize = 1048576;
 
-// The counters are only ever raised; they do not start at 0 so that this can be seen.
+// Start values above 0 show that the counters are only ever raised.
 constexpr int kLinuxBefore = 10;
 constexpr int kOtherBefore = 20;
 

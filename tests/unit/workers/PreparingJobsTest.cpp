@@ -21,7 +21,7 @@ const QString kLoggerDirectory = kInfo + "Logger directory is '/media/sdcard/log
 const QString kCsvStart = kInfo + "move File From " + kDoubled + " to /media/sdcard/csv";
 const QString kCsvMoved = kInfo + "Succesffully moved csv files into new location";
 
-/// The jobs of a worker that is not started.
+/// The jobs of a worker that was not started.
 class Jobs
 {
 public:
@@ -55,7 +55,7 @@ private:
 
 } // namespace
 
-/// The jobs that move other services' data to where they belong on the card.
+/// Moves of other services' data to their places on the card.
 class PreparingJobsTest : public QObject
 {
     Q_OBJECT
@@ -66,8 +66,8 @@ private Q_SLOTS:
     void cleanup();
     void a_move_that_does_not_succeed_is_reported_data();
     void a_move_that_does_not_succeed_is_reported();
-    void failures_count_where_their_level_is_off();
-    void paths_are_not_for_the_shell();
+    void failures_count_even_if_their_level_is_off();
+    void the_shell_does_not_interpret_paths();
     void csv_may_be_nested_in_another_directory();
     void the_doubled_trees_top_is_fixed();
     void links_to_other_places_on_the_card_are_followed();
@@ -90,7 +90,7 @@ void PreparingJobsTest::init()
 
 void PreparingJobsTest::cleanup()
 {
-    // In the place of a stand-in.
+    // Replaces the stand-in.
     TestDevice::writeScript(kMove, mMoveTool);
     TestDevice::unmountAll(kCard);
     TestDevice::remove("/media");
@@ -127,7 +127,7 @@ void PreparingJobsTest::a_move_that_does_not_succeed_is_reported()
     QVERIFY(QFile::exists(kDoubled + "/day/file"));
 }
 
-void PreparingJobsTest::failures_count_where_their_level_is_off()
+void PreparingJobsTest::failures_count_even_if_their_level_is_off()
 {
     TestDevice::writeFile(kCard + "/PindleLogger.db", "content");
     QVERIFY(QDir().mkpath(kDoubled));
@@ -141,7 +141,7 @@ void PreparingJobsTest::failures_count_where_their_level_is_off()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void PreparingJobsTest::paths_are_not_for_the_shell()
+void PreparingJobsTest::the_shell_does_not_interpret_paths()
 {
     TestDevice::writeFile("/cards/my $(card)/PindleLogger.db", "content");
     QVERIFY(QDir().mkpath("/cards/my $(card)/data; of/logger"));
@@ -194,7 +194,7 @@ void PreparingJobsTest::links_to_other_places_on_the_card_are_followed()
     QVERIFY(QDir().mkpath(kDoubled));
     QVERIFY(QFile::link("data", kCard + "/logger"));
     QVERIFY(QFile::link("/media/sdcard/days", kDoubled + "/day"));
-    // No directory, so nothing is taken from there.
+    // Not a directory, so nothing is moved from it.
     QVERIFY(QFile::link("/etc/passwd", kDoubled + "/users"));
     Jobs jobs(kBoth);
     jobs.relocateDatabase();
@@ -205,7 +205,7 @@ void PreparingJobsTest::links_to_other_places_on_the_card_are_followed()
 
 void PreparingJobsTest::csv_files_are_not_moved_off_the_card()
 {
-    // The link for the directory leads off the card, and another one back.
+    // The link for the directory leads off the card, and another link leads back.
     TestDevice::writeFile(kCard + "/days/day/file", "content");
     QVERIFY(QDir().mkpath("/outside/media/sdcard"));
     QVERIFY(QFile::link(kCard + "/days", "/outside/media/sdcard/csv"));

@@ -22,10 +22,10 @@ bool waitForCall(const QString& call)
     return QTest::qWaitFor([&call] { return ToolStandIn::calls().contains(call); }, kPatienceMs);
 }
 
-// What is seen of the state before it is left.
+// The events before the state is left.
 const QStringList kActive{"mountingStateActive"};
 
-/// Holds a thread at one place until it may go on.
+/// Blocks a thread at one place until it may continue.
 class Hold
 {
 public:
@@ -53,7 +53,7 @@ private:
 
 } // namespace
 
-/// The end of mounting: by a result, by none, and before there is any.
+/// The end of mounting: with a result, without one, and before there is one.
 class StateMountingLeavingTest : public QObject
 {
     Q_OBJECT
@@ -68,8 +68,8 @@ private Q_SLOTS:
     void a_state_that_is_left_during_the_inspection_only_formats();
     void a_state_that_is_left_during_a_program_does_not_mount_data();
     void a_state_that_is_left_during_a_program_does_not_mount();
-    void what_was_mounted_too_late_is_unmounted_or_prepared_next_data();
-    void what_was_mounted_too_late_is_unmounted_or_prepared_next();
+    void a_late_mount_is_undone_or_prepared_next_data();
+    void a_late_mount_is_undone_or_prepared_next();
     void a_state_that_is_left_at_once_emits_nothing();
     void a_run_without_a_result_repeats_the_last_data();
     void a_run_without_a_result_repeats_the_last();
@@ -97,7 +97,7 @@ void StateMountingLeavingTest::
     QTest::addColumn<bool>("isMounted");
     QTest::addColumn<QVector<int>>("reports");
     QTest::newRow("not mounted") << false << QVector<int>();
-    // There is nothing that could be stopped.
+    // Nothing has started yet that could be stopped.
     QTest::newRow("mounted") << true << QVector<int>{StateMounting::MountSuccess};
 }
 
@@ -172,7 +172,7 @@ void StateMountingLeavingTest::a_state_that_is_left_during_a_program_does_not_mo
                             << "Executing '/opt/tavo/bin/tavo-create-sdcardFS.sh'...";
     QTest::newRow("quick check") << ToolStandIn::kWait + "exit 1" << QByteArray() << kCheckCall
                                  << "Corrected some file system errors on SD Card!";
-    // It runs to its end.
+    // The program runs to its end.
     QTest::newRow("thorough check") << "[ $1 = -p ] && exit 4\n" + ToolStandIn::kWait + "exit 0"
                                     << QByteArray() << "e2fsck -f -y -v -c /card/mmcblk0p1"
                                     << "Pass2 check result: 0";
@@ -206,7 +206,7 @@ void StateMountingLeavingTest::a_state_that_is_left_during_a_program_does_not_mo
     QCOMPARE(state.signalNames(), kActive);
 }
 
-void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next_data()
+void StateMountingLeavingTest::a_late_mount_is_undone_or_prepared_next_data()
 {
     QTest::addColumn<int>("mountError");
     QTest::addColumn<int>("unmountError");
@@ -219,7 +219,7 @@ void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepare
     QTest::newRow("not mounted") << EIO << -1 << QStringList() << false;
 }
 
-void StateMountingLeavingTest::what_was_mounted_too_late_is_unmounted_or_prepared_next()
+void StateMountingLeavingTest::a_late_mount_is_undone_or_prepared_next()
 {
     QFETCH(const int, mountError);
     QFETCH(const int, unmountError);
@@ -249,7 +249,7 @@ void StateMountingLeavingTest::a_state_that_is_left_at_once_emits_nothing()
     MountingHarness state;
     QSignalSpy entered(state.state().initialState(), &QState::entered);
     connect(state.state().initialState(), &QState::entered, this, [&state] {
-        // What the run sends until its end waits behind this.
+        // Everything that the run sends until its end is queued behind this.
         state.leaveLater();
         QVERIFY(state.worker().wait(kPatienceMs));
     });
@@ -275,7 +275,7 @@ void StateMountingLeavingTest::a_run_without_a_result_repeats_the_last()
     Hold inspection(Call::AssignDisk);
     MountingHarness state;
     QSignalSpy finished(&state.state(), &QState::finished);
-    // Of a run before.
+    // The result of an earlier run.
     state.state().setTransitionChangeSignal(StateMounting::MountFailed);
     state.enter();
     QVERIFY(inspection.waitFor());

@@ -25,7 +25,7 @@ const QString kMountCall = QStringLiteral("mount /card/mmcblk0p1 /media/sdcard e
 
 } // namespace
 
-/// What the worker finds out about the card, and what the state then emits.
+/// How the worker judges the card, and the signals that the state then emits.
 class StateMountingTest : public QObject
 {
     Q_OBJECT
@@ -38,13 +38,13 @@ private Q_SLOTS:
     void the_worker_is_named_after_the_state();
     void each_result_has_its_signal_data();
     void each_result_has_its_signal();
-    void results_are_known_to_queued_connections();
+    void results_pass_through_queued_connections();
     void the_card_decides_the_result_data();
     void the_card_decides_the_result();
     void a_new_file_system_is_announced_before_its_record();
-    void a_mounted_card_is_prepared_only_where_it_is_marked_data();
-    void a_mounted_card_is_prepared_only_where_it_is_marked();
-    void a_mount_whose_card_is_gone_is_no_success();
+    void a_mounted_card_is_prepared_only_if_marked_data();
+    void a_mounted_card_is_prepared_only_if_marked();
+    void a_mount_of_a_removed_card_fails();
 };
 
 void StateMountingTest::initTestCase()
@@ -112,12 +112,12 @@ void StateMountingTest::each_result_has_its_signal()
     QCOMPARE(state.signalNames(), QStringList());
     state.state().emitTransitionChangeSignal();
     QCOMPARE(state.signalNames(), signalNames);
-    // It stays until the next is reported.
+    // It stays until the next report.
     state.state().emitTransitionChangeSignal();
     QCOMPARE(state.signalNames(), signalNames + signalNames);
 }
 
-void StateMountingTest::results_are_known_to_queued_connections()
+void StateMountingTest::results_pass_through_queued_connections()
 {
     const MountingHarness state;
     QVERIFY(QMetaType::type("StateMounting::eTransitionChangeSignalType") !=
@@ -175,7 +175,7 @@ void StateMountingTest::the_card_decides_the_result()
     QCOMPARE(describe(log.records()), records);
     QTEST(ToolStandIn::takeCalls() + takeMountCalls(), "calls");
     QCOMPARE(log.errorCount(), static_cast<unsigned int>(records.filter("ERROR ").size()));
-    // A mounted card waits for its preparation.
+    // The mark of a mounted card that still needs its preparation.
     QCOMPARE(QFile::exists(kUnpreparedMark), result.contains("START_PREPARE"));
 }
 
@@ -199,7 +199,7 @@ void StateMountingTest::a_new_file_system_is_announced_before_its_record()
     QVERIFY(state.waitForWorker());
 }
 
-void StateMountingTest::a_mounted_card_is_prepared_only_where_it_is_marked_data()
+void StateMountingTest::a_mounted_card_is_prepared_only_if_marked_data()
 {
     QTest::addColumn<bool>("isMarked");
     QTest::addColumn<QStringList>("result");
@@ -207,7 +207,7 @@ void StateMountingTest::a_mounted_card_is_prepared_only_where_it_is_marked_data(
     QTest::newRow("preparation cut short") << true << QStringList{"START_PREPARE"};
 }
 
-void StateMountingTest::a_mounted_card_is_prepared_only_where_it_is_marked()
+void StateMountingTest::a_mounted_card_is_prepared_only_if_marked()
 {
     QFETCH(const bool, isMarked);
     SystemCalls::reset();
@@ -223,7 +223,7 @@ void StateMountingTest::a_mounted_card_is_prepared_only_where_it_is_marked()
     QCOMPARE(ToolStandIn::takeCalls() + takeMountCalls(), QStringList());
 }
 
-void StateMountingTest::a_mount_whose_card_is_gone_is_no_success()
+void StateMountingTest::a_mount_of_a_removed_card_fails()
 {
     SystemCalls::reset();
     QVERIFY(CardImage::createPartition());

@@ -32,7 +32,7 @@ QString executing(const QString& script, const QString& arguments = "logger=/log
            (arguments.isEmpty() ? QString() : " " + arguments) + "'...";
 }
 
-/// The state in a machine, entered over and over.
+/// The state in a machine that enters it repeatedly.
 class Preparing
 {
 public:
@@ -57,7 +57,7 @@ public:
     bool waitForWorker()
     {
         const bool isFinished = worker().wait(kPatienceMs);
-        // What it has sent arrives.
+        // Delivers the events that it has sent.
         QCoreApplication::processEvents();
         return isFinished;
     }
@@ -90,8 +90,8 @@ private Q_SLOTS:
     void without_scripts_nothing_runs();
     void no_step_follows_a_stop_request_data();
     void no_step_follows_a_stop_request();
-    void a_prepared_card_is_marked_no_longer_data();
-    void a_prepared_card_is_marked_no_longer();
+    void a_prepared_card_loses_its_mark_data();
+    void a_prepared_card_loses_its_mark();
 };
 
 void StatePreparingTest::init()
@@ -192,7 +192,7 @@ void StatePreparingTest::no_step_follows_a_stop_request()
     QCOMPARE(state.successes(), 0);
 }
 
-void StatePreparingTest::a_prepared_card_is_marked_no_longer_data()
+void StatePreparingTest::a_prepared_card_loses_its_mark_data()
 {
     QTest::addColumn<bool>("isLeft");
     QTest::newRow("prepared") << false;
@@ -200,7 +200,7 @@ void StatePreparingTest::a_prepared_card_is_marked_no_longer_data()
     QTest::newRow("left") << true;
 }
 
-void StatePreparingTest::a_prepared_card_is_marked_no_longer()
+void StatePreparingTest::a_prepared_card_loses_its_mark()
 {
     QFETCH(const bool, isLeft);
     TestDevice::writeFile(kUnpreparedMark, {});

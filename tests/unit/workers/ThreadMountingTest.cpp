@@ -62,9 +62,9 @@ private Q_SLOTS:
     void cleanup();
     void a_card_is_checked_as_thoroughly_as_needed_and_mounted_data();
     void a_card_is_checked_as_thoroughly_as_needed_and_mounted();
-    void a_check_that_does_not_start_passes_for_a_correction_data();
-    void a_check_that_does_not_start_passes_for_a_correction();
-    void failures_count_where_their_level_is_off();
+    void a_check_that_does_not_start_counts_as_a_correction_data();
+    void a_check_that_does_not_start_counts_as_a_correction();
+    void failures_count_even_if_their_level_is_off();
     void an_interrupted_mount_is_repeated_data();
     void an_interrupted_mount_is_repeated();
     void a_card_that_is_in_the_mount_table_is_only_remounted_data();
@@ -143,7 +143,7 @@ void ThreadMountingTest::a_card_is_checked_as_thoroughly_as_needed_and_mounted()
     QCOMPARE(takeMountCalls(), QStringList{mountCall(1024)});
 }
 
-void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction_data()
+void ThreadMountingTest::a_check_that_does_not_start_counts_as_a_correction_data()
 {
     QTest::addColumn<QByteArray>("check");
     QTest::addColumn<int>("infos");
@@ -151,11 +151,11 @@ void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction_dat
     QTest::newRow("the second") << QByteArray("/bin/rm \"$0\"; exit 4") << 3;
 }
 
-void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction()
+void ThreadMountingTest::a_check_that_does_not_start_counts_as_a_correction()
 {
     QFETCH(const QByteArray, check);
     QFETCH(const int, infos);
-    // The machine has an e2fsck of its own.
+    // The machine has a real e2fsck.
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/opt/stand-ins");
     if (check.isEmpty()) {
@@ -173,7 +173,7 @@ void ThreadMountingTest::a_check_that_does_not_start_passes_for_a_correction()
     QCOMPARE(outcome.errors, 1U);
 }
 
-void ThreadMountingTest::failures_count_where_their_level_is_off()
+void ThreadMountingTest::failures_count_even_if_their_level_is_off()
 {
     SystemCalls::fail(Call::Mount, EIO);
     const Outcome outcome = mountDevice(false, LogLevel::Off);
@@ -198,7 +198,7 @@ void ThreadMountingTest::an_interrupted_mount_is_repeated()
     SystemCalls::reset();
     const MountTable mountTable(table);
     SystemCalls::reset();
-    // What comes after that reaches the system, which knows no such device.
+    // Later calls reach the system, which has no such device.
     SystemCalls::fail(Call::Mount, EINTR, 3);
     QVERIFY(!mountDevice().isMounted);
     const QString call = mountCall(flags);
@@ -240,7 +240,7 @@ void ThreadMountingTest::a_card_that_is_in_the_mount_table_is_only_remounted()
         QVERIFY(records.isEmpty() || outcome.records.first().startsWith(records.first()));
         QCOMPARE(outcome.errors, static_cast<unsigned int>(records.size()));
         QCOMPARE(ToolStandIn::takeCalls() + takeMountCalls(), calls);
-        // What is mounted is not to be emptied.
+        // A mounted card must not be emptied.
         QVERIFY(QFile::exists(kCard));
     }
 }

@@ -18,7 +18,7 @@
 #include "ProgramRunner.h"
 #include "ThreadOfThreads.h"
 
-/// Its name does not say what it is.
+/// A worker without the prefix "Thread" in its name.
 class WorkerOfThreads : public ThreadStateBase, public TrackObject
 {
     Q_OBJECT
@@ -40,7 +40,7 @@ Q_DECLARE_METATYPE(Construction)
 
 namespace {
 
-/// A program that does not end by itself, and the run that waits for it.
+/// A program that does not end by itself, and a run that waits for it.
 class EndlessProgram
 {
 public:
@@ -68,7 +68,7 @@ private:
     const QString mFile = mDirectory.filePath("id");
 };
 
-// What a process that does this writes before it aborts; nothing where it does not abort.
+// The output of a process that does this and aborts; empty if it does not abort.
 QByteArray lastWordsOf(const Construction& construction)
 {
     QTemporaryFile words;
@@ -106,9 +106,9 @@ private Q_SLOTS:
     void termination_kills_the_program_that_the_run_waits_for_data();
     void termination_kills_the_program_that_the_run_waits_for();
     void a_terminated_run_starts_no_further_program();
-    void a_run_that_cannot_end_is_waited_for_3_seconds_once();
-    void a_run_that_cannot_end_is_followed_by_the_next();
-    void a_run_that_is_no_longer_wanted_does_not_begin();
+    void the_wait_for_a_blocked_run_is_3_seconds_once();
+    void the_next_run_follows_a_blocked_one();
+    void a_cancelled_run_does_not_begin();
     void a_run_acts_in_the_owning_thread_unless_it_has_been_left_data();
     void a_run_acts_in_the_owning_thread_unless_it_has_been_left();
     void each_run_has_a_stack_for_signal_handlers();
@@ -208,7 +208,7 @@ void ThreadStateBaseTest::termination_kills_the_program_that_the_run_waits_for()
     QCOMPARE(runs.load(), isStartedAgain ? 2 : 1);
     QCOMPARE(code.load(), -1);
     QVERIFY(!program.isRunning());
-    // Nobody waits for the program any more, so that its end is no failure.
+    // The run no longer waits for the program, so its end is not a failure.
     QCOMPARE(log.messages(LogLevel::Error), QStringList());
 }
 
@@ -232,7 +232,7 @@ void ThreadStateBaseTest::a_terminated_run_starts_no_further_program()
     QCOMPARE(log.messages(), QStringList());
 }
 
-void ThreadStateBaseTest::a_run_that_cannot_end_is_waited_for_3_seconds_once()
+void ThreadStateBaseTest::the_wait_for_a_blocked_run_is_3_seconds_once()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);
@@ -248,14 +248,14 @@ void ThreadStateBaseTest::a_run_that_cannot_end_is_waited_for_3_seconds_once()
     QVERIFY2(watch.elapsed() < 2000, qPrintable(QString::number(watch.elapsed())));
 }
 
-void ThreadStateBaseTest::a_run_that_cannot_end_is_followed_by_the_next()
+void ThreadStateBaseTest::the_next_run_follows_a_blocked_one()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);
     QVERIFY(held.hasBegun.tryAcquire(1, kPatienceMs));
     held.worker.start(QThread::InheritPriority);
     QVERIFY(held.worker.isUnderWay());
-    // Otherwise the old run would go on with its work.
+    // Otherwise the old run would continue its work.
     QVERIFY(held.worker.isStopRequested());
     held.mayEnd.release();
     QTRY_COMPARE_WITH_TIMEOUT(held.hasBegun.available(), 1, kPatienceMs);
@@ -263,7 +263,7 @@ void ThreadStateBaseTest::a_run_that_cannot_end_is_followed_by_the_next()
     QVERIFY(!held.worker.isInterruptionRequested());
 }
 
-void ThreadStateBaseTest::a_run_that_is_no_longer_wanted_does_not_begin()
+void ThreadStateBaseTest::a_cancelled_run_does_not_begin()
 {
     HeldWorker held;
     held.worker.start(QThread::InheritPriority);

@@ -24,7 +24,7 @@ QStringList waitsFor(const QString& command, int timeoutMs)
     return {command + ": start 30000", command + ": end " + QString::number(timeoutMs)};
 }
 
-// Prepares a card with directories for the logger and for values.
+// Creates a card with directories for the logger and for values.
 bool prepare()
 {
     const ConfigHandler config =
@@ -38,7 +38,7 @@ bool prepare()
 
 } // namespace
 
-/// How long each of the service's programs may take.
+/// The time limits of the service's programs.
 class ToolTimeoutsTest : public QObject
 {
     Q_OBJECT
@@ -46,12 +46,12 @@ class ToolTimeoutsTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanup();
-    void a_card_is_given_time_for_its_format_and_both_checks();
-    void a_card_is_given_the_same_time_for_its_format_at_the_start();
-    void a_relocation_is_given_all_the_time_it_takes();
-    void a_preparing_script_is_given_ten_minutes();
-    void the_run_level_is_waited_for_ten_seconds();
-    void both_lists_of_open_files_are_waited_for_ten_seconds();
+    void format_and_both_checks_have_time_limits();
+    void a_format_at_the_start_has_the_same_time_limit();
+    void a_relocation_has_no_time_limit();
+    void a_preparing_script_may_take_ten_minutes();
+    void the_run_level_query_may_take_ten_seconds();
+    void each_list_of_open_files_may_take_ten_seconds();
 
 private:
     TestBus mBus;
@@ -71,7 +71,7 @@ void ToolTimeoutsTest::cleanup()
     ProcessWaits::take();
 }
 
-void ToolTimeoutsTest::a_card_is_given_time_for_its_format_and_both_checks()
+void ToolTimeoutsTest::format_and_both_checks_have_time_limits()
 {
     CardImage::writeDisk({});
     ToolStandIn::place(ToolStandIn::kFormatScript, "exit 99");
@@ -84,7 +84,7 @@ void ToolTimeoutsTest::a_card_is_given_time_for_its_format_and_both_checks()
                                        waitsFor("e2fsck -f -y -v -c /card/mmcblk0p1", 3600000));
 }
 
-void ToolTimeoutsTest::a_card_is_given_the_same_time_for_its_format_at_the_start()
+void ToolTimeoutsTest::a_format_at_the_start_has_the_same_time_limit()
 {
     ControllerDevice device(mBus);
     CardImage::listMmcCard();
@@ -93,7 +93,7 @@ void ToolTimeoutsTest::a_card_is_given_the_same_time_for_its_format_at_the_start
     QCOMPARE(ProcessWaits::take(), waitsFor("tavo-create-sdcardFS.sh", 150000));
 }
 
-void ToolTimeoutsTest::a_relocation_is_given_all_the_time_it_takes()
+void ToolTimeoutsTest::a_relocation_has_no_time_limit()
 {
     TestDevice::writeFile("/media/sdcard/PindleLogger.db", "database");
     TestDevice::writeFile("/media/sdcard/csv/media/sdcard/csv/day/file", "values");
@@ -104,7 +104,7 @@ void ToolTimeoutsTest::a_relocation_is_given_all_the_time_it_takes()
     QCOMPARE(ProcessWaits::take().filter(limited), QStringList());
 }
 
-void ToolTimeoutsTest::a_preparing_script_is_given_ten_minutes()
+void ToolTimeoutsTest::a_preparing_script_may_take_ten_minutes()
 {
     ToolStandIn::place(ControllerDevice::kJobDirectory + "/job", "");
     QVERIFY(prepare());
@@ -112,7 +112,7 @@ void ToolTimeoutsTest::a_preparing_script_is_given_ten_minutes()
     QCOMPARE(ProcessWaits::take(), waitsFor("job logger=/logger csv=/csv", 600000));
 }
 
-void ToolTimeoutsTest::the_run_level_is_waited_for_ten_seconds()
+void ToolTimeoutsTest::the_run_level_query_may_take_ten_seconds()
 {
     ControllerDevice device(mBus);
     Sdcard& controller = device.construct();
@@ -121,7 +121,7 @@ void ToolTimeoutsTest::the_run_level_is_waited_for_ten_seconds()
     QCOMPARE(ProcessWaits::take(), waitsFor("runlevel", 10000));
 }
 
-void ToolTimeoutsTest::both_lists_of_open_files_are_waited_for_ten_seconds()
+void ToolTimeoutsTest::each_list_of_open_files_may_take_ten_seconds()
 {
     ControllerDevice device(mBus);
     Sdcard& controller = device.construct();

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// A state with a worker that does what the test gives it to do.
+/// A state with a worker that runs a function of the test.
 class StateOfThreads : public WorkerState
 {
 public:
@@ -36,9 +36,9 @@ class WorkerStateTest : public QObject
 private Q_SLOTS:
     void entering_starts_the_worker_and_its_end_finishes_the_state();
     void leaving_asks_the_worker_to_stop();
-    void a_run_before_does_not_finish_the_state();
+    void an_earlier_run_does_not_finish_the_state();
     void a_state_is_finished_only_when_the_latest_end_is_delivered();
-    void two_held_workers_are_waited_for_3_seconds_in_all();
+    void two_blocked_workers_delay_the_end_by_3_seconds_in_total();
 };
 
 void WorkerStateTest::entering_starts_the_worker_and_its_end_finishes_the_state()
@@ -75,7 +75,7 @@ void WorkerStateTest::leaving_asks_the_worker_to_stop()
     QCOMPARE(finished.size(), 0);
 }
 
-void WorkerStateTest::a_run_before_does_not_finish_the_state()
+void WorkerStateTest::an_earlier_run_does_not_finish_the_state()
 {
     HeldWork work;
     auto* const state = new StateOfThreads(work.function());
@@ -84,7 +84,7 @@ void WorkerStateTest::a_run_before_does_not_finish_the_state()
     Q_EMIT harness.enter();
     QTRY_COMPARE_WITH_TIMEOUT(work.hasBegun.available(), 1, kPatienceMs);
     Q_EMIT harness.leave();
-    // The run goes on, so that this waits for it and then for its end to be delivered.
+    // The run continues, so this waits for it and then for the delivery of its end.
     Q_EMIT harness.enter();
     QTRY_VERIFY_WITH_TIMEOUT(state->active(), kPatienceMs);
     work.mayEnd.release();
@@ -116,7 +116,7 @@ void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered(
     QTRY_COMPARE_WITH_TIMEOUT(hasBegun.available(), 1, kPatienceMs);
     Q_EMIT harness.leave();
     QTRY_VERIFY_WITH_TIMEOUT(!state->active(), kPatienceMs);
-    // This ends the first run. Then the ends of both wait to be delivered.
+    // This ends the first run. Then the ends of both runs wait for delivery.
     connect(state->initialState(), &QAbstractState::entered, this,
             [state] { state->worker->wait(kPatienceMs); });
     Q_EMIT harness.enter();
@@ -124,7 +124,7 @@ void WorkerStateTest::a_state_is_finished_only_when_the_latest_end_is_delivered(
     QTRY_COMPARE_WITH_TIMEOUT(deliveredWhenFinished, 2, kPatienceMs);
 }
 
-void WorkerStateTest::two_held_workers_are_waited_for_3_seconds_in_all()
+void WorkerStateTest::two_blocked_workers_delay_the_end_by_3_seconds_in_total()
 {
     HeldWork work;
     std::array<QPointer<ThreadOfThreads>, 2> workers;
@@ -142,7 +142,7 @@ void WorkerStateTest::two_held_workers_are_waited_for_3_seconds_in_all()
     }
     QVERIFY2(watch.elapsed() >= 2900 && watch.elapsed() < 5000,
              qPrintable(QString::number(watch.elapsed())));
-    // What such a run uses is left to it.
+    // Such a run keeps the objects that it uses.
     work.mayEnd.release(2);
     for (const QPointer<ThreadOfThreads>& worker : workers) {
         QVERIFY(worker);
