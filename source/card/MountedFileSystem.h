@@ -35,8 +35,8 @@ private:
     QByteArray mMountPoint;
 };
 
-/// Unmounts the file system on @p path, without force, and clears the card's UnpreparedMark. Retries
-/// when a signal interrupts the call.
+/// Unmounts the file system on @p path, without force, and clears the card's UnpreparedMark.
+/// Retries when a signal interrupts the call.
 /// @return 0 or the error number
 int unmount(const QString& path);
 

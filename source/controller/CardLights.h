@@ -7,10 +7,10 @@ namespace CardLights {
 enum class Pattern
 {
     Off,
-    Mounted,      ///< red; off during card access
-    Busy,         ///< red blinks fast
-    Unmounted,    ///< green
-    NotMountable, ///< green blinks
+    Mounted,
+    Busy,
+    Unmounted,
+    NotMountable,
 };
 
 /// Writes the values of the pattern to the LED files, in order. Skips files that it cannot open,
