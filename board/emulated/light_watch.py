@@ -5,12 +5,12 @@ import time
 from collections import deque
 from collections.abc import Callable, Iterator
 
-from ..leds import Light
+from ..leds import FAST_BLINK_MS, Light
 
 LOOK_SECONDS = 0.02
-# Long enough for four changes of an LED that blinks in intervals of 100 ms.
-WINDOW_SECONDS = 0.7
-BLINK_SECONDS = (0.04, 0.25)
+# Long enough for four changes of an LED that blinks fast.
+WINDOW_SECONDS = 7 * FAST_BLINK_MS / 1000
+BLINK_SECONDS = (0.4 * FAST_BLINK_MS / 1000, 2.5 * FAST_BLINK_MS / 1000)
 # A shorter one is part of a change of patterns.
 STEADY_SECONDS = 0.3
 FLICKERS = "flickers"
