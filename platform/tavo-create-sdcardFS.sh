@@ -18,6 +18,7 @@ CARD_DEVICE=/dev/mmcblk0
 CONFIGURATION=/etc/default/tavo-sdcard
 LOCK=/run/tavo-create-sdcardFS.lock
 FIRST_SECTOR=2048  # of 512 bytes: 1 MiB, a multiple of every erase block
+USUAL_STARTS="$FIRST_SECTOR 63 8192 16384 32768 65536"  # of the first partition, by this script and by others
 SMALLEST_SECTORS=32768
 NODE_TRIES=100     # of 0.1 s
 UNFINISHED=unfinished-card
@@ -73,6 +74,9 @@ has_expected_table() {
 file_system_at() {
     tags=$(blkid --probe --offset $(($1 * 512)) --output export "$pinned" 2>/dev/null)
     type=$(echo "$tags" | sed -n 's/^TYPE=//p')
+    # blkid does not recognise ext4 with a damaged superblock, or beside another signature; e2fsck may.
+    magic=$(od -A n -t x2 -j $(($1 * 512 + 1080)) -N 2 "$pinned" 2>/dev/null | tr -d ' ')
+    [ -n "$type" ] || [ "$magic" != ef53 ] || type=ext4
     if [ "$type" = ext4 ]; then
         # Inside ext4 there are copies of its superblock, with the number of their group.
         group=$(od -A n -t u2 -j $(($1 * 512 + 1024 + 90)) -N 2 "$pinned")
@@ -92,18 +96,28 @@ ext4_size_at() {
         END { printf "%.0f", count * bytes / 512 }'
 }
 
-# Looks for ext4 where the table says, and then where this script makes it. Sets start and size of its
+# A file system that cannot be read would look like none.
+require_readable() {
+    [ $(($1 + 8)) -gt "$sectors" ] || dd if="$pinned" of=/dev/null bs=512 skip="$1" count=8 status=none 2>/dev/null ||
+        fail "$card cannot be read at sector $1"
+}
+
+# Looks for ext4 where the table says, and then where this script and others make it. Sets start and size of its
 # partition, and found: the types of all file systems. What lies below a foreign file system is old.
 find_ext4() {
     found='' starts='' start=''
     for place in $places; do
+        require_readable "${place%:*}"
         kind=$(file_system_at "${place%:*}")
         found="$found${kind:+ $kind}"
         [ "$kind" != ext4 ] || { start=${place%:*} size=${place#*:} starts="$starts $start"; }
     done
-    if [ -z "$found" ] && [ "$(file_system_at "$FIRST_SECTOR")" = ext4 ]; then
-        found=' ext4' start=$FIRST_SECTOR size=$((sectors - FIRST_SECTOR)) starts=" $start"
-    fi
+    for place in $USUAL_STARTS; do
+        [ -z "$found" ] || break
+        require_readable "$place"
+        [ "$(file_system_at "$place")" != ext4 ] ||
+            { found=' ext4' start=$place size=$((sectors - place)) starts=" $place"; }
+    done
     [ "${starts# * }" = "$starts" ] || fail "$card holds more than one ext4 file system"
     [ -n "$start" ] || return 1
     needed=$(ext4_size_at "$start")

@@ -40,6 +40,7 @@ void BusRegistration::onDisconnected()
 
 void BusRegistration::reconnect()
 {
+    mRetry.stop();
     QDBusConnection::disconnectFromBus(kConnectionName);
     mBus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, kConnectionName);
     if (mBus.isConnected() && exportObject() && takeName()) {

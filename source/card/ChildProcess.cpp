@@ -33,13 +33,21 @@ ChildProcess::End ChildProcess::waitForEnd(int timeoutMs)
             return End::Finished;
         }
         if (isAbandoned()) {
-            // With what the program has started itself, which may hold the card.
-            ::kill(-static_cast<pid_t>(processId()), SIGKILL);
+            killGroup();
             waitForFinished();
             return End::Abandoned;
         }
     } while (state() != NotRunning && !deadline.hasExpired());
+    killGroup();
     return End::NotFinished;
+}
+
+void ChildProcess::killGroup()
+{
+    // 0 would be the service's own group.
+    if (const auto group = static_cast<pid_t>(processId()); group > 0) {
+        ::kill(-group, SIGKILL);
+    }
 }
 
 int ChildProcess::execute(const QString& program, const QStringList& arguments)

@@ -35,5 +35,8 @@ protected:
     void setupChildProcess() override;
 
 private:
+    /// Kills the program and what it has started itself, which may have files on the card open.
+    void killGroup();
+
     pid_t mServiceId;
 };

@@ -18,7 +18,6 @@ namespace ProgramRunner {
 /// @return its exit code, or -1 if it did not start, crashed or took too long; a program that took
 /// too long is killed. If the thread was asked to end (ChildProcess::isAbandoned()), starts no
 /// program, kills a running one, and returns -1 without logging
-/// killed, and -1 is returned without a record
 int run(const log4cxx::LoggerPtr& logger, const QString& program, const QStringList& arguments,
         bool verbose, int timeoutMs);
 

@@ -7,7 +7,7 @@
 class QObject;
 class TrackObject;
 
-/// Finds the processes with open files on the card by lsof, and signals processes.
+/// Finds the processes with open files on the card by lsof.
 class OpenFiles
 {
 public:

@@ -17,6 +17,7 @@ MOUNT_OPTIONS = "data=journal,nodelalloc,journal_checksum"
 
 
 MAKE_FILE_SYSTEM = '"$ORIGINAL" "$@"'
+CHECKSUM = 0x3FC  # in the superblock of ext4
 WAIT = f"touch /run/board/waiting; {HOLD}"
 
 
@@ -137,6 +138,29 @@ def test_an_ext4_file_system_stays_where_another_machine_has_put_it(bare_board):
     [partition] = card.partitions()
     flip(card, TABLE + 4, 1)
     assert_repaired(bare_board, card, 8192, partition.size // 512)
+
+
+@pytest.mark.parametrize("first_sector", [63, 8192])
+def test_an_ext4_file_system_of_another_machine_is_found_without_a_table(bare_board, first_sector):
+    card = Card(64)
+    card.partition(LINUX, first_sector=first_sector)
+    card.make_ext4(1)
+    card.write(0, bytes(512))
+    assert_repaired(bare_board, card, first_sector, card.size // 512 - first_sector)
+
+
+def test_an_ext4_file_system_with_a_damaged_superblock_is_not_replaced(bare_board):
+    card = Card.formatted()
+    [partition] = card.partitions()
+    superblock = partition.offset + 1024
+    card.write(superblock + CHECKSUM, b"wrong"[:4])
+    flip(card, TABLE + 4, 1)
+    bare_board.insert(card, announce=False)
+    result = format_card(bare_board)
+    assert result.returncode == 0, result.stderr
+    assert "Making" not in result.stdout
+    [repaired] = card.partitions()
+    assert (repaired.kind, repaired.offset, repaired.size) == ("83", partition.offset, partition.size)
 
 
 def test_an_ext4_file_system_beside_another_partition_stays(bare_board):
