@@ -349,6 +349,8 @@ def expect_own_mount(board: Board, old: Card) -> None:
     assert "new" in new.list_files() and "new" not in old.list_files()
 
 
+# The kernel of a real slot refuses the file system of the next card (File exists) until the program lets go.
+@pytest.mark.virtual
 @pytest.mark.parametrize("hold", [open_file, working_directory])
 def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_in_use(hotplug, hold):
     hotplug.start_service()
@@ -379,6 +381,7 @@ def test_a_card_is_mounted_as_itself_after_one_that_was_pulled_while_it_was_prep
     expect_own_mount(hotplug, old)
 
 
+@pytest.mark.virtual  # as above
 def test_only_a_dead_mount_at_the_mount_point_is_detached(hotplug):
     hotplug.replace_tool("/usr/bin/umount")
     number = put_in(hotplug, Card.formatted())

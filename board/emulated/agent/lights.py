@@ -8,7 +8,8 @@ from pathlib import Path
 from file_writes import FileWrites
 
 LED_CLASS = Path("/sys/class/leds")
-SETTLE_SECONDS = 0.02
+# A busy machine may stop the service between two writes of a pattern.
+SETTLE_SECONDS = 0.1
 
 
 class Lights:
